@@ -1,0 +1,30 @@
+# Installation: libraries, public headers, the CMake package `DataAccess`
+# and pkg-config files for both libraries.
+include(CMakePackageConfigHelpers)
+
+install(TARGETS DataAccess tobasCClient EXPORT DataAccessTargets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+
+foreach(dir sybconn stcrypt dataAccess tobasCClient)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${dir}
+    FILES_MATCHING PATTERN "*.h" PATTERN "detail" EXCLUDE PATTERN "drivers" EXCLUDE)
+endforeach()
+
+install(EXPORT DataAccessTargets NAMESPACE DataAccess::
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/DataAccess)
+configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/DataAccessConfig.cmake.in
+  ${PROJECT_BINARY_DIR}/DataAccessConfig.cmake
+  INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/DataAccess)
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/DataAccessConfigVersion.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/DataAccessConfig.cmake
+  ${PROJECT_BINARY_DIR}/DataAccessConfigVersion.cmake
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/DataAccess)
+
+foreach(pc DataAccess tobasCClient)
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()

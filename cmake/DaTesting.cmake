@@ -1,0 +1,22 @@
+# da_add_gtest(NAME SOURCES src... [LIBS lib...] [LABELS label...])
+#
+# Builds one GoogleTest executable and registers its tests with CTest. Tests
+# labelled `tsan` are the concurrency tests: only they are built in the
+# ThreadSanitizer tree (DA_TSAN_ONLY).
+include(GoogleTest)
+find_package(GTest REQUIRED)
+
+function(da_add_gtest name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;LABELS" ${ARGN})
+  if(DA_TSAN_ONLY AND NOT "tsan" IN_LIST ARG_LABELS)
+    return()
+  endif()
+  add_executable(${name} ${ARG_SOURCES})
+  target_link_libraries(${name} PRIVATE da_test_support ${ARG_LIBS} GTest::gmock GTest::gtest GTest::gtest_main)
+  da_warnings(${name})
+  gtest_discover_tests(${name}
+    WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES LABELS "${ARG_LABELS}"
+               ENVIRONMENT "DA_SOURCE_DIR=${PROJECT_SOURCE_DIR};DA_BINARY_DIR=${PROJECT_BINARY_DIR}")
+endfunction()

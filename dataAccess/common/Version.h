@@ -1,0 +1,9 @@
+#ifndef DATAACCESS_COMMON_VERSION_H
+#define DATAACCESS_COMMON_VERSION_H
+
+namespace dataAccess {
+// The library's version, "MAJOR.MINOR.PATCH".
+const char* version();
+}  // namespace dataAccess
+
+#endif

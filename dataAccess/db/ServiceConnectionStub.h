@@ -1,0 +1,46 @@
+#ifndef DATAACCESS_DB_SERVICECONNECTIONSTUB_H
+#define DATAACCESS_DB_SERVICECONNECTIONSTUB_H
+
+#include <map>
+#include <string>
+
+#include <sybconn/SybaseResultSet.h>
+
+// A connection with the operations of ServiceConnectionSyb that talks to no
+// database: each statement is printed to standard output as
+// "EXECUTE : <statement>" and only the bookkeeping of acquisition and
+// transactions is kept. It lets a DAO run, and its SQL be seen, without a
+// server. Every result set it returns is empty and unsuccessful.
+class ServiceConnectionStub {
+ public:
+  enum FieldType { INT_FIELD = 0, LONG_FIELD = 1, STRING_FIELD = 2 };
+  typedef std::map<std::string, int> ListOfFieldIndex;
+  typedef SybaseResultSet ResultSet;
+
+  ServiceConnectionStub(const std::string& server, const std::string& user, const std::string& passwd);
+
+  int acquire();
+  int release();
+
+  ResultSet execute(std::string sql) const;
+  int executeSelect(std::string sql, ResultSet& res, ListOfFieldIndex& fields) const;
+
+  int beginTransaction() const;
+  int commitTransaction() const;
+  int rollbackTransaction() const;
+
+  // No command is ever run: always -1.
+  long rowCount() const { return -1; }
+
+  int transactionNumber() const { return transactionNumber_; }
+  bool isAcquired() const { return conn_ != 0; }
+
+ private:
+  std::string dbServer_;
+  std::string dbUser_;
+  std::string dbPasswd_;
+  int conn_;
+  mutable int transactionNumber_;
+};
+
+#endif

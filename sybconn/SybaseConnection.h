@@ -1,0 +1,58 @@
+#ifndef SYBCONN_SYBASECONNECTION_H
+#define SYBCONN_SYBASECONNECTION_H
+
+#include <memory>
+#include <string>
+
+#include <sybconn/SybaseResultSet.h>
+#include <sybconn/SybaseStatus.h>
+
+namespace sybconn {
+class Driver;
+}
+
+// One database login. The server name selects the backend:
+//   "sqlite:/path/to/file.db"  embedded SQLite (file created if missing);
+//                              "X..table" in a statement refers to the sibling
+//                              file X.db, attached as X on first use
+//   "host:port" or a name from freetds.conf / interfaces   FreeTDS DB-Library
+// Errors never throw: they reach the process-wide error handler as a
+// SybaseStatus and show in isConnected() / commandSucceeded().
+class SybaseConnection {
+ public:
+  using ErrorHandler = void (*)(const SybaseStatus&);
+
+  SybaseConnection();
+  ~SybaseConnection();
+  SybaseConnection(const SybaseConnection&) = delete;
+  SybaseConnection& operator=(const SybaseConnection&) = delete;
+
+  // Logs in. Returns 0 on success, -1 on failure (reported through the handler).
+  // A connection that is already logged in is logged out first.
+  int connect(const std::string& server, const std::string& user, const std::string& password);
+  bool isConnected() const;
+  void disconnect();
+
+  // Sends one SQL batch. The previous batch's result set is released first.
+  // Without a login the result is an empty result set (commandSucceeded() 0).
+  SybaseResultSet execute(const std::string& sql);
+
+  // The affected-row count of the connection's current command (DB-Library's
+  // dbcount): rows changed by a write, rows read by a select; -1 if unknown.
+  long rowCount() const;
+
+  const std::string& server() const { return server_; }
+
+  // Installs the process-wide handler for server messages and client errors;
+  // returns the previous one. Null restores the library's own handler.
+  static ErrorHandler setErrorHandler(ErrorHandler handler);
+  static ErrorHandler errorHandler();
+  // The library's own handler: logs messages of severity above 0 at ERROR.
+  static void defaultErrorHandler(const SybaseStatus& status);
+
+ private:
+  std::unique_ptr<sybconn::Driver> driver_;
+  std::string server_;
+};
+
+#endif

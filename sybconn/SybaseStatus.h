@@ -1,0 +1,26 @@
+#ifndef SYBCONN_SYBASESTATUS_H
+#define SYBCONN_SYBASESTATUS_H
+
+#include <string>
+
+// One server message or client-library error, as handed to the process-wide
+// error handler (SybaseConnection::setErrorHandler). `msgno` is non-zero for a
+// message from the server and zero for an error of the client library; the
+// client library fills `dbLibSeverity`, `dberr` and `dberrstr`, the server
+// `srvSeverity`, `msgno`, `msgtext` and the rest.
+struct SybaseStatus {
+  int dbLibSeverity = 0;
+  int dberr = 0;
+  int oserr = 0;
+  std::string dberrstr;
+  std::string oserrstr;
+  int msgno = 0;
+  int msgstate = 0;
+  int srvSeverity = 0;
+  std::string msgtext;
+  std::string srvname;
+  std::string procname;
+  int line = 0;
+};
+
+#endif

@@ -1,0 +1,28 @@
+#ifndef TESTS_SUPPORT_TEMPDIR_H
+#define TESTS_SUPPORT_TEMPDIR_H
+
+#include <string>
+
+namespace testsupport {
+
+// A fresh folder under $TMPDIR (or /tmp), removed with its contents on
+// destruction.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  TempDir(const TempDir&) = delete;
+  TempDir& operator=(const TempDir&) = delete;
+  const std::string& path() const { return path_; }
+  // path() + "/" + name
+  std::string file(const std::string& name) const;
+  // Writes `content` to file(name) and returns its path.
+  std::string write(const std::string& name, const std::string& content, int mode = 0644) const;
+
+ private:
+  std::string path_;
+};
+
+}  // namespace testsupport
+
+#endif
