@@ -1,0 +1,13 @@
+#ifndef SYBCONN_DRIVERS_FREETDSDRIVER_H
+#define SYBCONN_DRIVERS_FREETDSDRIVER_H
+
+#include <memory>
+
+#include <sybconn/Driver.h>
+
+namespace sybconn {
+// The driver for Sybase ASE and Microsoft SQL Server over FreeTDS's DB-Library.
+std::unique_ptr<Driver> makeFreeTdsDriver();
+}  // namespace sybconn
+
+#endif
