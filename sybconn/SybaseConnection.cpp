@@ -1,0 +1,95 @@
+#include <sybconn/Driver.h>
+#include <sybconn/SybaseConnection.h>
+
+#include <ace/Log_Msg.h>
+
+#include <atomic>
+
+#include "sybconn/drivers/FreeTdsDriver.h"
+#include "sybconn/drivers/SqliteDriver.h"
+
+namespace {
+std::atomic<SybaseConnection::ErrorHandler> g_handler{&SybaseConnection::defaultErrorHandler};
+const char kSqlitePrefix[] = "sqlite:";
+}  // namespace
+
+namespace sybconn {
+
+void reportError(const SybaseStatus& status) {
+  SybaseConnection::ErrorHandler h = g_handler.load();
+  if (h) h(status);
+}
+
+std::unique_ptr<Driver> makeDriver(const std::string& server, std::string& target) {
+  if (server.compare(0, sizeof(kSqlitePrefix) - 1, kSqlitePrefix) == 0) {
+    target = server.substr(sizeof(kSqlitePrefix) - 1);
+    if (target.empty()) {
+      SybaseStatus st;
+      st.dbLibSeverity = 9;
+      st.dberr = 20012;
+      st.dberrstr = "Server name 'sqlite:' names no database file";
+      reportError(st);
+      return nullptr;
+    }
+    return makeSqliteDriver();
+  }
+  target = server;
+  return makeFreeTdsDriver();
+}
+
+}  // namespace sybconn
+
+SybaseConnection::SybaseConnection() = default;
+
+SybaseConnection::~SybaseConnection() { disconnect(); }
+
+int SybaseConnection::connect(const std::string& server, const std::string& user, const std::string& password) {
+  disconnect();
+  server_ = server;
+  std::string target;
+  std::unique_ptr<sybconn::Driver> driver = sybconn::makeDriver(server, target);
+  if (!driver) return -1;
+  if (!driver->connect(target, user, password)) return -1;
+  driver_ = std::move(driver);
+  return 0;
+}
+
+bool SybaseConnection::isConnected() const { return driver_ && driver_->isConnected(); }
+
+void SybaseConnection::disconnect() {
+  if (driver_) driver_->disconnect();
+  driver_.reset();
+}
+
+SybaseResultSet SybaseConnection::execute(const std::string& sql) {
+  if (!driver_ || !driver_->isConnected()) {
+    SybaseStatus st;
+    st.dbLibSeverity = 9;
+    st.dberr = 20047;
+    st.dberrstr = "Statement not executed: the connection is not logged in";
+    st.srvname = server_;
+    sybconn::reportError(st);
+    return SybaseResultSet();
+  }
+  return SybaseResultSet(driver_->execute(sql));
+}
+
+long SybaseConnection::rowCount() const { return driver_ ? driver_->rowCount() : -1; }
+
+SybaseConnection::ErrorHandler SybaseConnection::setErrorHandler(ErrorHandler handler) {
+  return g_handler.exchange(handler ? handler : &SybaseConnection::defaultErrorHandler);
+}
+
+SybaseConnection::ErrorHandler SybaseConnection::errorHandler() { return g_handler.load(); }
+
+void SybaseConnection::defaultErrorHandler(const SybaseStatus& s) {
+  const int severity = s.msgno != 0 ? s.srvSeverity : s.dbLibSeverity;
+  if (severity == 0) return;
+  if (s.msgno != 0) {
+    ACE_ERROR((LM_ERROR, ACE_TEXT("%D ERROR [ %t ] Server %s message %d, severity %d: %s\n"), s.srvname.c_str(),
+               s.msgno, severity, s.msgtext.c_str()));
+  } else {
+    ACE_ERROR((LM_ERROR, ACE_TEXT("%D ERROR [ %t ] Client error %d, severity %d: %s\n"), s.dberr, severity,
+               s.dberrstr.c_str()));
+  }
+}

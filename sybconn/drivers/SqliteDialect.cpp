@@ -1,0 +1,283 @@
+#include "sybconn/drivers/SqliteDialect.h"
+
+#include <strings.h>
+
+#include <cctype>
+#include <cstring>
+
+namespace sybconn {
+namespace {
+
+enum class Tok { Space, Comment, String, Word, Number, Punct };
+
+struct Token {
+  Tok type;
+  size_t begin;
+  size_t len;
+};
+
+bool isWordStart(unsigned char c) { return std::isalpha(c) || c == '_' || c == '@' || c == '#' || c >= 0x80; }
+bool isWordChar(unsigned char c) { return std::isalnum(c) || c == '_' || c == '@' || c == '#' || c == '$' || c >= 0x80; }
+
+std::vector<Token> tokenize(const std::string& s) {
+  std::vector<Token> out;
+  out.reserve(s.size() / 4 + 4);
+  const size_t n = s.size();
+  size_t i = 0;
+  while (i < n) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    size_t j = i + 1;
+    Tok t;
+    if (std::isspace(c)) {
+      while (j < n && std::isspace(static_cast<unsigned char>(s[j]))) ++j;
+      t = Tok::Space;
+    } else if (c == '\'' || c == '"' || c == '[') {
+      // Quoted text runs to the matching quote; a doubled quote stays inside.
+      const char close = c == '[' ? ']' : static_cast<char>(c);
+      while (j < n) {
+        if (s[j] == close) {
+          if (close != ']' && j + 1 < n && s[j + 1] == close) {
+            j += 2;
+            continue;
+          }
+          ++j;
+          break;
+        }
+        ++j;
+      }
+      t = Tok::String;
+    } else if (c == '-' && i + 1 < n && s[i + 1] == '-') {
+      while (j < n && s[j] != '\n') ++j;
+      t = Tok::Comment;
+    } else if (c == '/' && i + 1 < n && s[i + 1] == '*') {
+      const size_t end = s.find("*/", i + 2);
+      j = end == std::string::npos ? n : end + 2;
+      t = Tok::Comment;
+    } else if (isWordStart(c)) {
+      while (j < n && isWordChar(static_cast<unsigned char>(s[j]))) ++j;
+      t = Tok::Word;
+    } else if (std::isdigit(c)) {
+      while (j < n && (std::isalnum(static_cast<unsigned char>(s[j])) || s[j] == '.')) ++j;
+      t = Tok::Number;
+    } else {
+      t = Tok::Punct;
+    }
+    out.push_back({t, i, j - i});
+    i = j;
+  }
+  return out;
+}
+
+class Rewriter {
+ public:
+  explicit Rewriter(const std::string& src) : src_(src), toks_(tokenize(src)) { out_.reserve(src.size() + 32); }
+
+  DialectResult run() {
+    emitRange(0, toks_.size(), true);
+    return {std::move(out_), std::move(dbs_)};
+  }
+
+ private:
+  bool isWord(size_t i, const char* kw) const {
+    if (i >= toks_.size() || toks_[i].type != Tok::Word) return false;
+    const size_t len = std::strlen(kw);
+    if (toks_[i].len != len) return false;
+    return strncasecmp(src_.data() + toks_[i].begin, kw, len) == 0;
+  }
+  bool isPunct(size_t i, char c) const {
+    return i < toks_.size() && toks_[i].type == Tok::Punct && src_[toks_[i].begin] == c;
+  }
+  bool significant(size_t i) const { return toks_[i].type != Tok::Space && toks_[i].type != Tok::Comment; }
+  // Index of the next significant token at or after i, below `end`.
+  size_t nextSig(size_t i, size_t end) const {
+    while (i < end && !significant(i)) ++i;
+    return i;
+  }
+  void emit(size_t i) { out_.append(src_, toks_[i].begin, toks_[i].len); }
+  std::string text(size_t i) const { return src_.substr(toks_[i].begin, toks_[i].len); }
+
+  void noteDatabase(const std::string& db) {
+    for (const auto& d : dbs_)
+      if (d == db) return;
+    dbs_.push_back(db);
+  }
+
+  // Handles a transaction statement starting at significant token i (begin,
+  // commit or rollback). Returns the index after the statement's last consumed
+  // token, or i when the tokens are not a transaction statement.
+  size_t transaction(size_t i, size_t end) {
+    const bool begin = isWord(i, "begin");
+    const bool commit = isWord(i, "commit");
+    const bool rollback = isWord(i, "rollback");
+    size_t k = nextSig(i + 1, end);
+    bool tranWord = false;
+    if (isWord(k, "tran") || isWord(k, "transaction")) {
+      tranWord = true;
+      k = nextSig(k + 1, end);
+    }
+    if (begin && !tranWord) return i;
+    std::string name = "sybtran";
+    size_t after = k;
+    if (k < end && toks_[k].type == Tok::Word && !isWord(k, "work")) {
+      name = text(k);
+      after = k + 1;
+    } else if (k < end && isWord(k, "work")) {
+      after = k + 1;
+    }
+    // Only a statement end may follow.
+    const size_t rest = nextSig(after, end);
+    if (rest < end && !isPunct(rest, ';')) return i;
+    if (begin) {
+      out_ += "SAVEPOINT " + name;
+    } else if (commit) {
+      out_ += "RELEASE " + name;
+    } else if (rollback) {
+      out_ += "ROLLBACK TO " + name + "; RELEASE " + name;
+    }
+    return after;
+  }
+
+  // Emits one select list item [b, e): `name = expr` becomes `expr AS name`.
+  void selectItem(size_t b, size_t e) {
+    const size_t first = nextSig(b, e);
+    if (first < e && toks_[first].type == Tok::Word && src_[toks_[first].begin] != '@') {
+      const size_t eq = nextSig(first + 1, e);
+      if (isPunct(eq, '=') && !isPunct(eq + 1, '=')) {
+        // Keep leading blanks, then the expression, then the alias.
+        for (size_t i = b; i < first; ++i) emit(i);
+        size_t exprEnd = e;
+        while (exprEnd > eq + 1 && !significant(exprEnd - 1)) --exprEnd;
+        emitRange(nextSig(eq + 1, exprEnd), exprEnd, false);
+        out_ += " AS ";
+        emit(first);
+        for (size_t i = exprEnd; i < e; ++i) emit(i);
+        return;
+      }
+    }
+    emitRange(b, e, false);
+  }
+
+  // Emits the select list that starts at token b; returns where it ends.
+  size_t selectList(size_t b, size_t end) {
+    static const char* const stops[] = {"from", "into", "where", "union", "order", "group", "having"};
+    int depth = 0;
+    size_t itemStart = b;
+    size_t i = b;
+    for (; i < end; ++i) {
+      if (!significant(i)) continue;
+      if (isPunct(i, '(')) {
+        ++depth;
+      } else if (isPunct(i, ')')) {
+        if (depth == 0) break;
+        --depth;
+      } else if (depth == 0) {
+        if (isPunct(i, ';')) break;
+        if (isPunct(i, ',')) {
+          selectItem(itemStart, i);
+          emit(i);
+          itemStart = i + 1;
+          continue;
+        }
+        bool stop = false;
+        for (const char* kw : stops) stop = stop || isWord(i, kw);
+        if (stop) break;
+      }
+    }
+    selectItem(itemStart, i);
+    return i;
+  }
+
+  void emitRange(size_t b, size_t e, bool topLevel) {
+    bool statementStart = topLevel;
+    for (size_t i = b; i < e;) {
+      const Token& t = toks_[i];
+      if (!significant(i)) {
+        emit(i++);
+        continue;
+      }
+      if (t.type == Tok::Punct && src_[t.begin] == ';') {
+        emit(i++);
+        statementStart = true;
+        continue;
+      }
+      if (t.type == Tok::Word) {
+        if (topLevel && statementStart && (isWord(i, "begin") || isWord(i, "commit") || isWord(i, "rollback"))) {
+          const size_t after = transaction(i, e);
+          if (after != i) {
+            i = after;
+            statementStart = false;
+            continue;
+          }
+        }
+        if (statementStart && isWord(i, "delete")) {
+          emit(i);
+          const size_t k = nextSig(i + 1, e);
+          if (k < e && toks_[k].type == Tok::Word && !isWord(k, "from")) {
+            for (size_t s = i + 1; s < k; ++s) emit(s);
+            out_ += "from ";
+            i = k;
+          } else {
+            ++i;
+          }
+          statementStart = false;
+          continue;
+        }
+        statementStart = false;
+        if (isWord(i, "getdate")) {
+          const size_t open = nextSig(i + 1, e);
+          const size_t close = isPunct(open, '(') ? nextSig(open + 1, e) : e;
+          if (close < e && isPunct(close, ')')) {
+            out_ += "strftime('%Y%m%d %H:%M:%f','now','localtime')";
+            i = close + 1;
+            continue;
+          }
+        }
+        if (isWord(i, "select")) {
+          emit(i);
+          size_t k = i + 1;
+          // Keep the blanks and a DISTINCT / ALL keyword before the list.
+          size_t s = nextSig(k, e);
+          if (isWord(s, "distinct") || isWord(s, "all")) {
+            for (; k <= s; ++k) emit(k);
+          }
+          i = selectList(k, e);
+          continue;
+        }
+        // X..table and X.owner.table name the table of database X.
+        if (i + 3 < e && isPunct(i + 1, '.') && isPunct(i + 2, '.') && toks_[i + 3].type == Tok::Word) {
+          const std::string db = text(i);
+          noteDatabase(db);
+          out_ += db;
+          out_ += '.';
+          emit(i + 3);
+          i += 4;
+          continue;
+        }
+        if (i + 4 < e && isPunct(i + 1, '.') && isWord(i + 2, "dbo") && isPunct(i + 3, '.') &&
+            toks_[i + 4].type == Tok::Word) {
+          const std::string db = text(i);
+          noteDatabase(db);
+          out_ += db;
+          out_ += '.';
+          emit(i + 4);
+          i += 5;
+          continue;
+        }
+      } else {
+        statementStart = false;
+      }
+      emit(i++);
+    }
+  }
+
+  const std::string& src_;
+  std::vector<Token> toks_;
+  std::string out_;
+  std::vector<std::string> dbs_;
+};
+
+}  // namespace
+
+DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql) { return Rewriter(sybaseSql).run(); }
+
+}  // namespace sybconn

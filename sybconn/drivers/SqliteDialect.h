@@ -1,0 +1,32 @@
+#ifndef SYBCONN_DRIVERS_SQLITEDIALECT_H
+#define SYBCONN_DRIVERS_SQLITEDIALECT_H
+
+#include <string>
+#include <vector>
+
+namespace sybconn {
+
+// The Sybase T-SQL forms that the library writes, turned into SQLite's in one
+// token-aware pass. String literals ('...' and "...") and comments are copied
+// untouched. Keywords are matched without regard to case.
+//
+//   X..table, X.dbo.table          X.table      (X is recorded in `databases`)
+//   delete T where ...             delete from T where ...
+//   begin tran[saction] [N]        SAVEPOINT N
+//   commit [tran[saction]] [N]     RELEASE N
+//   rollback [tran[saction]] [N]   ROLLBACK TO N; RELEASE N
+//   select a, name=expr from ...   select a, expr AS name from ...
+//   getdate()                      the current local time as "YYYYMMDD HH:MM:SS.mmm"
+//
+// Unnamed transactions use the savepoint name `sybtran`.
+struct DialectResult {
+  std::string sql;
+  // Database qualifiers seen in `X..table` names, each once, in order.
+  std::vector<std::string> databases;
+};
+
+DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql);
+
+}  // namespace sybconn
+
+#endif

@@ -1,0 +1,24 @@
+#ifndef SYBCONN_DRIVERS_SQLITEDRIVER_H
+#define SYBCONN_DRIVERS_SQLITEDRIVER_H
+
+#include <memory>
+
+#include <sybconn/Driver.h>
+
+namespace sybconn {
+
+// The embedded SQLite driver, selected by server names "sqlite:<path>".
+// Statements pass through rewriteSybaseToSqlite first. The database file is
+// created if missing and opened in WAL mode with a busy time-out, so several
+// connections, from several threads, can share it.
+std::unique_ptr<Driver> makeSqliteDriver();
+
+// How long a statement waits for a lock held by another connection before it
+// fails with a "database is locked" error (default 5000 ms). Applies to
+// connections opened afterwards.
+void setSqliteBusyTimeoutMs(int ms);
+int sqliteBusyTimeoutMs();
+
+}  // namespace sybconn
+
+#endif
