@@ -1,0 +1,90 @@
+// stencrypt: enciphers a database password for the parameters file ($HOME/.dbrc).
+//
+//   stencrypt                              prints the enciphered password
+//   stencrypt SERVER DATABASE USER ALIAS   prints a whole parameters-file line
+//
+// The password is read from the terminal without echo, or from standard input
+// when that is not a terminal (first line). The key file (STCRYPT_KEY_FILE,
+// else $HOME/.dbrc.key) is created with mode 0600 when it does not exist.
+#include <stcrypt/stcrypt.h>
+#include <sys/stat.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <string>
+
+namespace {
+
+void usage(std::FILE* to) {
+  std::fprintf(to,
+               "usage: stencrypt [SERVER DATABASE USER ALIAS]\n"
+               "Reads a password (without echo on a terminal, else the first line of standard input)\n"
+               "and prints it enciphered, or as a line for $HOME/.dbrc when the four fields are given.\n"
+               "Key file: $STCRYPT_KEY_FILE, else $HOME/.dbrc.key (created, mode 0600, when missing).\n");
+}
+
+bool readPassword(std::string& out) {
+  const bool tty = ::isatty(STDIN_FILENO);
+  termios saved{};
+  if (tty) {
+    std::fprintf(stderr, "Password: ");
+    std::fflush(stderr);
+    if (::tcgetattr(STDIN_FILENO, &saved) == 0) {
+      termios quiet = saved;
+      quiet.c_lflag &= static_cast<tcflag_t>(~ECHO);
+      ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &quiet);
+    }
+  }
+  const bool ok = static_cast<bool>(std::getline(std::cin, out));
+  if (tty) {
+    ::tcsetattr(STDIN_FILENO, TCSAFLUSH, &saved);
+    std::fprintf(stderr, "\n");
+  }
+  if (!out.empty() && out.back() == '\r') out.pop_back();
+  return ok || !out.empty();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc == 2 && (!std::strcmp(argv[1], "-h") || !std::strcmp(argv[1], "--help"))) {
+    usage(stdout);
+    return 0;
+  }
+  if (argc != 1 && argc != 5) {
+    usage(stderr);
+    return 2;
+  }
+  char keyPath[4096];
+  if (stkeyfile(keyPath, sizeof keyPath) != 0) {
+    std::fprintf(stderr, "stencrypt: set HOME or STCRYPT_KEY_FILE\n");
+    return 1;
+  }
+  struct stat st {};
+  if (::stat(keyPath, &st) != 0) {
+    if (stcreatekey(keyPath) != 0) {
+      std::fprintf(stderr, "stencrypt: cannot create key file %s\n", keyPath);
+      return 1;
+    }
+    std::fprintf(stderr, "stencrypt: created key file %s\n", keyPath);
+  }
+  std::string password;
+  if (!readPassword(password)) {
+    std::fprintf(stderr, "stencrypt: no password given\n");
+    return 1;
+  }
+  char sealed[STCRYPT_BUF_SIZE];
+  if (stencrypt(password.c_str(), sealed) != 0) {
+    std::fprintf(stderr, "stencrypt: cannot encipher the password with key file %s\n", keyPath);
+    return 1;
+  }
+  if (argc == 5) {
+    std::printf("%s %s %s %s %s\n", argv[1], argv[2], argv[3], sealed, argv[4]);
+  } else {
+    std::printf("%s\n", sealed);
+  }
+  return 0;
+}
