@@ -24,6 +24,8 @@ install(FILES ${PROJECT_BINARY_DIR}/DataAccessConfig.cmake
   ${PROJECT_BINARY_DIR}/DataAccessConfigVersion.cmake
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/DataAccess)
 
+# pkg-config files find their prefix relative to where they are installed.
+file(RELATIVE_PATH DA_PC_TO_PREFIX /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 foreach(pc DataAccess tobasCClient)
   configure_file(${PROJECT_SOURCE_DIR}/cmake/${pc}.pc.in ${PROJECT_BINARY_DIR}/${pc}.pc @ONLY)
   install(FILES ${PROJECT_BINARY_DIR}/${pc}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

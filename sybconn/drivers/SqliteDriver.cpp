@@ -241,8 +241,7 @@ class SqliteDriver : public Driver {
   }
 
   long rowCount() const override {
-    auto c = current_.lock();
-    return c ? c->rowCount() : -1;
+    return current_ ? current_->rowCount() : -1;
   }
 
   void cursorGone(SqliteCursor*) {}
@@ -272,7 +271,7 @@ class SqliteDriver : public Driver {
   }
 
   void releaseCurrent() {
-    if (auto c = current_.lock()) c->detach();
+    if (current_) current_->detach();
     current_.reset();
   }
 
@@ -320,7 +319,7 @@ class SqliteDriver : public Driver {
   std::string dir_;
   std::string stem_;
   std::vector<std::string> attached_;
-  std::weak_ptr<SqliteCursor> current_;
+  std::shared_ptr<SqliteCursor> current_;
 };
 
 bool SqliteCursor::next() {
