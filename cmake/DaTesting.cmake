@@ -14,12 +14,12 @@ function(da_add_gtest name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE da_test_support ${ARG_LIBS} GTest::gmock GTest::gtest GTest::gtest_main)
   da_warnings(${name})
-  set(props ENVIRONMENT "DA_SOURCE_DIR=${PROJECT_SOURCE_DIR};DA_BINARY_DIR=${PROJECT_BINARY_DIR}")
+  # Sources find the tree through the compile definitions DA_SOURCE_DIR and
+  # DA_BINARY_DIR of da_test_support.
   if(ARG_LABELS)
-    list(APPEND props LABELS "${ARG_LABELS}")
+    gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} DISCOVERY_TIMEOUT 60
+      PROPERTIES LABELS "${ARG_LABELS}")
+  else()
+    gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} DISCOVERY_TIMEOUT 60)
   endif()
-  gtest_discover_tests(${name}
-    WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR}
-    DISCOVERY_TIMEOUT 60
-    PROPERTIES ${props})
 endfunction()

@@ -112,6 +112,10 @@ int ServiceConnectionSyb::readDBParameters() {
   const int rc = stdecrypt(enciphered, clear);
   dbPasswd_ = clear;
   if (rc != 0) {
+    // Without the password no login can succeed; clearing the parameters
+    // makes the later acquire() fail at once instead of at the server.
+    dbServer_.clear();
+    dbUser_.clear();
     DA_LOG_ERROR("Could not decipher the password for %s in %s", dbAlias_.c_str(), path.c_str());
     return -1;
   }
