@@ -14,6 +14,7 @@ struct Token {
   Tok type;
   size_t begin;
   size_t len;
+  bool open;  // a quoted token that runs to the end without its closing quote
 };
 
 bool isWordStart(unsigned char c) { return std::isalpha(c) || c == '_' || c == '@' || c == '#' || c >= 0x80; }
@@ -28,12 +29,14 @@ std::vector<Token> tokenize(const std::string& s) {
     const unsigned char c = static_cast<unsigned char>(s[i]);
     size_t j = i + 1;
     Tok t;
+    bool open = false;
     if (std::isspace(c)) {
       while (j < n && std::isspace(static_cast<unsigned char>(s[j]))) ++j;
       t = Tok::Space;
     } else if (c == '\'' || c == '"' || c == '[') {
       // Quoted text runs to the matching quote; a doubled quote stays inside.
       const char close = c == '[' ? ']' : static_cast<char>(c);
+      open = true;
       while (j < n) {
         if (s[j] == close) {
           if (close != ']' && j + 1 < n && s[j + 1] == close) {
@@ -41,6 +44,7 @@ std::vector<Token> tokenize(const std::string& s) {
             continue;
           }
           ++j;
+          open = false;
           break;
         }
         ++j;
@@ -62,7 +66,7 @@ std::vector<Token> tokenize(const std::string& s) {
     } else {
       t = Tok::Punct;
     }
-    out.push_back({t, i, j - i});
+    out.push_back({t, i, j - i, open});
     i = j;
   }
   return out;
@@ -137,9 +141,19 @@ class Rewriter {
     return after;
   }
 
+  // True for a quoted token that runs to the end of the text without its
+  // closing quote.
+  bool unterminated(size_t i) const { return toks_[i].open; }
+
   // Emits one select list item [b, e): `name = expr` becomes `expr AS name`.
   void selectItem(size_t b, size_t e) {
     const size_t first = nextSig(b, e);
+    // Text after an unterminated literal would land inside it: leave such an
+    // item as it is.
+    if (e > b && unterminated(e - 1)) {
+      emitRange(b, e, false);
+      return;
+    }
     if (first < e && toks_[first].type == Tok::Word && src_[toks_[first].begin] != '@') {
       const size_t eq = nextSig(first + 1, e);
       if (isPunct(eq, '=') && !isPunct(eq + 1, '=')) {
