@@ -9,7 +9,7 @@ status=0
 for bin in "$build"/bench/bench_*; do
   [ -x "$bin" ] || continue
   echo "== $(basename "$bin")"
-  "$bin" --benchmark_counters_tabular=true 2>&1 | tee -a "$out" || status=1
+  "$bin" --benchmark_color=false 2>&1 | tee -a "$out" || status=1
 done
 echo
 echo "== summary"
