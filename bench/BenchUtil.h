@@ -48,7 +48,8 @@ inline void printRatio(const std::string& name, double ours, double peer, const 
   std::printf("ratio %s %.3f %s\n", name.c_str(), ours / peer, goal);
 }
 
-// Runs `task` in a forked child and returns the child's peak resident set
+// Runs `task` in a forked child (fork from a single-threaded state: no
+// pool or reaper running) and returns the child's peak resident set
 // size in KiB (0 on failure).
 inline long peakKiB(const std::function<void()>& task) {
   std::fflush(stdout);

@@ -50,6 +50,8 @@ std::vector<std::string> literals(const std::string& s) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string in(reinterpret_cast<const char*>(data), size);
   const sybconn::DialectResult r = sybconn::rewriteSybaseToSqlite(in);
+  // The quick test may only skip texts that the rewrite leaves unchanged.
+  if (!sybconn::mayNeedRewrite(in) && (r.sql != in || !r.databases.empty())) std::abort();
   // Literals the rewriter writes itself (the getdate() replacement) are the
   // only additions; drop them before comparing.
   std::vector<std::string> got;

@@ -37,6 +37,34 @@ inline std::string keyClauses(int fileVersion, const std::string& diskId, const 
   return sql;
 }
 
+// The log line of an insert; the catalogue DAO words it as the replication
+// DAO does, and log readers rely on that wording.
+inline void logSubmitted(int result, const std::string& fileId) {
+  if (result < 0) {
+    DA_LOG_DEBUG("Could not submit replication request for file %s", fileId.c_str());
+  } else {
+    DA_LOG_DEBUG("Successfully submitted replication request for file %s", fileId.c_str());
+  }
+}
+
+// "delete <table> where <file>='F'" with the optional version and disk
+// clauses, executed and logged with the shared wording.
+template <class Conn>
+int removeFileRows(const std::string& table, const std::string& fileIdField, const std::string& versionField,
+                   const std::string& diskField, const std::string& fileId, int fileVersion,
+                   const std::string& diskId, const Conn& conn) {
+  std::string description = "file=" + fileId;
+  const std::string sql = "delete " + table + " where " + fileIdField + "='" + sqlQuoted(fileId) + "'" +
+                          keyClauses(fileVersion, diskId, versionField, diskField, description);
+  const int result = executeCounted(sql, conn);
+  if (result < 0) {
+    DA_LOG_DEBUG("Could not remove replication request %s", description.c_str());
+  } else {
+    DA_LOG_DEBUG("Successfully removed replication request %s", description.c_str());
+  }
+  return result;
+}
+
 }  // namespace dataAccess
 
 #endif

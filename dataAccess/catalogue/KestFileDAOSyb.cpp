@@ -34,13 +34,7 @@ int KestFileDAOSyb::executeQuery(const std::string& query, const Conn& conn) {
 }
 
 namespace {
-void logSubmitted(int result, const std::string& fileId) {
-  if (result < 0) {
-    DA_LOG_DEBUG("Could not submit replication request for file %s", fileId.c_str());
-  } else {
-    DA_LOG_DEBUG("Successfully submitted replication request for file %s", fileId.c_str());
-  }
-}
+using dataAccess::logSubmitted;
 
 // Replaces the first occurrence of `name` in `list` by `replacement`.
 std::string replaceFirst(const std::string& list, const std::string& name, const std::string& replacement) {
@@ -117,16 +111,8 @@ int KestFileDAOSyb::updateT(const std::string& fileId, int fileVersion, const st
 
 template <class Conn>
 int KestFileDAOSyb::removeT(const std::string& fileId, int fileVersion, const std::string& diskId, const Conn& conn) {
-  std::string description = "file=" + fileId;
-  const std::string sql = "delete " + tableName_ + " where " + fileIdField + "='" + sqlQuoted(fileId) + "'" +
-                          dataAccess::keyClauses(fileVersion, diskId, fileVersionField, diskIdField, description);
-  const int result = executeQuery(sql, conn);
-  if (result < 0) {
-    DA_LOG_DEBUG("Could not remove replication request %s", description.c_str());
-  } else {
-    DA_LOG_DEBUG("Successfully removed replication request %s", description.c_str());
-  }
-  return result;
+  return dataAccess::removeFileRows(tableName_, fileIdField, fileVersionField, diskIdField, fileId, fileVersion,
+                                    diskId, conn);
 }
 
 template <class Conn>

@@ -47,11 +47,7 @@ int ReplicationRequestDAOSyb::insertT(const ReplicationRequest& r, const Conn& c
   }
   const int result =
       executeQuery("insert into " + tableName_ + " (" + columns + ") " + "values (" + values + ")", conn);
-  if (result < 0) {
-    DA_LOG_DEBUG("Could not submit replication request for file %s", r.fileId_.c_str());
-  } else {
-    DA_LOG_DEBUG("Successfully submitted replication request for file %s", r.fileId_.c_str());
-  }
+  dataAccess::logSubmitted(result, r.fileId_);
   return result;
 }
 
@@ -80,16 +76,8 @@ int ReplicationRequestDAOSyb::updateT(const std::string& fileId, int fileVersion
 template <class Conn>
 int ReplicationRequestDAOSyb::removeT(const std::string& fileId, int fileVersion, const std::string& diskId,
                                       const Conn& conn) {
-  std::string description = "file=" + fileId;
-  const std::string sql = "delete " + tableName_ + " where " + fileIdField + "='" + sqlQuoted(fileId) + "'" +
-                          dataAccess::keyClauses(fileVersion, diskId, fileVersionField, diskIdField, description);
-  const int result = executeQuery(sql, conn);
-  if (result < 0) {
-    DA_LOG_DEBUG("Could not remove replication request %s", description.c_str());
-  } else {
-    DA_LOG_DEBUG("Successfully removed replication request %s", description.c_str());
-  }
-  return result;
+  return dataAccess::removeFileRows(tableName_, fileIdField, fileVersionField, diskIdField, fileId, fileVersion,
+                                    diskId, conn);
 }
 
 template <class Conn>

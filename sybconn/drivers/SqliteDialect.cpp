@@ -17,8 +17,22 @@ struct Token {
   bool open;  // a quoted token that runs to the end without its closing quote
 };
 
-bool isWordStart(unsigned char c) { return std::isalpha(c) || c == '_' || c == '@' || c == '#' || c >= 0x80; }
-bool isWordChar(unsigned char c) { return std::isalnum(c) || c == '_' || c == '@' || c == '#' || c == '$' || c >= 0x80; }
+// Character classes by table: the rewrite's quick test looks at every byte.
+struct CharClasses {
+  bool start[256];
+  bool word[256];
+  CharClasses() {
+    for (int c = 0; c < 256; ++c) {
+      const bool alpha = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+      start[c] = alpha || c == '_' || c == '@' || c == '#' || c >= 0x80;
+      word[c] = start[c] || (c >= '0' && c <= '9') || c == '$';
+    }
+  }
+};
+const CharClasses kClasses;
+
+bool isWordStart(unsigned char c) { return kClasses.start[c]; }
+bool isWordChar(unsigned char c) { return kClasses.word[c]; }
 
 std::vector<Token> tokenize(const std::string& s) {
   std::vector<Token> out;
@@ -294,4 +308,52 @@ class Rewriter {
 
 DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql) { return Rewriter(sybaseSql).run(); }
 
+namespace {
+// Compares a word of the text with a lower-case keyword of the same length.
+bool sameWord(const char* text, const char* lower, size_t len) {
+  for (size_t k = 0; k < len; ++k)
+    if ((text[k] | 0x20) != lower[k]) return false;
+  return true;
+}
+}  // namespace
+
+bool mayNeedRewrite(const std::string& str) {
+  const char* s = str.data();
+  const size_t n = str.size();
+  size_t i = 0;
+  while (i < n) {
+    const unsigned char c = static_cast<unsigned char>(s[i]);
+    if (c == '.') {
+      if (i + 1 < n && s[i + 1] == '.') return true;
+      if (i + 4 < n && sameWord(s + i + 1, "dbo.", 4)) return true;
+      ++i;
+      continue;
+    }
+    if (!isWordStart(c)) {
+      ++i;
+      continue;
+    }
+    size_t j = i + 1;
+    while (j < n && isWordChar(static_cast<unsigned char>(s[j]))) ++j;
+    const char* w = s + i;
+    switch (j - i) {
+      case 5:
+        if (sameWord(w, "begin", 5)) return true;
+        break;
+      case 6:
+        if (sameWord(w, "delete", 6) || sameWord(w, "commit", 6) || sameWord(w, "select", 6)) return true;
+        break;
+      case 7:
+        if (sameWord(w, "getdate", 7)) return true;
+        break;
+      case 8:
+        if (sameWord(w, "rollback", 8)) return true;
+        break;
+      default:
+        break;
+    }
+    i = j;
+  }
+  return false;
+}
 }  // namespace sybconn

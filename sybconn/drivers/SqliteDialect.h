@@ -27,6 +27,11 @@ struct DialectResult {
 
 DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql);
 
+// A quick test, without tokenising: false when the text holds none of the
+// words and marks that a rewrite looks for (so it would come back unchanged).
+// True does not mean that anything will change.
+bool mayNeedRewrite(const std::string& sybaseSql);
+
 }  // namespace sybconn
 
 #endif

@@ -185,12 +185,18 @@ class SqliteDriver : public Driver {
       auto c = std::make_shared<SqliteCursor>(this, nullptr, false, -1);
       return c;
     }
-    DialectResult r = rewriteSybaseToSqlite(sql);
+    // Most statements need no rewrite; they run from the caller's text.
+    DialectResult r;
+    const std::string* text = &sql;
+    if (mayNeedRewrite(sql)) {
+      r = rewriteSybaseToSqlite(sql);
+      text = &r.sql;
+    }
     for (const auto& dbName : r.databases) {
       if (!attach(dbName)) return finish(std::make_shared<SqliteCursor>(this, nullptr, false, -1));
     }
-    const char* p = r.sql.c_str();
-    const char* end = p + r.sql.size();
+    const char* p = text->c_str();
+    const char* end = p + text->size();
     sqlite3_stmt* stmt = nullptr;
     long count = -1;
     bool any = false;

@@ -61,3 +61,10 @@ TEST(Dialect, GetdateAndLiteralsUntouched) {
   // An unterminated literal runs to the end and is kept as it is.
   EXPECT_EQ(rw("select 'abc getdate()"), "select 'abc getdate()");
 }
+
+TEST(Dialect, QuickTestSkipsOnlyTextsLeftUnchanged) {
+  EXPECT_FALSE(sybconn::mayNeedRewrite("insert into t (a, b) values (1, 'x')"));
+  EXPECT_FALSE(sybconn::mayNeedRewrite("update t set deleted = 1 where selection = 2"));
+  for (const char* s : {"delete T", "x..y", "a.DBO.b", "SELECT 1", "values (getdate())", "x; commit A1"})
+    EXPECT_TRUE(sybconn::mayNeedRewrite(s)) << s;
+}

@@ -2,8 +2,7 @@
 #include <cstdio>
 #include <string>
 
-#include <dataAccess/common/Version.h>
-#include <sybconn/SybaseConnection.h>
+#include <dataAccess/dataAccess.h>
 
 extern "C" const char* tobasLibraryVersion(void);
 
@@ -13,6 +12,10 @@ int main(int argc, char** argv) {
   if (conn.connect("sqlite:" + dir + "/consumer.db", "user", "pw") != 0) return 1;
   SybaseResultSet rs = conn.execute("select 40 + 2");
   if (!rs.commandSucceeded() || !rs.next() || rs.getLongValue(1) != 42) return 2;
+  // The stub runs a DAO without a server.
+  ServiceConnectionStub stub("srv", "usr", "pw");
+  stub.acquire();
+  if (ReplicationRequestDAOSyb("queue").update("F", ReplicationRequest::Replicated, "", stub) != -1) return 3;
   std::printf("DataAccess %s, %s: ok\n", dataAccess::version(), tobasLibraryVersion());
   return 0;
 }

@@ -1,0 +1,23 @@
+#ifndef DATAACCESS_DATAACCESS_H
+#define DATAACCESS_DATAACCESS_H
+
+// Umbrella header of libDataAccess: the database connection layer and the
+// catalogue DAOs, with the connection library and password sealing they use.
+
+#include <dataAccess/catalogue/KestFile.h>
+#include <dataAccess/catalogue/KestFileDAOSyb.h>
+#include <dataAccess/catalogue/KestFilesSafeDAOSyb.h>
+#include <dataAccess/catalogue/ReplicationRequest.h>
+#include <dataAccess/catalogue/ReplicationRequestDAOSyb.h>
+#include <dataAccess/common/Version.h>
+#include <dataAccess/db/ConnectionPool.h>
+#include <dataAccess/db/ServiceConnectionStub.h>
+#include <dataAccess/db/ServiceConnectionSyb.h>
+#include <stcrypt/stcrypt.h>
+#include <sybconn/ArcSysUtils.h>
+#include <sybconn/SybUtils.h>
+#include <sybconn/SybaseConnection.h>
+#include <sybconn/SybaseResultSet.h>
+#include <sybconn/SybaseStatus.h>
+
+#endif
