@@ -60,7 +60,8 @@ inline long peakKiB(const std::function<void()>& task) {
   }
   int status = 0;
   struct rusage ru {};
-  if (pid < 0 || wait4(pid, &status, 0, &ru) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0) return 0;
+  if (pid < 0 || wait4(pid, &status, 0, &ru) != pid || !WIFEXITED(status) || WEXITSTATUS(status) != 0)
+    return 0;
   return ru.ru_maxrss;
 }
 

@@ -106,8 +106,8 @@ void BM_insert_raw(benchmark::State& state) {
       const ReplicationRequest r = request(i);
       const std::string sql =
           "insert into repl_queue (file_id,file_version,disk_id,submitter_id,priority,status_id) values ('" +
-          r.fileId_ + "'," + std::to_string(r.fileVersion_) + ",'" + r.diskId_ + "','" + r.submitterId_ + "'," +
-          std::to_string(r.priority_) + "," + std::to_string(r.statusId_) + ")";
+          r.fileId_ + "'," + std::to_string(r.fileVersion_) + ",'" + r.diskId_ + "','" + r.submitterId_ +
+          "'," + std::to_string(r.priority_) + "," + std::to_string(r.statusId_) + ")";
       sqlite3_stmt* stmt = nullptr;
       sqlite3_prepare_v2(db, sql.c_str(), static_cast<int>(sql.size()), &stmt, nullptr);
       sqlite3_step(stmt);
@@ -126,11 +126,12 @@ void makeBig() {
   sqlite3_exec(db, schema("file_catalogue.sqlite.sql").c_str(), nullptr, nullptr, nullptr);
   sqlite3_exec(db, "BEGIN", nullptr, nullptr, nullptr);
   sqlite3_stmt* stmt = nullptr;
-  sqlite3_prepare_v2(db,
-                     "insert into kest_files (file_id, file_name, file_version, disk_id, format, file_size, "
-                     "uncompressed_file_size, ingestion_date, file_status, checksum) values (?, ?, 1, 'DISK_A', "
-                     "'FITS', 288000, 1152000, '20261122 13:05:09.250', 'S', 'md5:0123456789abcdef')",
-                     -1, &stmt, nullptr);
+  sqlite3_prepare_v2(
+      db,
+      "insert into kest_files (file_id, file_name, file_version, disk_id, format, file_size, "
+      "uncompressed_file_size, ingestion_date, file_status, checksum) values (?, ?, 1, 'DISK_A', "
+      "'FITS', 288000, 1152000, '20261122 13:05:09.250', 'S', 'md5:0123456789abcdef')",
+      -1, &stmt, nullptr);
   for (int i = 0; i < kRows; ++i) {
     const std::string id = "ADP.2026-11-22T01:02:03." + std::to_string(i);
     sqlite3_bind_text(stmt, 1, id.c_str(), -1, SQLITE_TRANSIENT);
@@ -161,11 +162,12 @@ std::string text(sqlite3_stmt* s, int col) {
 size_t loadRaw() {
   sqlite3* db = rawOpen(g_big);
   sqlite3_stmt* s = nullptr;
-  sqlite3_prepare_v2(db,
-                     "select file_id, file_name, file_version, disk_id, format, file_size, uncompressed_file_size, "
-                     "compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, creation_date "
-                     "from kest_files order by ingestion_date",
-                     -1, &s, nullptr);
+  sqlite3_prepare_v2(
+      db,
+      "select file_id, file_name, file_version, disk_id, format, file_size, uncompressed_file_size, "
+      "compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, creation_date "
+      "from kest_files order by ingestion_date",
+      -1, &s, nullptr);
   std::vector<KestFile> files;
   while (sqlite3_step(s) == SQLITE_ROW) {
     KestFile f;
@@ -231,12 +233,15 @@ int main(int argc, char** argv) {
   const long memOurs = benchutil::peakKiB([] { loadOurs(); });
   std::printf("loadAll of %d rows, peak RSS: ours %ld KiB, raw %ld KiB\n", kRows, memOurs, memRaw);
   const double insertRaw = collector.time("BM_insert_raw"), loadRawT = collector.time("BM_loadall_raw");
-  benchutil::printRatio("catalogue_insert_100k_logoff", collector.time("BM_insert_ours_logoff"), insertRaw, "1.15");
-  benchutil::printRatio("catalogue_insert_100k_logon", collector.time("BM_insert_ours_logon"), insertRaw, "-");
-  benchutil::printRatio("catalogue_loadall_1M_logoff", collector.time("BM_loadall_ours_logoff"), loadRawT, "1.15");
-  benchutil::printRatio("catalogue_loadall_1M_logon", collector.time("BM_loadall_ours_logon"), loadRawT, "-");
-  benchutil::printRatio("catalogue_loadall_1M_peak_mem", static_cast<double>(memOurs), static_cast<double>(memRaw),
+  benchutil::printRatio("catalogue_insert_100k_logoff", collector.time("BM_insert_ours_logoff"), insertRaw,
                         "1.15");
+  benchutil::printRatio("catalogue_insert_100k_logon", collector.time("BM_insert_ours_logon"), insertRaw,
+                        "-");
+  benchutil::printRatio("catalogue_loadall_1M_logoff", collector.time("BM_loadall_ours_logoff"), loadRawT,
+                        "1.15");
+  benchutil::printRatio("catalogue_loadall_1M_logon", collector.time("BM_loadall_ours_logon"), loadRawT, "-");
+  benchutil::printRatio("catalogue_loadall_1M_peak_mem", static_cast<double>(memOurs),
+                        static_cast<double>(memRaw), "1.15");
   ConnectionPool::destroyInstance();
   std::system(("rm -rf " + g_dir).c_str());
   return 0;

@@ -42,17 +42,20 @@ int main(int argc, char** argv) {
   char tmpl[] = "/tmp/bench-pool-XXXXXX";
   if (!mkdtemp(tmpl)) return 1;
   g_server = std::string("sqlite:") + tmpl + "/pool.db";
-  ACE_LOG_MSG->priority_mask(LM_INFO | LM_NOTICE | LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY,
-                             ACE_Log_Msg::PROCESS);
+  ACE_LOG_MSG->priority_mask(
+      LM_INFO | LM_NOTICE | LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY,
+      ACE_Log_Msg::PROCESS);
   benchmark::Initialize(&argc, argv);
   benchutil::Collector collector;
   benchmark::RunSpecifiedBenchmarks(&collector);
   benchmark::Shutdown();
   // Per-pair wall time of each thread count; with 8 threads the real time per
   // iteration already accounts for the threads running together.
-  benchutil::printRatio("pool_acquire_release_1thread", collector.time("BM_acquire_release/repeats:3/threads:1"),
+  benchutil::printRatio("pool_acquire_release_1thread",
+                        collector.time("BM_acquire_release/repeats:3/threads:1"),
                         collector.time("BM_mutex_pair/repeats:3/threads:1"), "-");
-  benchutil::printRatio("pool_acquire_release_8threads", collector.time("BM_acquire_release/repeats:3/threads:8"),
+  benchutil::printRatio("pool_acquire_release_8threads",
+                        collector.time("BM_acquire_release/repeats:3/threads:8"),
                         collector.time("BM_mutex_pair/repeats:3/threads:8"), "-");
   ConnectionPool::destroyInstance();
   std::system((std::string("rm -rf ") + tmpl).c_str());

@@ -17,8 +17,8 @@ const int kRows = 1000000;
 std::string g_dir;
 
 std::string insertText(int i) {
-  return "insert into t (id, name, val, at) values (" + std::to_string(i) + ", 'name " + std::to_string(i) + "', " +
-         std::to_string(i) + ".5, '20261122 13:05:09.250')";
+  return "insert into t (id, name, val, at) values (" + std::to_string(i) + ", 'name " + std::to_string(i) +
+         "', " + std::to_string(i) + ".5, '20261122 13:05:09.250')";
 }
 
 void rawExec(sqlite3* db, const char* sql) { sqlite3_exec(db, sql, nullptr, nullptr, nullptr); }
@@ -161,12 +161,12 @@ int main(int argc, char** argv) {
   const long memOurs = benchutil::peakKiB([] { selectOurs(g_big); });
   std::printf("select of %d rows, peak RSS: ours %ld KiB, raw %ld KiB\n", kRows, memOurs, memRaw);
 
-  benchutil::printRatio("sybconn_insert_100k", collector.time("BM_insert_ours"), collector.time("BM_insert_raw"),
-                        "1.10");
-  benchutil::printRatio("sybconn_select_1M_time", collector.time("BM_select_ours"), collector.time("BM_select_raw"),
-                        "1.10");
-  benchutil::printRatio("sybconn_select_1M_peak_mem", static_cast<double>(memOurs), static_cast<double>(memRaw),
-                        "1.10");
+  benchutil::printRatio("sybconn_insert_100k", collector.time("BM_insert_ours"),
+                        collector.time("BM_insert_raw"), "1.10");
+  benchutil::printRatio("sybconn_select_1M_time", collector.time("BM_select_ours"),
+                        collector.time("BM_select_raw"), "1.10");
+  benchutil::printRatio("sybconn_select_1M_peak_mem", static_cast<double>(memOurs),
+                        static_cast<double>(memRaw), "1.10");
   std::system(("rm -rf " + g_dir).c_str());
   return 0;
 }

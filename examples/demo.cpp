@@ -13,8 +13,9 @@ int main(int argc, char** argv) {
   // The library logs through ACE; the demo shows INFO and above unless
   // DA_DEMO_DEBUG is set, as a host program would choose.
   if (!std::getenv("DA_DEMO_DEBUG"))
-    ACE_LOG_MSG->priority_mask(LM_INFO | LM_NOTICE | LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY,
-                               ACE_Log_Msg::PROCESS);
+    ACE_LOG_MSG->priority_mask(
+        LM_INFO | LM_NOTICE | LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY,
+        ACE_Log_Msg::PROCESS);
   std::setvbuf(stdout, nullptr, _IOLBF, 0);
   int failures = 0;
   for (const auto& section : demo::sections()) {

@@ -16,7 +16,8 @@ namespace {
 int run(const std::string& work) {
   ServiceConnectionSyb conn(demo::server(work, "archive.db"), "ops", "secret", "archive");
   if (conn.acquire() != 0) return 1;
-  for (const char* schema : {"replication_queue.sqlite.sql", "file_catalogue.sqlite.sql", "safe_copies.sqlite.sql"})
+  for (const char* schema :
+       {"replication_queue.sqlite.sql", "file_catalogue.sqlite.sql", "safe_copies.sqlite.sql"})
     if (conn.execute(demo::schema(schema)).commandSucceeded() != 1) return 1;
   conn.execute("delete repl_queue");
   conn.execute("delete kest_files");
@@ -24,7 +25,8 @@ int run(const std::string& work) {
   ReplicationRequestDAOSyb queue("repl_queue");
   KestFileDAOSyb catalogue("kest_files");
   KestFilesSafeDAOSyb safe("kest_files_safe");
-  const char* files[] = {"ADP.2026-11-22T01:02:03.456", "ADP.2026-11-22T01:04:05.789", "ADP.2026-11-22T02:00:00.000"};
+  const char* files[] = {"ADP.2026-11-22T01:02:03.456", "ADP.2026-11-22T01:04:05.789",
+                         "ADP.2026-11-22T02:00:00.000"};
 
   conn.beginTransaction();
   for (const char* id : files) {
@@ -62,7 +64,8 @@ int run(const std::string& work) {
 
   std::vector<ReplicationRequest> done;
   const int n = queue.find(ReplicationRequest::Replicated, done, conn);
-  std::printf("   %d requests now %s:\n", n, ReplicationRequest::statusAsString(ReplicationRequest::Replicated).c_str());
+  std::printf("   %d requests now %s:\n", n,
+              ReplicationRequest::statusAsString(ReplicationRequest::Replicated).c_str());
   for (const auto& r : done) std::printf("     %s (%s)\n", r.genKey(":").c_str(), r.message_.c_str());
   std::vector<KestFile> rows;
   catalogue.loadAll(rows, conn);

@@ -43,7 +43,8 @@ int run(const std::string& work) {
 
   ServiceConnectionSyb::ListOfFieldIndex fields;
   ServiceConnectionSyb::ResultSet rs;
-  if (conn.executeSelect("select obs_id, target, seeing from observations order by obs_id", rs, fields) != 0) return 1;
+  if (conn.executeSelect("select obs_id, target, seeing from observations order by obs_id", rs, fields) != 0)
+    return 1;
   std::printf("   column map:");
   for (const auto& f : fields) std::printf(" %s=%d", f.first.c_str(), f.second);
   std::printf("\n");
@@ -70,7 +71,8 @@ int run(const std::string& work) {
   ConnectionPool* pool = ConnectionPool::instance();
   pool->setMaxIdleLifeTime(0);
   pool->setReaperSleepTimeMs(100);
-  for (int i = 0; i < 50 && pool->counts().records > 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  for (int i = 0; i < 50 && pool->counts().records > 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
   counts("after the reaper ran:");
   pool->setReaperSleepTime(5);
   pool->setMaxIdleLifeTime(60);

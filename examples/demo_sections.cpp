@@ -12,7 +12,8 @@ std::vector<Section>& sections() {
 bool registerSection(Section s) {
   auto& all = sections();
   all.push_back(s);
-  std::stable_sort(all.begin(), all.end(), [](const Section& a, const Section& b) { return a.order < b.order; });
+  std::stable_sort(all.begin(), all.end(),
+                   [](const Section& a, const Section& b) { return a.order < b.order; });
   return true;
 }
 

@@ -33,7 +33,8 @@ int run(const std::string& work) {
   conn.execute("update observations set seeing = seeing + 0.1 where seeing is not null");
   std::printf("   wrote 3 rows, raised the seeing of %ld\n", conn.rowCount());
 
-  SybaseResultSet rs = conn.execute("select obs_id, target, seeing, taken_at from observations order by obs_id");
+  SybaseResultSet rs =
+      conn.execute("select obs_id, target, seeing, taken_at from observations order by obs_id");
   while (rs.next()) {
     std::printf("   row %ld  %-12s seeing %-5s taken %s\n", rs.getLongValue(1), rs.getStringValue(2).c_str(),
                 rs.isNull(3) ? "NULL" : rs.getStringValue(3).c_str(), rs.getStringValue(4).c_str());

@@ -53,8 +53,9 @@ bool loadKey(const std::string& path, unsigned char key[kKeyBytes]) {
     return false;
   }
   if (st.st_mode & (S_IRWXG | S_IRWXO)) {
-    DA_LOG_ERROR("stcrypt: key file %s is accessible by group or others (mode %o); refusing it, use chmod 600",
-                 path.c_str(), static_cast<unsigned>(st.st_mode & 0777));
+    DA_LOG_ERROR(
+        "stcrypt: key file %s is accessible by group or others (mode %o); refusing it, use chmod 600",
+        path.c_str(), static_cast<unsigned>(st.st_mode & 0777));
     ::close(fd);
     return false;
   }
@@ -69,7 +70,8 @@ bool loadKey(const std::string& path, unsigned char key[kKeyBytes]) {
   }
   ::close(fd);
   if (got != kKeyBytes) {
-    DA_LOG_ERROR("stcrypt: key file %s must hold exactly %d bytes", path.c_str(), static_cast<int>(kKeyBytes));
+    DA_LOG_ERROR("stcrypt: key file %s must hold exactly %d bytes", path.c_str(),
+                 static_cast<int>(kKeyBytes));
     sodium_memzero(buf, sizeof buf);
     return false;
   }
@@ -103,8 +105,8 @@ extern "C" int stdecrypt(const char* in, char* out) {
   unsigned char clear[STCRYPT_BUF_SIZE];
   unsigned long long clearLen = 0;
   const int rc = crypto_aead_xchacha20poly1305_ietf_decrypt(clear, &clearLen, nullptr, raw + kNonceBytes,
-                                                             rawLen - kNonceBytes, kContext, sizeof kContext - 1, raw,
-                                                             key);
+                                                            rawLen - kNonceBytes, kContext,
+                                                            sizeof kContext - 1, raw, key);
   sodium_memzero(key, sizeof key);
   if (rc != 0 || clearLen >= STCRYPT_BUF_SIZE || std::memchr(clear, '\0', clearLen)) {
     DA_LOG_ERROR("stcrypt: cannot decipher password: wrong key or tampered text (key file %s)", path.c_str());
@@ -132,8 +134,9 @@ extern "C" int stencrypt(const char* in, char* out) {
   unsigned char raw[kNonceBytes + STCRYPT_MAX_PASSWORD + kTagBytes];
   randombytes_buf(raw, kNonceBytes);
   unsigned long long sealedLen = 0;
-  crypto_aead_xchacha20poly1305_ietf_encrypt(raw + kNonceBytes, &sealedLen, reinterpret_cast<const unsigned char*>(in),
-                                             len, kContext, sizeof kContext - 1, nullptr, raw, key);
+  crypto_aead_xchacha20poly1305_ietf_encrypt(raw + kNonceBytes, &sealedLen,
+                                             reinterpret_cast<const unsigned char*>(in), len, kContext,
+                                             sizeof kContext - 1, nullptr, raw, key);
   sodium_memzero(key, sizeof key);
   const size_t rawLen = kNonceBytes + static_cast<size_t>(sealedLen);
   static_assert(sodium_base64_ENCODED_LEN(kNonceBytes + STCRYPT_MAX_PASSWORD + kTagBytes,

@@ -19,8 +19,8 @@ std::string convertFromUnixTimeval(const timeval& tv) {
   struct tm t {};
   localtime_r(&sec, &t);
   char buf[64];
-  std::snprintf(buf, sizeof buf, "%04d%02d%02d %02d:%02d:%02d.%03ld", t.tm_year + 1900, t.tm_mon + 1, t.tm_mday,
-                t.tm_hour, t.tm_min, t.tm_sec, usec / 1000);
+  std::snprintf(buf, sizeof buf, "%04d%02d%02d %02d:%02d:%02d.%03ld", t.tm_year + 1900, t.tm_mon + 1,
+                t.tm_mday, t.tm_hour, t.tm_min, t.tm_sec, usec / 1000);
   return buf;
 }
 
@@ -54,7 +54,8 @@ bool parseDate(const std::string& text, timeval& out) {
   if (!digits(text, i, 2, day)) return false;
   if (i < text.size() && (text[i] == ' ' || text[i] == 'T')) {
     ++i;
-    if (!digits(text, i, 2, hour) || i >= text.size() || text[i++] != ':' || !digits(text, i, 2, minute)) return false;
+    if (!digits(text, i, 2, hour) || i >= text.size() || text[i++] != ':' || !digits(text, i, 2, minute))
+      return false;
     if (i < text.size() && text[i] == ':') {
       ++i;
       if (!digits(text, i, 2, second)) return false;

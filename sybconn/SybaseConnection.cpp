@@ -43,7 +43,8 @@ SybaseConnection::SybaseConnection() = default;
 
 SybaseConnection::~SybaseConnection() { disconnect(); }
 
-int SybaseConnection::connect(const std::string& server, const std::string& user, const std::string& password) {
+int SybaseConnection::connect(const std::string& server, const std::string& user,
+                              const std::string& password) {
   disconnect();
   server_ = server;
   std::string target;
@@ -86,8 +87,8 @@ void SybaseConnection::defaultErrorHandler(const SybaseStatus& s) {
   const int severity = s.msgno != 0 ? s.srvSeverity : s.dbLibSeverity;
   if (severity == 0) return;
   if (s.msgno != 0) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("%D ERROR [ %t ] Server %s message %d, severity %d: %s\n"), s.srvname.c_str(),
-               s.msgno, severity, s.msgtext.c_str()));
+    ACE_ERROR((LM_ERROR, ACE_TEXT("%D ERROR [ %t ] Server %s message %d, severity %d: %s\n"),
+               s.srvname.c_str(), s.msgno, severity, s.msgtext.c_str()));
   } else {
     ACE_ERROR((LM_ERROR, ACE_TEXT("%D ERROR [ %t ] Client error %d, severity %d: %s\n"), s.dberr, severity,
                s.dberrstr.c_str()));

@@ -7,7 +7,9 @@ int SybaseResultSet::commandSucceeded() const { return cursor_ && cursor_->succe
 bool SybaseResultSet::hasResultSet() const { return cursor_ && cursor_->hasRows(); }
 bool SybaseResultSet::next() { return cursor_ && cursor_->next(); }
 int SybaseResultSet::columnCount() const { return cursor_ ? cursor_->columnCount() : 0; }
-std::string SybaseResultSet::columnName(int col) const { return cursor_ ? cursor_->columnName(col) : std::string(); }
+std::string SybaseResultSet::columnName(int col) const {
+  return cursor_ ? cursor_->columnName(col) : std::string();
+}
 bool SybaseResultSet::isNull(int col) const { return !cursor_ || cursor_->isNull(col); }
 std::string SybaseResultSet::getStringValue(int col) const {
   return cursor_ ? cursor_->getString(col) : std::string();

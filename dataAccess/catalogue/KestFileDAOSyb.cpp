@@ -22,10 +22,10 @@ const std::string KestFileDAOSyb::creationDateField = "creation_date";
 KestFileDAOSyb::KestFileDAOSyb(const std::string& tableName) : tableName_(tableName) {}
 
 std::string KestFileDAOSyb::allFields() {
-  return fileIdField + ", " + fileNameField + ", " + fileVersionField + ", " + diskIdField + ", " + formatField +
-         ", " + fileSizeField + ", " + uncompressedFileSizeField + ", " + compressionField + ", " +
-         ingestionDateField + ", " + ignore + ", " + checksum + ", " + checksumPluginField + ", " + fileStatusField +
-         ", " + creationDateField;
+  return fileIdField + ", " + fileNameField + ", " + fileVersionField + ", " + diskIdField + ", " +
+         formatField + ", " + fileSizeField + ", " + uncompressedFileSizeField + ", " + compressionField +
+         ", " + ingestionDateField + ", " + ignore + ", " + checksum + ", " + checksumPluginField + ", " +
+         fileStatusField + ", " + creationDateField;
 }
 
 template <class Conn>
@@ -64,11 +64,13 @@ int KestFileDAOSyb::insertT(const KestFile& f, const Conn& conn) {
     columns += "," + formatField;
     values += ",'" + sqlQuoted(f.format_) + "'";
   }
-  columns += "," + fileSizeField + "," + uncompressedFileSizeField + "," + fileStatusField + "," + ingestionDateField;
+  columns += "," + fileSizeField + "," + uncompressedFileSizeField + "," + fileStatusField + "," +
+             ingestionDateField;
   values += "," + std::to_string(f.fileSize_) + "," + std::to_string(f.uncompressedFileSize_) + ",'" +
             sqlQuoted(std::string(1, static_cast<char>(f.fileStatus_))) + "','" +
             SybUtils::convertFromUnixTimeval(f.ingestionDate_) + "'";
-  const int result = executeQuery("insert into " + tableName_ + " (" + columns + ") values (" + values + ")", conn);
+  const int result =
+      executeQuery("insert into " + tableName_ + " (" + columns + ") values (" + values + ")", conn);
   logSubmitted(result, f.fileId_);
   return result;
 }
@@ -97,12 +99,14 @@ int KestFileDAOSyb::updateT(const std::string& fileId, int fileVersion, const st
                             unsigned char status, const Conn& conn) {
   const std::string statusText(1, static_cast<char>(status));
   std::string description = "file=" + fileId;
-  const std::string sql = "update " + tableName_ + " set " + fileStatusField + " = '" + sqlQuoted(statusText) + "'" +
-                          " where " + fileIdField + "='" + sqlQuoted(fileId) + "'" +
-                          dataAccess::keyClauses(fileVersion, diskId, fileVersionField, diskIdField, description);
+  const std::string sql =
+      "update " + tableName_ + " set " + fileStatusField + " = '" + sqlQuoted(statusText) + "'" + " where " +
+      fileIdField + "='" + sqlQuoted(fileId) + "'" +
+      dataAccess::keyClauses(fileVersion, diskId, fileVersionField, diskIdField, description);
   const int result = executeQuery(sql, conn);
   if (result < 0) {
-    DA_LOG_DEBUG("Could not update replication request %s to status %s", description.c_str(), statusText.c_str());
+    DA_LOG_DEBUG("Could not update replication request %s to status %s", description.c_str(),
+                 statusText.c_str());
   } else {
     DA_LOG_DEBUG("Successfully updated replication request %s to status %c", description.c_str(), status);
   }
@@ -110,9 +114,10 @@ int KestFileDAOSyb::updateT(const std::string& fileId, int fileVersion, const st
 }
 
 template <class Conn>
-int KestFileDAOSyb::removeT(const std::string& fileId, int fileVersion, const std::string& diskId, const Conn& conn) {
-  return dataAccess::removeFileRows(tableName_, fileIdField, fileVersionField, diskIdField, fileId, fileVersion,
-                                    diskId, conn);
+int KestFileDAOSyb::removeT(const std::string& fileId, int fileVersion, const std::string& diskId,
+                            const Conn& conn) {
+  return dataAccess::removeFileRows(tableName_, fileIdField, fileVersionField, diskIdField, fileId,
+                                    fileVersion, diskId, conn);
 }
 
 template <class Conn>
@@ -186,7 +191,8 @@ int KestFileDAOSyb::update(const std::string& f, int v, const std::string& d, un
 int KestFileDAOSyb::remove(const std::string& f, int v, const std::string& d, const ServiceConnectionSyb& c) {
   return removeT(f, v, d, c);
 }
-int KestFileDAOSyb::remove(const std::string& f, int v, const std::string& d, const ServiceConnectionStub& c) {
+int KestFileDAOSyb::remove(const std::string& f, int v, const std::string& d,
+                           const ServiceConnectionStub& c) {
   return removeT(f, v, d, c);
 }
 int KestFileDAOSyb::find(const std::string& f, std::vector<KestFile>& r, const ServiceConnectionSyb& c) {
@@ -204,14 +210,18 @@ int KestFileDAOSyb::find(unsigned char s, std::vector<KestFile>& r, const Servic
 int KestFileDAOSyb::find(const std::string& f, int v, const std::string& d, std::vector<KestFile>& r,
                          const ServiceConnectionSyb& c) {
   return select(c, r,
-                fileIdField + "='" + sqlQuoted(f) + "' AND " + fileVersionField + "=" + std::to_string(v) + " AND " +
-                    diskIdField + "='" + sqlQuoted(d) + "'");
+                fileIdField + "='" + sqlQuoted(f) + "' AND " + fileVersionField + "=" + std::to_string(v) +
+                    " AND " + diskIdField + "='" + sqlQuoted(d) + "'");
 }
 int KestFileDAOSyb::find(const std::string& f, int v, const std::string& d, std::vector<KestFile>& r,
                          const ServiceConnectionStub& c) {
   return select(c, r,
-                fileIdField + "='" + sqlQuoted(f) + "' AND " + fileVersionField + "=" + std::to_string(v) + " AND " +
-                    diskIdField + "='" + sqlQuoted(d) + "'");
+                fileIdField + "='" + sqlQuoted(f) + "' AND " + fileVersionField + "=" + std::to_string(v) +
+                    " AND " + diskIdField + "='" + sqlQuoted(d) + "'");
 }
-int KestFileDAOSyb::loadAll(std::vector<KestFile>& r, const ServiceConnectionSyb& c) { return select(c, r, ""); }
-int KestFileDAOSyb::loadAll(std::vector<KestFile>& r, const ServiceConnectionStub& c) { return select(c, r, ""); }
+int KestFileDAOSyb::loadAll(std::vector<KestFile>& r, const ServiceConnectionSyb& c) {
+  return select(c, r, "");
+}
+int KestFileDAOSyb::loadAll(std::vector<KestFile>& r, const ServiceConnectionStub& c) {
+  return select(c, r, "");
+}

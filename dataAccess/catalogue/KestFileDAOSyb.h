@@ -25,10 +25,10 @@ class KestFileDAOSyb {
   // Copies the row of (srcDiskId, fileId, fileVersion) to destDiskId inside
   // the database, with the server's current time as creation date. An empty
   // source disk or file id is refused (-1).
-  int insert(const std::string& srcDiskId, const std::string& fileId, int fileVersion, const std::string& destDiskId,
-             const ServiceConnectionSyb& conn);
-  int insert(const std::string& srcDiskId, const std::string& fileId, int fileVersion, const std::string& destDiskId,
-             const ServiceConnectionStub& conn);
+  int insert(const std::string& srcDiskId, const std::string& fileId, int fileVersion,
+             const std::string& destDiskId, const ServiceConnectionSyb& conn);
+  int insert(const std::string& srcDiskId, const std::string& fileId, int fileVersion,
+             const std::string& destDiskId, const ServiceConnectionStub& conn);
 
   int update(const std::string& fileId, unsigned char status, const ServiceConnectionSyb& conn);
   int update(const std::string& fileId, unsigned char status, const ServiceConnectionStub& conn);
@@ -38,17 +38,19 @@ class KestFileDAOSyb {
   int update(const std::string& fileId, int fileVersion, const std::string& diskId, unsigned char status,
              const ServiceConnectionStub& conn);
 
-  int remove(const std::string& fileId, int fileVersion, const std::string& diskId, const ServiceConnectionSyb& conn);
-  int remove(const std::string& fileId, int fileVersion, const std::string& diskId, const ServiceConnectionStub& conn);
+  int remove(const std::string& fileId, int fileVersion, const std::string& diskId,
+             const ServiceConnectionSyb& conn);
+  int remove(const std::string& fileId, int fileVersion, const std::string& diskId,
+             const ServiceConnectionStub& conn);
 
   int find(const std::string& fileId, std::vector<KestFile>& files, const ServiceConnectionSyb& conn);
   int find(const std::string& fileId, std::vector<KestFile>& files, const ServiceConnectionStub& conn);
   int find(unsigned char status, std::vector<KestFile>& files, const ServiceConnectionSyb& conn);
   int find(unsigned char status, std::vector<KestFile>& files, const ServiceConnectionStub& conn);
-  int find(const std::string& fileId, int fileVersion, const std::string& diskId, std::vector<KestFile>& files,
-           const ServiceConnectionSyb& conn);
-  int find(const std::string& fileId, int fileVersion, const std::string& diskId, std::vector<KestFile>& files,
-           const ServiceConnectionStub& conn);
+  int find(const std::string& fileId, int fileVersion, const std::string& diskId,
+           std::vector<KestFile>& files, const ServiceConnectionSyb& conn);
+  int find(const std::string& fileId, int fileVersion, const std::string& diskId,
+           std::vector<KestFile>& files, const ServiceConnectionStub& conn);
   int loadAll(std::vector<KestFile>& files, const ServiceConnectionSyb& conn);
   int loadAll(std::vector<KestFile>& files, const ServiceConnectionStub& conn);
 
@@ -56,8 +58,8 @@ class KestFileDAOSyb {
   template <class Conn>
   int insertT(const KestFile& file, const Conn& conn);
   template <class Conn>
-  int copyT(const std::string& srcDiskId, const std::string& fileId, int fileVersion, const std::string& destDiskId,
-            const Conn& conn);
+  int copyT(const std::string& srcDiskId, const std::string& fileId, int fileVersion,
+            const std::string& destDiskId, const Conn& conn);
   template <class Conn>
   int updateT(const std::string& fileId, int fileVersion, const std::string& diskId, unsigned char status,
               const Conn& conn);

@@ -18,8 +18,8 @@ ReplicationRequestDAOSyb::ReplicationRequestDAOSyb(const std::string& tableName)
 
 std::string ReplicationRequestDAOSyb::allFields() {
   return fileIdField + ", " + fileVersionField + ", " + diskIdField + ", " + submitterIdField + ", " +
-         submissionTimeField + ", " + priorityField + ", " + statusIdField + ", " + lastUpdateTimeField + ", " +
-         messageField;
+         submissionTimeField + ", " + priorityField + ", " + statusIdField + ", " + lastUpdateTimeField +
+         ", " + messageField;
 }
 
 template <class Conn>
@@ -40,7 +40,8 @@ int ReplicationRequestDAOSyb::insertT(const ReplicationRequest& r, const Conn& c
     values += ",'" + sqlQuoted(r.diskId_) + "'";
   }
   columns += "," + submitterIdField + "," + priorityField + "," + statusIdField;
-  values += ",'" + sqlQuoted(r.submitterId_) + "'," + std::to_string(r.priority_) + "," + std::to_string(r.statusId_);
+  values += ",'" + sqlQuoted(r.submitterId_) + "'," + std::to_string(r.priority_) + "," +
+            std::to_string(r.statusId_);
   if (!r.message_.empty()) {
     columns += "," + messageField;
     values += ",'" + sqlQuoted(r.message_) + "'";
@@ -65,7 +66,8 @@ int ReplicationRequestDAOSyb::updateT(const std::string& fileId, int fileVersion
   if (!dataAccess::debugEnabled()) return result;
   const std::string statusText = ReplicationRequest::statusAsString(status);
   if (result < 0) {
-    DA_LOG_DEBUG("Could not update replication request %s to status %s", description.c_str(), statusText.c_str());
+    DA_LOG_DEBUG("Could not update replication request %s to status %s", description.c_str(),
+                 statusText.c_str());
   } else {
     DA_LOG_DEBUG("Successfully updated replication request %s to status %s", description.c_str(),
                  statusText.c_str());
@@ -76,8 +78,8 @@ int ReplicationRequestDAOSyb::updateT(const std::string& fileId, int fileVersion
 template <class Conn>
 int ReplicationRequestDAOSyb::removeT(const std::string& fileId, int fileVersion, const std::string& diskId,
                                       const Conn& conn) {
-  return dataAccess::removeFileRows(tableName_, fileIdField, fileVersionField, diskIdField, fileId, fileVersion,
-                                    diskId, conn);
+  return dataAccess::removeFileRows(tableName_, fileIdField, fileVersionField, diskIdField, fileId,
+                                    fileVersion, diskId, conn);
 }
 
 template <class Conn>
@@ -124,12 +126,12 @@ int ReplicationRequestDAOSyb::insert(const ReplicationRequest& r, const ServiceC
 int ReplicationRequestDAOSyb::insert(const ReplicationRequest& r, const ServiceConnectionStub& c) {
   return insertT(r, c);
 }
-int ReplicationRequestDAOSyb::update(const std::string& f, ReplicationRequest::RequestStatus s, const std::string& m,
-                                     const ServiceConnectionSyb& c) {
+int ReplicationRequestDAOSyb::update(const std::string& f, ReplicationRequest::RequestStatus s,
+                                     const std::string& m, const ServiceConnectionSyb& c) {
   return updateT(f, 0, "", s, m, c);
 }
-int ReplicationRequestDAOSyb::update(const std::string& f, ReplicationRequest::RequestStatus s, const std::string& m,
-                                     const ServiceConnectionStub& c) {
+int ReplicationRequestDAOSyb::update(const std::string& f, ReplicationRequest::RequestStatus s,
+                                     const std::string& m, const ServiceConnectionStub& c) {
   return updateT(f, 0, "", s, m, c);
 }
 int ReplicationRequestDAOSyb::update(const std::string& f, int v, const std::string& d,
@@ -142,7 +144,8 @@ int ReplicationRequestDAOSyb::update(const std::string& f, int v, const std::str
                                      const ServiceConnectionStub& c) {
   return updateT(f, v, d, s, m, c);
 }
-int ReplicationRequestDAOSyb::remove(const std::string& f, int v, const std::string& d, const ServiceConnectionSyb& c) {
+int ReplicationRequestDAOSyb::remove(const std::string& f, int v, const std::string& d,
+                                     const ServiceConnectionSyb& c) {
   return removeT(f, v, d, c);
 }
 int ReplicationRequestDAOSyb::remove(const std::string& f, int v, const std::string& d,

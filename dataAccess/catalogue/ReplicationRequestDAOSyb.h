@@ -40,12 +40,16 @@ class ReplicationRequestDAOSyb {
              const ServiceConnectionStub& conn);
   // A version above 0 and a non-empty disk narrow the rows changed.
   int update(const std::string& fileId, int fileVersion, const std::string& diskId,
-             ReplicationRequest::RequestStatus status, const std::string& message, const ServiceConnectionSyb& conn);
+             ReplicationRequest::RequestStatus status, const std::string& message,
+             const ServiceConnectionSyb& conn);
   int update(const std::string& fileId, int fileVersion, const std::string& diskId,
-             ReplicationRequest::RequestStatus status, const std::string& message, const ServiceConnectionStub& conn);
+             ReplicationRequest::RequestStatus status, const std::string& message,
+             const ServiceConnectionStub& conn);
 
-  int remove(const std::string& fileId, int fileVersion, const std::string& diskId, const ServiceConnectionSyb& conn);
-  int remove(const std::string& fileId, int fileVersion, const std::string& diskId, const ServiceConnectionStub& conn);
+  int remove(const std::string& fileId, int fileVersion, const std::string& diskId,
+             const ServiceConnectionSyb& conn);
+  int remove(const std::string& fileId, int fileVersion, const std::string& diskId,
+             const ServiceConnectionStub& conn);
 
   // Finders append the rows read, oldest submission first, and return how
   // many rows they read.
@@ -53,8 +57,10 @@ class ReplicationRequestDAOSyb {
            const ServiceConnectionSyb& conn);
   int find(ReplicationRequest::RequestStatus status, std::vector<ReplicationRequest>& requests,
            const ServiceConnectionStub& conn);
-  int find(const std::string& fileId, std::vector<ReplicationRequest>& requests, const ServiceConnectionSyb& conn);
-  int find(const std::string& fileId, std::vector<ReplicationRequest>& requests, const ServiceConnectionStub& conn);
+  int find(const std::string& fileId, std::vector<ReplicationRequest>& requests,
+           const ServiceConnectionSyb& conn);
+  int find(const std::string& fileId, std::vector<ReplicationRequest>& requests,
+           const ServiceConnectionStub& conn);
   int loadAll(std::vector<ReplicationRequest>& requests, const ServiceConnectionSyb& conn);
   int loadAll(std::vector<ReplicationRequest>& requests, const ServiceConnectionStub& conn);
 

@@ -52,7 +52,8 @@ int ServiceConnectionStub::executeSelect(std::string sql, ResultSet& res, ListOf
   start += 6;
   std::string::size_type from = sql.find("from");
   if (from == std::string::npos) from = sql.find("FROM");
-  if (from != std::string::npos && start < from) dataAccess::mapSelectList(sql.substr(start, from - start), fields);
+  if (from != std::string::npos && start < from)
+    dataAccess::mapSelectList(sql.substr(start, from - start), fields);
   return 0;
 }
 

@@ -212,7 +212,9 @@ int ServiceConnectionSyb::rollbackTransaction() const {
 
 long ServiceConnectionSyb::rowCount() const { return conn_ ? conn_->rowCount() : -1; }
 
-std::string ServiceConnectionSyb::getStringValue(ResultSet& res, int col) const { return res.getStringValue(col); }
+std::string ServiceConnectionSyb::getStringValue(ResultSet& res, int col) const {
+  return res.getStringValue(col);
+}
 std::string ServiceConnectionSyb::getDateStringValue(ResultSet& res, int col) const {
   return res.getStringValue(col);
 }

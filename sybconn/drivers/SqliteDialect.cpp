@@ -88,7 +88,9 @@ std::vector<Token> tokenize(const std::string& s) {
 
 class Rewriter {
  public:
-  explicit Rewriter(const std::string& src) : src_(src), toks_(tokenize(src)) { out_.reserve(src.size() + 32); }
+  explicit Rewriter(const std::string& src) : src_(src), toks_(tokenize(src)) {
+    out_.reserve(src.size() + 32);
+  }
 
   DialectResult run() {
     emitRange(0, toks_.size(), true);
@@ -229,7 +231,8 @@ class Rewriter {
         continue;
       }
       if (t.type == Tok::Word) {
-        if (topLevel && statementStart && (isWord(i, "begin") || isWord(i, "commit") || isWord(i, "rollback"))) {
+        if (topLevel && statementStart &&
+            (isWord(i, "begin") || isWord(i, "commit") || isWord(i, "rollback"))) {
           const size_t after = transaction(i, e);
           if (after != i) {
             i = after;

@@ -62,17 +62,22 @@ class SqliteCursor : public Cursor {
   }
 
   bool next() override;
-  bool isNull(int col) const override { return !valid(col) || sqlite3_column_type(stmt_, col - 1) == SQLITE_NULL; }
+  bool isNull(int col) const override {
+    return !valid(col) || sqlite3_column_type(stmt_, col - 1) == SQLITE_NULL;
+  }
   std::string getString(int col) const override {
     if (!valid(col)) return std::string();
     const unsigned char* t = sqlite3_column_text(stmt_, col - 1);
     if (!t) return std::string();
-    return std::string(reinterpret_cast<const char*>(t), static_cast<size_t>(sqlite3_column_bytes(stmt_, col - 1)));
+    return std::string(reinterpret_cast<const char*>(t),
+                       static_cast<size_t>(sqlite3_column_bytes(stmt_, col - 1)));
   }
   long getLong(int col) const override {
     return valid(col) ? static_cast<long>(sqlite3_column_int64(stmt_, col - 1)) : 0L;
   }
-  double getDouble(int col) const override { return valid(col) ? sqlite3_column_double(stmt_, col - 1) : 0.0; }
+  double getDouble(int col) const override {
+    return valid(col) ? sqlite3_column_double(stmt_, col - 1) : 0.0;
+  }
   timeval getDate(int col) const override {
     timeval tv{0, 0};
     if (!valid(col)) return tv;
@@ -144,13 +149,14 @@ class SqliteDriver : public Driver {
   bool connect(const std::string& target, const std::string&, const std::string&) override {
     disconnect();
     path_ = target;
-    const int rc =
-        sqlite3_open_v2(path_.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI, nullptr);
+    const int rc = sqlite3_open_v2(path_.c_str(), &db_,
+                                   SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI, nullptr);
     if (rc != SQLITE_OK) {
       SybaseStatus st;
       st.dbLibSeverity = 9;
       st.dberr = rc;
-      st.dberrstr = "Unable to open database '" + path_ + "': " + (db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc));
+      st.dberrstr =
+          "Unable to open database '" + path_ + "': " + (db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc));
       st.srvname = "sqlite:" + path_;
       if (db_) sqlite3_close_v2(db_);
       db_ = nullptr;
@@ -246,9 +252,7 @@ class SqliteDriver : public Driver {
     return finish(std::make_shared<SqliteCursor>(this, nullptr, true, count < 0 ? 0 : count));
   }
 
-  long rowCount() const override {
-    return current_ ? current_->rowCount() : -1;
-  }
+  long rowCount() const override { return current_ ? current_->rowCount() : -1; }
 
   void cursorGone(SqliteCursor*) {}
 

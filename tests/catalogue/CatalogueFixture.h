@@ -19,10 +19,14 @@ class CatalogueFixture : public ::testing::Test {
  protected:
   void SetUp() override {
     ConnectionPool::destroyInstance();
-    conn_ = std::make_unique<ServiceConnectionSyb>("sqlite:" + dir_.file("archive.db"), "ops", "pw", "archive");
+    conn_ =
+        std::make_unique<ServiceConnectionSyb>("sqlite:" + dir_.file("archive.db"), "ops", "pw", "archive");
     ASSERT_EQ(conn_->acquire(), 0);
-    for (const char* schema : {"replication_queue.sqlite.sql", "file_catalogue.sqlite.sql", "safe_copies.sqlite.sql"})
-      ASSERT_EQ(conn_->execute(read(std::string(DA_SOURCE_DIR) + "/examples/schema/" + schema)).commandSucceeded(), 1);
+    for (const char* schema :
+         {"replication_queue.sqlite.sql", "file_catalogue.sqlite.sql", "safe_copies.sqlite.sql"})
+      ASSERT_EQ(
+          conn_->execute(read(std::string(DA_SOURCE_DIR) + "/examples/schema/" + schema)).commandSucceeded(),
+          1);
     stub_.acquire();
   }
   void TearDown() override {

@@ -36,36 +36,44 @@ TEST_F(KestFileDAO, ExactStatements) {
   bare.fileStatus_ = 'X';
   bare.ingestionDate_ = {1700000000, 123000};
   const std::string date = SybUtils::convertFromUnixTimeval(bare.ingestionDate_);
-  EXPECT_EQ(printed([&] { dao_.insert(bare, stub_); }),
-            "EXECUTE : insert into kest_files (file_id,file_version,file_size,uncompressed_file_size,file_status,"
-            "ingestion_date) values ('F',1,0,0,'X','" + date + "')\n");
-  EXPECT_EQ(printed([&] { dao_.insert(file("F", 2, "D"), stub_); }),
-            "EXECUTE : insert into kest_files (file_id,file_version,file_name,disk_id,format,file_size,"
-            "uncompressed_file_size,file_status,ingestion_date) values ('F',2,'F.fits','D','FITS',1000,4000,'S','" +
-                date + "')\n");
-  EXPECT_EQ(printed([&] { dao_.insert("D1", "F", 2, "D2", stub_); }),
-            "EXECUTE : INSERT INTO kest_files (file_id, file_name, file_version, disk_id, format, file_size, "
-            "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
-            "creation_date) SELECT file_id, file_name, file_version, disk_id='D2', format, file_size, "
-            "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
-            "creation_date=getdate() FROM kest_files WHERE disk_id='D1' AND file_id='F' AND file_version=2\n");
+  EXPECT_EQ(
+      printed([&] { dao_.insert(bare, stub_); }),
+      "EXECUTE : insert into kest_files (file_id,file_version,file_size,uncompressed_file_size,file_status,"
+      "ingestion_date) values ('F',1,0,0,'X','" +
+          date + "')\n");
+  EXPECT_EQ(
+      printed([&] { dao_.insert(file("F", 2, "D"), stub_); }),
+      "EXECUTE : insert into kest_files (file_id,file_version,file_name,disk_id,format,file_size,"
+      "uncompressed_file_size,file_status,ingestion_date) values ('F',2,'F.fits','D','FITS',1000,4000,'S','" +
+          date + "')\n");
+  EXPECT_EQ(
+      printed([&] { dao_.insert("D1", "F", 2, "D2", stub_); }),
+      "EXECUTE : INSERT INTO kest_files (file_id, file_name, file_version, disk_id, format, file_size, "
+      "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
+      "creation_date) SELECT file_id, file_name, file_version, disk_id='D2', format, file_size, "
+      "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
+      "creation_date=getdate() FROM kest_files WHERE disk_id='D1' AND file_id='F' AND file_version=2\n");
   EXPECT_EQ(printed([&] { dao_.update("F", 'X', stub_); }),
             "EXECUTE : update kest_files set file_status = 'X' where file_id='F'\n");
   EXPECT_EQ(printed([&] { dao_.update("F", 1, "D", 'X', stub_); }),
-            "EXECUTE : update kest_files set file_status = 'X' where file_id='F' and file_version=1 and disk_id='D'\n");
+            "EXECUTE : update kest_files set file_status = 'X' where file_id='F' and file_version=1 and "
+            "disk_id='D'\n");
   EXPECT_EQ(printed([&] { dao_.remove("O'Neil", 0, "", stub_); }),
             "EXECUTE : delete kest_files where file_id='O''Neil'\n");
   const std::string select =
-      "select file_id, file_name, file_version, disk_id, format, file_size, uncompressed_file_size, compression, "
+      "select file_id, file_name, file_version, disk_id, format, file_size, uncompressed_file_size, "
+      "compression, "
       "ingestion_date, ignore, checksum, checksum_plugin, file_status, creation_date from kest_files";
   std::vector<KestFile> out;
   EXPECT_EQ(printed([&] { dao_.find("F", 3, "D", out, stub_); }),
-            "EXECUTE : " + select + " where file_id='F' AND file_version=3 AND disk_id='D' order by ingestion_date\n");
+            "EXECUTE : " + select +
+                " where file_id='F' AND file_version=3 AND disk_id='D' order by ingestion_date\n");
   EXPECT_EQ(printed([&] { dao_.find('S', out, stub_); }),
             "EXECUTE : " + select + " where file_status='S' order by ingestion_date\n");
   KestFilesSafeDAOSyb safe("kest_files_safe");
-  EXPECT_EQ(printed([&] { EXPECT_EQ(safe.find("F", 2, stub_), -1); }),
-            "EXECUTE : select file_id, file_version from kest_files_safe where file_id='F' AND file_version=2\n");
+  EXPECT_EQ(
+      printed([&] { EXPECT_EQ(safe.find("F", 2, stub_), -1); }),
+      "EXECUTE : select file_id, file_version from kest_files_safe where file_id='F' AND file_version=2\n");
 
   // Refusals run nothing; the status texts follow the replication wording.
   testsupport::LogCapture log;
@@ -75,7 +83,8 @@ TEST_F(KestFileDAO, ExactStatements) {
   EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Can't insert kest file with empty fileId\n"));
   EXPECT_EQ(log.count("Can't insert kest file with empty fields"), 2u);
   printed([&] { dao_.update("F", 1, "", 'Q', stub_); });
-  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Could not update replication request file=F version=1 to status Q\n"));
+  EXPECT_TRUE(
+      log.contains("<D> DEBUG [ <t> ] Could not update replication request file=F version=1 to status Q\n"));
 }
 
 TEST_F(KestFileDAO, RoundTripsAndTheCopyToAnotherDisk) {
@@ -128,10 +137,12 @@ TEST_F(KestFileDAO, RoundTripsAndTheCopyToAnotherDisk) {
 
 TEST_F(KestFileDAO, NullsAndSizesBeyondThirtyTwoBits) {
   conn_->execute(
-      "insert into kest_files (file_id, file_version, disk_id, file_size, uncompressed_file_size, file_status) "
+      "insert into kest_files (file_id, file_version, disk_id, file_size, uncompressed_file_size, "
+      "file_status) "
       "values ('big', 1, 'D', 3221225472, -3221225472, NULL)");
   conn_->execute(
-      "insert into kest_files (file_id, file_version, disk_id, file_size, uncompressed_file_size, ingestion_date) "
+      "insert into kest_files (file_id, file_version, disk_id, file_size, uncompressed_file_size, "
+      "ingestion_date) "
       "values ('frac', 1, 'D', 3.9, -3.9, NULL)");
   std::vector<KestFile> rows;
   ASSERT_EQ(dao_.find("big", rows, *conn_), 1);

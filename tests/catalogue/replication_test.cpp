@@ -33,9 +33,10 @@ TEST(ReplicationRequestRecord, StatusKeyAndDescription) {
   r.priority_ = 3;
   r.lastUpdateTime_ = {1600, 0};
   r.message_ = "m";
-  EXPECT_EQ(r.toString(),
-            "file_id = \"F1\"; file_version = \"2\"; disk_id = \"D9\"; submitter_id = \"ops\"; submission_time = "
-            "1500.5 priority = \"3\"; status_id = \"6\"; last_update_time = 1600 message = \"m\"; ");
+  EXPECT_EQ(
+      r.toString(),
+      "file_id = \"F1\"; file_version = \"2\"; disk_id = \"D9\"; submitter_id = \"ops\"; submission_time = "
+      "1500.5 priority = \"3\"; status_id = \"6\"; last_update_time = 1600 message = \"m\"; ");
 }
 
 class ReplicationDAO : public CatalogueFixture {
@@ -58,14 +59,18 @@ TEST_F(ReplicationDAO, ExactStatements) {
             "EXECUTE : insert into repl_queue (file_id,file_version,submitter_id,priority,status_id) values "
             "('F',1,'ops',5,0)\n");
   EXPECT_EQ(printed([&] { dao_.insert(request("F", 1, "D", "O'Brien's"), stub_); }),
-            "EXECUTE : insert into repl_queue (file_id,file_version,disk_id,submitter_id,priority,status_id,message) "
+            "EXECUTE : insert into repl_queue "
+            "(file_id,file_version,disk_id,submitter_id,priority,status_id,message) "
             "values ('F',1,'D','ops',5,0,'O''Brien''s')\n");
-  EXPECT_EQ(printed([&] { dao_.update("F", RR::Replicated, "", stub_); }),
-            "EXECUTE : update repl_queue set status_id = 5, last_update_time = getdate() where file_id='F'\n");
-  EXPECT_EQ(printed([&] { dao_.update("F", 2, "D", RR::Error, "bad", stub_); }),
-            "EXECUTE : update repl_queue set status_id = -1, last_update_time = getdate(), message = 'bad' where "
-            "file_id='F' and file_version=2 and disk_id='D'\n");
-  EXPECT_EQ(printed([&] { dao_.remove("F", 0, "", stub_); }), "EXECUTE : delete repl_queue where file_id='F'\n");
+  EXPECT_EQ(
+      printed([&] { dao_.update("F", RR::Replicated, "", stub_); }),
+      "EXECUTE : update repl_queue set status_id = 5, last_update_time = getdate() where file_id='F'\n");
+  EXPECT_EQ(
+      printed([&] { dao_.update("F", 2, "D", RR::Error, "bad", stub_); }),
+      "EXECUTE : update repl_queue set status_id = -1, last_update_time = getdate(), message = 'bad' where "
+      "file_id='F' and file_version=2 and disk_id='D'\n");
+  EXPECT_EQ(printed([&] { dao_.remove("F", 0, "", stub_); }),
+            "EXECUTE : delete repl_queue where file_id='F'\n");
   EXPECT_EQ(printed([&] { dao_.remove("F", -3, "D", stub_); }),
             "EXECUTE : delete repl_queue where file_id='F' and disk_id='D'\n");
   std::vector<RR> out;
@@ -84,8 +89,9 @@ TEST_F(ReplicationDAO, ExactStatements) {
   EXPECT_EQ(printed([&] { EXPECT_EQ(dao_.insert(request("", 1, ""), stub_), -1); }), "");
   EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Can't insert replication request with empty fileId\n"));
   printed([&] { dao_.update("F", 2, "D", RR::Ready, "", stub_); });
-  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Could not update replication request file=F version=2 disk=D to "
-                           "status Ready\n"));
+  EXPECT_TRUE(
+      log.contains("<D> DEBUG [ <t> ] Could not update replication request file=F version=2 disk=D to "
+                   "status Ready\n"));
 }
 
 TEST_F(ReplicationDAO, RoundTrips) {
@@ -107,8 +113,9 @@ TEST_F(ReplicationDAO, RoundTrips) {
   // Status moves: one version and disk, then every row of the file.
   EXPECT_EQ(dao_.update("F1", 2, "D1", RR::Replicating, "", *conn_), 1);
   EXPECT_EQ(dao_.update("F1", RR::Replicated, "done", *conn_), 2);
-  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Successfully updated replication request file=F1 to status "
-                           "Replicated\n"));
+  EXPECT_TRUE(
+      log.contains("<D> DEBUG [ <t> ] Successfully updated replication request file=F1 to status "
+                   "Replicated\n"));
   EXPECT_EQ(dao_.update("nope", RR::Replicated, "", *conn_), 0);
   std::vector<RR> replicated;
   EXPECT_EQ(dao_.find(RR::Replicated, replicated, *conn_), 2);

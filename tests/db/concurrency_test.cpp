@@ -26,7 +26,8 @@ TEST_F(PoolConcurrency, SixteenThreadsThreeServerUserPairsOneReaper) {
   std::string dbrc;
   const char* pairs[][2] = {{"a", "u1"}, {"b", "u2"}, {"a", "u3"}};
   for (int i = 0; i < 6; ++i)
-    dbrc += server(pairs[i % 3][0]) + " db " + pairs[i % 3][1] + " " + pw + " ALIAS" + std::to_string(i) + "\n";
+    dbrc +=
+        server(pairs[i % 3][0]) + " db " + pairs[i % 3][1] + " " + pw + " ALIAS" + std::to_string(i) + "\n";
   dir_.write(".dbrc", dbrc, 0600);
 
   ConnectionPool* pool = ConnectionPool::instance();
@@ -51,7 +52,8 @@ TEST_F(PoolConcurrency, SixteenThreadsThreeServerUserPairsOneReaper) {
         }
         // Straight from the pool, so that the login itself can be watched.
         const auto& pair = pairs[(t + i) % 3];
-        SybaseConnection* login = ConnectionPool::instance()->acquireConnection(server(pair[0]), pair[1], "pw");
+        SybaseConnection* login =
+            ConnectionPool::instance()->acquireConnection(server(pair[0]), pair[1], "pw");
         if (login == nullptr) {
           ++failures;
           continue;

@@ -40,8 +40,8 @@ TEST_F(Parameters, WhichLineServesAnAlias) {
       {"s1 d1 u1" + p + "\ns2 d2 u2" + p + "\n", "A", "s2", "d2", "u2"},
       {"s1 d1 u1" + p + "A\ns2 d2 u2" + p + "\n", "A", "s1", "d1", "u1"},
       // Comments, short lines, blank lines, tabs, extra fields.
-      {"#srv db usr" + p + "A\n  # x y z w\n\nshort line\nsrv#1\tdb \t usr\t" + pw_ + "\tA extra\n", "A", "srv#1",
-       "db", "usr"},
+      {"#srv db usr" + p + "A\n  # x y z w\n\nshort line\nsrv#1\tdb \t usr\t" + pw_ + "\tA extra\n", "A",
+       "srv#1", "db", "usr"},
       // Alias match is case-sensitive.
       {"s1 d1 u1" + p + "a\ns2 d2 u2" + p + "\n", "A", "s2", "d2", "u2"},
   };

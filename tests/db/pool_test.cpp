@@ -64,8 +64,8 @@ TEST_F(Pool, SizeLimitsAndFailures) {
 
   pool()->setMaxPoolSize(20);
   EXPECT_EQ(pool()->acquireConnection("sqlite:" + dir_.file("no/such/dir.db"), "u", "p"), nullptr);
-  EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not connect to server sqlite:" + dir_.file("no/such/dir.db") +
-                           " as user u\n"));
+  EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not connect to server sqlite:" +
+                           dir_.file("no/such/dir.db") + " as user u\n"));
   EXPECT_EQ(pool()->counts().records, 1);
 
   SybaseConnection foreign;
@@ -89,7 +89,8 @@ TEST_F(Pool, ReaperRemovesIdleAndOldFreeLoginsOnly) {
   testsupport::LogCapture log;
   pool()->setMaxIdleLifeTime(-1);
   EXPECT_EQ(pool()->reapNow(), 1);
-  EXPECT_TRUE(log.containsFragment("<D> INFO  [ <t> ] Reaper: removing connection " + server() + "/idle. LifeTime "));
+  EXPECT_TRUE(
+      log.containsFragment("<D> INFO  [ <t> ] Reaper: removing connection " + server() + "/idle. LifeTime "));
   EXPECT_TRUE(log.containsFragment(" s. IdleLifeTime "));
   EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Connection removed. Pool size 1\n"));
 

@@ -52,11 +52,11 @@ TEST_F(Service, SelectListMap) {
       {"SELECT DISTINCT a , b FROM t", 0, {{"a", 1}, {"b", 2}}},
       {"select t.a,b from t", 0, {{"t.a", 1}, {"b", 2}}},
       {"select a, a from t", 0, {{"a", 1}}},
-      {"select a, from t", -1, {}},             // a syntax error: nothing mapped
-      {"select a,b From t", 0, {}},             // neither "from" nor "FROM"
+      {"select a, from t", -1, {}},  // a syntax error: nothing mapped
+      {"select a,b From t", 0, {}},  // neither "from" nor "FROM"
       {"select * from t", 0, {{"*", 1}}},
       {"select a as x, max(a, c) from t", 0, {{"aasx", 1}, {"max(a", 2}, {"c)", 3}}},
-      {"update t set a = 1", -1, {}},           // not a select: not executed
+      {"update t set a = 1", -1, {}},  // not a select: not executed
   };
   for (const Case& c : cases) {
     ServiceConnectionSyb::ListOfFieldIndex map;
@@ -139,7 +139,8 @@ TEST_F(Service, ErrorHandlerLogsServerAndClientErrors) {
   testsupport::LogCapture log;
   conn_->execute("select * from missing");
   ASSERT_EQ(log.count("Error number:"), 1u);
-  EXPECT_TRUE(log.containsFragment("ERROR [ <t> ] " + server() + " Error number: 1 no such table: missing Severity: 16"));
+  EXPECT_TRUE(log.containsFragment("ERROR [ <t> ] " + server() +
+                                   " Error number: 1 no such table: missing Severity: 16"));
 
   SybaseStatus info;
   info.msgno = 5701;

@@ -51,8 +51,8 @@ TEST_F(Stcrypt, BadTextsFailCleanlyWithOneLineNamingTheKey) {
   std::string tampered = seal("secret");
   tampered[tampered.size() / 2] = tampered[tampered.size() / 2] == 'A' ? 'B' : 'A';
   const std::string tooLong(300, 'A');
-  for (const std::string& bad : {tampered, seal("secret").substr(0, 30), std::string("!!not base64!!"),
-                                 std::string(""), tooLong}) {
+  for (const std::string& bad :
+       {tampered, seal("secret").substr(0, 30), std::string("!!not base64!!"), std::string(""), tooLong}) {
     testsupport::LogCapture log;
     char out[STCRYPT_BUF_SIZE] = "junk";
     EXPECT_EQ(stdecrypt(bad.c_str(), out), -1) << bad;
@@ -108,8 +108,8 @@ TEST_F(Stcrypt, KeyFileRules) {
 
 TEST_F(Stcrypt, ToolPrintsALineThatDeciphers) {
   const std::string newKey = dir_.file("tool.key");
-  const std::string cmd = "printf 'hunter2\\n' | STCRYPT_KEY_FILE=" + newKey + " " STENCRYPT_TOOL
-                          " SRV db usr ALIAS 2>/dev/null";
+  const std::string cmd =
+      "printf 'hunter2\\n' | STCRYPT_KEY_FILE=" + newKey + " " STENCRYPT_TOOL " SRV db usr ALIAS 2>/dev/null";
   FILE* p = popen(cmd.c_str(), "r");
   ASSERT_NE(p, nullptr);
   char buf[512] = {0};

@@ -130,9 +130,12 @@ TEST_F(Connection, ErrorsReachTheHandlerAndNeverThrow) {
 
   // A batch stops at its first failing statement.
   g_seen.clear();
-  EXPECT_EQ(conn_.execute("insert into t (id) values (7); insert into nowhere values (1); insert into t (id) values (8)")
-                .commandSucceeded(),
-            0);
+  EXPECT_EQ(
+      conn_
+          .execute(
+              "insert into t (id) values (7); insert into nowhere values (1); insert into t (id) values (8)")
+          .commandSucceeded(),
+      0);
   SybaseResultSet count = conn_.execute("select count(*) from t where id in (7, 8)");
   ASSERT_TRUE(count.next());
   EXPECT_EQ(count.getLongValue(1), 1);
@@ -168,10 +171,12 @@ TEST_F(Connection, NestedTransactionsAndSiblingDatabases) {
   EXPECT_FALSE(rs.next());
 
   // obrep2..x lives in obrep2.db beside the main file.
-  ASSERT_EQ(conn_.execute("create table obrep2..constraint_sets (cs_id int); insert into obrep2..constraint_sets "
-                          "values (42)")
-                .commandSucceeded(),
-            1);
+  ASSERT_EQ(
+      conn_
+          .execute("create table obrep2..constraint_sets (cs_id int); insert into obrep2..constraint_sets "
+                   "values (42)")
+          .commandSucceeded(),
+      1);
   SybaseConnection second;
   ASSERT_EQ(second.connect("sqlite:" + dir_.file("obrep2.db"), "u", "p"), 0);
   SybaseResultSet cs = second.execute("select cs_id from constraint_sets");

@@ -52,12 +52,13 @@ TEST(Dates, RoundTripThroughStorageToTheMillisecond) {
   SybaseConnection conn;
   ASSERT_EQ(conn.connect("sqlite:" + dir.file("d.db"), "u", "p"), 0);
   conn.execute("create table d (id int, at datetime)");
-  const timeval cases[] = {localTime(2026, 11, 22, 23, 59, 59, 999999), localTime(2026, 11, 23, 0, 0, 0, 1000),
-                           localTime(2000, 2, 29, 12, 0, 0, 5000), localTime(1999, 12, 31, 23, 59, 59, 500)};
+  const timeval cases[] = {localTime(2026, 11, 22, 23, 59, 59, 999999),
+                           localTime(2026, 11, 23, 0, 0, 0, 1000), localTime(2000, 2, 29, 12, 0, 0, 5000),
+                           localTime(1999, 12, 31, 23, 59, 59, 500)};
   int id = 0;
   for (const timeval& tv : cases) {
-    conn.execute("insert into d values (" + std::to_string(++id) + ", '" + SybUtils::convertFromUnixTimeval(tv) +
-                 "')");
+    conn.execute("insert into d values (" + std::to_string(++id) + ", '" +
+                 SybUtils::convertFromUnixTimeval(tv) + "')");
   }
   SybaseResultSet rs = conn.execute("select at from d order by id");
   for (const timeval& tv : cases) {

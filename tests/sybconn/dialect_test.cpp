@@ -12,7 +12,8 @@ const std::string kNow = "strftime('%Y%m%d %H:%M:%f','now','localtime')";
 }  // namespace
 
 TEST(Dialect, DatabaseQualifiedNames) {
-  auto r = rewriteSybaseToSqlite("select a from obrep2..constraint_sets c, ambient.dbo.seeing_torvane s, obrep2..x");
+  auto r = rewriteSybaseToSqlite(
+      "select a from obrep2..constraint_sets c, ambient.dbo.seeing_torvane s, obrep2..x");
   EXPECT_EQ(r.sql, "select a from obrep2.constraint_sets c, ambient.seeing_torvane s, obrep2.x");
   EXPECT_EQ(r.databases, (std::vector<std::string>{"obrep2", "ambient"}));
   EXPECT_TRUE(rewriteSybaseToSqlite("select 'obrep2..t' from t").databases.empty());
@@ -39,10 +40,11 @@ TEST(Dialect, NumberedTransactions) {
 }
 
 TEST(Dialect, AliasFormOfSelectItems) {
-  EXPECT_EQ(rw("INSERT INTO T (a, disk_id, creation_date) SELECT a, disk_id='D2', creation_date=getdate() FROM T "
-                "WHERE disk_id='D1'"),
-            "INSERT INTO T (a, disk_id, creation_date) SELECT a, 'D2' AS disk_id, " + kNow +
-                " AS creation_date FROM T WHERE disk_id='D1'");
+  EXPECT_EQ(
+      rw("INSERT INTO T (a, disk_id, creation_date) SELECT a, disk_id='D2', creation_date=getdate() FROM T "
+         "WHERE disk_id='D1'"),
+      "INSERT INTO T (a, disk_id, creation_date) SELECT a, 'D2' AS disk_id, " + kNow +
+          " AS creation_date FROM T WHERE disk_id='D1'");
   // Comparisons outside the select list and variables are not items.
   EXPECT_EQ(rw("select a from t where b=1"), "select a from t where b=1");
   EXPECT_EQ(rw("select @x = 1"), "select @x = 1");
@@ -56,7 +58,8 @@ TEST(Dialect, GetdateAndLiteralsUntouched) {
             "update t set d = " + kNow + " where x='getdate()'");
   EXPECT_EQ(rw("select GETDATE ( )"), "select " + kNow);
   const std::string tricky =
-      "insert into t values ('it''s a..b', \"delete T where\", 'x=getdate()') -- begin Tran A1\n/* commit A1 */";
+      "insert into t values ('it''s a..b', \"delete T where\", 'x=getdate()') -- begin Tran A1\n/* commit A1 "
+      "*/";
   EXPECT_EQ(rw(tricky), tricky);
   // An unterminated literal runs to the end and is kept as it is.
   EXPECT_EQ(rw("select 'abc getdate()"), "select 'abc getdate()");
