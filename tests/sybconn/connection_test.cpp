@@ -4,6 +4,8 @@
 #include <sybconn/ArcSysUtils.h>
 #include <sybconn/SybaseConnection.h>
 
+#include "sybconn/drivers/SqliteDriver.h"
+
 #include <vector>
 
 #include "tests/support/TempDir.h"
@@ -139,6 +141,28 @@ TEST_F(Connection, ErrorsReachTheHandlerAndNeverThrow) {
   SybaseResultSet count = conn_.execute("select count(*) from t where id in (7, 8)");
   ASSERT_TRUE(count.next());
   EXPECT_EQ(count.getLongValue(1), 1);
+}
+
+TEST_F(Connection, ALockedFileIsAnErrorNotAHang) {
+  const int saved = sybconn::sqliteBusyTimeoutMs();
+  sybconn::setSqliteBusyTimeoutMs(20);
+  SybaseConnection other;
+  ASSERT_EQ(other.connect("sqlite:" + dir_.file("main.db"), "u", "p"), 0);
+  sybconn::setSqliteBusyTimeoutMs(saved);
+  // This connection holds the write lock; the other gives up after its time-out.
+  ASSERT_EQ(conn_.execute("begin Tran A1").commandSucceeded(), 1);
+  conn_.execute("insert into t (id) values (1)");
+  g_seen.clear();
+  EXPECT_EQ(other.execute("insert into t (id) values (2)").commandSucceeded(), 0);
+  ASSERT_EQ(g_seen.size(), 1u);
+  EXPECT_NE(g_seen[0].msgtext.find("locked"), std::string::npos);
+  EXPECT_GT(g_seen[0].srvSeverity, 16);
+  // Readers still see the last committed state meanwhile.
+  SybaseResultSet rs = other.execute("select count(*) from t");
+  ASSERT_TRUE(rs.next());
+  EXPECT_EQ(rs.getLongValue(1), 0);
+  ASSERT_EQ(conn_.execute("commit A1").commandSucceeded(), 1);
+  EXPECT_EQ(other.execute("insert into t (id) values (2)").commandSucceeded(), 1);
 }
 
 TEST_F(Connection, LoginFailuresAreReportedAsClientErrors) {
