@@ -15,7 +15,9 @@ build: deps
 	cmake --preset default >/dev/null
 	$(CMAKE_BUILD) default -j $(JOBS)
 
-demo: build
+demo: deps
+	cmake --preset default >/dev/null
+	$(CMAKE_BUILD) default -j $(JOBS) --target dataAccessDemo
 	@bash examples/run-demo.sh build/default
 
 test: test-default test-asan test-tsan
