@@ -1,0 +1,302 @@
+/* String, time, file and host helpers of the archive client library. */
+#define _GNU_SOURCE
+#include <ctype.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <time.h>
+#include <unistd.h>
+
+#include "tobasInternal.h"
+
+int _tobasCopy(char* dst, size_t size, const char* src) {
+  if (size == 0) return -1;
+  size_t len = strlen(src);
+  if (len >= size) {
+    memcpy(dst, src, size - 1);
+    dst[size - 1] = '\0';
+    return -1;
+  }
+  memcpy(dst, src, len + 1);
+  return 0;
+}
+
+int _tobasAppendf(char* buf, size_t size, const char* format, ...) {
+  size_t used = strnlen(buf, size);
+  if (used >= size) return -1;
+  va_list ap;
+  va_start(ap, format);
+  int n = vsnprintf(buf + used, size - used, format, ap);
+  va_end(ap);
+  if (n < 0 || (size_t)n >= size - used) return -1;
+  return 0;
+}
+
+int _tobasSendAll(int fd, const char* buf, size_t len) {
+  while (len > 0) {
+    ssize_t n = send(fd, buf, len, MSG_NOSIGNAL);
+    if (n < 0 && errno == ENOTSOCK) n = write(fd, buf, len);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    buf += n;
+    len -= (size_t)n;
+  }
+  return 0;
+}
+
+int _tobasWriteAll(int fd, const char* buf, size_t len) {
+  while (len > 0) {
+    ssize_t n = write(fd, buf, len);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return -1;
+    }
+    buf += n;
+    len -= (size_t)n;
+  }
+  return 0;
+}
+
+double _tobasNow(void) {
+  struct timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return (double)ts.tv_sec + (double)ts.tv_nsec / 1e9;
+}
+
+int tobasSplitFilename(const char* complPath, char* path, char* filename) {
+  const char* slash = strrchr(complPath, '/');
+  if (slash == NULL) {
+    strcpy(path, ".");
+    return _tobasCopy(filename, tobasBIG_BUF_SIZE, complPath) == 0 ? 0 : 1;
+  }
+  size_t dirLen = (size_t)(slash - complPath);
+  if (dirLen == 0) dirLen = 1; /* the root keeps its slash */
+  if (dirLen >= tobasBIG_BUF_SIZE) return 1;
+  memcpy(path, complPath, dirLen);
+  path[dirLen] = '\0';
+  return _tobasCopy(filename, tobasBIG_BUF_SIZE, slash + 1) == 0 ? 0 : 1;
+}
+
+int tobasGenIsoTime(int precision, char* isoTime) {
+  static const char* const months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                       "Jul", "Aug", "Sep", "Oct", "Nov"};
+  struct timeval tv;
+  gettimeofday(&tv, NULL);
+  time_t secs = tv.tv_sec;
+  struct tm tmv;
+  char asc[64];
+  gmtime_r(&secs, &tmv);
+  if (asctime_r(&tmv, asc) == NULL) {
+    isoTime[0] = '\0';
+    return tobasSTAT_FAILURE;
+  }
+  /* "Www Mmm dd hh:mm:ss yyyy\n" split on blanks */
+  char* pieces[5] = {"", "", "", "", ""};
+  char* save = NULL;
+  int n = 0;
+  for (char* tok = strtok_r(asc, " ", &save); tok != NULL && n < 5; tok = strtok_r(NULL, " ", &save))
+    pieces[n++] = tok;
+  const char* month = "12";
+  static const char* const numbers[] = {"01", "02", "03", "04", "05", "06", "07", "08", "09", "10", "11"};
+  for (int i = 0; i < 11; ++i) {
+    if (strstr(pieces[1], months[i]) != NULL) {
+      month = numbers[i];
+      break;
+    }
+  }
+  int day = atoi(pieces[2]);
+  char dayStr[16];
+  snprintf(dayStr, sizeof dayStr, day < 10 ? "0%d" : "%d", day);
+  char* year = pieces[4];
+  char* nl = strchr(year, '\n');
+  if (nl) *nl = '\0';
+  snprintf(isoTime, tobasSMALL_BUF_SIZE, "%s-%s-%sT%s", year, month, dayStr, pieces[3]);
+  if (precision != 0) {
+    if (precision < 0) precision = 0;
+    if (precision > 9) precision = 9;
+    char fmt[16], frac[32];
+    snprintf(fmt, sizeof fmt, "%%.%df", precision);
+    snprintf(frac, sizeof frac, fmt, (double)tv.tv_usec / 1e6);
+    _tobasAppendf(isoTime, tobasSMALL_BUF_SIZE, "%s", frac + 1); /* drop the leading "0" */
+  }
+  return tobasSTAT_SUCCESS;
+}
+
+int tobasTrimString(char* str, const char* trimChars) {
+  size_t len = strlen(str);
+  while (len > 0 && strchr(trimChars, str[len - 1]) != NULL) str[--len] = '\0';
+  size_t start = 0;
+  while (start < len && strchr(trimChars, str[start]) != NULL) ++start;
+  if (start > 0) memmove(str, str + start, len - start + 1);
+  return tobasSTAT_SUCCESS;
+}
+
+int tobasToUpper(char* str) {
+  for (; *str; ++str) *str = (char)toupper((unsigned char)*str);
+  return tobasSTAT_SUCCESS;
+}
+
+char* tobasStrRStr(const char* str, const char* subStr) {
+  const char* last = NULL;
+  if (*subStr == '\0') return (char*)str + strlen(str);
+  for (const char* p = strstr(str, subStr); p != NULL; p = strstr(p + 1, subStr)) last = p;
+  return (char*)last;
+}
+
+int tobasLoadFile(const char* filename, char** buf, size_t* size) {
+  TOBAS_ENTER("tobasLoadFile");
+  *buf = NULL;
+  if (size) *size = 0;
+  tobasLogInfo(LEV4, "Opening/loading file: %s ...", filename);
+  int fd = open(filename, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    TOBAS_LEAVE("tobasLoadFile", tobasERR_FILE);
+    return tobasERR_FILE;
+  }
+  size_t cap = 64 * 1024, len = 0;
+  struct stat st;
+  if (fstat(fd, &st) == 0 && S_ISREG(st.st_mode)) cap = (size_t)st.st_size + 1;
+  char* data = malloc(cap);
+  int stat = tobasSTAT_SUCCESS;
+  while (data != NULL) {
+    if (len + 1 >= cap) {
+      char* bigger = realloc(data, cap * 2);
+      if (bigger == NULL) {
+        free(data);
+        data = NULL;
+        break;
+      }
+      data = bigger;
+      cap *= 2;
+    }
+    ssize_t n = read(fd, data + len, cap - len - 1);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      stat = tobasERR_FILE;
+      break;
+    }
+    if (n == 0) break;
+    len += (size_t)n;
+  }
+  close(fd);
+  if (data == NULL) stat = tobasERR_ALLOC_MEM;
+  if (stat != tobasSTAT_SUCCESS) {
+    free(data);
+    TOBAS_LEAVE("tobasLoadFile", stat);
+    return stat;
+  }
+  data[len] = '\0';
+  *buf = data;
+  if (size) *size = len;
+  tobasLogInfo(LEV4, "Opened/loaded file: %s", filename);
+  TOBAS_LEAVE("tobasLoadFile", 0);
+  return tobasSTAT_SUCCESS;
+}
+
+int tobasSaveInFile(const char* filename, const char* buf, size_t size) {
+  TOBAS_ENTER("tobasSaveInFile");
+  int fd = open(filename, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int stat = tobasSTAT_SUCCESS;
+  if (fd < 0) {
+    stat = tobasERR_FILE;
+  } else {
+    if (_tobasWriteAll(fd, buf, size) != 0) stat = tobasERR_FILE;
+    if (close(fd) != 0) stat = tobasERR_FILE;
+  }
+  TOBAS_LEAVE("tobasSaveInFile", stat);
+  return stat;
+}
+
+int tobasIsDir(const char* path) {
+  struct stat st;
+  return path != NULL && stat(path, &st) == 0 && S_ISDIR(st.st_mode) ? 1 : 0;
+}
+
+int tobasGetHostName(char* hostName) {
+  const char* name = getenv("HOSTNAME");
+  if (name == NULL) name = getenv("HOST");
+  if (name == NULL) {
+    hostName[0] = '\0';
+    return tobasSTAT_FAILURE;
+  }
+  return _tobasCopy(hostName, tobasMED_BUF_SIZE, name) == 0 ? tobasSTAT_SUCCESS : tobasSTAT_FAILURE;
+}
+
+const char* tobasVersion(void) { return "v3.1.1"; }
+
+const char* tobasVersionDate(void) { return "2007-07-12T10:30:00"; }
+
+const char* tobasLicense(void) {
+  return "TOB/AS C-API - archive server client library.\n"
+         "\n"
+         "Redistribution and use in source and binary forms, with or without modification, are\n"
+         "permitted provided that the following conditions are met:\n"
+         "\n"
+         "1. Redistributions of source code must retain the above copyright notice, this list of\n"
+         "   conditions and the following disclaimer.\n"
+         "2. Redistributions in binary form must reproduce the above copyright notice, this list of\n"
+         "   conditions and the following disclaimer in the documentation and/or other materials\n"
+         "   provided with the distribution.\n"
+         "3. The name of the author may not be used to endorse or promote products derived from this\n"
+         "   software without specific prior written permission.\n"
+         "\n"
+         "THIS SOFTWARE IS PROVIDED ``AS IS'' AND ANY EXPRESS OR IMPLIED WARRANTIES, INCLUDING, BUT NOT\n"
+         "LIMITED TO, THE IMPLIED WARRANTIES OF MERCHANTABILITY AND FITNESS FOR A PARTICULAR PURPOSE ARE\n"
+         "DISCLAIMED. IN NO EVENT SHALL THE AUTHOR BE LIABLE FOR ANY DIRECT, INDIRECT, INCIDENTAL,\n"
+         "SPECIAL, EXEMPLARY, OR CONSEQUENTIAL DAMAGES ARISING IN ANY WAY OUT OF THE USE OF THIS\n"
+         "SOFTWARE, EVEN IF ADVISED OF THE POSSIBILITY OF SUCH DAMAGE.\n";
+}
+
+const char* tobasManPage(void) {
+  return "NAME\n"
+         "  tobasCClient - send commands to an archive server\n"
+         "\n"
+         "SYNOPSIS\n"
+         "  tobasCClient [-host <Host> -port <Port> | -servers <Host:Port>,...] -cmd <Command>\n"
+         "               [-auth <Access Code>] [-v <Level>] [-d] [-noWait] [-status]\n"
+         "               [-timeOut <Secs>] [-par <Parameter> [-val <Val>]] ...\n"
+         "  tobasCClient -version | -license\n"
+         "\n"
+         "COMMANDS\n"
+         "  ARCHIVE      archive a file: -par fileUri <URI> [-par mimeType <Type>]\n"
+         "  CLONE        clone files: -par file_id, file_version, disk_id, target_disk_id\n"
+         "  EXIT         make the server terminate\n"
+         "  INIT         make the server re-initialise\n"
+         "  LABEL        print the label of a disk: -par slot_id <Slot>\n"
+         "  ONLINE       bring the server online\n"
+         "  OFFLINE      bring the server offline\n"
+         "  REGISTER     register files found under a path: -par path <Path>\n"
+         "  REMDISK      remove a disk: -par disk_id <Disk> [-par execute 1]\n"
+         "  REMFILE      remove a file: -par disk_id, file_id, file_version [-par execute 1]\n"
+         "  RESTORE      restore a file: -par fileUri, file_id, file_version\n"
+         "  RETRIEVE     retrieve a file: -par file_id <Id> [-par file_version <V>] [-par targetFile <F>]\n"
+         "  STATUS       query the state of the server\n"
+         "  SUBSCRIBE    subscribe to data: -par url <URL> [-par priority, start_date, ...]\n"
+         "  UNSUBSCRIBE  cancel a subscription: -par url <URL>\n"
+         "\n"
+         "OPTIONS\n"
+         "  -host <Host>          server host\n"
+         "  -port <Port>          server port\n"
+         "  -servers <List>       comma-separated host:port list; servers are tried in turn\n"
+         "  -cmd <Command>        command to send\n"
+         "  -auth <Access Code>   access code sent in an Authorization header\n"
+         "  -v <Level>            level (0-5) of the log lines echoed on standard output\n"
+         "  -version              print the version of the library\n"
+         "  -d                    print the status document returned by the server\n"
+         "  -noWait               do not wait for the command to be completed\n"
+         "  -status               print the status returned by the server\n"
+         "  -license              print the licence notice\n"
+         "  -timeOut <Secs>       reply time-out in seconds\n"
+         "  -par <Parameter> [-val <Val>]  a parameter of the command and its value\n"
+         "\n"
+         "ENVIRONMENT\n"
+         "  TOBAS_LOG_FILE, TOBAS_LOG_LEVEL, TOBAS_VERBOSE_LEVEL\n";
+}
