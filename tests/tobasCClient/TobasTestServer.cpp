@@ -1,0 +1,182 @@
+#include "TobasTestServer.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+namespace tobastest {
+
+namespace {
+// Every test program logs into a private folder, never the tree or the home folder.
+struct LogEnv {
+  std::string dir;
+  LogEnv() {
+    char tmpl[] = "/tmp/tobas-log-XXXXXX";
+    dir = mkdtemp(tmpl);
+    setenv("TOBAS_LOG_FILE", (dir + "/tobas.log").c_str(), 1);
+    setenv("TOBAS_LOG_LEVEL", "5", 1);
+    unsetenv("TOBAS_VERBOSE_LEVEL");
+  }
+  ~LogEnv() {
+    std::error_code ec;
+    std::filesystem::remove_all(dir, ec);
+  }
+} logEnv;
+}  // namespace
+
+TestServer::TestServer() {
+  listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(listenFd_, 16) != 0)
+    throw std::runtime_error("cannot listen on loopback");
+  socklen_t len = sizeof addr;
+  getsockname(listenFd_, reinterpret_cast<sockaddr*>(&addr), &len);
+  port_ = ntohs(addr.sin_port);
+  thread_ = std::thread([this] { run(); });
+}
+
+TestServer::~TestServer() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    stop_ = true;
+  }
+  thread_.join();
+  close(listenFd_);
+}
+
+void TestServer::push(const Reply& r) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  replies_.push_back(r);
+}
+
+std::vector<std::string> TestServer::requests() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return requests_;
+}
+
+size_t TestServer::connections() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return connections_;
+}
+
+std::string TestServer::readRequest(int fd) {
+  std::string data;
+  char buf[65536];
+  size_t headerEnd = std::string::npos;
+  long bodyLen = 0;
+  for (;;) {
+    pollfd p{fd, POLLIN, 0};
+    if (poll(&p, 1, 5000) <= 0) break;
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n <= 0) break;
+    data.append(buf, static_cast<size_t>(n));
+    if (headerEnd == std::string::npos) {
+      size_t e = data.find("\r\n\n");
+      if (e == std::string::npos) continue;
+      headerEnd = e + 3;
+      std::string lower = data.substr(0, headerEnd);
+      std::transform(lower.begin(), lower.end(), lower.begin(),
+                     [](unsigned char c) { return std::tolower(c); });
+      size_t cl = lower.find("content-length:");
+      if (cl != std::string::npos) bodyLen = std::atol(lower.c_str() + cl + 15);
+    }
+    if (data.size() >= headerEnd + static_cast<size_t>(bodyLen)) break;
+  }
+  return data;
+}
+
+void TestServer::run() {
+  for (;;) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (stop_) return;
+    }
+    pollfd p{listenFd_, POLLIN, 0};
+    if (poll(&p, 1, 20) <= 0) continue;
+    int fd = accept(listenFd_, nullptr, nullptr);
+    if (fd < 0) continue;
+    Reply reply;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      ++connections_;
+      if (!replies_.empty()) {
+        reply = replies_.front();
+        replies_.pop_front();
+      } else {
+        reply.closeEarly = true;
+      }
+    }
+    std::string req = reply.readRequest ? readRequest(fd) : std::string();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      requests_.push_back(req);
+    }
+    if (reply.delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
+    if (!reply.closeEarly) {
+      size_t off = 0;
+      while (off < reply.bytes.size()) {
+        ssize_t n = send(fd, reply.bytes.data() + off, reply.bytes.size() - off, MSG_NOSIGNAL);
+        if (n <= 0) break;
+        off += static_cast<size_t>(n);
+      }
+    }
+    shutdown(fd, SHUT_WR);
+    // Let the client read everything before the socket goes away.
+    char sink[4096];
+    pollfd q{fd, POLLIN, 0};
+    while (poll(&q, 1, 200) > 0 && read(fd, sink, sizeof sink) > 0) {
+    }
+    close(fd);
+  }
+}
+
+std::string httpReply(int code, const std::string& body, const std::string& extraHeaders) {
+  std::ostringstream out;
+  out << "HTTP/1.0 " << code << " Reply text\r\n"
+      << "Content-Type: text/xml\r\n"
+      << extraHeaders << "Content-Length: " << body.size() << "\r\n\r\n"
+      << body;
+  return out.str();
+}
+
+std::string statusDoc(const std::string& status, const std::string& message) {
+  return "<?xml version=\"1.0\"?>\n<Status Date=\"2007-07-12T10:30:00.000\" HostId=\"arcsrv1\" Message=\"" +
+         message + "\" State=\"ONLINE\" SubState=\"IDLE\" Status=\"" + status + "\" Version=\"v3.1\"/>\n";
+}
+
+ScratchDir::ScratchDir() {
+  char tmpl[] = "/tmp/tobas-test-XXXXXX";
+  path_ = mkdtemp(tmpl);
+}
+
+ScratchDir::~ScratchDir() {
+  std::error_code ec;
+  std::filesystem::remove_all(path_, ec);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+void writeFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary);
+  out << content;
+}
+
+}  // namespace tobastest

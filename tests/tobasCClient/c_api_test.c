@@ -1,0 +1,52 @@
+/* Compiled as C: the public header and a few calls of the library. Exit code 0 = pass. */
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <tobasCClient/tobasCClientLib.h>
+
+static int failures = 0;
+#define CHECK(cond)                                                            \
+  do {                                                                         \
+    if (!(cond)) {                                                             \
+      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+      ++failures;                                                              \
+    }                                                                          \
+  } while (0)
+
+int main(void) {
+  char tmpl[] = "/tmp/tobas-c-XXXXXX";
+  char logFile[tobasBIG_BUF_SIZE];
+  if (mkdtemp(tmpl) == NULL) return 1;
+  snprintf(logFile, sizeof logFile, "%s/c.log", tmpl);
+  CHECK(tobasPrepLog(logFile, LEV5, -1, -1) == 0);
+
+  tobasSMALL_BUF name;
+  CHECK(tobasCmd2Str(tobasCMD_RETRIEVE, name) == 0 && strcmp(name, "RETRIEVE") == 0);
+  tobasBIG_BUF text;
+  CHECK(tobasStat2Str(tobasERR_TIMEOUT, text) == 0);
+
+  tobasPAR_ARRAY pars;
+  tobasResetParArray(&pars);
+  CHECK(tobasAddParAndVal(&pars, "file_id", "x") == 0);
+  CHECK(strcmp(tobasGetParVal(&pars, "file_id"), "x") == 0);
+
+  tobasHUGE_BUF enc;
+  CHECK(tobasEncodeUrlVal("a=b", 0, enc) == 0 && strcmp(enc, "a%3Db") == 0);
+
+  CHECK(tobasParseSrvListId("c-list", "127.0.0.1:1,localhost:2") == 0);
+  tobasSTATUS st;
+  tobasInitStatus(&st);
+  CHECK(tobasStatus("no-such-host.invalid", 80, 1.0f, &st) == tobasERR_HOST);
+  CHECK(strcmp(st.status, "FAILURE") == 0);
+  tobasFreeStatus(&st);
+
+  char* loaded = NULL;
+  CHECK(tobasLoadFile(logFile, &loaded, NULL) == 0 &&
+        strstr(loaded, "[DEBUG] Entering tobasStatus()") != NULL);
+  free(loaded);
+  remove(logFile);
+  remove(tmpl);
+  if (failures == 0) printf("c_api_test: all checks passed\n");
+  return failures == 0 ? 0 : 1;
+}

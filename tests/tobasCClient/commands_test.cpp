@@ -1,0 +1,253 @@
+// Server commands of the archive client: request paths, archiving and retrieval.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include <tobasCClient/tobasCClientLib.h>
+
+#include "TobasTestServer.h"
+
+using tobastest::httpReply;
+using tobastest::ScratchDir;
+using tobastest::statusDoc;
+using tobastest::TestServer;
+
+namespace {
+
+const std::string kOk = httpReply(200, statusDoc("SUCCESS", "done"));
+
+// The request line of a GET ("GET <path> HTTP/1.0") reduced to its path.
+std::string pathOf(const std::string& request) {
+  size_t end = request.find(" HTTP/1.0\n");
+  return end == std::string::npos ? request : request.substr(4, end - 4);
+}
+
+struct Commands : ::testing::Test {
+  TestServer srv;
+  tobasSTATUS st{};
+  const char* host = "127.0.0.1";
+  void TearDown() override { tobasFreeStatus(&st); }
+  std::string last() {
+    auto r = srv.requests();
+    return r.empty() ? std::string() : r.back();
+  }
+  template <class F>
+  std::string sent(F call) {
+    srv.push(kOk);
+    tobasFreeStatus(&st);
+    EXPECT_EQ(0, call());
+    return pathOf(last());
+  }
+};
+
+}  // namespace
+
+TEST_F(Commands, RequestPaths) {
+  int p = srv.port();
+  EXPECT_EQ("STATUS", sent([&] { return tobasStatus(host, p, 5, &st); }));
+  EXPECT_EQ(1, tobasSuccess(&st));
+  EXPECT_STREQ("done", st.message);
+  EXPECT_STREQ("arcsrv1", st.hostId);
+  EXPECT_EQ("CLONE?wait=\"1\"&file_id=\"f\"",
+            sent([&] { return tobasClone(host, p, 5, "f", -1, "", "", 1, &st); }));
+  EXPECT_EQ("CLONE?wait=\"0\"&file_id=\"a:b\"&file_version=3&disk_id=\"d=1\"&target_disk_id=\"t\"",
+            sent([&] { return tobasClone(host, p, 5, "a:b", 3, "d=1", "t", 0, &st); }));
+  EXPECT_EQ("EXIT?wait=\"1\"", sent([&] { return tobasExit(host, p, 5, 1, &st); }));
+  EXPECT_EQ("LABEL?slot_id=\"s%3A1\"", sent([&] { return tobasLabel(host, p, 5, "s:1", &st); }));
+  EXPECT_EQ("ONLINE?wait=\"0\"", sent([&] { return tobasOnline(host, p, 5, 0, &st); }));
+  EXPECT_EQ("OFFLINE?wait=\"1\"&force=1", sent([&] { return tobasOffline(host, p, 5, 1, 1, &st); }));
+  EXPECT_EQ("OFFLINE?wait=\"1\"", sent([&] { return tobasOffline(host, p, 5, 0, 1, &st); }));
+  EXPECT_EQ("REGISTER?wait=\"1\"&path=\"/a?b=c\"",
+            sent([&] { return tobasRegister(host, p, 5, "/a?b=c", 1, &st); }));
+  EXPECT_EQ("REMDISK?disk_id=\"d%261\"&execute=0",
+            sent([&] { return tobasRemDisk(host, p, 5, "d&1", 0, &st); }));
+  EXPECT_EQ("REMDISK?disk_id=\"d%261\"&execute=1",
+            sent([&] { return tobasRemDisk(host, p, 5, "d%261", 1, &st); }));
+  EXPECT_EQ("REMFILE?disk_id=\"d\"&file_id=\"a%3Db\"&file_version=2&execute=1",
+            sent([&] { return tobasRemFile(host, p, 5, "d", "a=b", 2, 1, &st); }));
+  EXPECT_EQ("UNSUBSCRIBE?url=\"http%3A//h%3A1/x\"",
+            sent([&] { return tobasUnsubscribe(host, p, 5, "http://h:1/x", &st); }));
+  EXPECT_EQ("SUBSCRIBE?url=\"u\"&priority=3",
+            sent([&] { return tobasSubscribe(host, p, 5, "u", 3, "", nullptr, "", &st); }));
+  // Each optional parameter given replaces what was built before.
+  EXPECT_EQ("&start_date=\"2007-07-12T10%3A30\"", sent([&] {
+              return tobasSubscribe(host, p, 5, "u", 3, "2007-07-12T10:30", nullptr, nullptr, &st);
+            }));
+  EXPECT_EQ("&plug_in_pars=\"a%3Db\"",
+            sent([&] { return tobasSubscribe(host, p, 5, "u", 3, "d", "f", "a=b", &st); }));
+
+  tobasPAR_ARRAY pars;
+  tobasResetParArray(&pars);
+  tobasAddParAndVal(&pars, "disk_id", "x:y");
+  tobasAddParAndVal(&pars, "flag", "");
+  tobasAddParAndVal(&pars, "a=b", "v");
+  EXPECT_EQ("REMDISK&disk_id=\"x%3Ay\"&flag&a%3Db=\"v\"",
+            sent([&] { return tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st); }));
+  EXPECT_STREQ("x:y", tobasGetParVal(&pars, "disk_id"));
+  EXPECT_EQ(nullptr, tobasGetParVal(&pars, "none"));
+  EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, 17, &pars, &st));
+}
+
+TEST_F(Commands, ParameterArrayAndEncodingBounds) {
+  tobasPAR_ARRAY pars;
+  tobasResetParArray(&pars);
+  for (int i = 0; i < 16; ++i) EXPECT_EQ(0, tobasAddParAndVal(&pars, "p", "v"));
+  EXPECT_EQ(tobasERR_INV_PARS, tobasAddParAndVal(&pars, "p", "v"));
+  EXPECT_EQ(16, pars.idx);
+  tobasResetParArray(&pars);
+  EXPECT_EQ(tobasERR_INV_PARS, tobasAddParAndVal(&pars, "p", std::string(256, 'v').c_str()));
+
+  tobasHUGE_BUF enc;
+  EXPECT_EQ(0, tobasEncodeUrlVal("file:/data/x:1.fits", 1, enc));
+  EXPECT_STREQ("file:/data/x%3A1.fits", enc);
+  EXPECT_EQ(0, tobasEncodeUrlVal("ftp://h/a b\"c", 1, enc));
+  EXPECT_STREQ("ftp://h/a b\"c", enc);
+  EXPECT_EQ(0, tobasEncodeUrlVal("http://h?a=1&b", 0, enc));
+  EXPECT_STREQ("http%3A//h%3Fa%3D1%26b", enc);
+  EXPECT_EQ(tobasERR_INV_PARS, tobasEncodeUrlVal(std::string(6000, ':').c_str(), 0, enc));
+
+  // A path that cannot be built is refused without a request.
+  EXPECT_EQ(tobasERR_INV_PARS, tobasLabel(host, srv.port(), 5, std::string(6000, '=').c_str(), &st));
+  EXPECT_EQ(tobasERR_INV_PARS, st.errorCode);
+  EXPECT_STREQ("FAILURE", st.status);
+  EXPECT_EQ(0u, srv.connections());
+}
+
+TEST_F(Commands, ArchivePullPushAndFromMemory) {
+  ScratchDir dir;
+  std::string file = dir.file("x.fits");
+  tobastest::writeFile(file, "SIMPLE  = T");
+  int p = srv.port();
+  EXPECT_EQ(
+      "ARCHIVE?filename=\"file:/data/x%3A1.fits\"&mime_type=\"image/fits\"&no_versioning=\"1\"&wait=\"0\"&"
+      "time_out=\"2\"",
+      sent([&] { return tobasArchive(host, p, 2.4f, "file:/data/x:1.fits", "image/fits", 1, 0, &st); }));
+
+  srv.push(kOk);
+  ASSERT_EQ(0, tobasArchive(host, p, -1.0f, file.c_str(), "", 0, 1, &st));
+  EXPECT_EQ(
+      "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: kest/archive-request\r\n"
+      "Content-length: 11\r\nContent-disposition: attachment; filename=\"" +
+          file + "\"; no_versioning=\"0\"; wait=\"1\"; time_out=\"-1\"\r\n\nSIMPLE  = T",
+      last());
+  tobasFreeStatus(&st);
+
+  srv.push(kOk);
+  ASSERT_EQ(0, tobasArchiveFromMem(host, p, 2.6f, "mem:x.fits", "12345", 5, "image/fits", 1, 0, &st));
+  EXPECT_EQ(
+      "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: kest/archive-request\r\n"
+      "Content-length: 5\r\nContent-disposition: attachment; filename=\"mem%3Ax.fits\"; wait=\"0\"; "
+      "no_versioning=\"1\"; time_out\"3\"\r\n\n12345",
+      last());
+  tobasFreeStatus(&st);
+
+  EXPECT_EQ(
+      "RESTORE?filename=\"http://h/x%3Fy\"&mime_type=\"\"&filename=\"http%3A//h/x%3Fy\"&file_id=\"id\"&"
+      "file_version=\"4\"&time_out=\"-1\"",
+      sent([&] { return tobasRestore(host, p, -1.0f, "http://h/x?y", "id", 4, &st); }));
+
+  EXPECT_EQ(tobasERR_FILE, tobasArchive(host, p, 5, dir.file("missing").c_str(), "", 0, 0, &st));
+  EXPECT_STREQ("Invalid filename specified", st.message);
+}
+
+TEST_F(Commands, ServerErrorsAndTransportFailuresFillTheStatus) {
+  srv.push(httpReply(400, statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file")));
+  EXPECT_EQ(400, tobasStatus(host, srv.port(), 5, &st));
+  EXPECT_EQ(TOBAS_ER_DAPI_BAD_FILE, st.errorCode);
+  EXPECT_STREQ("FAILURE", st.status);
+  EXPECT_EQ(1, tobasLogCodeInStatus(&st, "TOBAS_ER_DAPI"));
+  EXPECT_EQ(0, tobasLogCodeInStatus(&st, "OTHER"));
+  ASSERT_NE(nullptr, st.replyData[0]);
+  tobasFreeStatus(&st);
+  EXPECT_EQ(nullptr, st.replyData[0]);
+
+  tobastest::Reply slow{kOk};
+  slow.delayMs = 1500;
+  srv.push(slow);
+  EXPECT_EQ(tobasERR_TIMEOUT, tobasStatus(host, srv.port(), 1.0f, &st));
+  EXPECT_STREQ("Timeout encountered while communicating with server. Timeout: 1.000s", st.message);
+
+  EXPECT_EQ(tobasERR_HOST, tobasStatus("no-such-host.invalid", 1, 1, &st));
+  EXPECT_STREQ("No such host", st.message);
+  EXPECT_EQ(tobasERR_HOST, st.errorCode);
+}
+
+TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
+  ScratchDir dir;
+  std::string body(2 * 1024 * 1024 + 3, 'q');
+  body[5] = '\0';
+  std::string disp = "Content-Disposition: attachment; filename=\"x.fits\"\r\n";
+  tobasBIG_BUF final;
+
+  srv.push(httpReply(200, body, disp));
+  ASSERT_EQ(0,
+            tobasRetrieve2File(host, srv.port(), 5, "f:1", 2, "proc", "a=b", dir.path().c_str(), final, &st));
+  EXPECT_EQ(dir.file("x.fits"), final);
+  EXPECT_EQ(body, tobastest::readFile(final));
+  EXPECT_STREQ("OK", st.status);
+  EXPECT_STREQ("Successfully handled RETRIEVE command", st.message);
+  EXPECT_EQ("RETRIEVE?file_id=\"f%3A1\"&processing=\"proc\"&processing_pars=\"a%3Db\"&file_version=\"2\"",
+            pathOf(last()));
+  struct stat sb;
+  ASSERT_EQ(0, stat(final, &sb));
+
+  srv.push(httpReply(200, "abc", disp));
+  std::string target = dir.file("named.bin");
+  ASSERT_EQ(0,
+            tobasRetrieve2File(host, srv.port(), 5, "--TOB--LOG--", -1, "", "", target.c_str(), final, &st));
+  EXPECT_EQ(target, final);
+  EXPECT_EQ("abc", tobastest::readFile(target));
+  EXPECT_EQ("RETRIEVE?tob_log", pathOf(last()));
+
+  const char* oldPwd = getenv("PWD");
+  std::string keep = oldPwd ? oldPwd : "";
+  setenv("PWD", dir.path().c_str(), 1);
+  srv.push(httpReply(200, "pwd", "Content-Disposition: attachment; filename=\"w.fits\"\r\n"));
+  int rc = tobasRetrieve2File(host, srv.port(), 5, "--CFG--", -1, nullptr, nullptr, "", final, &st);
+  if (oldPwd)
+    setenv("PWD", keep.c_str(), 1);
+  else
+    unsetenv("PWD");
+  ASSERT_EQ(0, rc);
+  EXPECT_EQ(dir.file("w.fits"), final);
+  EXPECT_EQ("pwd", tobastest::readFile(final));
+  EXPECT_EQ("RETRIEVE?cfg", pathOf(last()));
+
+  tobasPAR_ARRAY pars;
+  tobasResetParArray(&pars);
+  tobasAddParAndVal(&pars, "internal", "ngas.xml");
+  tobasAddParAndVal(&pars, "host_id", "h:1");
+  srv.push(httpReply(200, "int", disp));
+  ASSERT_EQ(0, tobasGenRetrieve2File(host, srv.port(), 5, tobasCMD_RETRIEVE, &pars, dir.path().c_str(), final,
+                                     &st));
+  EXPECT_EQ("RETRIEVE?internal=\"ngas.xml\"&host_id=h:1", pathOf(last()));
+}
+
+TEST_F(Commands, RetrievalFailures) {
+  ScratchDir dir;
+  tobasBIG_BUF final;
+  srv.push(httpReply(400, statusDoc("FAILURE", "TOBAS_ER_RETRIEVE:4022:WARNING: not here")));
+  EXPECT_EQ(400, tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "", dir.path().c_str(), final, &st));
+  EXPECT_EQ(TOBAS_WA_BUF_DATA, st.errorCode);
+  tobasFreeStatus(&st);
+
+  srv.push(httpReply(200, "data"));  // no file name in the reply
+  EXPECT_EQ(tobasERR_INV_REPLY,
+            tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "", dir.path().c_str(), final, &st));
+  EXPECT_STREQ("FAILURE", st.status);
+
+  srv.push(httpReply(200, "data"));
+  EXPECT_EQ(tobasERR_INV_TARG_FILE, tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "",
+                                                       dir.file("no/such/dir/f").c_str(), final, &st));
+
+  // The peer stops before the announced length: the reply time-out runs out.
+  srv.push("HTTP/1.0 200 OK\r\nContent-Length: 100\r\n\r\nonly-part");
+  EXPECT_EQ(tobasERR_TIMEOUT, tobasRetrieve2File(host, srv.port(), 0.5f, "f", -1, "", "",
+                                                 dir.file("part").c_str(), final, &st));
+  EXPECT_EQ("only-part", tobastest::readFile(dir.file("part")));  // left in place
+}

@@ -1,0 +1,47 @@
+// Several threads issuing commands through one server list (run under ThreadSanitizer).
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <tobasCClient/tobasCClientLib.h>
+
+#include "TobasTestServer.h"
+
+using tobastest::httpReply;
+using tobastest::statusDoc;
+using tobastest::TestServer;
+
+TEST(TobasConcurrency, ThreadsShareOneServerList) {
+  constexpr int kThreads = 4, kPerThread = 10;
+  TestServer a, b;
+  for (int i = 0; i < kThreads * kPerThread; ++i) {
+    a.push(httpReply(200, statusDoc("SUCCESS", "a")));
+    b.push(httpReply(200, statusDoc("SUCCESS", "b")));
+  }
+  std::string list = "127.0.0.1:" + std::to_string(a.port()) + ",127.0.0.1:" + std::to_string(b.port());
+  ASSERT_EQ(0, tobasParseSrvListId("shared", list.c_str()));
+  std::atomic<int> ok{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < kPerThread; ++i) {
+        tobasSTATUS st;
+        int rc = (i % 2) ? tobasStatus("shared", 0, 10, &st) : tobasOnline("shared", 0, 10, t, &st);
+        if (rc == 0 && tobasSuccess(&st)) ++ok;
+        tobasFreeStatus(&st);
+        if (i == 5) tobasSetAuthorization("code");
+        if (i == 7 && t == 0) tobasPrepLog(nullptr, LEV0, -1, -1);
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(kThreads * kPerThread, ok.load());
+  // The round robin spread the requests over both servers.
+  EXPECT_EQ(static_cast<size_t>(kThreads * kPerThread), a.requests().size() + b.requests().size());
+  EXPECT_GT(a.requests().size(), 0u);
+  EXPECT_GT(b.requests().size(), 0u);
+  tobasSetAuthorization(nullptr);
+}

@@ -1,0 +1,337 @@
+// Status document, code texts, utilities and the client log with its rotation.
+#include <dirent.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <regex>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <tobasCClient/tobasCClientLib.h>
+
+#include "TobasTestServer.h"
+
+using tobastest::readFile;
+using tobastest::ScratchDir;
+using tobastest::statusDoc;
+using tobastest::writeFile;
+
+TEST(TobasStatus, UnpackStatusDocuments) {
+  tobasSTATUS st;
+  tobasInitStatus(&st);
+  char* doc = strdup(statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file").c_str());
+  ASSERT_EQ(0, tobasUnpackStatus(doc, &st));
+  EXPECT_EQ(4003, st.errorCode);
+  EXPECT_STREQ("2007-07-12T10:30:00.000", st.date);
+  EXPECT_STREQ("ONLINE", st.state);
+  EXPECT_STREQ("IDLE", st.subState);
+  EXPECT_STREQ("v3.1", st.version);
+  EXPECT_EQ(doc, st.replyData[0]);
+  EXPECT_EQ(0, tobasSuccess(&st));
+  tobasFreeStatus(&st);
+
+  tobasInitStatus(&st);
+  char* plain = strdup(statusDoc("FAILURE", "disk full").c_str());
+  ASSERT_EQ(0, tobasUnpackStatus(plain, &st));
+  EXPECT_EQ(0, st.errorCode);
+  tobasFreeStatus(&st);
+
+  std::string ok = statusDoc("OK", "x");
+  tobasInitStatus(&st);
+  EXPECT_EQ(tobasERR_INV_REPLY, tobasUnpackStatus(&ok[0], &st));
+  EXPECT_EQ(tobasERR_INV_REPLY, st.errorCode);
+  EXPECT_STREQ("Invalid reply from data server", st.message);
+  EXPECT_EQ(nullptr, st.replyData[0]);
+
+  std::string noVersion =
+      "<Status Date=\"d\" HostId=\"h\" Message=\"m\" State=\"s\" SubState=\"u\" Status=\"SUCCESS\"/>";
+  EXPECT_EQ(tobasERR_INV_REPLY, tobasUnpackStatus(&noVersion[0], &st));
+  std::string huge = statusDoc("SUCCESS", std::string(16384, 'm'));
+  EXPECT_EQ(tobasERR_INV_REPLY, tobasUnpackStatus(&huge[0], &st));
+  std::string justFits = statusDoc("SUCCESS", std::string(16383, 'm'));
+  EXPECT_EQ(0, tobasUnpackStatus(&justFits[0], &st));
+  st.replyData[0] = nullptr;  // owned by the string
+
+  char v[8];
+  EXPECT_EQ(0, tobasGetXmlAttr("<A b=\"1234567\"/>", "A", "b", 8, v));
+  EXPECT_STREQ("1234567", v);
+  EXPECT_EQ(tobasERR_INV_REPLY, tobasGetXmlAttr("<A b=\"12345678\"/>", "A", "b", 8, v));
+  EXPECT_EQ(tobasERR_INV_REPLY, tobasGetXmlAttr("<A b=\"unterminated", "A", "b", 8, v));
+  EXPECT_EQ(tobasERR_INV_REPLY, tobasGetXmlAttr("<A b=", "A", "b", 8, v));
+  EXPECT_EQ(tobasERR_INV_REPLY, tobasGetXmlAttr("<B b=\"1\"/>", "A", "b", 8, v));
+}
+
+TEST(TobasStatus, HandleStatusTextsAndCommandNames) {
+  tobasSTATUS st;
+  tobasHTTP_DATA none{nullptr, 0};
+  _setReplyTimeoutFromFloat(2.5f);
+  tobasHandleStatus(tobasERR_TIMEOUT, &none, &st);
+  EXPECT_STREQ("Timeout encountered while communicating with server. Timeout: 2.500s", st.message);
+  EXPECT_STREQ("FAILURE", st.status);
+  tobasHandleStatus(200, &none, &st);
+  EXPECT_STREQ("SUCCESS", st.status);
+  EXPECT_STREQ("Request sucessfully handled by server", st.message);
+  tobasHandleStatus(tobasSTAT_FAILURE, &none, &st);
+  EXPECT_STREQ("", st.message);
+  EXPECT_EQ(1, st.errorCode);
+
+  tobasHTTP_DATA bad{strdup("not a document"), 0};
+  tobasHandleStatus(0, &bad, &st);
+  EXPECT_EQ(nullptr, bad.pdata);  // the record owns it now
+  EXPECT_EQ(tobasERR_INV_REPLY, st.errorCode);
+  tobasFreeStatus(&st);
+
+  char buf[tobasBIG_BUF_SIZE] = "untouched";
+  EXPECT_EQ(tobasERR_UNKNOWN_STAT, tobasStat2Str(1, buf));
+  EXPECT_STREQ("untouched", buf);
+  const std::pair<int, const char*> texts[] = {{-3, "Cannot connect to host/server"},
+                                               {-102, "Read error while reading data"},
+                                               {-1003, "Illegal parameters given"},
+                                               {-2000, "Could not open specified log file"},
+                                               {400, "Invalid query"}};
+  for (const auto& t : texts) {
+    ASSERT_EQ(0, tobasStat2Str(t.first, buf));
+    EXPECT_STREQ(t.second, buf);
+  }
+  int code = -1;
+  ASSERT_EQ(0, tobasCmd2No("UNSUBSCRIBE", &code));
+  EXPECT_EQ(tobasCMD_UNSUBSCRIBE, code);
+  EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasCmd2No("FOO", &code));
+  ASSERT_EQ(0, tobasCmd2Str(tobasCMD_CHECKFILE, buf));
+  EXPECT_STREQ("CHECKFILE", buf);
+  EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasCmd2Str(17, buf));
+  EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasCmd2Str(-1, buf));
+
+  testing::internal::CaptureStdout();
+  tobasInitStatus(&st);
+  strcpy(st.status, "SUCCESS");
+  st.errorCode = tobasSTAT_SUCCESS;
+  tobasDumpStatStdout(&st);
+  EXPECT_EQ("\nError Code:     0\nStatus:         SUCCESS\n\n", testing::internal::GetCapturedStdout());
+}
+
+TEST(TobasUtil, TimeStringsAndHelpers) {
+  setenv("TZ", "XXX-5:30", 1);  // the stamps stay UTC whatever the zone
+  tzset();
+  char iso[tobasSMALL_BUF_SIZE];
+  time_t before = time(nullptr);
+  tobasGenIsoTime(0, iso);
+  EXPECT_EQ(19u, strlen(iso));
+  struct tm utc;
+  gmtime_r(&before, &utc);
+  char expect[32];
+  strftime(expect, sizeof expect, "%Y-%m-%dT%H", &utc);
+  EXPECT_EQ(std::string(expect), std::string(iso, 13));
+  tobasGenIsoTime(3, iso);
+  EXPECT_TRUE(std::regex_match(iso, std::regex(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3})"))) << iso;
+  tobasGenIsoTime(6, iso);
+  EXPECT_EQ(26u, strlen(iso));
+  unsetenv("TZ");
+  tzset();
+
+  char s[] = "\r\n  text \r\n";
+  tobasTrimString(s, "\r\n ");
+  EXPECT_STREQ("text", s);
+  char u[] = "retrieve";
+  tobasToUpper(u);
+  EXPECT_STREQ("RETRIEVE", u);
+  const char* hay = "a/b/a/b";
+  EXPECT_EQ(hay + 4, tobasStrRStr(hay, "a/"));
+  EXPECT_EQ(nullptr, tobasStrRStr(hay, "c"));
+
+  tobasBIG_BUF dir, name;
+  EXPECT_EQ(0, tobasSplitFilename("/var/log/tobas.log", dir, name));
+  EXPECT_STREQ("/var/log", dir);
+  EXPECT_STREQ("tobas.log", name);
+  EXPECT_EQ(0, tobasSplitFilename("plain", dir, name));
+  EXPECT_STREQ(".", dir);
+  EXPECT_EQ(1, tobasSplitFilename((std::string(600, 'd') + "/f").c_str(), dir, name));
+
+  ScratchDir tmp;
+  std::string data("bin\0ary", 7);
+  ASSERT_EQ(0, tobasSaveInFile(tmp.file("f").c_str(), data.data(), data.size()));
+  char* loaded = nullptr;
+  size_t size = 0;
+  ASSERT_EQ(0, tobasLoadFile(tmp.file("f").c_str(), &loaded, &size));
+  EXPECT_EQ(data, std::string(loaded, size));
+  free(loaded);
+  EXPECT_EQ(tobasERR_FILE, tobasLoadFile(tmp.file("none").c_str(), &loaded, &size));
+  EXPECT_EQ(1, tobasIsDir(tmp.path().c_str()));
+  EXPECT_EQ(0, tobasIsDir(tmp.file("f").c_str()));
+
+  setenv("HOSTNAME", "obs1", 1);
+  tobasMED_BUF host;
+  EXPECT_EQ(0, tobasGetHostName(host));
+  EXPECT_STREQ("obs1", host);
+  unsetenv("HOSTNAME");
+  setenv("HOST", "obs2", 1);
+  EXPECT_EQ(0, tobasGetHostName(host));
+  EXPECT_STREQ("obs2", host);
+  EXPECT_STREQ("v3.1.1", tobasVersion());
+  EXPECT_NE(nullptr, strstr(tobasManPage(), "UNSUBSCRIBE"));
+  EXPECT_NE(nullptr, strstr(tobasManPage(), "-par <Parameter> [-val <Val>]"));
+}
+
+namespace {
+
+std::vector<std::string> lines(const std::string& text) {
+  std::vector<std::string> out;
+  size_t start = 0;
+  for (size_t nl = text.find('\n'); nl != std::string::npos; nl = text.find('\n', start)) {
+    out.push_back(text.substr(start, nl - start));
+    start = nl + 1;
+  }
+  return out;
+}
+
+std::vector<std::string> listDir(const std::string& dir) {
+  std::vector<std::string> names;
+  DIR* d = opendir(dir.c_str());
+  for (dirent* e = readdir(d); e; e = readdir(d))
+    if (e->d_name[0] != '.') names.push_back(e->d_name);
+  closedir(d);
+  return names;
+}
+
+// Local time-zone string that makes the local time of day `secs` now.
+void setLocalTimeOfDay(long secs) {
+  time_t now = time(nullptr);
+  long utcTod = static_cast<long>(now % 86400);
+  long offset = ((utcTod - secs) % 86400 + 86400) % 86400;  // local = UTC - offset
+  char tz[64];
+  snprintf(tz, sizeof tz, "XXX+%ld:%02ld:%02ld", offset / 3600, (offset / 60) % 60, offset % 60);
+  setenv("TZ", tz, 1);
+  tzset();
+}
+
+}  // namespace
+
+TEST(TobasLog, LineFormatAndLevels) {
+  ScratchDir dir;
+  std::string log = dir.file("client.log");
+  EXPECT_EQ(tobasERR_OPEN_LOG_FILE, tobasPrepLog(dir.file("no/dir/x.log").c_str(), LEV3, -1, -1));
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, -1));
+  tobasSetVerboseLevel(LEV1);
+  testing::internal::CaptureStdout();
+  tobasLogError("disk %s is full", "d1");
+  tobasLogInfo(LEV3, "written %d", 3);
+  tobasLogInfo(LEV4, "above the level");
+  tobasLogDebug("not written");
+  std::string echoed = testing::internal::GetCapturedStdout();
+  tobasSetVerboseLevel(-1);
+  auto l = lines(readFile(log));
+  ASSERT_EQ(2u, l.size());
+  std::regex line(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3} \[(\w+)\] (.*) \[(\d+)\])");
+  std::smatch m;
+  ASSERT_TRUE(std::regex_match(l[0], m, line)) << l[0];
+  EXPECT_EQ("ERROR", m[1]);
+  EXPECT_EQ("disk d1 is full", m[2]);
+  EXPECT_EQ(std::to_string(static_cast<unsigned long>(pthread_self())), m[3]);
+  ASSERT_TRUE(std::regex_match(l[1], m, line));
+  EXPECT_EQ("INFO", m[1]);
+  EXPECT_EQ(l[0] + "\n", echoed);  // only level 0 reaches standard output at verbose level 1
+
+  // Error types reach the file at every level; DEBUG only above level 4.
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV0, -1, -1));
+  tobasLogWarning("w");
+  tobasLogDebug("d");
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV5, -1, -1));
+  tobasLogDebug("d5");
+  tobasLogEmerg("e");
+  l = lines(readFile(log));
+  ASSERT_GE(l.size(), 5u);
+  EXPECT_NE(std::string::npos, l[2].find("[WARNING] w ["));
+  EXPECT_NE(std::string::npos, l[3].find("[DEBUG] d5 ["));
+  EXPECT_NE(std::string::npos, l.back().find("[EMERG] e ["));
+
+  // A long message is cut, never overflowing.
+  tobasLogError("%s", std::string(20000, 'x').c_str());
+  EXPECT_LT(lines(readFile(log)).back().size(), 16384u + 100u);
+}
+
+TEST(TobasLog, RotationDrivenByMarkerAndTimeOfDay) {
+  ScratchDir dir;
+  std::string log = dir.file("client.log");
+  char rotated[tobasBIG_BUF_SIZE];
+  const char* oldTz = getenv("TZ");
+  std::string keepTz = oldTz ? oldTz : "";
+
+  // Rotated 86000 s ago: not yet, whatever the time of day.
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, 0, -1));
+  writeFile(log, "2007-07-12T10:30:00.000 [INFO] LOG-ROTATE: " + std::to_string(time(nullptr) - 86000) +
+                     " - SYSTEM-ID: s [1]\n");
+  EXPECT_EQ(0, tobasLogFileRotate(LEV3, "sys", rotated));
+  EXPECT_STREQ("", rotated);
+  EXPECT_EQ(1u, listDir(dir.path()).size());
+
+  // Due, but before the configured time of day.
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, 3600, -1));
+  writeFile(log, "no marker yet\n");
+  setLocalTimeOfDay(1800);
+  EXPECT_EQ(0, tobasLogFileRotate(LEV3, "sys", rotated));
+  EXPECT_EQ(1u, listDir(dir.path()).size());
+
+  // At the configured time: rotated, the new log starts with the marker.
+  setLocalTimeOfDay(3605);
+  time_t now = time(nullptr);
+  ASSERT_EQ(0, tobasLogFileRotate(LEV3, "sys-7", rotated));
+  if (oldTz)
+    setenv("TZ", keepTz.c_str(), 1);
+  else
+    unsetenv("TZ");
+  tzset();
+  std::string name = rotated;
+  EXPECT_EQ(0u, name.rfind(dir.path() + "/LOG-ROTATE_", 0)) << name;
+  long stamp = std::atol(name.c_str() + dir.path().size() + 12);
+  EXPECT_LE(std::labs(stamp - static_cast<long>(now)), 2);
+  EXPECT_EQ(dir.path() + "/LOG-ROTATE_" + std::to_string(stamp) + "_client.log", name);
+  std::string old = readFile(rotated);
+  EXPECT_EQ(0u, old.find("no marker yet\n"));
+  EXPECT_NE(std::string::npos, old.find("[INFO] Rotating log file ..."));
+  auto fresh = lines(readFile(log));
+  ASSERT_EQ(1u, fresh.size());
+  EXPECT_NE(std::string::npos,
+            fresh[0].find("[INFO] LOG-ROTATE: " + std::to_string(stamp) + " - SYSTEM-ID: sys-7 ["));
+  // The marker just written keeps the next call from rotating again.
+  EXPECT_EQ(0, tobasLogFileRotate(LEV3, "sys-7", rotated));
+  EXPECT_STREQ("", rotated);
+
+  // Disabled rotation does nothing.
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, -1));
+  writeFile(log, "x\n");
+  EXPECT_EQ(0, tobasLogFileRotate(LEV3, "s", rotated));
+  EXPECT_EQ(2u, listDir(dir.path()).size());
+}
+
+TEST(TobasLog, CleanUpOfRotatedFiles) {
+  ScratchDir dir;
+  std::string log = dir.file("client.log");
+  long now = static_cast<long>(time(nullptr));
+  auto rotatedName = [&](long age) { return "LOG-ROTATE_" + std::to_string(now - age) + "_client.log"; };
+  writeFile(dir.file(rotatedName(3 * 86400 + 5)), "old");
+  writeFile(dir.file(rotatedName(2 * 86400 + 5)), "exactly two days");
+  writeFile(dir.file(rotatedName(86400 + 5)), "one day");
+  writeFile(dir.file("LOG-ROTATE"), "too short to carry a time");
+  writeFile(dir.file("other.txt"), "kept");
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, -1));
+  EXPECT_EQ(0, tobasCleanUpRotLogFiles(LEV3));  // no history: nothing removed
+  EXPECT_EQ(6u, listDir(dir.path()).size());
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, 2));
+  EXPECT_EQ(0, tobasCleanUpRotLogFiles(LEV3));
+  auto names = listDir(dir.path());
+  EXPECT_EQ(4u, names.size());
+  for (const auto& n : names)
+    EXPECT_TRUE(n != rotatedName(3 * 86400 + 5) && n != rotatedName(2 * 86400 + 5)) << n;
+  EXPECT_NE(std::string::npos,
+            readFile(log).find("Removing rotated log file: " + dir.file(rotatedName(3 * 86400 + 5))));
+
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, 2));
+  ASSERT_EQ(0, rename(dir.path().c_str(), (dir.path() + "-moved").c_str()));
+  EXPECT_EQ(1, tobasCleanUpRotLogFiles(LEV3));
+  rename((dir.path() + "-moved").c_str(), dir.path().c_str());
+}
