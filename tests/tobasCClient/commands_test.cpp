@@ -90,6 +90,7 @@ TEST_F(Commands, RequestPaths) {
             sent([&] { return tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st); }));
   EXPECT_STREQ("x:y", tobasGetParVal(&pars, "disk_id"));
   EXPECT_EQ(nullptr, tobasGetParVal(&pars, "none"));
+  tobasFreeStatus(&st);
   EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, 17, &pars, &st));
 }
 
@@ -128,6 +129,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
       "time_out=\"2\"",
       sent([&] { return tobasArchive(host, p, 2.4f, "file:/data/x:1.fits", "image/fits", 1, 0, &st); }));
 
+  tobasFreeStatus(&st);
   srv.push(kOk);
   ASSERT_EQ(0, tobasArchive(host, p, -1.0f, file.c_str(), "", 0, 1, &st));
   EXPECT_EQ(
@@ -151,6 +153,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
       "file_version=\"4\"&time_out=\"-1\"",
       sent([&] { return tobasRestore(host, p, -1.0f, "http://h/x?y", "id", 4, &st); }));
 
+  tobasFreeStatus(&st);
   EXPECT_EQ(tobasERR_FILE, tobasArchive(host, p, 5, dir.file("missing").c_str(), "", 0, 0, &st));
   EXPECT_STREQ("Invalid filename specified", st.message);
 }
