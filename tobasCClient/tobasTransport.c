@@ -372,7 +372,7 @@ int tobasGetHttpHdrEntry(tobasHTTP_HDR httpHdr, const char* fieldName, const cha
       rowLen = len;
     }
   }
-  const char* end = row + rowLen;
+  const char* end = row != NULL ? row + rowLen : NULL;
   const char* p = NULL;
   if (row != NULL && subField != NULL && *subField) {
     char key[tobasMED_BUF_SIZE + 2];
