@@ -20,6 +20,7 @@ int main(void) {
   if (mkdtemp(tmpl) == NULL) return 1;
   snprintf(logFile, sizeof logFile, "%s/c.log", tmpl);
   CHECK(tobasPrepLog(logFile, LEV5, -1, -1) == 0);
+  CHECK(_getTimeOut() == 100000.0f); /* never set */
 
   tobasSMALL_BUF name;
   CHECK(tobasCmd2Str(tobasCMD_RETRIEVE, name) == 0 && strcmp(name, "RETRIEVE") == 0);

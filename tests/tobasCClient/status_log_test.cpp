@@ -301,6 +301,15 @@ TEST(TobasLog, RotationDrivenByMarkerAndTimeOfDay) {
   EXPECT_EQ(0, tobasLogFileRotate(LEV3, "sys-7", rotated));
   EXPECT_STREQ("", rotated);
 
+  // A log that cannot be renamed (it is gone) reports the failure through the log itself.
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, 0, -1));
+  ASSERT_EQ(0, remove(log.c_str()));
+  EXPECT_EQ(1, tobasLogFileRotate(LEV4, "s", rotated));  // LEV4: nothing re-creates the file first
+  std::string text = readFile(log);
+  EXPECT_NE(std::string::npos, text.find("[ERROR] Serious error ocurred rotating log file: " + log +
+                                         " - rotated log file: " + rotated + "!"))
+      << text;
+
   // Disabled rotation does nothing.
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, -1));
   writeFile(log, "x\n");

@@ -318,6 +318,19 @@ TEST(TobasTransport, ServerListsRoundRobinAndFailOver) {
     EXPECT_EQ(tobasERR_CON, ex.get("127.0.0.1", closedPort, "STATUS"));  // a single host keeps its code
   }
 
+  // POST fails over the same way.
+  std::string postList =
+      "127.0.0.1:" + std::to_string(closedPort) + ",127.0.0.1:" + std::to_string(h1.port());
+  ASSERT_EQ(0, tobasParseSrvListId("post", postList.c_str()));
+  h1.push(httpReply(200, statusDoc("SUCCESS", "ok")));
+  {
+    Exchange ex;
+    EXPECT_EQ(0, tobasHttpPost("post", 0, "", "ARCHIVE", "t", "d", "", "abc", 3, &ex.data, &ex.len, &ex.resp,
+                               ex.hdr));
+    EXPECT_NE(nullptr, ex.data.pdata);
+  }
+  EXPECT_NE(std::string::npos, h1.requests().back().find("\r\n\nabc"));
+
   // The default list, selected by the empty host.
   std::string def = "127.0.0.1:" + std::to_string(h3.port());
   ASSERT_EQ(0, tobasParseSrvList(def.c_str()));
