@@ -10,7 +10,8 @@ install(TARGETS DataAccess tobasCClient EXPORT DataAccessTargets
 
 foreach(dir sybconn stcrypt dataAccess tobasCClient)
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${dir}
-    FILES_MATCHING PATTERN "*.h" PATTERN "detail" EXCLUDE PATTERN "drivers" EXCLUDE)
+    FILES_MATCHING PATTERN "*.h" PATTERN "detail" EXCLUDE PATTERN "drivers" EXCLUDE
+    PATTERN "*Internal.h" EXCLUDE)
 endforeach()
 
 install(EXPORT DataAccessTargets NAMESPACE DataAccess::
