@@ -1,26 +1,430 @@
 #include "sybconn/drivers/FreeTdsDriver.h"
 
-namespace sybconn {
+// clang-format off
+#include <sybfront.h>
+#include <sybdb.h>
+// clang-format on
 
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "sybconn/SybUtils.h"
+
+namespace sybconn {
 namespace {
-// Placeholder until the DB-Library driver lands: every login fails cleanly.
-class UnavailableDriver : public Driver {
+
+std::atomic<int> g_loginTimeout{15};
+std::atomic<int> g_queryTimeout{0};
+std::mutex g_versionMutex;
+std::string g_tdsVersion;  // guarded by g_versionMutex
+std::once_flag g_initOnce;
+std::mutex g_loginMutex;  // serialises the process-wide time-out settings with dbopen
+
+// The driver whose login is in progress on this thread: DB-Library reports
+// login errors before the DBPROCESS exists.
+thread_local class FreeTdsDriver* t_loggingIn = nullptr;
+
+int errHandler(DBPROCESS* dbproc, int severity, int dberr, int oserr, char* dberrstr, char* oserrstr);
+int msgHandler(DBPROCESS* dbproc, DBINT msgno, int msgstate, int severity, char* msgtext, char* srvname,
+               char* procname, int line);
+
+void initOnce() {
+  std::call_once(g_initOnce, [] {
+    dbinit();
+    dberrhandle(errHandler);
+    dbmsghandle(msgHandler);
+  });
+}
+
+BYTE versionCode(const std::string& v) {
+  if (v == "5.0") return DBVERSION_100;
+  if (v == "7.0") return DBVERSION_70;
+  if (v == "7.1") return DBVERSION_71;
+  if (v == "7.2") return DBVERSION_72;
+  if (v == "7.3") return DBVERSION_73;
+  if (v == "7.4") return DBVERSION_74;
+  return DBVERSION_UNKNOWN;
+}
+
+bool isTextType(int type) {
+  return type == SYBCHAR || type == SYBVARCHAR || type == SYBTEXT || type == SYBNVARCHAR || type == SYBNTEXT;
+}
+
+bool isDateType(int type) { return type == SYBDATETIME || type == SYBDATETIME4 || type == SYBDATETIMN; }
+
+class FreeTdsCursor;
+
+class FreeTdsDriver : public Driver {
  public:
-  bool connect(const std::string& target, const std::string&, const std::string&) override {
-    SybaseStatus st;
-    st.dbLibSeverity = 9;
-    st.dberr = 20009;
-    st.dberrstr = "No driver available for server '" + target + "' (FreeTDS driver not built)";
-    reportError(st);
-    return false;
-  }
-  bool isConnected() const override { return false; }
-  void disconnect() override {}
-  std::shared_ptr<Cursor> execute(const std::string&) override { return nullptr; }
-  long rowCount() const override { return -1; }
+  ~FreeTdsDriver() override { disconnect(); }
+
+  bool connect(const std::string& target, const std::string& user, const std::string& password) override;
+  bool isConnected() const override { return dbproc_ != nullptr && !DBDEAD(dbproc_); }
+  void disconnect() override;
+  std::shared_ptr<Cursor> execute(const std::string& sql) override;
+  long rowCount() const override { return lastCount_; }
+
+  DBPROCESS* dbproc() const { return dbproc_; }
+  void setCount(long c) { lastCount_ = c; }
+  // A time-out on this login: the first one during a login ends the login;
+  // during a command the command is cancelled.
+  bool loggingIn() const { return loggingIn_; }
+
+  std::string server_;
+
+ private:
+  DBPROCESS* dbproc_ = nullptr;
+  std::weak_ptr<FreeTdsCursor> cursor_;
+  long lastCount_ = -1;
+  bool loggingIn_ = false;
 };
+
+class FreeTdsCursor : public Cursor {
+ public:
+  FreeTdsCursor(FreeTdsDriver* owner, bool ok) : owner_(owner), succeeded_(ok) {
+    if (ok)
+      advance();
+    else
+      finish();
+  }
+
+  bool succeeded() const override { return succeeded_; }
+  bool hasRows() const override { return columns_ > 0; }
+  int columnCount() const override { return columns_; }
+  std::string columnName(int col) const override {
+    if (col < 1 || col > static_cast<int>(names_.size())) return std::string();
+    return names_[static_cast<size_t>(col - 1)];
+  }
+
+  bool next() override {
+    if (!live() || !inRows_) return false;
+    DBPROCESS* p = owner_->dbproc();
+    STATUS s = dbnextrow(p);
+    if (s == REG_ROW) {
+      ++read_;
+      owner_->setCount(read_);
+      return true;
+    }
+    if (s == NO_MORE_ROWS) {
+      inRows_ = false;
+      count_ = DBCOUNT(p);
+      if (count_ < 0) count_ = read_;
+      owner_->setCount(count_);
+      drain();
+      return false;
+    }
+    if (s == FAIL) {
+      inRows_ = false;
+      succeeded_ = false;
+      count_ = read_;
+      finish();
+      return false;
+    }
+    // A compute row or a buffered row: not used by this library, skip it.
+    return next();
+  }
+
+  bool isNull(int col) const override { return !valid(col) || dbdata(owner_->dbproc(), col) == nullptr; }
+
+  std::string getString(int col) const override {
+    if (!valid(col)) return std::string();
+    DBPROCESS* p = owner_->dbproc();
+    BYTE* data = dbdata(p, col);
+    if (!data) return std::string();
+    int type = dbcoltype(p, col);
+    DBINT len = dbdatlen(p, col);
+    if (isTextType(type)) return std::string(reinterpret_cast<const char*>(data), static_cast<size_t>(len));
+    if (isDateType(type)) {
+      DBDATETIME dt;
+      if (dbconvert(p, type, data, len, SYBDATETIME, reinterpret_cast<BYTE*>(&dt), sizeof dt) <= 0) return {};
+      DBDATEREC rec;
+      if (dbdatecrack(p, &rec, &dt) != SUCCEED) return {};
+      char buf[40];
+      std::snprintf(buf, sizeof buf, "%04d-%02d-%02d %02d:%02d:%02d.%03d", rec.dateyear, rec.datemonth + 1,
+                    rec.datedmonth, rec.datehour, rec.dateminute, rec.datesecond, rec.datemsecond);
+      return buf;
+    }
+    if (type == SYBFLT8 || type == SYBREAL || type == SYBFLTN) {
+      char buf[40];
+      std::snprintf(buf, sizeof buf, "%.17g", getDouble(col));
+      return buf;
+    }
+    char buf[256];
+    DBINT n = dbconvert(p, type, data, len, SYBCHAR, reinterpret_cast<BYTE*>(buf), sizeof buf - 1);
+    if (n < 0) return std::string();
+    return std::string(buf, static_cast<size_t>(n));
+  }
+
+  long getLong(int col) const override {
+    if (!valid(col)) return 0;
+    DBPROCESS* p = owner_->dbproc();
+    BYTE* data = dbdata(p, col);
+    if (!data) return 0;
+    int type = dbcoltype(p, col);
+    if (isTextType(type)) return std::strtol(getString(col).c_str(), nullptr, 10);
+    if (isDateType(type)) return static_cast<long>(getDate(col).tv_sec);
+    DBBIGINT v = 0;
+    if (dbconvert(p, type, data, dbdatlen(p, col), SYBINT8, reinterpret_cast<BYTE*>(&v), sizeof v) <= 0)
+      return 0;
+    return static_cast<long>(v);
+  }
+
+  double getDouble(int col) const override {
+    if (!valid(col)) return 0.0;
+    DBPROCESS* p = owner_->dbproc();
+    BYTE* data = dbdata(p, col);
+    if (!data) return 0.0;
+    int type = dbcoltype(p, col);
+    if (isTextType(type)) return std::strtod(getString(col).c_str(), nullptr);
+    DBFLT8 v = 0;
+    if (dbconvert(p, type, data, dbdatlen(p, col), SYBFLT8, reinterpret_cast<BYTE*>(&v), sizeof v) <= 0)
+      return 0;
+    return v;
+  }
+
+  timeval getDate(int col) const override {
+    timeval tv{0, 0};
+    if (!valid(col)) return tv;
+    DBPROCESS* p = owner_->dbproc();
+    BYTE* data = dbdata(p, col);
+    if (!data) return tv;
+    int type = dbcoltype(p, col);
+    if (!isDateType(type)) {
+      SybUtils::parseDate(getString(col), tv);
+      return tv;
+    }
+    DBDATETIME dt;
+    if (dbconvert(p, type, data, dbdatlen(p, col), SYBDATETIME, reinterpret_cast<BYTE*>(&dt), sizeof dt) <= 0)
+      return tv;
+    // Days since 1900-01-01 and 1/300 s ticks, taken as local time.
+    long long ticks = static_cast<long long>(static_cast<unsigned>(dt.dttime));
+    long long ms = (ticks * 10 + 1) / 3;  // round to the millisecond as the server does
+    long long secOfDay = ms / 1000;
+    std::tm tm{};
+    tm.tm_year = 0;
+    tm.tm_mon = 0;
+    tm.tm_mday = 1 + dt.dtdays;
+    tm.tm_hour = static_cast<int>(secOfDay / 3600);
+    tm.tm_min = static_cast<int>(secOfDay / 60 % 60);
+    tm.tm_sec = static_cast<int>(secOfDay % 60);
+    tm.tm_isdst = -1;
+    tv.tv_sec = std::mktime(&tm);
+    tv.tv_usec = static_cast<suseconds_t>(ms % 1000 * 1000);
+    return tv;
+  }
+
+  void release() override {
+    if (!live()) return;
+    DBPROCESS* p = owner_->dbproc();
+    if (inRows_) {
+      // Drops the unread rows but keeps reading to the command's final DONE,
+      // so the count is the server's.
+      dbcanquery(p);
+      inRows_ = false;
+      count_ = DBCOUNT(p);
+      owner_->setCount(count_);
+    }
+    drain();
+  }
+
+  long rowCount() const override { return inRows_ ? read_ : count_; }
+
+  // Called when the owner runs another batch or logs out.
+  void detach() {
+    if (live()) release();
+    owner_ = nullptr;
+  }
+
+ private:
+  bool live() const { return owner_ != nullptr && !finished_ && owner_->dbproc() != nullptr; }
+  bool valid(int col) const { return live() && inRows_ && read_ > 0 && col >= 1 && col <= columns_; }
+
+  // Moves to the first command that returns rows, or to the end of the batch.
+  void advance() {
+    DBPROCESS* p = owner_->dbproc();
+    for (;;) {
+      RETCODE r = dbresults(p);
+      if (r == NO_MORE_RESULTS) {
+        finish();
+        return;
+      }
+      if (r == FAIL) {
+        succeeded_ = false;
+        if (DBDEAD(p)) {
+          finish();
+          return;
+        }
+        continue;
+      }
+      succeeded_ = true;
+      int n = dbnumcols(p);
+      if (n > 0) {
+        columns_ = n;
+        names_.clear();
+        for (int i = 1; i <= n; ++i) {
+          const char* name = dbcolname(p, i);
+          names_.emplace_back(name ? name : "");
+        }
+        inRows_ = true;
+        read_ = 0;
+        owner_->setCount(0);
+        return;
+      }
+      count_ = DBCOUNT(p);
+      owner_->setCount(count_);
+    }
+  }
+
+  // Reads the commands that follow the current one, keeping the outcome and
+  // count of the last.
+  void drain() {
+    DBPROCESS* p = owner_->dbproc();
+    for (;;) {
+      RETCODE r = dbresults(p);
+      if (r == NO_MORE_RESULTS) break;
+      if (r == FAIL) {
+        succeeded_ = false;
+        if (DBDEAD(p)) break;
+        continue;
+      }
+      succeeded_ = true;
+      if (dbnumcols(p) > 0) dbcanquery(p);
+      long c = DBCOUNT(p);
+      if (c >= 0 || dbnumcols(p) > 0) {
+        count_ = c;
+        owner_->setCount(c);
+      }
+    }
+    finish();
+  }
+
+  void finish() { finished_ = true; }
+
+  FreeTdsDriver* owner_;
+  bool succeeded_;
+  bool finished_ = false;
+  bool inRows_ = false;
+  int columns_ = 0;
+  long read_ = 0;
+  long count_ = -1;
+  std::vector<std::string> names_;
+};
+
+bool FreeTdsDriver::connect(const std::string& target, const std::string& user, const std::string& password) {
+  initOnce();
+  disconnect();
+  server_ = target;
+  LOGINREC* login = dblogin();
+  if (!login) return false;
+  DBSETLUSER(login, user.c_str());
+  DBSETLPWD(login, password.c_str());
+  DBSETLAPP(login, "libDataAccess");
+  DBSETLCHARSET(login, "UTF-8");
+  BYTE version = versionCode(FreeTdsSettings::tdsVersion());
+  if (version != DBVERSION_UNKNOWN) DBSETLVERSION(login, version);
+  {
+    std::lock_guard<std::mutex> lock(g_loginMutex);
+    dbsetlogintime(g_loginTimeout.load());
+    dbsettime(g_queryTimeout.load());
+    t_loggingIn = this;
+    loggingIn_ = true;
+  }
+  DBPROCESS* p = dbopen(login, target.c_str());
+  t_loggingIn = nullptr;
+  loggingIn_ = false;
+  dbloginfree(login);
+  if (!p) return false;
+  dbsetuserdata(p, reinterpret_cast<BYTE*>(this));
+  dbproc_ = p;
+  return true;
+}
+
+void FreeTdsDriver::disconnect() {
+  if (auto c = cursor_.lock()) c->detach();
+  cursor_.reset();
+  if (dbproc_) {
+    dbclose(dbproc_);
+    dbproc_ = nullptr;
+  }
+}
+
+std::shared_ptr<Cursor> FreeTdsDriver::execute(const std::string& sql) {
+  if (auto c = cursor_.lock()) c->detach();
+  cursor_.reset();
+  lastCount_ = -1;
+  if (!isConnected()) return std::make_shared<FreeTdsCursor>(this, false);
+  bool ok = dbcmd(dbproc_, sql.c_str()) == SUCCEED && dbsqlexec(dbproc_) == SUCCEED;
+  if (!ok && !DBDEAD(dbproc_)) {
+    // The first command failed: drop whatever else the batch returned.
+    dbcancel(dbproc_);
+  }
+  auto cur = std::make_shared<FreeTdsCursor>(this, ok);
+  cursor_ = cur;
+  return cur;
+}
+
+FreeTdsDriver* driverOf(DBPROCESS* dbproc) {
+  if (dbproc) {
+    BYTE* u = dbgetuserdata(dbproc);
+    if (u) return reinterpret_cast<FreeTdsDriver*>(u);
+  }
+  return t_loggingIn;
+}
+
+int errHandler(DBPROCESS* dbproc, int severity, int dberr, int oserr, char* dberrstr, char* oserrstr) {
+  SybaseStatus st;
+  st.dbLibSeverity = severity;
+  st.dberr = dberr;
+  st.oserr = oserr;
+  if (dberrstr) st.dberrstr = dberrstr;
+  if (oserrstr) st.oserrstr = oserrstr;
+  FreeTdsDriver* d = driverOf(dbproc);
+  if (d) st.srvname = d->server_;
+  reportError(st);
+  // A time-out ends the login or the command; waiting on would let a silent
+  // server hold the caller for ever.
+  return INT_CANCEL;
+}
+
+int msgHandler(DBPROCESS* dbproc, DBINT msgno, int msgstate, int severity, char* msgtext, char* srvname,
+               char* procname, int line) {
+  SybaseStatus st;
+  st.msgno = static_cast<int>(msgno);
+  st.msgstate = msgstate;
+  st.srvSeverity = severity;
+  if (msgtext) st.msgtext = msgtext;
+  if (srvname) st.srvname = srvname;
+  if (procname) st.procname = procname;
+  st.line = line;
+  if (st.srvname.empty()) {
+    FreeTdsDriver* d = driverOf(dbproc);
+    if (d) st.srvname = d->server_;
+  }
+  reportError(st);
+  return 0;
+}
+
 }  // namespace
 
-std::unique_ptr<Driver> makeFreeTdsDriver() { return std::make_unique<UnavailableDriver>(); }
+std::unique_ptr<Driver> makeFreeTdsDriver() { return std::make_unique<FreeTdsDriver>(); }
+
+void FreeTdsSettings::setLoginTimeout(int seconds) { g_loginTimeout = seconds > 0 ? seconds : 1; }
+int FreeTdsSettings::loginTimeout() { return g_loginTimeout.load(); }
+void FreeTdsSettings::setQueryTimeout(int seconds) { g_queryTimeout = seconds > 0 ? seconds : 0; }
+int FreeTdsSettings::queryTimeout() { return g_queryTimeout.load(); }
+void FreeTdsSettings::setTdsVersion(const std::string& version) {
+  std::lock_guard<std::mutex> lock(g_versionMutex);
+  g_tdsVersion = version == "auto" ? std::string() : version;
+}
+std::string FreeTdsSettings::tdsVersion() {
+  std::lock_guard<std::mutex> lock(g_versionMutex);
+  return g_tdsVersion;
+}
 
 }  // namespace sybconn

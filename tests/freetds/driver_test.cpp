@@ -1,0 +1,215 @@
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sybconn/SybaseConnection.h>
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "sybconn/drivers/FreeTdsDriver.h"
+#include "tests/support/TdsServer.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+std::mutex g_seenMutex;
+std::vector<SybaseStatus> g_seen;
+
+void collect(const SybaseStatus& s) {
+  std::lock_guard<std::mutex> lock(g_seenMutex);
+  g_seen.push_back(s);
+}
+
+bool sawServerMessage(int msgno) {
+  std::lock_guard<std::mutex> lock(g_seenMutex);
+  for (const auto& s : g_seen)
+    if (s.msgno == msgno) return true;
+  return false;
+}
+
+bool sawClientError() {
+  std::lock_guard<std::mutex> lock(g_seenMutex);
+  for (const auto& s : g_seen)
+    if (s.msgno == 0 && s.dberr != 0) return true;
+  return false;
+}
+
+class FreeTdsDriverTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    sybconn::FreeTdsSettings::setTdsVersion("7.4");
+    sybconn::FreeTdsSettings::setLoginTimeout(2);
+    sybconn::FreeTdsSettings::setQueryTimeout(5);
+    previous_ = SybaseConnection::setErrorHandler(&collect);
+    std::lock_guard<std::mutex> lock(g_seenMutex);
+    g_seen.clear();
+    db_ = dir_.file("server.db");
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(db_.c_str(), &db));
+    const char* schema =
+        "create table t (id integer, name varchar(40), score float, stamp datetime);"
+        "insert into t values (1, 'one', 1.5, '2026-11-22 23:59:59.998');"
+        "insert into t values (2, 'Grüße ☃ 𝄞', null, '2026-11-22 23:59:59.999');"
+        "insert into t values (3, null, -2.25, null);"
+        "create table big (n integer, pad varchar(100));"
+        "with recursive c(x) as (select 1 union all select x + 1 from c where x < 5000)"
+        "  insert into big select x, 'row ' || x || ' padding padding padding padding' from c;";
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, schema, nullptr, nullptr, nullptr));
+    sqlite3_close(db);
+  }
+  void TearDown() override { SybaseConnection::setErrorHandler(previous_); }
+
+  testsupport::TempDir dir_;
+  std::string db_;
+  SybaseConnection::ErrorHandler previous_ = nullptr;
+};
+
+TEST_F(FreeTdsDriverTest, LoginChecksThePassword) {
+  tdstest::TdsServer server(db_, "alice", "s3cret");
+  ASSERT_NE(0, server.start());
+  SybaseConnection bad;
+  EXPECT_EQ(-1, bad.connect(server.address(), "alice", "wrong"));
+  EXPECT_FALSE(bad.isConnected());
+  EXPECT_TRUE(sawServerMessage(18456));
+
+  SybaseConnection good;
+  ASSERT_EQ(0, good.connect(server.address(), "alice", "s3cret"));
+  EXPECT_TRUE(good.isConnected());
+  EXPECT_TRUE(sawServerMessage(5701)) << "informational messages reach the handler too";
+  good.disconnect();
+  EXPECT_FALSE(good.isConnected());
+}
+
+TEST_F(FreeTdsDriverTest, NothingListeningFailsAtOnce) {
+  int port;
+  {
+    tdstest::TdsServer gone(db_, "u", "p");
+    port = gone.start();
+  }
+  SybaseConnection c;
+  auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(-1, c.connect("127.0.0.1:" + std::to_string(port), "u", "p"));
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(5));
+  EXPECT_TRUE(sawClientError());
+}
+
+TEST_F(FreeTdsDriverTest, SilentServerLoginIsBounded) {
+  tdstest::TdsServer server(db_, "u", "p", tdstest::TdsServer::Mode::Silent);
+  ASSERT_NE(0, server.start());
+  sybconn::FreeTdsSettings::setLoginTimeout(1);
+  SybaseConnection c;
+  auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(-1, c.connect(server.address(), "u", "p"));
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(6));
+  EXPECT_TRUE(sawClientError());
+}
+
+TEST_F(FreeTdsDriverTest, TypedValuesNullsUnicodeAndDates) {
+  tdstest::TdsServer server(db_, "u", "p");
+  ASSERT_NE(0, server.start());
+  SybaseConnection c;
+  ASSERT_EQ(0, c.connect(server.address(), "u", "p"));
+  SybaseResultSet rs = c.execute("select id, name, score, stamp from t order by id");
+  ASSERT_EQ(1, rs.commandSucceeded());
+  ASSERT_TRUE(rs.hasResultSet());
+  ASSERT_EQ(4, rs.columnCount());
+  EXPECT_EQ("name", rs.columnName(2));
+
+  ASSERT_TRUE(rs.next());
+  EXPECT_EQ(1L, rs.getLongValue(1));
+  EXPECT_EQ("one", rs.getStringValue(2));
+  EXPECT_DOUBLE_EQ(1.5, rs.getDoubleValue(3));
+  timeval tv = rs.getDateAsTimevalValue(4);
+  // .998 is 299.4 ticks: stored as 299, read back as .997 on the same day.
+  EXPECT_EQ("2026-11-22 23:59:59.997", rs.getStringValue(4));
+  EXPECT_EQ(997000, tv.tv_usec);
+
+  ASSERT_TRUE(rs.next());
+  EXPECT_EQ("Grüße ☃ 𝄞", rs.getStringValue(2));
+  EXPECT_TRUE(rs.isNull(3));
+  EXPECT_FALSE(rs.isNull(2));
+  // .999 rounds to the next day's midnight.
+  EXPECT_EQ("2026-11-23 00:00:00.000", rs.getStringValue(4));
+  EXPECT_EQ(tv.tv_sec + 1, rs.getDateAsTimevalValue(4).tv_sec);
+
+  ASSERT_TRUE(rs.next());
+  EXPECT_TRUE(rs.isNull(2));
+  EXPECT_TRUE(rs.isNull(4));
+  EXPECT_EQ("", rs.getStringValue(2));
+  EXPECT_DOUBLE_EQ(-2.25, rs.getDoubleValue(3));
+  EXPECT_FALSE(rs.next());
+  EXPECT_EQ(3L, rs.rowCount());
+  EXPECT_EQ(3L, c.rowCount());
+
+  SybaseResultSet upd = c.execute("update t set score = 0 where id >= 2");
+  EXPECT_EQ(1, upd.commandSucceeded());
+  EXPECT_EQ(2L, c.rowCount());
+}
+
+TEST_F(FreeTdsDriverTest, LargeResultStreamsAndReleaseKeepsTheCount) {
+  tdstest::TdsServer server(db_, "u", "p");
+  ASSERT_NE(0, server.start());
+  SybaseConnection c;
+  ASSERT_EQ(0, c.connect(server.address(), "u", "p"));
+  {
+    SybaseResultSet rs = c.execute("select n, pad from big order by n");
+    long sum = 0, rows = 0;
+    while (rs.next()) {
+      sum += rs.getLongValue(1);
+      ++rows;
+    }
+    EXPECT_EQ(5000L, rows);
+    EXPECT_EQ(5000L * 5001L / 2, sum);
+    EXPECT_EQ(5000L, c.rowCount());
+  }
+  // Read a few rows, drop the rest: the count is the server's, the login reusable.
+  SybaseResultSet rs = c.execute("select n from big");
+  ASSERT_TRUE(rs.next());
+  ASSERT_TRUE(rs.next());
+  rs.releaseResults();
+  EXPECT_FALSE(rs.next());
+  EXPECT_EQ(5000L, c.rowCount());
+  EXPECT_EQ(5000L, rs.rowCount());
+  SybaseResultSet again = c.execute("select count(*) from t");
+  ASSERT_TRUE(again.next());
+  EXPECT_EQ(3L, again.getLongValue(1));
+}
+
+TEST_F(FreeTdsDriverTest, ErrorsInABatch) {
+  tdstest::TdsServer server(db_, "u", "p");
+  ASSERT_NE(0, server.start());
+  SybaseConnection c;
+  ASSERT_EQ(0, c.connect(server.address(), "u", "p"));
+  // The first command fails.
+  EXPECT_EQ(0, c.execute("select * from missing; select 1").commandSucceeded());
+  EXPECT_TRUE(sawServerMessage(102));
+  // A failure in the middle does not hide a later success, nor the other way round.
+  SybaseResultSet mid =
+      c.execute("update t set score = 1 where id = 1; select * from missing; delete from t where id = 3");
+  EXPECT_EQ(1, mid.commandSucceeded());
+  EXPECT_EQ(1L, c.rowCount());
+  SybaseResultSet last = c.execute("delete from t where id = 3; select * from missing");
+  EXPECT_EQ(0, last.commandSucceeded());
+  // The login is still usable.
+  SybaseResultSet rs = c.execute("select count(*) from t");
+  ASSERT_TRUE(rs.next());
+  EXPECT_EQ(2L, rs.getLongValue(1));
+}
+
+TEST_F(FreeTdsDriverTest, DroppedConnectionMidResult) {
+  tdstest::TdsServer server(db_, "u", "p", tdstest::TdsServer::Mode::DropMidResult);
+  server.dropAfterRows = 100;
+  ASSERT_NE(0, server.start());
+  SybaseConnection c;
+  ASSERT_EQ(0, c.connect(server.address(), "u", "p"));
+  SybaseResultSet rs = c.execute("select n, pad from big");
+  long rows = 0;
+  while (rs.next()) ++rows;
+  EXPECT_LE(rows, 101L);
+  EXPECT_FALSE(c.isConnected());
+  EXPECT_EQ(0, c.execute("select 1").commandSucceeded());
+  EXPECT_TRUE(sawClientError());
+}
+
+}  // namespace
