@@ -5,6 +5,8 @@
 #include <sybdb.h>
 // clang-format on
 
+#include <sys/socket.h>
+
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -387,8 +389,18 @@ int errHandler(DBPROCESS* dbproc, int severity, int dberr, int oserr, char* dber
   FreeTdsDriver* d = driverOf(dbproc);
   if (d) st.srvname = d->server_;
   reportError(st);
-  // A time-out ends the login or the command; waiting on would let a silent
-  // server hold the caller for ever.
+  // A time-out ends the login or the command, and the login with it. Returning
+  // INT_CANCEL is not enough: under TDS 5.0 DB-Library then logs out of the
+  // silent server and waits for its own wire lock for ever. Instead the socket
+  // is shut down and DB-Library told to read on: the read ends at once, the
+  // login is marked dead and the call fails.
+  if (dberr == SYBETIME && dbproc) {
+    int fd = dbiordesc(dbproc);
+    if (fd >= 0) {
+      ::shutdown(fd, SHUT_RDWR);
+      return INT_TIMEOUT;
+    }
+  }
   return INT_CANCEL;
 }
 

@@ -213,3 +213,34 @@ TEST_F(FreeTdsDriverTest, DroppedConnectionMidResult) {
 }
 
 }  // namespace
+
+namespace {
+// Under TDS 5.0 a silent server is the case where DB-Library itself would keep
+// the login waiting.
+TEST_F(FreeTdsDriverTest, SilentServerLoginIsBoundedUnderTds50) {
+  tdstest::TdsServer server(db_, "u", "p", tdstest::TdsServer::Mode::Silent);
+  ASSERT_NE(0, server.start());
+  sybconn::FreeTdsSettings::setTdsVersion("5.0");
+  sybconn::FreeTdsSettings::setLoginTimeout(1);
+  SybaseConnection c;
+  auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(-1, c.connect(server.address(), "u", "p"));
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(6));
+  EXPECT_TRUE(sawClientError());
+}
+}  // namespace
+
+namespace {
+TEST_F(FreeTdsDriverTest, UnansweredQueryIsBounded) {
+  tdstest::TdsServer server(db_, "u", "p", tdstest::TdsServer::Mode::SilentAfterLogin);
+  ASSERT_NE(0, server.start());
+  sybconn::FreeTdsSettings::setQueryTimeout(1);
+  SybaseConnection c;
+  ASSERT_EQ(0, c.connect(server.address(), "u", "p"));
+  auto t0 = std::chrono::steady_clock::now();
+  EXPECT_EQ(0, c.execute("select 1").commandSucceeded());
+  EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(6));
+  EXPECT_TRUE(sawClientError());
+  EXPECT_FALSE(c.isConnected());
+}
+}  // namespace

@@ -536,6 +536,8 @@ void TdsServer::serve(int fd) {
       ++logins;
     } else if (type == kAttention) {
       done(o, kDoneAttn, 0, 0);
+    } else if (type == kSqlBatch && loggedIn && mode_ == Mode::SilentAfterLogin) {
+      continue;
     } else if (type == kSqlBatch && loggedIn) {
       size_t skip = 0;
       if (msg.size() >= 4)

@@ -19,6 +19,8 @@ class TdsServer {
     Normal,
     // Accepts connections and never answers.
     Silent,
+    // Logs in normally, then never answers a batch.
+    SilentAfterLogin,
     // Logs in normally, then closes the connection after the first rows of
     // any select that returns more than `dropAfterRows` rows.
     DropMidResult,
