@@ -20,7 +20,15 @@ namespace {
 
 using Bytes = std::string;
 
-enum : uint8_t { kSqlBatch = 0x01, kReply = 0x04, kAttention = 0x06, kLogin7 = 0x10, kPrelogin = 0x12 };
+enum : uint8_t {
+  kLogin50 = 0x02,
+  kNormal50 = 0x0f,
+  kSqlBatch = 0x01,
+  kReply = 0x04,
+  kAttention = 0x06,
+  kLogin7 = 0x10,
+  kPrelogin = 0x12
+};
 enum : uint16_t { kDoneMore = 0x0001, kDoneError = 0x0002, kDoneCount = 0x0010, kDoneAttn = 0x0020 };
 const size_t kPacketSize = 4096;
 
@@ -473,6 +481,10 @@ void TdsServer::serve(int fd) {
   Bytes msg;
   while (!stopping_ && readMessage(fd, type, msg)) {
     Out o;
+    if (type == kLogin50 && !loggedIn) {
+      serve50(fd, msg);
+      break;
+    }
     if (type == kPrelogin) {
       // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS.
       const unsigned char opts[][2] = {{0, 6}, {1, 1}, {2, 1}, {3, 4}, {4, 1}};
@@ -606,6 +618,258 @@ void TdsServer::serve(int fd) {
   }
   if (db) sqlite3_close(db);
   finish();
+}
+
+}  // namespace tdstest
+
+namespace tdstest {
+namespace {
+
+void done50(Out& o, uint16_t status, uint32_t count) {
+  o.u8(0xfd);
+  o.u16(status);
+  o.u16(0);
+  o.u32(count);
+}
+
+void eed(Out& o, int number, int severity, const std::string& text) {
+  Out b;
+  b.u32(static_cast<uint32_t>(number));
+  b.u8(1);
+  b.u8(static_cast<unsigned>(severity));
+  b.u8(5);
+  b.raw("ZZZZZ");
+  b.u8(0);
+  b.u16(0);
+  b.u16(static_cast<unsigned>(text.size()));
+  b.raw(text);
+  b.u8(7);
+  b.raw("tdstest");
+  b.u8(0);
+  b.u16(1);
+  o.u8(0xe5);
+  o.u16(static_cast<unsigned>(b.b.size()));
+  o.raw(b.b);
+}
+
+void loginAck50(Out& o, bool ok) {
+  o.u8(0xad);
+  o.u16(1 + 4 + 1 + 7 + 4);
+  o.u8(ok ? 5 : 6);
+  o.raw(Bytes("\x05\x00\x00\x00", 4));
+  o.u8(7);
+  o.raw("tdstest");
+  o.raw(Bytes("\x01\x00\x00\x00", 4));
+}
+
+void rowFormat50(Out& o, sqlite3_stmt* st, const std::vector<ColType>& types) {
+  Out b;
+  b.u16(static_cast<unsigned>(types.size()));
+  for (size_t i = 0; i < types.size(); ++i) {
+    const char* name = sqlite3_column_name(st, static_cast<int>(i));
+    std::string n = name ? name : "";
+    b.u8(static_cast<unsigned>(n.size()));
+    b.raw(n);
+    b.u8(0x20);  // nullable
+    b.u32(0);
+    switch (types[i]) {
+      case ColType::Int:
+        b.u8(0x26);
+        b.u8(8);
+        break;
+      case ColType::Float:
+        b.u8(0x6d);
+        b.u8(8);
+        break;
+      case ColType::Date:
+        b.u8(0x6f);
+        b.u8(8);
+        break;
+      case ColType::Text:
+        b.u8(0xaf);
+        b.u32(32768);
+        break;
+    }
+    b.u8(0);  // no locale
+  }
+  o.u8(0xee);
+  o.u16(static_cast<unsigned>(b.b.size()));
+  o.raw(b.b);
+}
+
+void row50(Out& o, sqlite3_stmt* st, const std::vector<ColType>& types) {
+  o.u8(0xd1);
+  for (size_t i = 0; i < types.size(); ++i) {
+    int c = static_cast<int>(i);
+    bool null = sqlite3_column_type(st, c) == SQLITE_NULL;
+    switch (types[i]) {
+      case ColType::Int:
+        if (null) {
+          o.u8(0);
+        } else {
+          o.u8(8);
+          o.u64(static_cast<uint64_t>(sqlite3_column_int64(st, c)));
+        }
+        break;
+      case ColType::Float:
+        if (null) {
+          o.u8(0);
+        } else {
+          double v = sqlite3_column_double(st, c);
+          uint64_t bits;
+          std::memcpy(&bits, &v, 8);
+          o.u8(8);
+          o.u64(bits);
+        }
+        break;
+      case ColType::Date: {
+        int32_t days = 0;
+        uint32_t ticks = 0;
+        const char* t = reinterpret_cast<const char*>(sqlite3_column_text(st, c));
+        if (null || !t || !parseDateText(t, days, ticks)) {
+          o.u8(0);
+        } else {
+          o.u8(8);
+          o.u32(static_cast<uint32_t>(days));
+          o.u32(ticks);
+        }
+        break;
+      }
+      case ColType::Text: {
+        if (null) {
+          o.u32(0);
+          break;
+        }
+        const char* t = reinterpret_cast<const char*>(sqlite3_column_text(st, c));
+        std::string v = t ? t : "";
+        if (v.empty()) v = " ";  // an empty string travels as one blank
+        if (v.size() > 32768) v.resize(32768);
+        o.u32(static_cast<uint32_t>(v.size()));
+        o.raw(v);
+        break;
+      }
+    }
+  }
+}
+
+bool sendReply50(int fd, const Bytes& data, bool endOfMessage = true) {
+  size_t off = 0;
+  do {
+    size_t chunk = std::min(size_t{512} - 8, data.size() - off);
+    bool last = off + chunk == data.size();
+    unsigned char h[8] = {kReply,
+                          static_cast<unsigned char>(last && endOfMessage ? 1 : 0),
+                          static_cast<unsigned char>((chunk + 8) >> 8),
+                          static_cast<unsigned char>((chunk + 8) & 0xff),
+                          0,
+                          0,
+                          0,
+                          0};
+    if (!writeAll(fd, reinterpret_cast<char*>(h), 8) || !writeAll(fd, data.data() + off, chunk)) return false;
+    off += chunk;
+  } while (off < data.size());
+  return true;
+}
+
+}  // namespace
+
+void TdsServer::serve50(int fd, const std::string& login) {
+  auto text = [&login](size_t at, size_t lenAt) {
+    if (login.size() <= lenAt) return std::string();
+    size_t n = std::min<size_t>(static_cast<unsigned char>(login[lenAt]), 30);
+    return login.substr(at, n);
+  };
+  Out o;
+  sqlite3* db = nullptr;
+  if (text(31, 61) != user_ || text(62, 92) != password_ || sqlite3_open(dbPath_.c_str(), &db) != SQLITE_OK) {
+    eed(o, 4002, 14, "Login failed.");
+    loginAck50(o, false);
+    done50(o, kDoneError, 0);
+    sendReply50(fd, o.b);
+    if (db) sqlite3_close(db);
+    return;
+  }
+  sqlite3_busy_timeout(db, 2000);
+  eed(o, 5701, 0, "Changed database context to 'main'.");
+  loginAck50(o, true);
+  done50(o, 0, 0);
+  ++logins;
+  sendReply50(fd, o.b);
+  uint8_t type;
+  Bytes msg;
+  while (!stopping_ && readMessage(fd, type, msg)) {
+    Out r;
+    if (type == kAttention) {
+      done50(r, kDoneAttn, 0);
+      if (!sendReply50(fd, r.b)) break;
+      continue;
+    }
+    if (type != kNormal50 || msg.size() < 6 || static_cast<unsigned char>(msg[0]) != 0x21) {
+      eed(r, 4002, 16, "Unexpected packet");
+      done50(r, kDoneError, 0);
+      if (!sendReply50(fd, r.b)) break;
+      continue;
+    }
+    if (mode_ == Mode::SilentAfterLogin) continue;
+    std::vector<std::string> stmts = splitStatements(msg.substr(6));
+    if (stmts.empty()) stmts.push_back("");
+    bool dropped = false;
+    for (size_t si = 0; si < stmts.size() && !dropped; ++si) {
+      const std::string& s = stmts[si];
+      uint16_t more = si + 1 < stmts.size() ? kDoneMore : 0;
+      if (s.empty() || lowerStartsWith(s, "set ") || lowerStartsWith(s, "use ")) {
+        done50(r, more, 0);
+        continue;
+      }
+      if (lowerStartsWith(s, "select @@spid")) {
+        // One INT column, as the client checks after its login.
+        r.raw(Bytes("\xee\x0b\x00\x01\x00\x00\x00\x00\x00\x00\x00\x26\x04\x00", 14));
+        r.raw(Bytes("\xd1\x04\x07\x00\x00\x00", 6));
+        done50(r, static_cast<uint16_t>(more | kDoneCount), 1);
+        continue;
+      }
+      std::string sql = sybconn::rewriteSybaseToSqlite(s).sql;
+      sqlite3_stmt* st = nullptr;
+      if (sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
+        eed(r, 102, 16, sqlite3_errmsg(db));
+        done50(r, static_cast<uint16_t>(more | kDoneError), 0);
+        continue;
+      }
+      int cols = sqlite3_column_count(st);
+      int rc = sqlite3_step(st);
+      uint32_t rows = 0;
+      bool failed = rc != SQLITE_ROW && rc != SQLITE_DONE;
+      if (cols > 0 && !failed) {
+        std::vector<ColType> types;
+        for (int i = 0; i < cols; ++i) types.push_back(rc == SQLITE_ROW ? typeOf(st, i) : ColType::Text);
+        rowFormat50(r, st, types);
+        while (rc == SQLITE_ROW) {
+          row50(r, st, types);
+          ++rows;
+          if (mode_ == Mode::DropMidResult && rows > static_cast<uint32_t>(dropAfterRows)) {
+            dropped = true;
+            break;
+          }
+          rc = sqlite3_step(st);
+        }
+        failed = !dropped && rc != SQLITE_DONE;
+      }
+      if (failed) {
+        eed(r, 3621, 16, sqlite3_errmsg(db));
+        done50(r, static_cast<uint16_t>(more | kDoneError), 0);
+      } else if (!dropped) {
+        done50(r, static_cast<uint16_t>(more | kDoneCount),
+               cols > 0 ? rows : static_cast<uint32_t>(sqlite3_changes(db)));
+      }
+      sqlite3_finalize(st);
+    }
+    if (dropped) {
+      sendReply50(fd, r.b.substr(0, r.b.size() - 3), false);
+      break;
+    }
+    if (!sendReply50(fd, r.b)) break;
+  }
+  sqlite3_close(db);
 }
 
 }  // namespace tdstest

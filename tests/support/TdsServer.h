@@ -9,7 +9,7 @@
 
 namespace tdstest {
 
-// A small TDS 7.4 server on a loopback port of its own, for tests of the
+// A small TDS 7.4 and 5.0 server on a loopback port of its own, for tests of the
 // DB-Library driver. Logins are checked against one user and password; SQL
 // batches run on an SQLite file through the library's dialect rewriter, each
 // ';'-separated statement as one command.
@@ -45,6 +45,8 @@ class TdsServer {
  private:
   void acceptLoop();
   void serve(int fd);
+  // A TDS 5.0 session, from its login packet on.
+  void serve50(int fd, const std::string& login);
 
   std::string dbPath_, user_, password_;
   Mode mode_;
