@@ -5,6 +5,7 @@
 #include <chrono>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sybconn/drivers/FreeTdsDriver.h"
@@ -227,6 +228,31 @@ TEST_P(FreeTdsDriverTest, UnansweredQueryIsBounded) {
   EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(6));
   EXPECT_TRUE(sawClientError());
   EXPECT_FALSE(c.isConnected());
+}
+}  // namespace
+
+namespace {
+// Each thread has its own login; DB-Library's process-wide state is shared.
+TEST_P(FreeTdsDriverTest, ThreadsWithTheirOwnLogins) {
+  tdstest::TdsServer server(db_, "u", "p");
+  ASSERT_NE(0, server.start());
+  std::vector<long> sums(4, 0);
+  std::vector<std::thread> threads;
+  for (size_t k = 0; k < sums.size(); ++k)
+    threads.emplace_back([&server, &sums, k] {
+      SybaseConnection c;
+      if (c.connect(server.address(), "u", "p") != 0) return;
+      for (int round = 0; round < 5; ++round) {
+        SybaseResultSet rs = c.execute("select n from big where n <= " + std::to_string(100 * (k + 1)));
+        while (rs.next()) sums[k] += rs.getLongValue(1);
+      }
+    });
+  for (auto& t : threads) t.join();
+  for (size_t k = 0; k < sums.size(); ++k) {
+    long n = 100L * static_cast<long>(k + 1);
+    EXPECT_EQ(5 * n * (n + 1) / 2, sums[k]) << "thread " << k;
+  }
+  EXPECT_EQ(4, server.logins.load());
 }
 }  // namespace
 
