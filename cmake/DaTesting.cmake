@@ -1,13 +1,16 @@
-# da_add_gtest(NAME SOURCES src... [LIBS lib...] [LABELS label...])
+# da_add_gtest(NAME SOURCES src... [LIBS lib...] [LABELS label...] [ALL_BACKENDS])
 #
 # Builds one GoogleTest executable and registers its tests with CTest. Tests
 # labelled `tsan` are the concurrency tests: only they are built in the
-# ThreadSanitizer tree (DA_TSAN_ONLY).
+# ThreadSanitizer tree (DA_TSAN_ONLY). ALL_BACKENDS registers the tests once
+# more for each TDS protocol version, named tds50.<test> and tds74.<test> and
+# labelled `freetds`: they reach the same database files through the FreeTDS
+# driver and the TDS test server (DA_TEST_BACKEND, tests/support/Backend.h).
 include(GoogleTest)
 find_package(GTest REQUIRED)
 
 function(da_add_gtest name)
-  cmake_parse_arguments(ARG "" "" "SOURCES;LIBS;LABELS" ${ARGN})
+  cmake_parse_arguments(ARG "ALL_BACKENDS" "" "SOURCES;LIBS;LABELS" ${ARGN})
   if(DA_TSAN_ONLY AND NOT "tsan" IN_LIST ARG_LABELS)
     return()
   endif()
@@ -21,5 +24,12 @@ function(da_add_gtest name)
       PROPERTIES LABELS "${ARG_LABELS}")
   else()
     gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} DISCOVERY_TIMEOUT 60)
+  endif()
+  if(ARG_ALL_BACKENDS)
+    set(labels ${ARG_LABELS} freetds)
+    foreach(backend tds50 tds74)
+      gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} DISCOVERY_TIMEOUT 60
+        TEST_PREFIX ${backend}. PROPERTIES LABELS "${labels}" ENVIRONMENT DA_TEST_BACKEND=${backend})
+    endforeach()
   endif()
 endfunction()

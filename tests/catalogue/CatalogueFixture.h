@@ -5,33 +5,41 @@
 #include <dataAccess/db/ServiceConnectionStub.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>
 #include <gtest/gtest.h>
+#include <sybconn/SybaseConnection.h>
 
 #include <fstream>
 #include <memory>
 #include <sstream>
 #include <string>
 
+#include "tests/support/Backend.h"
 #include "tests/support/TempDir.h"
 
-// A SQLite database with the example schemas, a service connection to it,
-// and a stub connection whose printed SQL a test can read.
+// A database file with the example schemas, a service connection to it on
+// the backend of the run (SQLite directly, or through a TDS test server), and
+// a stub connection whose printed SQL a test can read.
 class CatalogueFixture : public ::testing::Test {
  protected:
   void SetUp() override {
     ConnectionPool::destroyInstance();
-    conn_ =
-        std::make_unique<ServiceConnectionSyb>("sqlite:" + dir_.file("archive.db"), "ops", "pw", "archive");
+    {
+      SybaseConnection direct;
+      ASSERT_EQ(direct.connect("sqlite:" + dir_.file("archive.db"), "ops", "pw"), 0);
+      for (const char* schema :
+           {"replication_queue.sqlite.sql", "file_catalogue.sqlite.sql", "safe_copies.sqlite.sql"})
+        ASSERT_EQ(direct.execute(read(std::string(DA_SOURCE_DIR) + "/examples/schema/" + schema))
+                      .commandSucceeded(),
+                  1);
+    }
+    conn_ = std::make_unique<ServiceConnectionSyb>(
+        testsupport::Backend::current().server(dir_.file("archive.db")), "ops", "pw", "archive");
     ASSERT_EQ(conn_->acquire(), 0);
-    for (const char* schema :
-         {"replication_queue.sqlite.sql", "file_catalogue.sqlite.sql", "safe_copies.sqlite.sql"})
-      ASSERT_EQ(
-          conn_->execute(read(std::string(DA_SOURCE_DIR) + "/examples/schema/" + schema)).commandSucceeded(),
-          1);
     stub_.acquire();
   }
   void TearDown() override {
     conn_.reset();
     ConnectionPool::destroyInstance();
+    testsupport::Backend::current().stopServers();
   }
   static std::string read(const std::string& path) {
     std::ifstream in(path);

@@ -7,10 +7,12 @@
 #include <cstdlib>
 #include <string>
 
+#include "tests/support/Backend.h"
 #include "tests/support/TempDir.h"
 
-// A fresh pool, a private HOME with its own key file, and SQLite server names
-// in a temporary folder.
+// A fresh pool, a private HOME with its own key file, and server names for
+// database files in a temporary folder, on the backend of the run (SQLite
+// directly, or through a TDS test server).
 class DbFixture : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -23,10 +25,14 @@ class DbFixture : public ::testing::Test {
   void TearDown() override {
     ConnectionPool::instance()->setMaxPoolSize(20);
     ConnectionPool::destroyInstance();
+    backend().stopServers();
     setenv("HOME", savedHome_.c_str(), 1);
     unsetenv("STCRYPT_KEY_FILE");
   }
-  std::string server(const std::string& name = "main") const { return "sqlite:" + dir_.file(name + ".db"); }
+  static testsupport::Backend& backend() { return testsupport::Backend::current(); }
+  std::string server(const std::string& name = "main") const {
+    return backend().server(dir_.file(name + ".db"));
+  }
 
   testsupport::TempDir dir_;
   std::string savedHome_;

@@ -26,6 +26,7 @@ class TdsServer {
     DropMidResult,
   };
 
+  // An empty `user` lets every user in, whatever the password.
   TdsServer(std::string dbPath, std::string user, std::string password, Mode mode = Mode::Normal);
   ~TdsServer();
   TdsServer(const TdsServer&) = delete;
