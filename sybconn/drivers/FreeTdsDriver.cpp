@@ -95,6 +95,12 @@ class FreeTdsCursor : public Cursor {
     else
       finish();
   }
+  // A result set given up before its end still holds the login's pending
+  // results: read them off now, so the next command can be sent and the
+  // affected-row count is the server's.
+  ~FreeTdsCursor() override {
+    if (live()) release();
+  }
 
   bool succeeded() const override { return succeeded_; }
   bool hasRows() const override { return columns_ > 0; }
