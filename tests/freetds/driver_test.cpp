@@ -1,3 +1,4 @@
+#include <dataAccess/db/ConnectionPool.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sybconn/SybaseConnection.h>
@@ -212,6 +213,32 @@ TEST_P(FreeTdsDriverTest, DroppedConnectionMidResult) {
   EXPECT_FALSE(c.isConnected());
   EXPECT_EQ(0, c.execute("select 1").commandSucceeded());
   EXPECT_TRUE(sawClientError());
+}
+
+// A login that died while free is not handed out again: the pool drops it and
+// logs in afresh.
+TEST_P(FreeTdsDriverTest, PoolDropsALoginThatDied) {
+  tdstest::TdsServer server(db_, "u", "p", tdstest::TdsServer::Mode::DropMidResult);
+  server.dropAfterRows = 100;
+  ASSERT_NE(0, server.start());
+  ConnectionPool::destroyInstance();
+  ConnectionPool* pool = ConnectionPool::instance();
+  SybaseConnection* first = pool->acquireConnection(server.address(), "u", "p");
+  ASSERT_NE(first, nullptr);
+  {
+    SybaseResultSet rs = first->execute("select n from big");
+    while (rs.next()) {
+    }
+  }
+  pool->releaseConnection(first);
+  SybaseConnection* second = pool->acquireConnection(server.address(), "u", "p");
+  ASSERT_NE(second, nullptr);
+  EXPECT_TRUE(second->isConnected());
+  EXPECT_EQ(1, second->execute("select 1").commandSucceeded());
+  EXPECT_EQ(2, server.logins.load());
+  EXPECT_EQ(1, pool->counts().records);
+  pool->releaseConnection(second);
+  ConnectionPool::destroyInstance();
 }
 
 }  // namespace
