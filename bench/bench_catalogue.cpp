@@ -3,6 +3,9 @@
 //   - 100,000 ReplicationRequestDAOSyb::insert calls in one transaction;
 //   - KestFileDAOSyb::loadAll of 1,000,000 rows, and its peak memory;
 // with DEBUG logging off (the host's ACE priority mask) and on, to a file.
+// The same DAO calls also run through the FreeTDS driver against the TDS test
+// server (TDS 5.0 and 7.4) over loopback, beside the SQLite figures: they
+// measure the driver plus the test server, not a real database server.
 #include <ace/Log_Msg.h>
 #include <dataAccess/catalogue/KestFileDAOSyb.h>
 #include <dataAccess/catalogue/ReplicationRequestDAOSyb.h>
@@ -12,10 +15,13 @@
 
 #include <cstdio>
 #include <fstream>
+#include <memory>
 #include <sstream>
 #include <string>
 
 #include "bench/BenchUtil.h"
+#include "sybconn/drivers/FreeTdsDriver.h"
+#include "tests/support/TdsServer.h"
 
 namespace {
 
@@ -74,11 +80,22 @@ ReplicationRequest request(int i) {
   return r;
 }
 
-void insertOurs(benchmark::State& state, bool log) {
+// A TDS test server on `dbFile`, speaking `version` ("5.0" or "7.4"), and the
+// driver set to that version; nullptr for SQLite.
+std::unique_ptr<tdstest::TdsServer> tdsServer(const std::string& dbFile, const char* version) {
+  if (!version) return nullptr;
+  sybconn::FreeTdsSettings::setTdsVersion(version);
+  auto server = std::make_unique<tdstest::TdsServer>(dbFile, "u", "p");
+  if (server->start() == 0) return nullptr;
+  return server;
+}
+
+void insertOurs(benchmark::State& state, bool log, const char* tds = nullptr) {
   for (auto _ : state) {
     state.PauseTiming();
     const std::string path = freshQueue("ins_ours.db");
-    ServiceConnectionSyb conn("sqlite:" + path, "u", "p", "db");
+    auto server = tdsServer(path, tds);
+    ServiceConnectionSyb conn(server ? server->address() : "sqlite:" + path, "u", "p", "db");
     conn.acquire();
     ReplicationRequestDAOSyb dao("repl_queue");
     logging(log);
@@ -95,6 +112,8 @@ void insertOurs(benchmark::State& state, bool log) {
 }
 void BM_insert_ours_logoff(benchmark::State& s) { insertOurs(s, false); }
 void BM_insert_ours_logon(benchmark::State& s) { insertOurs(s, true); }
+void BM_insert_tds50(benchmark::State& s) { insertOurs(s, false, "5.0"); }
+void BM_insert_tds74(benchmark::State& s) { insertOurs(s, false, "7.4"); }
 
 void BM_insert_raw(benchmark::State& state) {
   for (auto _ : state) {
@@ -144,8 +163,8 @@ void makeBig() {
   sqlite3_close(db);
 }
 
-size_t loadOurs() {
-  ServiceConnectionSyb conn("sqlite:" + g_big, "u", "p", "db");
+size_t loadOurs(const std::string& server = "sqlite:" + g_big) {
+  ServiceConnectionSyb conn(server, "u", "p", "db");
   conn.acquire();
   std::vector<KestFile> files;
   KestFileDAOSyb("kest_files").loadAll(files, conn);
@@ -202,6 +221,14 @@ void BM_loadall_ours_logon(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(loadOurs());
   logging(false);
 }
+void loadTds(benchmark::State& state, const char* version) {
+  logging(false);
+  auto server = tdsServer(g_big, version);
+  for (auto _ : state) benchmark::DoNotOptimize(loadOurs(server->address()));
+  ConnectionPool::destroyInstance();
+}
+void BM_loadall_tds50(benchmark::State& s) { loadTds(s, "5.0"); }
+void BM_loadall_tds74(benchmark::State& s) { loadTds(s, "7.4"); }
 void BM_loadall_raw(benchmark::State& state) {
   for (auto _ : state) benchmark::DoNotOptimize(loadRaw());
 }
@@ -214,6 +241,10 @@ BENCHMARK(BM_insert_ours_logon)->Unit(benchmark::kMillisecond)->Iterations(1)->R
 BENCHMARK(BM_loadall_raw)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
 BENCHMARK(BM_loadall_ours_logoff)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
 BENCHMARK(BM_loadall_ours_logon)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
+BENCHMARK(BM_insert_tds50)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(1);
+BENCHMARK(BM_insert_tds74)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(1);
+BENCHMARK(BM_loadall_tds50)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(1);
+BENCHMARK(BM_loadall_tds74)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(1);
 
 int main(int argc, char** argv) {
   char tmpl[] = "/tmp/bench-catalogue-XXXXXX";
@@ -242,6 +273,15 @@ int main(int argc, char** argv) {
   benchutil::printRatio("catalogue_loadall_1M_logon", collector.time("BM_loadall_ours_logon"), loadRawT, "-");
   benchutil::printRatio("catalogue_loadall_1M_peak_mem", static_cast<double>(memOurs),
                         static_cast<double>(memRaw), "1.15");
+  // Over TDS, against our own DAOs on SQLite: the cost of the wire and the test server.
+  const double insertOurs = collector.time("BM_insert_ours_logoff"),
+               loadOursT = collector.time("BM_loadall_ours_logoff");
+  for (const char* v : {"tds50", "tds74"}) {
+    benchutil::printRatio(std::string("catalogue_insert_100k_") + v + "_vs_sqlite",
+                          collector.time(std::string("BM_insert_") + v), insertOurs, "-");
+    benchutil::printRatio(std::string("catalogue_loadall_1M_") + v + "_vs_sqlite",
+                          collector.time(std::string("BM_loadall_") + v), loadOursT, "-");
+  }
   ConnectionPool::destroyInstance();
   std::system(("rm -rf " + g_dir).c_str());
   return 0;
