@@ -159,8 +159,16 @@ class FreeTdsCursor : public Cursor {
       return buf;
     }
     if (type == SYBFLT8 || type == SYBREAL || type == SYBFLTN) {
+      // The shortest text that reads back as the same value (0.81, not
+      // 0.81000000000000005), as the server's own tools print it.
+      const double v = getDouble(col);
+      const bool single = type == SYBREAL || (type == SYBFLTN && dbdatlen(p, col) == 4);
       char buf[40];
-      std::snprintf(buf, sizeof buf, "%.17g", getDouble(col));
+      for (int digits = single ? 6 : 15; digits <= 17; ++digits) {
+        std::snprintf(buf, sizeof buf, "%.*g", digits, v);
+        const double back = std::strtod(buf, nullptr);
+        if (single ? static_cast<float>(back) == static_cast<float>(v) : back == v) break;
+      }
       return buf;
     }
     char buf[256];

@@ -148,6 +148,13 @@ TEST_P(FreeTdsDriverTest, TypedValuesNullsUnicodeAndDates) {
   SybaseResultSet upd = c.execute("update t set score = 0 where id >= 2");
   EXPECT_EQ(1, upd.commandSucceeded());
   EXPECT_EQ(2L, c.rowCount());
+
+  // Floats as text: the shortest form that reads back exactly.
+  SybaseResultSet f = c.execute("select 0.81, 0.1 + 0.2, -1e-300");
+  ASSERT_TRUE(f.next());
+  EXPECT_EQ("0.81", f.getStringValue(1));
+  EXPECT_EQ("0.30000000000000004", f.getStringValue(2));
+  EXPECT_EQ("-1e-300", f.getStringValue(3));
 }
 
 TEST_P(FreeTdsDriverTest, LargeResultStreamsAndReleaseKeepsTheCount) {
