@@ -1,5 +1,7 @@
 // The demo that `make demo` runs: shows the library working on the embedded
 // SQLite default, one section a subsystem. Usage: dataAccessDemo <work folder>
+// DA_DEMO_SERVER=<server> (a freetds.conf name or host:port) runs it on a
+// Sybase or SQL Server database instead, whose tables already exist.
 #include <ace/Log_Msg.h>
 
 #include <cstdio>

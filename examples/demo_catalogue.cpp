@@ -16,9 +16,9 @@ namespace {
 int run(const std::string& work) {
   ServiceConnectionSyb conn(demo::server(work, "archive.db"), "ops", "secret", "archive");
   if (conn.acquire() != 0) return 1;
-  for (const char* schema :
-       {"replication_queue.sqlite.sql", "file_catalogue.sqlite.sql", "safe_copies.sqlite.sql"})
-    if (conn.execute(demo::schema(schema)).commandSucceeded() != 1) return 1;
+  if (!demo::createTables(
+          conn, {"replication_queue.sqlite.sql", "file_catalogue.sqlite.sql", "safe_copies.sqlite.sql"}))
+    return 1;
   conn.execute("delete repl_queue");
   conn.execute("delete kest_files");
 
