@@ -30,18 +30,23 @@ unsigned long g_previousFlags = 0;
 
 }  // namespace
 
+// ACE takes its own lock around a log call and the backend then takes
+// g_activeMutex, so ACE's settings are changed outside g_activeMutex: the two
+// locks are never taken in the other order.
 LogCapture::LogCapture() {
-  std::lock_guard<std::mutex> lock(g_activeMutex);
   g_previousBackend = ACE_Log_Msg::msg_backend(&g_backend);
   g_previousFlags = ACE_LOG_MSG->flags();
   ACE_LOG_MSG->set_flags(ACE_Log_Msg::CUSTOM);
   ACE_LOG_MSG->clr_flags(ACE_Log_Msg::STDERR);
+  std::lock_guard<std::mutex> lock(g_activeMutex);
   g_active = this;
 }
 
 LogCapture::~LogCapture() {
-  std::lock_guard<std::mutex> lock(g_activeMutex);
-  g_active = nullptr;
+  {
+    std::lock_guard<std::mutex> lock(g_activeMutex);
+    g_active = nullptr;
+  }
   ACE_LOG_MSG->clr_flags(ACE_LOG_MSG->flags());
   ACE_LOG_MSG->set_flags(g_previousFlags);
   ACE_Log_Msg::msg_backend(g_previousBackend);
