@@ -10,12 +10,12 @@
 
 #include <tobasCClient/tobasCClientLib.h>
 
-#include "TobasTestServer.h"
+#include "tests/support/ArchiveServer.h"
 
-using tobastest::httpReply;
-using tobastest::ScratchDir;
-using tobastest::statusDoc;
-using tobastest::TestServer;
+using archivetest::ArchiveServer;
+using archivetest::httpReply;
+using archivetest::ScratchDir;
+using archivetest::statusDoc;
 
 namespace {
 
@@ -28,7 +28,7 @@ std::string pathOf(const std::string& request) {
 }
 
 struct Commands : ::testing::Test {
-  TestServer srv;
+  ArchiveServer srv;
   tobasSTATUS st{};
   const char* host = "127.0.0.1";
   void TearDown() override { tobasFreeStatus(&st); }
@@ -122,7 +122,7 @@ TEST_F(Commands, ParameterArrayAndEncodingBounds) {
 TEST_F(Commands, ArchivePullPushAndFromMemory) {
   ScratchDir dir;
   std::string file = dir.file("x.fits");
-  tobastest::writeFile(file, "SIMPLE  = T");
+  archivetest::writeFile(file, "SIMPLE  = T");
   int p = srv.port();
   EXPECT_EQ(
       "ARCHIVE?filename=\"file:/data/x%3A1.fits\"&mime_type=\"image/fits\"&no_versioning=\"1\"&wait=\"0\"&"
@@ -169,13 +169,14 @@ TEST_F(Commands, ServerErrorsAndTransportFailuresFillTheStatus) {
   tobasFreeStatus(&st);
   EXPECT_EQ(nullptr, st.replyData[0]);
 
-  tobastest::Reply slow{kOk};
+  archivetest::Reply slow{kOk};
   slow.delayMs = 1500;
   srv.push(slow);
   EXPECT_EQ(tobasERR_TIMEOUT, tobasStatus(host, srv.port(), 1.0f, &st));
   EXPECT_STREQ("Timeout encountered while communicating with server. Timeout: 1.000s", st.message);
 
-  EXPECT_EQ(tobasERR_HOST, tobasStatus("no-such-host.invalid", 1, 1, &st));
+  // An IPv6 literal has no IPv4 address: the lookup fails without asking any resolver.
+  EXPECT_EQ(tobasERR_HOST, tobasStatus("::1", 1, 1, &st));
   EXPECT_STREQ("No such host", st.message);
   EXPECT_EQ(tobasERR_HOST, st.errorCode);
 }
@@ -191,7 +192,7 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
   ASSERT_EQ(0,
             tobasRetrieve2File(host, srv.port(), 5, "f:1", 2, "proc", "a=b", dir.path().c_str(), final, &st));
   EXPECT_EQ(dir.file("x.fits"), final);
-  EXPECT_EQ(body, tobastest::readFile(final));
+  EXPECT_EQ(body, archivetest::readFile(final));
   EXPECT_STREQ("OK", st.status);
   EXPECT_STREQ("Successfully handled RETRIEVE command", st.message);
   EXPECT_EQ("RETRIEVE?file_id=\"f%3A1\"&processing=\"proc\"&processing_pars=\"a%3Db\"&file_version=\"2\"",
@@ -204,7 +205,7 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
   ASSERT_EQ(0,
             tobasRetrieve2File(host, srv.port(), 5, "--TOB--LOG--", -1, "", "", target.c_str(), final, &st));
   EXPECT_EQ(target, final);
-  EXPECT_EQ("abc", tobastest::readFile(target));
+  EXPECT_EQ("abc", archivetest::readFile(target));
   EXPECT_EQ("RETRIEVE?tob_log", pathOf(last()));
 
   const char* oldPwd = getenv("PWD");
@@ -218,7 +219,7 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
     unsetenv("PWD");
   ASSERT_EQ(0, rc);
   EXPECT_EQ(dir.file("w.fits"), final);
-  EXPECT_EQ("pwd", tobastest::readFile(final));
+  EXPECT_EQ("pwd", archivetest::readFile(final));
   EXPECT_EQ("RETRIEVE?cfg", pathOf(last()));
 
   tobasPAR_ARRAY pars;
@@ -252,5 +253,5 @@ TEST_F(Commands, RetrievalFailures) {
   srv.push("HTTP/1.0 200 OK\r\nContent-Length: 100\r\n\r\nonly-part");
   EXPECT_EQ(tobasERR_TIMEOUT, tobasRetrieve2File(host, srv.port(), 0.5f, "f", -1, "", "",
                                                  dir.file("part").c_str(), final, &st));
-  EXPECT_EQ("only-part", tobastest::readFile(dir.file("part")));  // left in place
+  EXPECT_EQ("only-part", archivetest::readFile(dir.file("part")));  // left in place
 }

@@ -14,15 +14,15 @@
 
 #include <tobasCClient/tobasCClientLib.h>
 
-#include "TobasTestServer.h"
+#include "tests/support/ArchiveServer.h"
 
-using tobastest::httpReply;
-using tobastest::statusDoc;
-using tobastest::TestServer;
+using archivetest::ArchiveServer;
+using archivetest::httpReply;
+using archivetest::statusDoc;
 
 TEST(TobasConcurrency, ThreadsShareOneServerList) {
   constexpr int kThreads = 4, kPerThread = 10;
-  TestServer a, b;
+  ArchiveServer a, b;
   for (int i = 0; i < kThreads * kPerThread; ++i) {
     a.push(httpReply(200, statusDoc("SUCCESS", "a")));
     b.push(httpReply(200, statusDoc("SUCCESS", "b")));
@@ -70,7 +70,7 @@ TEST(TobasConcurrency, AbandonedConnectsAreSafe) {
     fillers.push_back(c);
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  TestServer live;
+  ArchiveServer live;
   for (int i = 0; i < 6; ++i) live.push(httpReply(200, statusDoc("SUCCESS", "ok")));
   std::atomic<int> refused{0}, served{0};
   std::vector<std::thread> threads;

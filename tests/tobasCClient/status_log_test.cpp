@@ -14,12 +14,12 @@
 
 #include <tobasCClient/tobasCClientLib.h>
 
-#include "TobasTestServer.h"
+#include "tests/support/ArchiveServer.h"
 
-using tobastest::readFile;
-using tobastest::ScratchDir;
-using tobastest::statusDoc;
-using tobastest::writeFile;
+using archivetest::readFile;
+using archivetest::ScratchDir;
+using archivetest::statusDoc;
+using archivetest::writeFile;
 
 TEST(TobasStatus, UnpackStatusDocuments) {
   tobasSTATUS st;

@@ -17,12 +17,12 @@
 
 #include <tobasCClient/tobasCClientLib.h>
 
-#include "TobasTestServer.h"
+#include "tests/support/ArchiveServer.h"
 
-using tobastest::httpReply;
-using tobastest::Reply;
-using tobastest::statusDoc;
-using tobastest::TestServer;
+using archivetest::ArchiveServer;
+using archivetest::httpReply;
+using archivetest::Reply;
+using archivetest::statusDoc;
 
 namespace {
 
@@ -70,7 +70,7 @@ struct Feed {
 
 TEST(TobasTransport, GetRequestBytesWithAndWithoutAuthorization) {
   _setReplyTimeoutFromFloat(5);
-  TestServer srv;
+  ArchiveServer srv;
   std::string doc = statusDoc("SUCCESS", "fine");
   srv.push(httpReply(200, doc));
   srv.push(httpReply(200, doc));
@@ -100,12 +100,12 @@ TEST(TobasTransport, GetRequestBytesWithAndWithoutAuthorization) {
 
 TEST(TobasTransport, PostRequestBytesFromMemoryAndFile) {
   _setReplyTimeoutFromFloat(5);
-  TestServer srv;
-  tobastest::ScratchDir dir;
+  ArchiveServer srv;
+  archivetest::ScratchDir dir;
   std::string doc = statusDoc("SUCCESS", "archived");
   std::string content(3 * 1024 * 1024 + 17, '\0');
   for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7);
-  tobastest::writeFile(dir.file("big.fits"), content);
+  archivetest::writeFile(dir.file("big.fits"), content);
   for (int i = 0; i < 3; ++i) srv.push(httpReply(200, doc));
   {
     Exchange ex;
@@ -249,7 +249,7 @@ TEST(TobasTransport, HeaderFieldLookup) {
 
 TEST(TobasTransport, RedirectionKeepsThePathAndLoops) {
   _setReplyTimeoutFromFloat(5);
-  TestServer first, second;
+  ArchiveServer first, second;
   std::string to2 = "Location: http://127.0.0.1:" + std::to_string(second.port()) + "/x\r\n";
   std::string to1 = "Location: http://127.0.0.1:" + std::to_string(first.port()) + "/y\r\n";
   first.push(httpReply(303, "moved", to2));
@@ -264,7 +264,7 @@ TEST(TobasTransport, RedirectionKeepsThePathAndLoops) {
   ASSERT_EQ(2u, b.size());
   for (const auto& r : {a[0], a[1], b[0], b[1]}) EXPECT_EQ(0u, r.rfind("GET STATUS HTTP/1.0\n", 0)) << r;
 
-  TestServer bad;
+  ArchiveServer bad;
   bad.push(httpReply(303, "", "Location: nowhere\r\n"));
   Exchange ex2;
   EXPECT_EQ(tobasERR_INV_REPLY, ex2.get("127.0.0.1", bad.port(), "STATUS"));
@@ -272,7 +272,7 @@ TEST(TobasTransport, RedirectionKeepsThePathAndLoops) {
 
 TEST(TobasTransport, InvalidQueryKeepsTheServersDocument) {
   _setReplyTimeoutFromFloat(5);
-  TestServer srv;
+  ArchiveServer srv;
   std::string doc = statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file");
   srv.push(httpReply(400, doc));
   Exchange ex;
@@ -283,11 +283,11 @@ TEST(TobasTransport, InvalidQueryKeepsTheServersDocument) {
 
 TEST(TobasTransport, ServerListsRoundRobinAndFailOver) {
   _setReplyTimeoutFromFloat(5);
-  TestServer h1, h2, h3;
+  ArchiveServer h1, h2, h3;
   // A closed port for the failing server.
   int closedPort;
   {
-    TestServer gone;
+    ArchiveServer gone;
     closedPort = gone.port();
   }
   std::string list = "127.0.0.1:" + std::to_string(h1.port()) + ",,127.0.0.1:" + std::to_string(h2.port()) +
@@ -385,31 +385,15 @@ TEST(TobasTransport, ServerListBounds) {
 }
 
 TEST(TobasTransport, ConnectBoundWithFullBacklog) {
-  int lfd = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  ASSERT_EQ(0, bind(lfd, reinterpret_cast<sockaddr*>(&addr), sizeof addr));
-  ASSERT_EQ(0, listen(lfd, 0));
-  socklen_t alen = sizeof addr;
-  getsockname(lfd, reinterpret_cast<sockaddr*>(&addr), &alen);
-  // Fill the backlog with connections nobody accepts.
-  std::vector<int> fillers;
-  for (int i = 0; i < 4; ++i) {
-    int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    connect(c, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    fillers.push_back(c);
-  }
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  archivetest::FullBacklogListener full;
   _setReplyTimeoutFromFloat(100);
   auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", ntohs(addr.sin_port)));
+  EXPECT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", full.port()));
   double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   EXPECT_GE(secs, 0.45);
   EXPECT_LT(secs, 3.0);
-  for (int c : fillers) close(c);
-  close(lfd);
-  EXPECT_EQ(tobasERR_HOST, tobasPrepSock("no-such-host.invalid", 80));
+  // An IPv6 literal has no IPv4 address: the lookup fails without asking any resolver.
+  EXPECT_EQ(tobasERR_HOST, tobasPrepSock("::1", 80));
 }
 
 TEST(TobasTransport, ReplyTimeoutSettingsAndPolling) {
@@ -420,7 +404,7 @@ TEST(TobasTransport, ReplyTimeoutSettingsAndPolling) {
   _setReplyTimeoutFromFloat(2.5f);
   EXPECT_FLOAT_EQ(2.5f, _getTimeOut());
 
-  TestServer srv;
+  ArchiveServer srv;
   Reply slow{httpReply(200, statusDoc("SUCCESS", "late"))};
   slow.delayMs = 800;
   srv.push(slow);

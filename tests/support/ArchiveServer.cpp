@@ -1,4 +1,4 @@
-#include "TobasTestServer.h"
+#include "tests/support/ArchiveServer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -15,7 +15,7 @@
 #include <sstream>
 #include <stdexcept>
 
-namespace tobastest {
+namespace archivetest {
 
 namespace {
 // Every test program logs into a private folder, never the tree or the home folder.
@@ -35,7 +35,7 @@ struct LogEnv {
 } logEnv;
 }  // namespace
 
-TestServer::TestServer() {
+ArchiveServer::ArchiveServer() {
   listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
@@ -48,7 +48,7 @@ TestServer::TestServer() {
   thread_ = std::thread([this] { run(); });
 }
 
-TestServer::~TestServer() {
+ArchiveServer::~ArchiveServer() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     stop_ = true;
@@ -57,22 +57,22 @@ TestServer::~TestServer() {
   close(listenFd_);
 }
 
-void TestServer::push(const Reply& r) {
+void ArchiveServer::push(const Reply& r) {
   std::lock_guard<std::mutex> lock(mutex_);
   replies_.push_back(r);
 }
 
-std::vector<std::string> TestServer::requests() {
+std::vector<std::string> ArchiveServer::requests() {
   std::lock_guard<std::mutex> lock(mutex_);
   return requests_;
 }
 
-size_t TestServer::connections() {
+size_t ArchiveServer::connections() {
   std::lock_guard<std::mutex> lock(mutex_);
   return connections_;
 }
 
-std::string TestServer::readRequest(int fd) {
+std::string ArchiveServer::readRequest(int fd) {
   std::string data;
   char buf[65536];
   size_t headerEnd = std::string::npos;
@@ -98,7 +98,7 @@ std::string TestServer::readRequest(int fd) {
   return data;
 }
 
-void TestServer::run() {
+void ArchiveServer::run() {
   for (;;) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
@@ -126,9 +126,15 @@ void TestServer::run() {
     }
     if (reply.delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
     if (!reply.closeEarly) {
+      const size_t total = std::min(reply.bytes.size(), reply.cutAfter);
       size_t off = 0;
-      while (off < reply.bytes.size()) {
-        ssize_t n = send(fd, reply.bytes.data() + off, reply.bytes.size() - off, MSG_NOSIGNAL);
+      while (off < total) {
+        size_t chunk = total - off;
+        if (reply.dripChunk > 0) {
+          chunk = std::min(chunk, reply.dripChunk);
+          if (off > 0) std::this_thread::sleep_for(std::chrono::milliseconds(reply.dripDelayMs));
+        }
+        ssize_t n = send(fd, reply.bytes.data() + off, chunk, MSG_NOSIGNAL);
         if (n <= 0) break;
         off += static_cast<size_t>(n);
       }
@@ -157,6 +163,43 @@ std::string statusDoc(const std::string& status, const std::string& message) {
          message + "\" State=\"ONLINE\" SubState=\"IDLE\" Status=\"" + status + "\" Version=\"v3.1\"/>\n";
 }
 
+std::string statusReply(const std::string& status, const std::string& message) {
+  return httpReply(200, statusDoc(status, message));
+}
+
+std::string redirectReply(const std::string& location) {
+  return "HTTP/1.0 303 See other\r\nlocation: " + location + "\r\nContent-Length: 0\r\n\r\n";
+}
+
+std::string fileReply(const std::string& fileName, const std::string& content) {
+  return httpReply(200, content, "content-disposition: attachment; filename=\"" + fileName + "\"\r\n");
+}
+
+FullBacklogListener::FullBacklogListener() {
+  listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(listenFd_, 0) != 0)
+    throw std::runtime_error("cannot listen on loopback");
+  socklen_t len = sizeof addr;
+  getsockname(listenFd_, reinterpret_cast<sockaddr*>(&addr), &len);
+  port_ = ntohs(addr.sin_port);
+  // A backlog of 0 still queues a connection or two: fill it, then wait until
+  // a further connect no longer completes.
+  for (int i = 0; i < 8; ++i) {
+    int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+    connect(c, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    fillers_.push_back(c);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+}
+
+FullBacklogListener::~FullBacklogListener() {
+  for (int c : fillers_) close(c);
+  close(listenFd_);
+}
+
 ScratchDir::ScratchDir() {
   char tmpl[] = "/tmp/tobas-test-XXXXXX";
   path_ = mkdtemp(tmpl);
@@ -179,4 +222,4 @@ void writeFile(const std::string& path, const std::string& content) {
   out << content;
 }
 
-}  // namespace tobastest
+}  // namespace archivetest
