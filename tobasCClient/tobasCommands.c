@@ -434,7 +434,7 @@ static int _targetName(const char* targetFile, tobasHTTP_HDR hdr, char* final) {
 
 /* Copies len bytes of the socket into out. */
 static int _copyBody(int sock, int out, long len, long* left) {
-  char* buf = malloc(TOBAS_IO_CHUNK);
+  char* buf = malloc(TOBAS_RECV_CHUNK);
   if (buf == NULL) return tobasERR_ALLOC_MEM;
   int stat = tobasSTAT_SUCCESS;
   time_t lastData = time(NULL);
@@ -442,7 +442,7 @@ static int _copyBody(int sock, int out, long len, long* left) {
   while (*left > 0) {
     stat = _pollFd(sock, _getTimeOut());
     if (stat != 0) break;
-    ssize_t n = read(sock, buf, *left < TOBAS_IO_CHUNK ? (size_t)*left : TOBAS_IO_CHUNK);
+    ssize_t n = read(sock, buf, *left < TOBAS_RECV_CHUNK ? (size_t)*left : TOBAS_RECV_CHUNK);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
       stat = tobasERR_RD_DATA;

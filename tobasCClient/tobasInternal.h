@@ -38,8 +38,12 @@ int _tobasWriteAll(int fd, const char* buf, size_t len);
 /* Seconds on the monotonic clock. */
 double _tobasNow(void);
 
-/* Size of the buffer used to move file and body data. */
-#define TOBAS_IO_CHUNK (1024 * 1024)
+/* Buffers that move body data. A received body is read in pieces small enough that the bytes
+ * just read are still in the processor's cache when they are written to the file (1 MiB pieces
+ * made retrieval a quarter slower); a file sent is read in large pieces, so that each send
+ * hands the socket as much as it takes. */
+#define TOBAS_RECV_CHUNK (256 * 1024)
+#define TOBAS_SEND_CHUNK (1024 * 1024)
 
 #ifdef __cplusplus
 }

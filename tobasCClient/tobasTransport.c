@@ -10,12 +10,14 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <stdatomic.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <time.h>
 #include <unistd.h>
 
 #include "tobasInternal.h"
@@ -66,122 +68,34 @@ int _pollFd(int fd, float timeoutSecs) {
 
 /* ------------------------------------------------------------------ connecting */
 
-/* Shared between _tobasConnect and its detached connecting thread. The thread owns its own
- * duplicate of the socket and the writing end of the report channel, so a caller that has given
- * up (and closed its descriptors, which may then be reused) is never written into; the block is
- * freed by whichever side lets go of it last. */
-typedef struct {
-  atomic_int refs;
-  pthread_mutex_t mutex; /* guards finished */
-  int finished;          /* the thread is past its last cancellation point */
-  int sockFd;            /* the thread's duplicate of the socket */
-  int pipeRd, pipeWr;
-  struct sockaddr_in addr;
-  unsigned long parent;
-} _tobasConnReq;
-
-static void _connReqRelease(_tobasConnReq* req) {
-  if (atomic_fetch_sub(&req->refs, 1) == 1) {
-    pthread_mutex_destroy(&req->mutex);
-    free(req);
+/* The connect itself is bounded by a send time-out on the socket (Linux applies SO_SNDTIMEO to
+ * connect), so that a server which does not accept within TOBAS_CONNECT_BOUND ends the attempt
+ * without a connecting thread to start, cancel or clean up; on loopback the connect completes
+ * within the call. A refused attempt is tried again, up to TOBAS_CONNECT_TRIES times, each
+ * failure logged. The socket's send time-out is cleared again afterwards. */
+int _tobasConnect(int sockFd, const struct sockaddr_in* servAddr) {
+  TOBAS_ENTER("_tobasConnect");
+  struct timeval bound = {0, (suseconds_t)(TOBAS_CONNECT_BOUND * 1e6f)};
+  if (setsockopt(sockFd, SOL_SOCKET, SO_SNDTIMEO, &bound, sizeof bound) != 0) {
+    TOBAS_LEAVE("_tobasConnect", 1);
+    return 1;
   }
-}
-
-static void _connectThreadCleanup(void* arg) {
-  _tobasConnReq* req = arg;
-  close(req->sockFd);
-  close(req->pipeWr);
-  _connReqRelease(req);
-}
-
-static void* _connectThread(void* arg) {
-  _tobasConnReq* req = arg;
-  int oldState;
-  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &oldState);
-  pthread_cleanup_push(_connectThreadCleanup, req);
   int ok = 0, failures = 0;
   for (;;) {
-    /* Only the connect itself may be cancelled. */
-    pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, &oldState);
-    int rc = connect(req->sockFd, (const struct sockaddr*)&req->addr, sizeof req->addr);
-    int err = errno;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &oldState);
-    if (rc == 0 || err == EISCONN) {
+    if (connect(sockFd, (const struct sockaddr*)servAddr, sizeof *servAddr) == 0 || errno == EISCONN) {
       ok = 1;
       break;
     }
+    /* Not accepted within the bound (or a connect still under way after a signal). */
+    if (errno == EINPROGRESS || errno == EALREADY || errno == EINTR || errno == EAGAIN) break;
     ++failures;
-    tobasLogDebug("_connectThread(): Error calling connect(). Parent Thread ID: %lu", req->parent);
+    tobasLogDebug("_connectThread(): Error calling connect(). Parent Thread ID: %lu",
+                  (unsigned long)pthread_self());
     if (failures >= TOBAS_CONNECT_TRIES) break;
-    sleep(0);
+    sched_yield();
   }
-  pthread_mutex_lock(&req->mutex);
-  req->finished = 1;
-  pthread_mutex_unlock(&req->mutex);
-  int report = ok;
-  ssize_t ignored = send(req->pipeWr, &report, sizeof report, MSG_NOSIGNAL);
-  (void)ignored;
-  pthread_cleanup_pop(1);
-  return NULL;
-}
-
-int _tobasConnect(int sockFd, const struct sockaddr_in* servAddr) {
-  TOBAS_ENTER("_tobasConnect");
-  int chan[2];
-  _tobasConnReq* req = calloc(1, sizeof *req);
-  if (req == NULL) {
-    TOBAS_LEAVE("_tobasConnect", 1);
-    return 1;
-  }
-  /* A socket pair serves as the report pipe: a write after the caller gave up must not raise
-   * SIGPIPE. */
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, chan) != 0) {
-    free(req);
-    TOBAS_LEAVE("_tobasConnect", 1);
-    return 1;
-  }
-  req->sockFd = fcntl(sockFd, F_DUPFD_CLOEXEC, 3);
-  if (req->sockFd < 0) {
-    close(chan[0]);
-    close(chan[1]);
-    free(req);
-    TOBAS_LEAVE("_tobasConnect", 1);
-    return 1;
-  }
-  atomic_init(&req->refs, 2);
-  pthread_mutex_init(&req->mutex, NULL);
-  req->pipeRd = chan[0];
-  req->pipeWr = chan[1];
-  req->addr = *servAddr;
-  req->parent = (unsigned long)pthread_self();
-
-  pthread_attr_t attr;
-  pthread_t tid;
-  pthread_attr_init(&attr);
-  pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
-  if (pthread_create(&tid, &attr, _connectThread, req) != 0) {
-    pthread_attr_destroy(&attr);
-    close(req->sockFd);
-    close(chan[0]);
-    close(chan[1]);
-    pthread_mutex_destroy(&req->mutex);
-    free(req);
-    TOBAS_LEAVE("_tobasConnect", 1);
-    return 1;
-  }
-  int ok = 0;
-  if (_pollFd(chan[0], TOBAS_CONNECT_BOUND) == 0) {
-    int report = 0;
-    if (read(chan[0], &report, sizeof report) == (ssize_t)sizeof report && report != 0) ok = 1;
-  }
-  if (!ok) {
-    pthread_mutex_lock(&req->mutex);
-    if (!req->finished) pthread_cancel(tid); /* still alive: it cannot exit while we hold the mutex */
-    pthread_mutex_unlock(&req->mutex);
-  }
-  close(chan[0]);
-  pthread_attr_destroy(&attr);
-  _connReqRelease(req);
+  struct timeval none = {0, 0};
+  if (setsockopt(sockFd, SOL_SOCKET, SO_SNDTIMEO, &none, sizeof none) != 0) ok = 0;
   TOBAS_LEAVE("_tobasConnect", ok ? 0 : 1);
   return ok ? 0 : 1;
 }
@@ -227,14 +141,23 @@ int tobasPrepSock(const char* host, int port) {
 
 /* ------------------------------------------------------------------ reading replies */
 
+/* Reads one line, up to and including its '\n', and never a byte beyond it: the body that
+ * follows a reply header stays in the socket for whoever reads it next. On a socket the bytes
+ * are looked at with MSG_PEEK and then taken up to the line's end, two calls a line instead of
+ * one a byte; any other descriptor is read a byte at a time. */
 int tobasReadLine(int* fd, char* buf, int max) {
   if (max <= 0) return -1;
   int n = 0;
+  int peek = 1;
   while (n < max - 1) {
-    char c;
-    ssize_t r = read(*fd, &c, 1);
+    size_t want = peek ? (size_t)(max - 1 - n) : 1;
+    ssize_t r = peek ? recv(*fd, buf + n, want, MSG_PEEK) : read(*fd, buf + n, 1);
     if (r < 0) {
       if (errno == EINTR) continue;
+      if (peek && errno == ENOTSOCK) {
+        peek = 0;
+        continue;
+      }
       buf[n] = '\0';
       return -1;
     }
@@ -242,8 +165,23 @@ int tobasReadLine(int* fd, char* buf, int max) {
       buf[n] = '\0';
       return n == 0 ? 0 : n + 1;
     }
-    buf[n++] = c;
-    if (c == '\n') {
+    const char* nl = memchr(buf + n, '\n', (size_t)r);
+    size_t take = nl != NULL ? (size_t)(nl - (buf + n)) + 1 : (size_t)r;
+    if (peek) {
+      /* Take what was looked at; the bytes are there, so the read returns them at once. */
+      size_t got = 0;
+      while (got < take) {
+        ssize_t t = read(*fd, buf + n + got, take - got);
+        if (t < 0 && errno == EINTR) continue;
+        if (t <= 0) {
+          buf[n + got] = '\0';
+          return -1;
+        }
+        got += (size_t)t;
+      }
+    }
+    n += (int)take;
+    if (nl != NULL) {
       buf[n] = '\0';
       return n;
     }
@@ -290,24 +228,69 @@ int tobasRecvData(char** data, long dataLen, int* sockFd) {
   return stat;
 }
 
+/* When the socket already holds a whole reply header (through its blank line) within `max`
+ * bytes, takes exactly those bytes into `buf` and returns their number: one look and one read
+ * instead of two calls a line. Returns 0, taking nothing, otherwise (header not all there yet,
+ * a line too long for one tobasReadLine call, or not a socket). */
+static size_t _takeWholeHeader(int fd, char* buf, size_t max) {
+  ssize_t got = recv(fd, buf, max, MSG_PEEK | MSG_DONTWAIT);
+  if (got <= 0) return 0;
+  size_t pos = 0, end = 0;
+  while (pos < (size_t)got) {
+    const char* nl = memchr(buf + pos, '\n', (size_t)got - pos);
+    if (nl == NULL) return 0;
+    size_t len = (size_t)(nl - (buf + pos)) + 1;
+    if (len > TOBAS_LINE_BUF - 1) return 0;
+    pos += len;
+    if (len == 1 || (len >= 2 && buf[pos - len] == '\r' && buf[pos - len + 1] == '\n')) {
+      end = pos;
+      break;
+    }
+  }
+  if (end == 0) return 0;
+  size_t taken = 0;
+  while (taken < end) {
+    ssize_t r = read(fd, buf + taken, end - taken);
+    if (r < 0 && errno == EINTR) continue;
+    if (r <= 0) return 0; /* cannot happen: the bytes were there */
+    taken += (size_t)r;
+  }
+  return end;
+}
+
 int tobasRecvHttpHdr(int* sockFd, tobasHTTP_HDR httpHdr, tobasHTTP_RESP* httpResp, tobasHTTP_DATA* repDataRef,
                      long* dataLen) {
   TOBAS_ENTER("tobasRecvHttpHdr");
   memset(httpResp, 0, sizeof *httpResp);
-  memset(httpHdr, 0, sizeof(tobasHTTP_HDR));
+  /* Every row an empty string: readers stop at a row's NUL, so the rest of it need not be
+   * cleared (the table is 128 KiB). */
+  for (int r = 0; r < tobasHTTP_HDR_ROWS; ++r) httpHdr[r][0] = '\0';
   int stat = _pollFd(*sockFd, _getTimeOut());
   if (stat != 0) {
     TOBAS_LEAVE("tobasRecvHttpHdr", stat);
     return stat;
   }
-  char* line = malloc(TOBAS_LINE_BUF);
+  /* line: one line at a time; head: the whole header when it has already arrived. */
+  char* line = malloc(2 * TOBAS_LINE_BUF);
   if (line == NULL) {
     TOBAS_LEAVE("tobasRecvHttpHdr", tobasERR_ALLOC_MEM);
     return tobasERR_ALLOC_MEM;
   }
+  char* head = line + TOBAS_LINE_BUF;
+  size_t headLen = _takeWholeHeader(*sockFd, head, TOBAS_LINE_BUF), headPos = 0;
   int row = 0, n;
   for (;;) {
-    n = tobasReadLine(sockFd, line, TOBAS_LINE_BUF);
+    if (headLen > 0) {
+      /* The same lines tobasReadLine would give, from the bytes already taken. */
+      const char* nl = memchr(head + headPos, '\n', headLen - headPos);
+      size_t len = (size_t)(nl - (head + headPos)) + 1;
+      memcpy(line, head + headPos, len);
+      line[len] = '\0';
+      headPos += len;
+      n = (int)len;
+    } else {
+      n = tobasReadLine(sockFd, line, TOBAS_LINE_BUF);
+    }
     if (n <= 1 || strncmp(line, "\r\n", 2) == 0) break;
     for (char* p = line; *p && *p != ':'; ++p) *p = (char)tolower((unsigned char)*p);
     if (row >= tobasHTTP_HDR_ROWS) {
@@ -602,7 +585,7 @@ int _tobasHttpPost(const char* host, int port, const char* userAgent, const char
   int stat = tobasSTAT_SUCCESS;
   if (bodyLen > 0 && fromFile) {
     int file = open(srcFilename, O_RDONLY | O_CLOEXEC);
-    char* chunk = file >= 0 ? malloc(TOBAS_IO_CHUNK) : NULL;
+    char* chunk = file >= 0 ? malloc(TOBAS_SEND_CHUNK) : NULL;
     if (file < 0) {
       stat = tobasERR_FILE;
     } else if (chunk == NULL) {
@@ -610,7 +593,7 @@ int _tobasHttpPost(const char* host, int port, const char* userAgent, const char
     } else {
       long left = bodyLen; /* never more than announced */
       while (left > 0) {
-        ssize_t n = read(file, chunk, left < TOBAS_IO_CHUNK ? (size_t)left : TOBAS_IO_CHUNK);
+        ssize_t n = read(file, chunk, left < TOBAS_SEND_CHUNK ? (size_t)left : TOBAS_SEND_CHUNK);
         if (n < 0 && errno == EINTR) continue;
         if (n < 0) {
           stat = tobasERR_FILE;
