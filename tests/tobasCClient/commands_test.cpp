@@ -249,8 +249,21 @@ TEST_F(Commands, RetrievalFailures) {
   EXPECT_EQ(tobasERR_INV_TARG_FILE, tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "",
                                                        dir.file("no/such/dir/f").c_str(), final, &st));
 
+  // A slow peer: the reply time-out runs from the last data received, not from the start.
+  archivetest::Reply drip{
+      httpReply(200, std::string(2000, 'd'), "Content-Disposition: attachment; filename=\"d\"\r\n")};
+  drip.dripChunk = 500;
+  drip.dripDelayMs = 300;
+  srv.push(drip);
+  EXPECT_EQ(0, tobasRetrieve2File(host, srv.port(), 1, "f", -1, "", "", dir.path().c_str(), final, &st));
+  EXPECT_EQ(std::string(2000, 'd'), archivetest::readFile(dir.file("d")));
+  tobasFreeStatus(&st);
+
   // The peer stops before the announced length: the reply time-out runs out.
-  srv.push("HTTP/1.0 200 OK\r\nContent-Length: 100\r\n\r\nonly-part");
+  const std::string full = "HTTP/1.0 200 OK\r\nContent-Length: 100\r\n\r\nonly-part" + std::string(91, 'x');
+  archivetest::Reply cut{full};
+  cut.cutAfter = full.size() - 91;
+  srv.push(cut);
   EXPECT_EQ(tobasERR_TIMEOUT, tobasRetrieve2File(host, srv.port(), 0.5f, "f", -1, "", "",
                                                  dir.file("part").c_str(), final, &st));
   EXPECT_EQ("only-part", archivetest::readFile(dir.file("part")));  // left in place
