@@ -432,17 +432,55 @@ static int _targetName(const char* targetFile, tobasHTTP_HDR hdr, char* final) {
   return rc == 0 ? 0 : tobasERR_INV_TARG_FILE;
 }
 
-/* Copies len bytes of the socket into out. */
+/* Moves the n bytes waiting in `pipeRd` into `out`: spliced when the file takes it, else read
+ * into `buf` and written. Returns 0, or tobasERR_FILE. */
+static int _drainPipe(int pipeRd, int out, size_t n, char* buf, int* spliceOut) {
+  while (n > 0) {
+    ssize_t m = -1;
+    if (*spliceOut) {
+      m = splice(pipeRd, NULL, out, NULL, n, SPLICE_F_MOVE);
+      if (m < 0 && errno == EINTR) continue;
+      if (m < 0 && (errno == EINVAL || errno == ENOSYS)) *spliceOut = 0; /* not for this file */
+    }
+    if (!*spliceOut) {
+      m = read(pipeRd, buf, n < TOBAS_RECV_CHUNK ? n : TOBAS_RECV_CHUNK);
+      if (m < 0 && errno == EINTR) continue;
+      if (m > 0 && _tobasWriteAll(out, buf, (size_t)m) != 0) return tobasERR_FILE;
+    }
+    if (m <= 0) return tobasERR_FILE;
+    n -= (size_t)m;
+  }
+  return 0;
+}
+
+/* Copies len bytes of the socket into out. The bytes go through a pipe with splice, so they are
+ * not copied through this process; where the socket or the file does not allow that, they are
+ * read into a buffer and written. Before each read the socket is waited for with the reply
+ * time-out; a read that brings nothing counts against it from the last data received. */
 static int _copyBody(int sock, int out, long len, long* left) {
   char* buf = malloc(TOBAS_RECV_CHUNK);
   if (buf == NULL) return tobasERR_ALLOC_MEM;
+  int pipeFd[2] = {-1, -1};
+  int spliceIn = pipe2(pipeFd, O_CLOEXEC) == 0, spliceOut = 1;
+  if (spliceIn) fcntl(pipeFd[1], F_SETPIPE_SZ, TOBAS_RECV_CHUNK); /* a larger pipe if allowed */
   int stat = tobasSTAT_SUCCESS;
   time_t lastData = time(NULL);
   *left = len;
   while (*left > 0) {
     stat = _pollFd(sock, _getTimeOut());
     if (stat != 0) break;
-    ssize_t n = read(sock, buf, *left < TOBAS_RECV_CHUNK ? (size_t)*left : TOBAS_RECV_CHUNK);
+    const size_t want = *left < TOBAS_RECV_CHUNK ? (size_t)*left : TOBAS_RECV_CHUNK;
+    ssize_t n;
+    if (spliceIn) {
+      n = splice(sock, NULL, pipeFd[1], NULL, want, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
+      if (n < 0 && errno == EAGAIN) continue; /* woken without data: wait again */
+      if (n < 0 && (errno == EINVAL || errno == ENOSYS)) {
+        spliceIn = 0; /* not a socket splice can read: plain reads from here on */
+        continue;
+      }
+    } else {
+      n = read(sock, buf, want);
+    }
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
       stat = tobasERR_RD_DATA;
@@ -459,13 +497,16 @@ static int _copyBody(int sock, int out, long len, long* left) {
       continue;
     }
     lastData = time(NULL);
-    if (_tobasWriteAll(out, buf, (size_t)n) != 0) {
+    const int written = spliceIn ? _drainPipe(pipeFd[0], out, (size_t)n, buf, &spliceOut)
+                                 : _tobasWriteAll(out, buf, (size_t)n);
+    *left -= n;
+    if (written != 0) {
       stat = tobasERR_FILE;
-      *left -= n;
       break;
     }
-    *left -= n;
   }
+  if (pipeFd[0] >= 0) close(pipeFd[0]);
+  if (pipeFd[1] >= 0) close(pipeFd[1]);
   free(buf);
   return stat;
 }

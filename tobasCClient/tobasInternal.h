@@ -38,11 +38,10 @@ int _tobasWriteAll(int fd, const char* buf, size_t len);
 /* Seconds on the monotonic clock. */
 double _tobasNow(void);
 
-/* Buffers that move body data. A received body is read in pieces small enough that the bytes
- * just read are still in the processor's cache when they are written to the file (1 MiB pieces
- * made retrieval a quarter slower); a file sent is read in large pieces, so that each send
- * hands the socket as much as it takes. */
-#define TOBAS_RECV_CHUNK (256 * 1024)
+/* Pieces in which body data moves: a received body is spliced (or read) up to this much at a
+ * time, a file sent is read in pieces of this size, so that each call moves what the socket
+ * holds or takes. */
+#define TOBAS_RECV_CHUNK (1024 * 1024)
 #define TOBAS_SEND_CHUNK (1024 * 1024)
 
 #ifdef __cplusplus

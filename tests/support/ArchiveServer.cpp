@@ -33,17 +33,24 @@ struct LogEnv {
     std::filesystem::remove_all(dir, ec);
   }
 } logEnv;
+
+// A listening socket on 127.0.0.1, port chosen by the system; fills `addr`.
+int listenLoopback(int backlog, sockaddr_in& addr) {
+  int fd = socket(AF_INET, SOCK_STREAM, 0);
+  addr = sockaddr_in{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, backlog) != 0 ||
+      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
+    throw std::runtime_error("cannot listen on loopback");
+  return fd;
+}
 }  // namespace
 
 ArchiveServer::ArchiveServer() {
-  listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(listenFd_, 16) != 0)
-    throw std::runtime_error("cannot listen on loopback");
-  socklen_t len = sizeof addr;
-  getsockname(listenFd_, reinterpret_cast<sockaddr*>(&addr), &len);
+  sockaddr_in addr;
+  listenFd_ = listenLoopback(16, addr);
   port_ = ntohs(addr.sin_port);
   thread_ = std::thread([this] { run(); });
 }
@@ -176,14 +183,8 @@ std::string fileReply(const std::string& fileName, const std::string& content) {
 }
 
 FullBacklogListener::FullBacklogListener() {
-  listenFd_ = socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in addr{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (bind(listenFd_, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(listenFd_, 0) != 0)
-    throw std::runtime_error("cannot listen on loopback");
-  socklen_t len = sizeof addr;
-  getsockname(listenFd_, reinterpret_cast<sockaddr*>(&addr), &len);
+  sockaddr_in addr;
+  listenFd_ = listenLoopback(0, addr);
   port_ = ntohs(addr.sin_port);
   // A backlog of 0 still queues a connection or two: fill it, then wait until
   // a further connect no longer completes.
