@@ -235,8 +235,8 @@ void BM_loadall_raw(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(BM_insert_raw)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
-BENCHMARK(BM_insert_ours_logoff)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
+BENCHMARK(BM_insert_raw)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(5);
+BENCHMARK(BM_insert_ours_logoff)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(5);
 BENCHMARK(BM_insert_ours_logon)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
 BENCHMARK(BM_loadall_raw)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
 BENCHMARK(BM_loadall_ours_logoff)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);

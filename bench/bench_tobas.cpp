@@ -359,8 +359,8 @@ BENCHMARK(BM_archive_raw)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterati
 BENCHMARK(BM_archive_curl)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1)->Repetitions(5);
 BENCHMARK(BM_archive_ours)->Unit(benchmark::kMillisecond)->UseRealTime()->Iterations(1)->Repetitions(5);
 // ours first: it records the request bytes the raw loop replays.
-BENCHMARK(BM_status_ours)->Unit(benchmark::kMicrosecond)->UseRealTime()->Iterations(3000)->Repetitions(3);
-BENCHMARK(BM_status_raw)->Unit(benchmark::kMicrosecond)->UseRealTime()->Iterations(3000)->Repetitions(3);
+BENCHMARK(BM_status_ours)->Unit(benchmark::kMicrosecond)->UseRealTime()->Iterations(3000)->Repetitions(5);
+BENCHMARK(BM_status_raw)->Unit(benchmark::kMicrosecond)->UseRealTime()->Iterations(3000)->Repetitions(5);
 
 int main(int argc, char** argv) {
   unsetenv("TOBAS_LOG_FILE");
