@@ -11,12 +11,15 @@
  * manual page.
  */
 #define _GNU_SOURCE
+#include <dirent.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <pthread.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -188,29 +191,61 @@ static int require(const Options* o, const char* name, const char* what) {
 /* ------------------------------------------------------------------ progress */
 
 /* While a transfer runs and standard error is a terminal, a line shows the bytes this process
- * has moved (read from /proc/self/io), once a second after the first second. */
+ * has moved, once a second after the first second: what it read or wrote (from /proc/self/io),
+ * or, when more, the size of the files it holds open for writing (a retrieval splices the body
+ * into its file without reading it). */
 typedef struct {
   pthread_mutex_t mutex;
   pthread_cond_t cond;
   int done;
 } Progress;
 
-static long long movedBytes(void) {
-  FILE* f = fopen("/proc/self/io", "r");
-  if (f == NULL) return -1;
-  long long rchar = 0, wchar = 0, v;
-  char key[32];
-  while (fscanf(f, "%31s %lld", key, &v) == 2) {
-    if (strcmp(key, "rchar:") == 0) rchar = v;
-    if (strcmp(key, "wchar:") == 0) wchar = v;
+static long long writtenFileBytes(void) {
+  long long total = 0;
+  DIR* dir = opendir("/proc/self/fdinfo");
+  if (dir == NULL) return 0;
+  struct dirent* e;
+  while ((e = readdir(dir)) != NULL) {
+    if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
+    const int fd = atoi(e->d_name);
+    char path[64];
+    snprintf(path, sizeof path, "/proc/self/fdinfo/%d", fd);
+    FILE* f = fopen(path, "r");
+    if (f == NULL) continue;
+    char line[128];
+    unsigned long long flags = 0;
+    int writing = 0;
+    while (fgets(line, sizeof line, f) != NULL)
+      if (sscanf(line, "flags: %llo", &flags) == 1) writing = (flags & O_ACCMODE) == O_WRONLY;
+    fclose(f);
+    struct stat st;
+    snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+    if (writing && stat(path, &st) == 0 && S_ISREG(st.st_mode)) total += (long long)st.st_size;
   }
-  fclose(f);
-  return rchar > wchar ? rchar : wchar;
+  closedir(dir);
+  return total;
+}
+
+static long long movedBytes(void) {
+  long long rchar = 0, wchar = 0, v;
+  FILE* f = fopen("/proc/self/io", "r");
+  if (f != NULL) {
+    char key[32];
+    while (fscanf(f, "%31s %lld", key, &v) == 2) {
+      if (strcmp(key, "rchar:") == 0) rchar = v;
+      if (strcmp(key, "wchar:") == 0) wchar = v;
+    }
+    fclose(f);
+  }
+  long long moved = rchar > wchar ? rchar : wchar;
+  long long files = writtenFileBytes();
+  return files > moved ? files : moved;
 }
 
 static void* progressLoop(void* arg) {
   Progress* p = arg;
-  const long long start = movedBytes();
+  /* The files open for writing start from zero; the read and write counters do not. */
+  const long long start = movedBytes() - writtenFileBytes();
   struct timespec t0, now, until;
   clock_gettime(CLOCK_MONOTONIC, &t0);
   int shown = 0;

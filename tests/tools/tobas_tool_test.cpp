@@ -3,7 +3,9 @@
 // status.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <spawn.h>
+#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -164,6 +166,49 @@ TEST_F(TobasTool, ArchivePushAndRetrieval) {
   ToolRun here = tool(at({"-cmd", "RETRIEVE", "-par", "file_id", "-val", "Y"}), work.path());
   EXPECT_EQ(0, here.status) << here.err;
   EXPECT_EQ(body, readFile(work.file("y.fits")));
+}
+
+// With standard error on a terminal, a long retrieval shows its progress there.
+TEST_F(TobasTool, ProgressLineOnATerminal) {
+  int master = posix_openpt(O_RDWR | O_NOCTTY);
+  ASSERT_GE(master, 0);
+  ASSERT_EQ(0, grantpt(master));
+  ASSERT_EQ(0, unlockpt(master));
+  const std::string slave = ptsname(master);
+  ScratchDir dir;
+  archivetest::Reply drip{archivetest::fileReply("p.bin", std::string(3 << 20, 'p'))};
+  drip.dripChunk = 256 << 10;
+  drip.dripDelayMs = 110;  // about 1.3 s in all
+  srv.push(drip);
+  const std::vector<std::string> args =
+      at({"-cmd", "RETRIEVE", "-par", "file_id", "-val", "p", "-target", dir.path()});
+  std::vector<char*> argv{const_cast<char*>(TOBAS_TOOL)};
+  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
+  pid_t pid = fork();
+  if (pid == 0) {
+    int tty = open(slave.c_str(), O_RDWR);
+    int null = open("/dev/null", O_WRONLY);
+    dup2(tty, 2);
+    dup2(null, 1);
+    execv(argv[0], argv.data());
+    _exit(127);
+  }
+  int st = 0;
+  ASSERT_EQ(pid, waitpid(pid, &st, 0));
+  EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
+  std::string shown;
+  char buf[4096];
+  pollfd p{master, POLLIN, 0};
+  while (poll(&p, 1, 100) > 0) {
+    ssize_t n = read(master, buf, sizeof buf);
+    if (n <= 0) break;
+    shown.append(buf, static_cast<size_t>(n));
+  }
+  close(master);
+  EXPECT_NE(std::string::npos, shown.find(" MiB in 1 s")) << shown;
+  EXPECT_EQ(std::string::npos, shown.find("tobasCClient: 0.0 MiB")) << shown;
+  EXPECT_EQ(size_t{3 << 20}, readFile(dir.file("p.bin")).size());
 }
 
 TEST_F(TobasTool, FailOverAcrossAServerList) {
