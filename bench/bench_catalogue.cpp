@@ -11,6 +11,7 @@
 #include <dataAccess/catalogue/ReplicationRequestDAOSyb.h>
 #include <dataAccess/db/ConnectionPool.h>
 #include <sqlite3.h>
+#include <sybconn/FreeTdsSettings.h>
 #include <sybconn/SybUtils.h>
 
 #include <cstdio>
@@ -20,7 +21,6 @@
 #include <string>
 
 #include "bench/BenchUtil.h"
-#include "sybconn/drivers/FreeTdsDriver.h"
 #include "tests/support/TdsServer.h"
 
 namespace {

@@ -5,7 +5,6 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(ACE REQUIRED IMPORTED_TARGET ACE)
 pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
 find_package(SQLite3 REQUIRED)
-find_package(Boost 1.74 REQUIRED COMPONENTS filesystem)
 
 # FreeTDS's DB-Library ships no pkg-config file or CMake package.
 find_path(SYBDB_INCLUDE_DIR sybdb.h REQUIRED)

@@ -8,11 +8,8 @@ install(TARGETS DataAccess tobasCClient EXPORT DataAccessTargets
   RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
-foreach(dir sybconn stcrypt dataAccess tobasCClient)
-  install(DIRECTORY ${PROJECT_SOURCE_DIR}/${dir}/ DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${dir}
-    FILES_MATCHING PATTERN "*.h" PATTERN "detail" EXCLUDE PATTERN "drivers" EXCLUDE
-    PATTERN "*Internal.h" EXCLUDE)
-endforeach()
+# Public headers are installed by da_layer() from the PUBLIC_HEADERS list of
+# each layer (cmake/DaLayers.cmake).
 
 install(EXPORT DataAccessTargets NAMESPACE DataAccess::
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/DataAccess)

@@ -15,6 +15,8 @@
 #include <dataAccess/db/ServiceConnectionSyb.h>
 #include <stcrypt/stcrypt.h>
 #include <sybconn/ArcSysUtils.h>
+#include <sybconn/FreeTdsSettings.h>
+#include <sybconn/SqliteSettings.h>
 #include <sybconn/SybUtils.h>
 #include <sybconn/SybaseConnection.h>
 #include <sybconn/SybaseResultSet.h>

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string>
 
-#include "dataAccess/common/Log.h"
+#include <daLog/Log.h>
 
 namespace {
 

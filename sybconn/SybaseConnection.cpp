@@ -1,9 +1,9 @@
 #include <sybconn/Driver.h>
 #include <sybconn/SybaseConnection.h>
 
-#include <ace/Log_Msg.h>
-
 #include <atomic>
+
+#include <daLog/Log.h>
 
 #include "sybconn/drivers/FreeTdsDriver.h"
 #include "sybconn/drivers/SqliteDriver.h"
@@ -87,10 +87,9 @@ void SybaseConnection::defaultErrorHandler(const SybaseStatus& s) {
   const int severity = s.msgno != 0 ? s.srvSeverity : s.dbLibSeverity;
   if (severity == 0) return;
   if (s.msgno != 0) {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("%D ERROR [ %t ] Server %s message %d, severity %d: %s\n"),
-               s.srvname.c_str(), s.msgno, severity, s.msgtext.c_str()));
+    DA_LOG_ERROR("Server %s message %d, severity %d: %s", s.srvname.c_str(), s.msgno, severity,
+                 s.msgtext.c_str());
   } else {
-    ACE_ERROR((LM_ERROR, ACE_TEXT("%D ERROR [ %t ] Client error %d, severity %d: %s\n"), s.dberr, severity,
-               s.dberrstr.c_str()));
+    DA_LOG_ERROR("Client error %d, severity %d: %s", s.dberr, severity, s.dberrstr.c_str());
   }
 }

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include <dataAccess/common/Log.h>
+#include <daLog/Log.h>
 #include <dataAccess/common/SqlText.h>
 
 namespace dataAccess {

@@ -63,7 +63,7 @@ int ReplicationRequestDAOSyb::updateT(const std::string& fileId, int fileVersion
   std::string description = "file=" + fileId;
   sql += dataAccess::keyClauses(fileVersion, diskId, fileVersionField, diskIdField, description);
   const int result = executeQuery(sql, conn);
-  if (!dataAccess::debugEnabled()) return result;
+  if (!daLog::debugEnabled()) return result;
   const std::string statusText = ReplicationRequest::statusAsString(status);
   if (result < 0) {
     DA_LOG_DEBUG("Could not update replication request %s to status %s", description.c_str(),

@@ -4,7 +4,7 @@
 #include <ace/OS_NS_sys_time.h>
 #include <ace/Thread_Manager.h>
 
-#include "dataAccess/common/Log.h"
+#include <daLog/Log.h>
 
 int ConnectionPool::maxPoolSize_ = 20;
 std::atomic<ConnectionPool*> ConnectionPool::instance_{nullptr};

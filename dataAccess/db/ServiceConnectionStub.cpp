@@ -3,7 +3,7 @@
 
 #include <cstdio>
 
-#include "dataAccess/common/Log.h"
+#include <daLog/Log.h>
 
 namespace {
 const char kNoConnection[] = "KestFileDAOSyb::executeQuery. No connection available";

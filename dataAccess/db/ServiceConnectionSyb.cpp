@@ -10,7 +10,7 @@
 #include <sstream>
 #include <utility>
 
-#include "dataAccess/common/Log.h"
+#include <daLog/Log.h>
 
 namespace ArcSys {
 

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include <sybconn/Driver.h>
+#include <sybconn/SqliteSettings.h>
 
 namespace sybconn {
 
@@ -12,12 +13,6 @@ namespace sybconn {
 // created if missing and opened in WAL mode with a busy time-out, so several
 // connections, from several threads, can share it.
 std::unique_ptr<Driver> makeSqliteDriver();
-
-// How long a statement waits for a lock held by another connection before it
-// fails with a "database is locked" error (default 5000 ms). Applies to
-// connections opened afterwards.
-void setSqliteBusyTimeoutMs(int ms);
-int sqliteBusyTimeoutMs();
 
 }  // namespace sybconn
 

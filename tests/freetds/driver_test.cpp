@@ -1,6 +1,7 @@
 #include <dataAccess/db/ConnectionPool.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sybconn/FreeTdsSettings.h>
 #include <sybconn/SybaseConnection.h>
 
 #include <chrono>
@@ -9,7 +10,6 @@
 #include <thread>
 #include <vector>
 
-#include "sybconn/drivers/FreeTdsDriver.h"
 #include "tests/support/TdsServer.h"
 #include "tests/support/TempDir.h"
 

@@ -1,4 +1,8 @@
-# Script run by the install_consumer test.
+# Script run by the install_consumer test: installs the build into a fresh
+# prefix, then builds a consumer with -Wall -Wextra -Werror that sees the
+# installed tree only (no include path of the source or build tree), once
+# through the CMake package and once through pkg-config. Besides consumer.cpp
+# it compiles a translation unit that includes every installed header.
 file(REMOVE_RECURSE ${WORK_DIR})
 set(prefix ${WORK_DIR}/prefix)
 
@@ -12,9 +16,26 @@ endfunction()
 
 run(${CMAKE_COMMAND} --install ${BUILD_DIR} --prefix ${prefix})
 
+# Internal headers stay out of the installed tree.
+foreach(internal daLog sybconn/Driver.h sybconn/drivers dataAccess/catalogue/DaoSupport.h
+        dataAccess/db/SelectList.h tobasCClient/tobasInternal.h)
+  if(EXISTS ${prefix}/include/${internal})
+    message(FATAL_ERROR "internal header installed: include/${internal}")
+  endif()
+endforeach()
+
+file(GLOB_RECURSE headers RELATIVE ${prefix}/include ${prefix}/include/*.h)
+list(SORT headers)
+set(text "")
+foreach(h ${headers})
+  string(APPEND text "#include <${h}>\n")
+endforeach()
+file(WRITE ${WORK_DIR}/all_headers.cpp "${text}")
+set(warnings -Wall -Wextra -Werror)
+
 # 1. CMake package.
 run(${CMAKE_COMMAND} -S ${SOURCE_DIR} -B ${WORK_DIR}/cmake-build -G ${GENERATOR}
-    -DCMAKE_PREFIX_PATH=${prefix})
+    -DCMAKE_PREFIX_PATH=${prefix} -DALL_HEADERS=${WORK_DIR}/all_headers.cpp)
 run(${CMAKE_COMMAND} --build ${WORK_DIR}/cmake-build)
 set(ENV{LD_LIBRARY_PATH} "${prefix}/lib:$ENV{LD_LIBRARY_PATH}")
 run(${WORK_DIR}/cmake-build/consumer ${WORK_DIR})
@@ -26,6 +47,7 @@ set(ENV{PKG_CONFIG_PATH} "${pcdir}")
 run(pkg-config --cflags --libs DataAccess tobasCClient)
 string(STRIP "${last_output}" flags)
 separate_arguments(flags UNIX_COMMAND "${flags}")
-run(c++ -std=c++17 ${SOURCE_DIR}/consumer.cpp -o ${WORK_DIR}/consumer-pc ${flags})
+run(c++ -std=c++17 ${warnings} ${SOURCE_DIR}/consumer.cpp ${WORK_DIR}/all_headers.cpp -o ${WORK_DIR}/consumer-pc
+    ${flags})
 run(${WORK_DIR}/consumer-pc ${WORK_DIR})
 message(STATUS "consumer (pkg-config): ${last_output}")

@@ -9,7 +9,7 @@
 #include <cstring>
 #include <stdexcept>
 
-#include "sybconn/drivers/FreeTdsDriver.h"
+#include <sybconn/FreeTdsSettings.h>
 
 namespace testsupport {
 

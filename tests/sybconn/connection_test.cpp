@@ -2,9 +2,8 @@
 // copies, row counts, errors through the handler, attached databases.
 #include <gtest/gtest.h>
 #include <sybconn/ArcSysUtils.h>
+#include <sybconn/SqliteSettings.h>
 #include <sybconn/SybaseConnection.h>
-
-#include "sybconn/drivers/SqliteDriver.h"
 
 #include <vector>
 

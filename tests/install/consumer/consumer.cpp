@@ -1,15 +1,25 @@
-// A program outside the project that links the installed libraries.
+// A program outside the project that links the installed libraries and calls
+// what the README tells users to call.
 #include <cstdio>
 #include <string>
 
 #include <dataAccess/dataAccess.h>
+#include <sybconn/FreeTdsSettings.h>
+#include <sybconn/SqliteSettings.h>
+#include <tobasCClient/tobasCClientLib.h>
 
 extern "C" const char* tobasLibraryVersion(void);
 
 int main(int argc, char** argv) {
   const std::string dir = argc > 1 ? argv[1] : ".";
+  sybconn::FreeTdsSettings::setLoginTimeout(3);
+  sybconn::FreeTdsSettings::setTdsVersion("7.4");
+  if (sybconn::FreeTdsSettings::loginTimeout() != 3 || sybconn::FreeTdsSettings::tdsVersion() != "7.4")
+    return 1;
+  sybconn::setSqliteBusyTimeoutMs(250);
+  if (sybconn::sqliteBusyTimeoutMs() != 250) return 1;
   SybaseConnection conn;
-  if (conn.connect("sqlite:" + dir + "/consumer.db", "user", "pw") != 0) return 1;
+  if (conn.connect("sqlite:" + dir + "/consumer.db", "user", "pw") != 0) return 2;
   SybaseResultSet rs = conn.execute("select 40 + 2");
   if (!rs.commandSucceeded() || !rs.next() || rs.getLongValue(1) != 42) return 2;
   // The stub runs a DAO without a server.
