@@ -15,8 +15,12 @@ namespace {
 
 std::atomic<int> g_busyTimeoutMs{5000};
 
-// Severity given to SQLite's errors: Sybase's user-error level, or the level of
-// a resource problem for busy / locked / full / I/O errors.
+// Sybase's severity levels, given to SQLite's errors by their kind.
+const int kUserErrorSeverity = 16;   // a fault in the statement
+const int kResourceSeverity = 17;    // busy, locked, full, out of memory, I/O
+const int kIntegritySeverity = 23;   // the database file is damaged
+const int kClientErrorSeverity = 9;  // the client side failed (no login)
+
 int severityOf(int code) {
   switch (code & 0xff) {
     case SQLITE_BUSY:
@@ -24,9 +28,12 @@ int severityOf(int code) {
     case SQLITE_FULL:
     case SQLITE_IOERR:
     case SQLITE_NOMEM:
-      return 17;
+      return kResourceSeverity;
+    case SQLITE_CORRUPT:
+    case SQLITE_NOTADB:
+      return kIntegritySeverity;
     default:
-      return 16;
+      return kUserErrorSeverity;
   }
 }
 
@@ -113,7 +120,9 @@ class SqliteCursor : public Cursor {
         pending_ = false;
         ++rowCount_;
       }
-      while (sqlite3_step(stmt_) == SQLITE_ROW) ++rowCount_;
+      int rc;
+      while ((rc = sqlite3_step(stmt_)) == SQLITE_ROW) ++rowCount_;
+      if (rc != SQLITE_DONE) fail(rc);
     }
     done_ = true;
     positioned_ = false;
@@ -129,6 +138,8 @@ class SqliteCursor : public Cursor {
 
  private:
   bool valid(int col) const { return positioned_ && stmt_ && col >= 1 && col <= columns_; }
+  // A step failed: the error goes to the handler and the result fails.
+  void fail(int rc);
   void finalize();
 
   SqliteDriver* owner_;
@@ -153,7 +164,7 @@ class SqliteDriver : public Driver {
                                    SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_URI, nullptr);
     if (rc != SQLITE_OK) {
       SybaseStatus st;
-      st.dbLibSeverity = 9;
+      st.dbLibSeverity = kClientErrorSeverity;
       st.dberr = rc;
       st.dberrstr =
           "Unable to open database '" + path_ + "': " + (db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(rc));
@@ -356,18 +367,20 @@ bool SqliteCursor::next() {
     return true;
   }
   positioned_ = false;
-  if (rc != SQLITE_DONE) {
-    SybaseStatus st;
-    st.msgno = rc;
-    st.srvSeverity = severityOf(rc);
-    st.msgtext = sqlite3_errmsg(sqlite3_db_handle(stmt_));
-    st.srvname = "sqlite";
-    reportError(st);
-    succeeded_ = false;
-  }
+  if (rc != SQLITE_DONE) fail(rc);
   done_ = true;
   finalize();
   return false;
+}
+
+void SqliteCursor::fail(int rc) {
+  SybaseStatus st;
+  st.msgno = rc;
+  st.srvSeverity = severityOf(rc);
+  st.msgtext = sqlite3_errmsg(sqlite3_db_handle(stmt_));
+  st.srvname = "sqlite";
+  reportError(st);
+  succeeded_ = false;
 }
 
 void SqliteCursor::finalize() {

@@ -6,6 +6,7 @@
 
 #include "sybconn/drivers/SqliteDriver.h"
 
+#include <filesystem>
 #include <vector>
 
 #include "tests/support/TempDir.h"
@@ -163,6 +164,38 @@ TEST_F(Connection, ALockedFileIsAnErrorNotAHang) {
   EXPECT_EQ(rs.getLongValue(1), 0);
   ASSERT_EQ(conn_.execute("commit A1").commandSucceeded(), 1);
   EXPECT_EQ(other.execute("insert into t (id) values (2)").commandSucceeded(), 1);
+}
+
+TEST_F(Connection, AStepThatFailsPartWayFailsTheResult) {
+  ASSERT_EQ(
+      conn_
+          .execute("insert into t (id, name) with recursive n(i) as (select 1 union all select i + 1 from n "
+                   "where i < 2000) select i, printf('%0200d', i) from n")
+          .commandSucceeded(),
+      1);
+  conn_.disconnect();
+  // The last page holds the last rows.
+  const long size = static_cast<long>(std::filesystem::file_size(dir_.file("main.db")));
+  dir_.scribble("main.db", size - 4096, 4096);
+  // Rows read to the end, or the rest discarded after the first.
+  for (const bool readAll : {true, false}) {
+    g_seen.clear();
+    ASSERT_EQ(conn_.connect("sqlite:" + dir_.file("main.db"), "u", "p"), 0);
+    SybaseResultSet rs = conn_.execute("select id, name from t");
+    ASSERT_TRUE(rs.next());
+    EXPECT_EQ(rs.getLongValue(1), 1);
+    if (readAll) {
+      while (rs.next()) {
+      }
+    } else {
+      rs.releaseResults();
+    }
+    EXPECT_EQ(rs.commandSucceeded(), 0) << readAll;
+    EXPECT_LT(conn_.rowCount(), 2000) << readAll;
+    ASSERT_EQ(g_seen.size(), 1u) << readAll;
+    EXPECT_NE(g_seen[0].msgtext.find("malformed"), std::string::npos) << g_seen[0].msgtext;
+    EXPECT_GT(g_seen[0].srvSeverity, 16);
+  }
 }
 
 TEST_F(Connection, LoginFailuresAreReportedAsClientErrors) {
