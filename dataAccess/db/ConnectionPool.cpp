@@ -4,6 +4,8 @@
 #include <ace/OS_NS_sys_time.h>
 #include <ace/Thread_Manager.h>
 
+#include <string>
+
 #include "dataAccess/common/Log.h"
 
 int ConnectionPool::maxPoolSize_ = 20;
@@ -52,7 +54,7 @@ void ConnectionPool::Reaper::setSleepTimeMs(long ms) {
   // Without a pause between rounds the reaper would hold the pool's lock
   // nearly all the time.
   if (ms <= 0) {
-    DA_LOG_ERROR("Invalid reaper sleep time = %ld ms", ms);
+    DA_LOG_ERROR("Invalid reaper sleep time = %s ms", std::to_string(ms).c_str());
     return;
   }
   ACE_Guard<ACE_Thread_Mutex> guard(wakeLock_);
