@@ -8,6 +8,11 @@
 namespace sybconn {
 namespace {
 
+// The savepoint name of a transaction statement that names none.
+const char kUnnamedSavepoint[] = "sybtran";
+// getdate(): the current local time in the library's date text form.
+const char kNowExpression[] = "strftime('%Y%m%d %H:%M:%f','now','localtime')";
+
 enum class Tok { Space, Comment, String, Word, Number, Punct };
 
 struct Token {
@@ -156,6 +161,7 @@ class Rewriter {
     const bool begin = isWord(i, "begin");
     const bool commit = isWord(i, "commit");
     const bool rollback = isWord(i, "rollback");
+    if (!begin && !commit && !rollback) return i;
     size_t k = nextSig(i + 1, end);
     bool tranWord = false;
     if (isWord(k, "tran") || isWord(k, "transaction")) {
@@ -163,7 +169,7 @@ class Rewriter {
       k = nextSig(k + 1, end);
     }
     if (begin && !tranWord) return i;
-    std::string name = "sybtran";
+    std::string name = kUnnamedSavepoint;
     size_t after = k;
     if (k < end && toks_[k].type == Tok::Word && !isWord(k, "work")) {
       name = text(k);
@@ -178,7 +184,7 @@ class Rewriter {
       out_ += "SAVEPOINT " + name;
     } else if (commit) {
       out_ += "RELEASE " + name;
-    } else if (rollback) {
+    } else {
       out_ += "ROLLBACK TO " + name + "; RELEASE " + name;
     }
     return after;
@@ -244,73 +250,69 @@ class Rewriter {
     return i;
   }
 
+  // Copies tokens [b, e) to the output with the forms of the header
+  // rewritten. Only at the top level can a statement be a transaction one.
   void emitRange(size_t b, size_t e, bool topLevel) {
     bool statementStart = topLevel;
     for (size_t i = b; i < e;) {
-      const Token& t = toks_[i];
       if (!significant(i)) {
         emit(i++);
         continue;
       }
-      if (t.type == Tok::Punct && src_[t.begin] == ';') {
-        emit(i++);
-        statementStart = true;
+      const bool atStart = statementStart;
+      statementStart = isPunct(i, ';');
+      const size_t after = toks_[i].type == Tok::Word ? rewriteWordAt(i, e, atStart, topLevel && atStart) : i;
+      if (after != i) {
+        i = after;
         continue;
-      }
-      if (t.type == Tok::Word) {
-        if (topLevel && statementStart &&
-            (isWord(i, "begin") || isWord(i, "commit") || isWord(i, "rollback"))) {
-          const size_t after = transaction(i, e);
-          if (after != i) {
-            i = after;
-            statementStart = false;
-            continue;
-          }
-        }
-        if (statementStart && isWord(i, "delete")) {
-          emit(i);
-          const size_t k = nextSig(i + 1, e);
-          if (k < e && toks_[k].type == Tok::Word && !isWord(k, "from")) {
-            for (size_t s = i + 1; s < k; ++s) emit(s);
-            out_ += "from ";
-            i = k;
-          } else {
-            ++i;
-          }
-          statementStart = false;
-          continue;
-        }
-        statementStart = false;
-        if (isWord(i, "getdate")) {
-          const size_t open = nextSig(i + 1, e);
-          const size_t close = isPunct(open, '(') ? nextSig(open + 1, e) : e;
-          if (close < e && isPunct(close, ')')) {
-            out_ += "strftime('%Y%m%d %H:%M:%f','now','localtime')";
-            i = close + 1;
-            continue;
-          }
-        }
-        if (isWord(i, "select")) {
-          emit(i);
-          size_t k = i + 1;
-          // Keep the blanks and a DISTINCT / ALL keyword before the list.
-          size_t s = nextSig(k, e);
-          if (isWord(s, "distinct") || isWord(s, "all")) {
-            for (; k <= s; ++k) emit(k);
-          }
-          i = selectList(k, e);
-          continue;
-        }
-        const size_t afterName = databaseQualifiedName(i, e);
-        if (afterName != i) {
-          i = afterName;
-          continue;
-        }
-      } else {
-        statementStart = false;
       }
       emit(i++);
     }
+  }
+
+  // Rewrites the form that begins with word i, if any; returns the index
+  // after it, or i when none begins there.
+  size_t rewriteWordAt(size_t i, size_t end, bool statementStart, bool transactionAllowed) {
+    size_t after = transactionAllowed ? transaction(i, end) : i;
+    if (after == i && statementStart) after = deleteWithoutFrom(i, end);
+    if (after == i) after = getdateCall(i, end);
+    if (after == i) after = selectStatement(i, end);
+    if (after == i) after = databaseQualifiedName(i, end);
+    return after;
+  }
+
+  // "delete T" gets its "from".
+  size_t deleteWithoutFrom(size_t i, size_t end) {
+    if (!isWord(i, "delete")) return i;
+    emit(i);
+    const size_t k = nextSig(i + 1, end);
+    if (k >= end || toks_[k].type != Tok::Word || isWord(k, "from")) return i + 1;
+    for (size_t s = i + 1; s < k; ++s) emit(s);
+    out_ += "from ";
+    return k;
+  }
+
+  // "getdate()" becomes the current local time in the library's date form.
+  size_t getdateCall(size_t i, size_t end) {
+    if (!isWord(i, "getdate")) return i;
+    const size_t open = nextSig(i + 1, end);
+    const size_t close = isPunct(open, '(') ? nextSig(open + 1, end) : end;
+    if (close >= end || !isPunct(close, ')')) return i;
+    out_ += kNowExpression;
+    return close + 1;
+  }
+
+  // "select [distinct|all] list": the list's items in alias form are turned.
+  size_t selectStatement(size_t i, size_t end) {
+    if (!isWord(i, "select")) return i;
+    emit(i);
+    size_t k = i + 1;
+    // Keep the blanks and a DISTINCT / ALL keyword before the list.
+    const size_t s = nextSig(k, end);
+    if (isWord(s, "distinct") || isWord(s, "all")) {
+      for (; k <= s; ++k) emit(k);
+    }
+    return selectList(k, end);
   }
 
   const std::string& src_;
