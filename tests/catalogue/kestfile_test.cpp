@@ -173,38 +173,26 @@ TEST_F(KestFileDAO, FindersFailWhenTheDatabaseFailsThem) {
                           rows + "1, 'ops', 1, printf('%0150d', i) from n")
                 .commandSucceeded(),
             1);
-  const auto closeAll = [&] {
+  const auto close = [&] {
     conn_.reset();
-    ConnectionPool::destroyInstance();
+    ConnectionPool::destroyInstance();  // the last login closes the file
   };
   const auto reconnect = [&] {
-    conn_ =
-        std::make_unique<ServiceConnectionSyb>("sqlite:" + dir_.file("archive.db"), "ops", "pw", "archive");
+    close();
+    conn_ = std::make_unique<ServiceConnectionSyb>("sqlite:" + dir_.file("archive.db"), "ops", "pw", "");
     ASSERT_EQ(conn_->acquire(), 0);
   };
+  // Each finder reads into an emptied vector.
+  std::vector<KestFile> k;
+  std::vector<ReplicationRequest> r;
   ReplicationRequestDAOSyb queue("repl_queue");
   const std::function<int()> finders[] = {
       [&] { return KestFilesSafeDAOSyb("kest_files_safe").find("F", 1, *conn_); },
-      [&] {
-        std::vector<KestFile> v;
-        return dao_.find("F", v, *conn_);
-      },
-      [&] {
-        std::vector<KestFile> v;
-        return dao_.find('S', v, *conn_);
-      },
-      [&] {
-        std::vector<KestFile> v;
-        return dao_.loadAll(v, *conn_);
-      },
-      [&] {
-        std::vector<ReplicationRequest> v;
-        return queue.find(ReplicationRequest::Pending, v, *conn_);
-      },
-      [&] {
-        std::vector<ReplicationRequest> v;
-        return queue.find("F", v, *conn_);
-      },
+      [&] { return dao_.find("F", k = {}, *conn_); },
+      [&] { return dao_.find('S', k = {}, *conn_); },
+      [&] { return dao_.loadAll(k = {}, *conn_); },
+      [&] { return queue.find(ReplicationRequest::Pending, r = {}, *conn_); },
+      [&] { return queue.find("F", r = {}, *conn_); },
   };
   for (size_t i = 0; i < std::size(finders); ++i) EXPECT_EQ(finders[i](), kRows) << i;
   // The pages that hold the last rows of both tables, to be damaged below.
@@ -212,7 +200,6 @@ TEST_F(KestFileDAO, FindersFailWhenTheDatabaseFailsThem) {
   for (const char* table : {"kest_files", "repl_queue"})
     lastPages.push_back(scalar(std::string("select pageno from dbstat where name = '") + table +
                                "' and pagetype = 'leaf' order by path desc limit 1"));
-
   const auto expectAllFail = [&](const std::string& fault) {
     for (size_t i = 0; i < std::size(finders); ++i) {
       testsupport::LogCapture log;
@@ -221,22 +208,21 @@ TEST_F(KestFileDAO, FindersFailWhenTheDatabaseFailsThem) {
     }
   };
 
-  closeAll();
+  close();
   {
     // Another login holds the file locked.
     SybaseConnection holder;
     ASSERT_EQ(holder.connect("sqlite:" + dir_.file("archive.db"), "u", "p"), 0);
     ASSERT_EQ(holder.execute("PRAGMA locking_mode=EXCLUSIVE").commandSucceeded(), 1);
-    ASSERT_EQ(holder.execute("update kest_files set ignore = 0 where file_id = 'none'").commandSucceeded(),
-              1);
+    ASSERT_EQ(holder.execute("update kest_files set ignore = 0 where 1 = 0").commandSucceeded(), 1);
     const int savedTimeout = sybconn::sqliteBusyTimeoutMs();
     sybconn::setSqliteBusyTimeoutMs(20);  // for the login made now
     reconnect();
     sybconn::setSqliteBusyTimeoutMs(savedTimeout);
     expectAllFail("database is locked");
-    closeAll();
   }
   // Streamed rows fail part-way; sorted ones before the first row.
+  close();
   for (long page : lastPages) dir_.scribble("archive.db", (page - 1) * 4096, 4096);
   reconnect();
   expectAllFail("malformed");
