@@ -128,13 +128,13 @@ TEST_F(Service, ThreePartNamesReachSiblingFilesAndMapByPosition) {
        "and ambient..seeing_torvane.fwhm < 1",
        "main|8|-2.0|123", "ambient..seeing_torvane.dec", "-2.0"},
   };
-  // Another login attaches each file on first use; one to obrep2.db reads its own tables by the same names.
+  // Another login attaches each file on first use; one to obrep2.db reads its own tables by the same
+  // names. Each logs in while the earlier ones still hold a result open.
   ServiceConnectionSyb reader("sqlite:" + dir_.file("home.db"), "reader", "p", "db");
   ServiceConnectionSyb own("sqlite:" + dir_.file("obrep2.db"), "reader", "p", "db");
-  ASSERT_EQ(reader.acquire(), 0);
-  ASSERT_EQ(own.acquire(), 0);
   testsupport::LogCapture log;
-  for (const ServiceConnectionSyb* conn : {&maker, &reader, &own}) {
+  for (ServiceConnectionSyb* conn : {&maker, &reader, &own}) {
+    ASSERT_EQ(conn->acquire(), 0);
     for (const auto& c : cases) {
       if (conn == &own && c.row != "8|80") continue;
       Map map;
@@ -148,6 +148,11 @@ TEST_F(Service, ThreePartNamesReachSiblingFilesAndMapByPosition) {
       EXPECT_EQ(rs.getStringValue(map[c.column]), c.value) << c.sql;
     }
   }
+  // There obrep2..x and x are one table: one transaction writes it both ways.
+  EXPECT_EQ(own.execute("begin Tran A1; insert into constraint_sets values (9, 90); insert into "
+                        "obrep2..constraint_sets values (10, 100); commit A1")
+                .commandSucceeded(),
+            1);
   EXPECT_FALSE(log.containsFragment("ERROR"));
 }
 
