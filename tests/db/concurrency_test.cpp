@@ -7,8 +7,6 @@
 
 #include <atomic>
 #include <map>
-#include <mutex>
-#include <set>
 #include <thread>
 #include <vector>
 
@@ -43,13 +41,24 @@ TEST_F(PoolConcurrency, SixteenThreadsThreeServerUserPairsOneReaper) {
   // counted apart; every other failure is a fault.
   testsupport::LogCapture log;
   constexpr int kThreads = 16, kRounds = 40;
-  std::mutex heldMutex;
-  std::set<SybaseConnection*> held;
   std::atomic<int> doubleHolds{0}, failures{0}, acquired{0}, refused{0};
+  // Statements on the login's own temporary table show whether another
+  // thread holds the same login meanwhile, or the reaper closed it.
+  const auto useAlone = [&](auto& conn, int t) {
+    ++acquired;
+    const std::string me = std::to_string(t);
+    conn.execute("create temp table if not exists holder (t int)");
+    if (conn.execute("insert into holder values (" + me + ")").commandSucceeded() != 1) ++failures;
+    auto others = conn.execute("select count(*) from holder where t <> " + me);
+    if (!others.next()) ++failures;
+    if (others.getLongValue(1) != 0) ++doubleHolds;
+    if (conn.execute("delete holder where t = " + me).commandSucceeded() != 1) ++failures;
+  };
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < kRounds; ++i) {
+        const auto& pair = pairs[(t + i) % 3];
         if (i % 2 == 0) {
           // Through a service connection named by an alias.
           ServiceConnectionSyb conn("ALIAS" + std::to_string((t + i) % 6));
@@ -57,39 +66,14 @@ TEST_F(PoolConcurrency, SixteenThreadsThreeServerUserPairsOneReaper) {
             ++refused;
             continue;
           }
-          ++acquired;
-          // The login's own temporary table shows whether another thread
-          // holds the same login meanwhile.
-          const std::string me = std::to_string(t);
-          conn.execute("create temp table if not exists holder (t int)");
-          if (conn.execute("insert into holder values (" + me + ")").commandSucceeded() != 1) ++failures;
-          auto others = conn.execute("select count(*) from holder where t <> " + me);
-          if (!others.next()) ++failures;
-          if (others.getLongValue(1) != 0) ++doubleHolds;
-          if (conn.execute("delete holder where t = " + me).commandSucceeded() != 1) ++failures;
+          useAlone(conn, t);
           if (conn.release() != 0) ++failures;
-          continue;
-        }
-        // Straight from the pool, so that the login itself can be watched.
-        const auto& pair = pairs[(t + i) % 3];
-        SybaseConnection* login =
-            ConnectionPool::instance()->acquireConnection(servers.at(pair[0]), pair[1], "pw");
-        if (login == nullptr) {
+        } else if (SybaseConnection* login = pool->acquireConnection(servers.at(pair[0]), pair[1], "pw")) {
+          useAlone(*login, t);
+          if (pool->releaseConnection(login) != 0) ++failures;
+        } else {
           ++refused;
-          continue;
         }
-        ++acquired;
-        {
-          std::lock_guard<std::mutex> lock(heldMutex);
-          if (!held.insert(login).second) ++doubleHolds;
-        }
-        // Still open while held, whatever the reaper does meanwhile.
-        if (!login->isConnected() || login->execute("select 1").commandSucceeded() != 1) ++failures;
-        {
-          std::lock_guard<std::mutex> lock(heldMutex);
-          held.erase(login);
-        }
-        if (ConnectionPool::instance()->releaseConnection(login) != 0) ++failures;
       }
     });
   }
