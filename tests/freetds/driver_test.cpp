@@ -1,4 +1,5 @@
 #include <dataAccess/db/ConnectionPool.h>
+#include <dataAccess/db/ServiceConnectionSyb.h>
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 #include <sybconn/SybaseConnection.h>
@@ -271,6 +272,41 @@ TEST_P(FreeTdsDriverTest, SiblingDatabases) {
     EXPECT_EQ(k.firstColumns, row);
     EXPECT_FALSE(rs.next()) << k.sql;
   }
+}
+
+// Under TDS 7.x the numbered transactions take SQL Server's forms (the test
+// server refuses Sybase's, as SQL Server does): @@trancount follows the level,
+// an inner rollback undoes only the inner work, an outermost one undoes all.
+TEST_P(FreeTdsDriverTest, NumberedTransactionsOnSqlServer) {
+  if (std::string(GetParam()) == "5.0") GTEST_SKIP() << "Sybase takes the numbered forms as written";
+  tdstest::TdsServer server(db_, "u", "p");
+  ASSERT_NE(0, server.start());
+  ServiceConnectionSyb conn(server.address(), "u", "p", "");
+  SybaseConnection::setErrorHandler(&collect);
+  ASSERT_EQ(0, conn.acquire());
+  const struct {
+    char op;  // b(egin), c(ommit), r(ollback), i(nsert the next id)
+    long trancount;
+  } steps[] = {{'b', 1}, {'i', 1}, {'b', 2}, {'i', 2}, {'b', 3}, {'i', 3}, {'r', 2}, {'c', 1}, {'b', 2},
+               {'i', 2}, {'r', 1}, {'c', 0}, {'b', 1}, {'i', 1}, {'b', 2}, {'i', 2}, {'r', 1}, {'r', 0}};
+  int id = 10;
+  for (const auto& step : steps) {
+    if (step.op == 'i') conn.execute("insert into t (id) values (" + std::to_string(id++) + ")");
+    const int rc = step.op == 'b'   ? conn.beginTransaction()
+                   : step.op == 'c' ? conn.commitTransaction()
+                   : step.op == 'r' ? conn.rollbackTransaction()
+                                    : 0;
+    ASSERT_EQ(0, rc) << step.op << " at level " << step.trancount;
+    SybaseResultSet rs = conn.execute("select @@trancount");
+    ASSERT_TRUE(rs.next());
+    EXPECT_EQ(step.trancount, rs.getLongValue(1));
+    EXPECT_EQ(step.trancount, conn.transactionNumber());
+  }
+  SybaseResultSet rs = conn.execute("select id from t where id >= 10 order by id");
+  std::string kept;
+  while (rs.next()) kept += rs.getStringValue(1) + " ";
+  EXPECT_EQ("10 11 ", kept);
+  EXPECT_EQ(0, conn.release());
 }
 
 // A login that died while free is not handed out again: the pool drops it and
