@@ -77,6 +77,10 @@ SybaseResultSet SybaseConnection::execute(const std::string& sql) {
 
 long SybaseConnection::rowCount() const { return driver_ ? driver_->rowCount() : -1; }
 
+void SybaseConnection::releaseResults() {
+  if (driver_) driver_->detachResults();
+}
+
 SybaseConnection::ErrorHandler SybaseConnection::setErrorHandler(ErrorHandler handler) {
   return g_handler.exchange(handler ? handler : &SybaseConnection::defaultErrorHandler);
 }

@@ -98,6 +98,7 @@ class FreeTdsDriver : public Driver {
   // Sends one batch as written.
   std::shared_ptr<Cursor> run(const std::string& sql);
   long rowCount() const override { return lastCount_; }
+  void detachResults() override;
 
   DBPROCESS* dbproc() const { return dbproc_; }
   void setCount(long c) { lastCount_ = c; }
@@ -388,9 +389,13 @@ bool FreeTdsDriver::connect(const std::string& target, const std::string& user, 
   return true;
 }
 
-void FreeTdsDriver::disconnect() {
+void FreeTdsDriver::detachResults() {
   if (auto c = cursor_.lock()) c->detach();
   cursor_.reset();
+}
+
+void FreeTdsDriver::disconnect() {
+  detachResults();
   if (dbproc_) {
     dbclose(dbproc_);
     dbproc_ = nullptr;
@@ -408,8 +413,7 @@ std::shared_ptr<Cursor> FreeTdsDriver::execute(const std::string& sql) {
 }
 
 std::shared_ptr<Cursor> FreeTdsDriver::run(const std::string& sql) {
-  if (auto c = cursor_.lock()) c->detach();
-  cursor_.reset();
+  detachResults();
   lastCount_ = -1;
   if (!isConnected()) return std::make_shared<FreeTdsCursor>(this, false);
   bool ok = dbcmd(dbproc_, sql.c_str()) == SUCCEED && dbsqlexec(dbproc_) == SUCCEED;

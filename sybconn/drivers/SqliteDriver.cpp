@@ -253,6 +253,7 @@ class SqliteDriver : public Driver {
   }
 
   long rowCount() const override { return current_ ? current_->rowCount() : -1; }
+  void detachResults() override { releaseCurrent(); }
 
   void cursorGone(SqliteCursor*) {}
 
