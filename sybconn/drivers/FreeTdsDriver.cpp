@@ -3,12 +3,14 @@
 // clang-format off
 #include <sybfront.h>
 #include <sybdb.h>
+#include <syberror.h>
 // clang-format on
 
 #include <sys/socket.h>
 
 #include <atomic>
 #include <cctype>
+#include <cfloat>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,7 +30,7 @@ std::atomic<int> g_queryTimeout{0};
 std::mutex g_versionMutex;
 std::string g_tdsVersion;  // guarded by g_versionMutex
 std::once_flag g_initOnce;
-std::mutex g_loginMutex;  // serialises the process-wide time-out settings with dbopen
+std::mutex g_timeoutMutex;  // serialises the calls that set DB-Library's process-wide time-outs
 
 // The driver whose login is in progress on this thread: DB-Library reports
 // login errors before the DBPROCESS exists.
@@ -59,6 +61,9 @@ BYTE versionCode(const std::string& v) {
 bool isTextType(int type) {
   return type == SYBCHAR || type == SYBVARCHAR || type == SYBTEXT || type == SYBNVARCHAR || type == SYBNTEXT;
 }
+
+// DB-Library's DATETIME counts the time of day in 1/300 s.
+const long long kTicksPerSecond = 300;
 
 bool isDateType(int type) { return type == SYBDATETIME || type == SYBDATETIME4 || type == SYBDATETIMN; }
 
@@ -102,17 +107,13 @@ class FreeTdsDriver : public Driver {
 
   DBPROCESS* dbproc() const { return dbproc_; }
   void setCount(long c) { lastCount_ = c; }
-  // A time-out on this login: the first one during a login ends the login;
-  // during a command the command is cancelled.
-  bool loggingIn() const { return loggingIn_; }
-
-  std::string server_;
+  const std::string& server() const { return server_; }
 
  private:
+  std::string server_;
   DBPROCESS* dbproc_ = nullptr;
   std::weak_ptr<FreeTdsCursor> cursor_;
   long lastCount_ = -1;
-  bool loggingIn_ = false;
 };
 
 class FreeTdsCursor : public Cursor {
@@ -142,6 +143,8 @@ class FreeTdsCursor : public Cursor {
     if (!live() || !inRows_) return false;
     DBPROCESS* p = owner_->dbproc();
     STATUS s = dbnextrow(p);
+    // Compute rows and buffered rows are not used by this library: skipped.
+    while (s != REG_ROW && s != NO_MORE_ROWS && s != FAIL) s = dbnextrow(p);
     if (s == REG_ROW) {
       ++read_;
       owner_->setCount(read_);
@@ -155,15 +158,11 @@ class FreeTdsCursor : public Cursor {
       drain();
       return false;
     }
-    if (s == FAIL) {
-      inRows_ = false;
-      succeeded_ = false;
-      count_ = read_;
-      finish();
-      return false;
-    }
-    // A compute row or a buffered row: not used by this library, skip it.
-    return next();
+    inRows_ = false;
+    succeeded_ = false;
+    count_ = read_;
+    finish();
+    return false;
   }
 
   bool isNull(int col) const override { return !valid(col) || dbdata(owner_->dbproc(), col) == nullptr; }
@@ -192,7 +191,7 @@ class FreeTdsCursor : public Cursor {
       const double v = getDouble(col);
       const bool single = type == SYBREAL || (type == SYBFLTN && dbdatlen(p, col) == 4);
       char buf[40];
-      for (int digits = single ? 6 : 15; digits <= 17; ++digits) {
+      for (int digits = single ? FLT_DIG : DBL_DIG; digits <= DBL_DECIMAL_DIG; ++digits) {
         std::snprintf(buf, sizeof buf, "%.*g", digits, v);
         const double back = std::strtod(buf, nullptr);
         if (single ? static_cast<float>(back) == static_cast<float>(v) : back == v) break;
@@ -246,9 +245,9 @@ class FreeTdsCursor : public Cursor {
     DBDATETIME dt;
     if (dbconvert(p, type, data, dbdatlen(p, col), SYBDATETIME, reinterpret_cast<BYTE*>(&dt), sizeof dt) <= 0)
       return tv;
-    // Days since 1900-01-01 and 1/300 s ticks, taken as local time.
+    // Days since 1900-01-01 and ticks of 1/300 s, taken as local time.
     long long ticks = static_cast<long long>(static_cast<unsigned>(dt.dttime));
-    long long ms = (ticks * 10 + 1) / 3;  // round to the millisecond as the server does
+    long long ms = (ticks * 1000 + kTicksPerSecond / 3) / kTicksPerSecond;  // rounded as the server does
     long long secOfDay = ms / 1000;
     std::tm tm{};
     tm.tm_year = 0;
@@ -365,7 +364,15 @@ bool FreeTdsDriver::connect(const std::string& target, const std::string& user, 
   disconnect();
   server_ = target;
   LOGINREC* login = dblogin();
-  if (!login) return false;
+  if (!login) {
+    SybaseStatus st;
+    st.dbLibSeverity = EXRESOURCE;
+    st.dberr = SYBEMEM;
+    st.dberrstr = "Unable to allocate a login record";
+    st.srvname = target;
+    reportError(st);
+    return false;
+  }
   DBSETLUSER(login, user.c_str());
   DBSETLPWD(login, password.c_str());
   DBSETLAPP(login, "libDataAccess");
@@ -373,15 +380,13 @@ bool FreeTdsDriver::connect(const std::string& target, const std::string& user, 
   BYTE version = versionCode(FreeTdsSettings::tdsVersion());
   if (version != DBVERSION_UNKNOWN) DBSETLVERSION(login, version);
   {
-    std::lock_guard<std::mutex> lock(g_loginMutex);
+    std::lock_guard<std::mutex> lock(g_timeoutMutex);
     dbsetlogintime(g_loginTimeout.load());
     dbsettime(g_queryTimeout.load());
-    t_loggingIn = this;
-    loggingIn_ = true;
   }
+  t_loggingIn = this;
   DBPROCESS* p = dbopen(login, target.c_str());
   t_loggingIn = nullptr;
-  loggingIn_ = false;
   dbloginfree(login);
   if (!p) return false;
   dbsetuserdata(p, reinterpret_cast<BYTE*>(this));
@@ -442,7 +447,7 @@ int errHandler(DBPROCESS* dbproc, int severity, int dberr, int oserr, char* dber
   if (dberrstr) st.dberrstr = dberrstr;
   if (oserrstr) st.oserrstr = oserrstr;
   FreeTdsDriver* d = driverOf(dbproc);
-  if (d) st.srvname = d->server_;
+  if (d) st.srvname = d->server();
   reportError(st);
   // A time-out ends the login or the command, and the login with it. Returning
   // INT_CANCEL is not enough: under TDS 5.0 DB-Library then logs out of the
@@ -471,7 +476,7 @@ int msgHandler(DBPROCESS* dbproc, DBINT msgno, int msgstate, int severity, char*
   st.line = line;
   if (st.srvname.empty()) {
     FreeTdsDriver* d = driverOf(dbproc);
-    if (d) st.srvname = d->server_;
+    if (d) st.srvname = d->server();
   }
   reportError(st);
   return 0;
