@@ -1,6 +1,7 @@
 #include "tests/support/TdsServer.h"
 
 #include <arpa/inet.h>
+#include <iconv.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -14,6 +15,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "sybconn/drivers/SqliteDialect.h"
 
@@ -90,71 +92,20 @@ struct Out {
   void raw(const Bytes& s) { b += s; }
 };
 
-// UTF-8 to UTF-16LE (surrogate pairs for characters beyond the BMP).
-Bytes toUcs2(const std::string& s) {
-  Bytes out;
-  for (size_t i = 0; i < s.size();) {
-    unsigned char c = static_cast<unsigned char>(s[i]);
-    uint32_t cp;
-    size_t n;
-    if (c < 0x80) {
-      cp = c;
-      n = 1;
-    } else if ((c >> 5) == 6) {
-      cp = c & 0x1f;
-      n = 2;
-    } else if ((c >> 4) == 14) {
-      cp = c & 0x0f;
-      n = 3;
-    } else {
-      cp = c & 0x07;
-      n = 4;
-    }
-    for (size_t k = 1; k < n && i + k < s.size(); ++k)
-      cp = (cp << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3f);
-    i += n;
-    auto put = [&out](uint32_t u) {
-      out.push_back(static_cast<char>(u & 0xff));
-      out.push_back(static_cast<char>(u >> 8));
-    };
-    if (cp >= 0x10000) {
-      cp -= 0x10000;
-      put(0xd800 + (cp >> 10));
-      put(0xdc00 + (cp & 0x3ff));
-    } else {
-      put(cp);
-    }
-  }
+// Text between UTF-8 and UTF-16LE, as TDS 7 carries it.
+std::string convert(const std::string& in, const char* to, const char* from) {
+  std::string out(in.size() * 2 + 4, '\0');
+  char* src = const_cast<char*>(in.data());
+  char* dst = &out[0];
+  size_t srcLeft = in.size(), dstLeft = out.size();
+  iconv_t cd = iconv_open(to, from);
+  iconv(cd, &src, &srcLeft, &dst, &dstLeft);
+  iconv_close(cd);
+  out.resize(out.size() - dstLeft);
   return out;
 }
-
-std::string fromUcs2(const char* p, size_t bytes) {
-  std::string out;
-  for (size_t i = 0; i + 1 < bytes; i += 2) {
-    uint32_t cp = static_cast<unsigned char>(p[i]) | (static_cast<unsigned char>(p[i + 1]) << 8);
-    if (cp >= 0xd800 && cp < 0xdc00 && i + 3 < bytes) {
-      uint32_t lo = static_cast<unsigned char>(p[i + 2]) | (static_cast<unsigned char>(p[i + 3]) << 8);
-      cp = 0x10000 + ((cp - 0xd800) << 10) + (lo - 0xdc00);
-      i += 2;
-    }
-    if (cp < 0x80) {
-      out.push_back(static_cast<char>(cp));
-    } else if (cp < 0x800) {
-      out.push_back(static_cast<char>(0xc0 | (cp >> 6)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3f)));
-    } else if (cp < 0x10000) {
-      out.push_back(static_cast<char>(0xe0 | (cp >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3f)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3f)));
-    } else {
-      out.push_back(static_cast<char>(0xf0 | (cp >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3f)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3f)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3f)));
-    }
-  }
-  return out;
-}
+Bytes toUcs2(const std::string& s) { return convert(s, "UTF-16LE", "UTF-8"); }
+std::string fromUcs2(const Bytes& u) { return convert(u, "UTF-8", "UTF-16LE"); }
 
 void bVarchar(Out& o, const std::string& s) {
   Bytes u = toUcs2(s);
@@ -168,12 +119,14 @@ void usVarchar(Out& o, const std::string& s) {
   o.raw(u);
 }
 
+std::string lower(const std::string& s) {
+  std::string out;
+  for (char c : s) out.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+  return out;
+}
+
 bool lowerStartsWith(const std::string& s, const char* prefix) {
-  size_t n = std::strlen(prefix);
-  if (s.size() < n) return false;
-  for (size_t i = 0; i < n; ++i)
-    if (std::tolower(static_cast<unsigned char>(s[i])) != prefix[i]) return false;
-  return true;
+  return lower(s.substr(0, std::strlen(prefix))) == prefix;
 }
 
 std::string trim(const std::string& s) {
@@ -204,16 +157,6 @@ std::vector<std::string> splitStatements(const std::string& sql) {
   return out;
 }
 
-// Days since 1900-01-01 of a civil date.
-long daysFrom1900(int y, int m, int d) {
-  y -= m <= 2;
-  long era = (y >= 0 ? y : y - 399) / 400;
-  long yoe = y - era * 400;
-  long doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-  long doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + doe - 719468 - (-25567);  // 1970-01-01 is day 25567
-}
-
 // "YYYY-MM-DD[ HH:MM:SS[.fff]]" or "YYYYMMDD HH:MM:SS[.fff]" to days and 1/300 s ticks.
 bool parseDateText(const std::string& t, int32_t& days, uint32_t& ticks) {
   int y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0;
@@ -229,7 +172,11 @@ bool parseDateText(const std::string& t, int32_t& days, uint32_t& ticks) {
   if (frac[0]) ms = std::atof((std::string("0.") + frac).c_str()) * 1000.0;
   long long tick =
       (static_cast<long long>(h) * 3600 + mi * 60 + s) * 300 + static_cast<long long>(ms * 0.3 + 0.5);
-  long dd = daysFrom1900(y, mo, d);
+  std::tm day{};
+  day.tm_year = y - 1900;
+  day.tm_mon = mo - 1;
+  day.tm_mday = d;
+  long dd = static_cast<long>(timegm(&day) / 86400) + 25567;  // 1970-01-01 is day 25567 after 1900-01-01
   if (tick >= 300LL * 86400) {
     tick -= 300LL * 86400;
     ++dd;
@@ -443,12 +390,6 @@ class TdsServer::Wire {
 
 namespace {
 
-std::string lower(const std::string& s) {
-  std::string out;
-  for (char c : s) out.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
-  return out;
-}
-
 std::vector<std::string> words(const std::string& s) {
   std::vector<std::string> out;
   size_t i = 0;
@@ -627,10 +568,9 @@ void TdsServer::serve(int fd) {
   ::close(fd);
 }
 
-bool TdsServer::login(int fd, uint8_t type, Bytes msg, Session& s) {
-  Wire w(s.tds5);
-  std::string user, password;
-  if (s.tds5) {
+bool TdsServer::credentials(int fd, uint8_t type, Bytes msg, bool tds5, std::string& user,
+                            std::string& password) {
+  if (tds5) {
     auto field = [&msg](size_t at, size_t lenAt) {
       return msg.size() <= lenAt
                  ? std::string()
@@ -638,39 +578,45 @@ bool TdsServer::login(int fd, uint8_t type, Bytes msg, Session& s) {
     };
     user = field(31, 61);
     password = field(62, 92);
-  } else {
-    if (type == kPrelogin) {
-      // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS.
-      const unsigned char opts[][2] = {{0, 6}, {1, 1}, {2, 1}, {3, 4}, {4, 1}};
-      unsigned off = 5 * 5 + 1;
-      for (auto& op : opts) {
-        w.o.u8(op[0]);
-        w.o.u16((off >> 8) | ((off & 0xff) << 8));
-        w.o.u16(op[1] << 8);
-        off += op[1];
-      }
-      w.o.u8(0xff);
-      w.o.raw(Bytes("\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00", 13));
-      if (!w.send(fd) || !readMessage(fd, type, msg)) return false;
-      w.o.b.clear();
-    }
-    if (type != kLogin7) return false;
-    auto field = [&msg](size_t pos) {
-      if (msg.size() < pos + 4) return Bytes();
-      const size_t off =
-          static_cast<unsigned char>(msg[pos]) | (static_cast<unsigned char>(msg[pos + 1]) << 8);
-      const size_t n =
-          (static_cast<unsigned char>(msg[pos + 2]) | (static_cast<unsigned char>(msg[pos + 3]) << 8)) * 2u;
-      return off + n > msg.size() ? Bytes() : msg.substr(off, n);
-    };
-    Bytes u = field(40), pw = field(44);
-    for (char& c : pw) {
-      const unsigned char b = static_cast<unsigned char>(c) ^ 0xa5;
-      c = static_cast<char>(((b & 0x0f) << 4) | (b >> 4));
-    }
-    user = fromUcs2(u.data(), u.size());
-    password = fromUcs2(pw.data(), pw.size());
+    return true;
   }
+  if (type == kPrelogin) {
+    // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS.
+    Wire w(false);
+    const unsigned char opts[][2] = {{0, 6}, {1, 1}, {2, 1}, {3, 4}, {4, 1}};
+    unsigned off = 5 * 5 + 1;
+    for (auto& op : opts) {
+      w.o.u8(op[0]);
+      w.o.u16((off >> 8) | ((off & 0xff) << 8));
+      w.o.u16(op[1] << 8);
+      off += op[1];
+    }
+    w.o.u8(0xff);
+    w.o.raw(Bytes("\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00", 13));
+    if (!w.send(fd) || !readMessage(fd, type, msg)) return false;
+  }
+  if (type != kLogin7) return false;
+  auto field = [&msg](size_t pos) {
+    if (msg.size() < pos + 4) return Bytes();
+    const size_t off = static_cast<unsigned char>(msg[pos]) | (static_cast<unsigned char>(msg[pos + 1]) << 8);
+    const size_t n =
+        (static_cast<unsigned char>(msg[pos + 2]) | (static_cast<unsigned char>(msg[pos + 3]) << 8)) * 2u;
+    return off + n > msg.size() ? Bytes() : msg.substr(off, n);
+  };
+  Bytes pw = field(44);
+  for (char& c : pw) {
+    const unsigned char b = static_cast<unsigned char>(c) ^ 0xa5;
+    c = static_cast<char>(((b & 0x0f) << 4) | (b >> 4));
+  }
+  user = fromUcs2(field(40));
+  password = fromUcs2(pw);
+  return true;
+}
+
+bool TdsServer::login(int fd, uint8_t type, const Bytes& msg, Session& s) {
+  std::string user, password;
+  if (!credentials(fd, type, msg, s.tds5, user, password)) return false;
+  Wire w(s.tds5);
   const bool ok = (user_.empty() || (user == user_ && password == password_)) &&
                   sqlite3_open(dbPath_.c_str(), &s.db) == SQLITE_OK;
   if (ok) sqlite3_busy_timeout(s.db, 2000);
@@ -718,7 +664,7 @@ bool TdsServer::command(int fd, uint8_t type, const Bytes& msg, Session& s) {
     size_t skip = 0;
     for (int k = 3; k >= 0; --k) skip = (skip << 8) | static_cast<unsigned char>(msg[static_cast<size_t>(k)]);
     if (skip > msg.size()) skip = 0;
-    sql = fromUcs2(msg.data() + skip, msg.size() - skip);
+    sql = fromUcs2(msg.substr(skip));
   } else {
     w.message(4002, 16, "Unexpected packet");
     w.done(kDoneError, false, 0);

@@ -49,8 +49,11 @@ class TdsServer {
   class Wire;
   void acceptLoop();
   void serve(int fd);
-  // Answers the login (after a TDS 7 pre-login); false when it failed.
-  bool login(int fd, uint8_t type, std::string msg, Session& s);
+  // Reads user and password from a login (after a TDS 7 pre-login).
+  bool credentials(int fd, uint8_t type, std::string msg, bool tds5, std::string& user,
+                   std::string& password);
+  // Answers the login; false when it failed.
+  bool login(int fd, uint8_t type, const std::string& msg, Session& s);
   // Answers one client message; false when the connection is to end.
   bool command(int fd, uint8_t type, const std::string& msg, Session& s);
   // Runs one statement of a batch; false when the connection is to drop.
