@@ -120,7 +120,7 @@ class FreeTdsCursor : public Cursor {
  public:
   FreeTdsCursor(FreeTdsDriver* owner, bool ok) : owner_(owner), succeeded_(ok) {
     if (ok)
-      advance();
+      readResults(true);
     else
       finish();
   }
@@ -132,8 +132,8 @@ class FreeTdsCursor : public Cursor {
   }
 
   bool succeeded() const override { return succeeded_; }
-  bool hasRows() const override { return columns_ > 0; }
-  int columnCount() const override { return columns_; }
+  bool hasRows() const override { return !names_.empty(); }
+  int columnCount() const override { return static_cast<int>(names_.size()); }
   std::string columnName(int col) const override {
     if (col < 1 || col > static_cast<int>(names_.size())) return std::string();
     return names_[static_cast<size_t>(col - 1)];
@@ -151,17 +151,13 @@ class FreeTdsCursor : public Cursor {
       return true;
     }
     if (s == NO_MORE_ROWS) {
-      inRows_ = false;
-      count_ = DBCOUNT(p);
-      if (count_ < 0) count_ = read_;
-      owner_->setCount(count_);
-      drain();
-      return false;
+      endRows();
+      readResults(false);
+    } else {
+      succeeded_ = false;
+      endRows();
+      finish();
     }
-    inRows_ = false;
-    succeeded_ = false;
-    count_ = read_;
-    finish();
     return false;
   }
 
@@ -269,11 +265,9 @@ class FreeTdsCursor : public Cursor {
       // Drops the unread rows but keeps reading to the command's final DONE,
       // so the count is the server's.
       dbcanquery(p);
-      inRows_ = false;
-      count_ = DBCOUNT(p);
-      owner_->setCount(count_);
+      endRows();
     }
-    drain();
+    readResults(false);
   }
 
   long rowCount() const override { return inRows_ ? read_ : count_; }
@@ -286,65 +280,48 @@ class FreeTdsCursor : public Cursor {
 
  private:
   bool live() const { return owner_ != nullptr && !finished_ && owner_->dbproc() != nullptr; }
-  bool valid(int col) const { return live() && inRows_ && read_ > 0 && col >= 1 && col <= columns_; }
+  bool valid(int col) const { return live() && inRows_ && read_ > 0 && col >= 1 && col <= columnCount(); }
 
-  // Moves to the first command that returns rows, or to the end of the batch.
-  void advance() {
+  // Reads the batch's next results. With `stopAtRows` it stops at the first
+  // command that returns rows; otherwise it discards rows to the end of the
+  // batch. The outcome and count are those of the last command read.
+  void readResults(bool stopAtRows) {
     DBPROCESS* p = owner_->dbproc();
     for (;;) {
-      RETCODE r = dbresults(p);
-      if (r == NO_MORE_RESULTS) {
-        finish();
-        return;
-      }
+      const RETCODE r = dbresults(p);
+      if (r == NO_MORE_RESULTS) break;
+      succeeded_ = r != FAIL;
       if (r == FAIL) {
-        succeeded_ = false;
-        if (DBDEAD(p)) {
-          finish();
-          return;
-        }
+        if (DBDEAD(p)) break;
         continue;
       }
-      succeeded_ = true;
-      int n = dbnumcols(p);
-      if (n > 0) {
-        columns_ = n;
-        names_.clear();
+      const int n = dbnumcols(p);
+      if (n > 0 && stopAtRows) {
         for (int i = 1; i <= n; ++i) {
           const char* name = dbcolname(p, i);
           names_.emplace_back(name ? name : "");
         }
         inRows_ = true;
-        read_ = 0;
         owner_->setCount(0);
         return;
       }
-      count_ = DBCOUNT(p);
-      owner_->setCount(count_);
-    }
-  }
-
-  // Reads the commands that follow the current one, keeping the outcome and
-  // count of the last.
-  void drain() {
-    DBPROCESS* p = owner_->dbproc();
-    for (;;) {
-      RETCODE r = dbresults(p);
-      if (r == NO_MORE_RESULTS) break;
-      if (r == FAIL) {
-        succeeded_ = false;
-        if (DBDEAD(p)) break;
-        continue;
-      }
-      succeeded_ = true;
-      if (dbnumcols(p) > 0) dbcanquery(p);
-      long c = DBCOUNT(p);
-      if (c >= 0 || dbnumcols(p) > 0) {
+      if (n > 0) dbcanquery(p);
+      const long c = DBCOUNT(p);
+      if (c >= 0 || n > 0) {
         count_ = c;
         owner_->setCount(c);
       }
     }
     finish();
+  }
+
+  // The current command's rows are done: its count is the server's, or the
+  // rows read where the server sent none.
+  void endRows() {
+    inRows_ = false;
+    count_ = DBCOUNT(owner_->dbproc());
+    if (count_ < 0) count_ = read_;
+    owner_->setCount(count_);
   }
 
   void finish() { finished_ = true; }
@@ -353,7 +330,6 @@ class FreeTdsCursor : public Cursor {
   bool succeeded_;
   bool finished_ = false;
   bool inRows_ = false;
-  int columns_ = 0;
   long read_ = 0;
   long count_ = -1;
   std::vector<std::string> names_;
