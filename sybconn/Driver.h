@@ -17,8 +17,9 @@ namespace sybconn {
 
 // The rows and outcome of one batch. Positioned before the first row; rows are
 // streamed from the backend, never copied in full. After release() (or after
-// the owning driver executes another batch or disconnects) next() is false and
-// the column readers return empty values; every call stays safe.
+// the owning driver executes another batch, detaches its results or
+// disconnects) next() is false and the column readers return empty values;
+// every call stays safe.
 class Cursor {
  public:
   virtual ~Cursor() = default;
