@@ -138,6 +138,11 @@ int KestFileDAOSyb::select(const Conn& conn, std::vector<KestFile>& files, const
       files.push_back(file);
     }
   }
+  // A row that could not be read fails the whole select.
+  if (!res.commandSucceeded()) {
+    DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
+    return -1;
+  }
   return static_cast<int>(files.size());
 }
 

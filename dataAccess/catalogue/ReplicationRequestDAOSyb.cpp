@@ -103,6 +103,11 @@ int ReplicationRequestDAOSyb::select_(const Conn& conn, std::vector<ReplicationR
       ++count;
     }
   }
+  // A row that could not be read fails the whole select.
+  if (!res.commandSucceeded()) {
+    DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
+    return -1;
+  }
   return count;
 }
 

@@ -4,6 +4,8 @@
 #include <ace/OS_NS_sys_time.h>
 #include <ace/Thread_Manager.h>
 
+#include <string>
+
 #include "dataAccess/common/Log.h"
 
 int ConnectionPool::maxPoolSize_ = 20;
@@ -49,8 +51,14 @@ void ConnectionPool::Reaper::stop() {
 }
 
 void ConnectionPool::Reaper::setSleepTimeMs(long ms) {
+  // Without a pause between rounds the reaper would hold the pool's lock
+  // nearly all the time.
+  if (ms <= 0) {
+    DA_LOG_ERROR("Invalid reaper sleep time = %s ms", std::to_string(ms).c_str());
+    return;
+  }
   ACE_Guard<ACE_Thread_Mutex> guard(wakeLock_);
-  sleepTimeMs_ = ms < 0 ? 0 : ms;
+  sleepTimeMs_ = ms;
   // Let a waiting round pick up the new interval at once.
   wake_.broadcast();
 }
@@ -235,6 +243,7 @@ int ConnectionPool::maxPoolSize() const {
 
 void ConnectionPool::setReaperSleepTime(long seconds) { reaper_.setSleepTimeMs(seconds * 1000); }
 void ConnectionPool::setReaperSleepTimeMs(long ms) { reaper_.setSleepTimeMs(ms); }
+long ConnectionPool::reaperSleepTimeMs() const { return reaper_.sleepTimeMs(); }
 void ConnectionPool::setMaxIdleLifeTime(long seconds) { reaper_.setMaxIdleLifeTime(seconds); }
 void ConnectionPool::setMaxLifeTime(long seconds) { reaper_.setMaxLifeTime(seconds); }
 void ConnectionPool::shutdownReaper() { reaper_.stop(); }

@@ -87,10 +87,12 @@ class ConnectionPool {
   void setMaxPoolSize(int n);
   int maxPoolSize() const;
 
-  // Reaper tuning; values apply from the next round.
+  // Reaper tuning; values apply from the next round. A sleep time of 0 or
+  // below is refused (logged) and the old one kept.
   void setReaperSleepTime(long seconds);
-  // The same in milliseconds, for programs (and tests) that need short rounds.
+  // The same in milliseconds, for programs that need short rounds.
   void setReaperSleepTimeMs(long ms);
+  long reaperSleepTimeMs() const;
   void setMaxIdleLifeTime(long seconds);
   void setMaxLifeTime(long seconds);
   // Ends the reaper thread promptly and waits for it. Logins stay open.

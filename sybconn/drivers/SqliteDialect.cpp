@@ -8,6 +8,11 @@
 namespace sybconn {
 namespace {
 
+// The savepoint name of a transaction statement that names none.
+const char kUnnamedSavepoint[] = "sybtran";
+// getdate(): the current local time in the library's date text form.
+const char kNowExpression[] = "strftime('%Y%m%d %H:%M:%f','now','localtime')";
+
 enum class Tok { Space, Comment, String, Word, Number, Punct };
 
 struct Token {
@@ -88,7 +93,8 @@ std::vector<Token> tokenize(const std::string& s) {
 
 class Rewriter {
  public:
-  explicit Rewriter(const std::string& src) : src_(src), toks_(tokenize(src)) {
+  Rewriter(const std::string& src, const std::string& homeDatabase)
+      : src_(src), home_(homeDatabase), toks_(tokenize(src)) {
     out_.reserve(src.size() + 32);
   }
 
@@ -122,6 +128,32 @@ class Rewriter {
     dbs_.push_back(db);
   }
 
+  // X..table and X.dbo.table starting at word i name the table of database X;
+  // a column may follow (X..table.column). Emits "X.table" ("main.table" for
+  // the home database) and returns the index after the table's token, or i
+  // when the tokens are no such name.
+  size_t databaseQualifiedName(size_t i, size_t end) {
+    size_t table;
+    if (isPunct(i + 1, '.') && isPunct(i + 2, '.')) {
+      table = i + 3;
+    } else if (isPunct(i + 1, '.') && isWord(i + 2, "dbo") && isPunct(i + 3, '.')) {
+      table = i + 4;
+    } else {
+      return i;
+    }
+    if (table >= end || toks_[table].type != Tok::Word) return i;
+    const std::string db = text(i);
+    if (!home_.empty() && db == home_) {
+      out_ += "main";
+    } else {
+      noteDatabase(db);
+      out_ += db;
+    }
+    out_ += '.';
+    emit(table);
+    return table + 1;
+  }
+
   // Handles a transaction statement starting at significant token i (begin,
   // commit or rollback). Returns the index after the statement's last consumed
   // token, or i when the tokens are not a transaction statement.
@@ -129,6 +161,7 @@ class Rewriter {
     const bool begin = isWord(i, "begin");
     const bool commit = isWord(i, "commit");
     const bool rollback = isWord(i, "rollback");
+    if (!begin && !commit && !rollback) return i;
     size_t k = nextSig(i + 1, end);
     bool tranWord = false;
     if (isWord(k, "tran") || isWord(k, "transaction")) {
@@ -136,7 +169,7 @@ class Rewriter {
       k = nextSig(k + 1, end);
     }
     if (begin && !tranWord) return i;
-    std::string name = "sybtran";
+    std::string name = kUnnamedSavepoint;
     size_t after = k;
     if (k < end && toks_[k].type == Tok::Word && !isWord(k, "work")) {
       name = text(k);
@@ -151,7 +184,7 @@ class Rewriter {
       out_ += "SAVEPOINT " + name;
     } else if (commit) {
       out_ += "RELEASE " + name;
-    } else if (rollback) {
+    } else {
       out_ += "ROLLBACK TO " + name + "; RELEASE " + name;
     }
     return after;
@@ -217,91 +250,73 @@ class Rewriter {
     return i;
   }
 
+  // Copies tokens [b, e) to the output with the forms of the header
+  // rewritten. Only at the top level can a statement be a transaction one.
   void emitRange(size_t b, size_t e, bool topLevel) {
     bool statementStart = topLevel;
     for (size_t i = b; i < e;) {
-      const Token& t = toks_[i];
       if (!significant(i)) {
         emit(i++);
         continue;
       }
-      if (t.type == Tok::Punct && src_[t.begin] == ';') {
-        emit(i++);
-        statementStart = true;
+      const bool atStart = statementStart;
+      statementStart = isPunct(i, ';');
+      const size_t after = toks_[i].type == Tok::Word ? rewriteWordAt(i, e, atStart, topLevel && atStart) : i;
+      if (after != i) {
+        i = after;
         continue;
-      }
-      if (t.type == Tok::Word) {
-        if (topLevel && statementStart &&
-            (isWord(i, "begin") || isWord(i, "commit") || isWord(i, "rollback"))) {
-          const size_t after = transaction(i, e);
-          if (after != i) {
-            i = after;
-            statementStart = false;
-            continue;
-          }
-        }
-        if (statementStart && isWord(i, "delete")) {
-          emit(i);
-          const size_t k = nextSig(i + 1, e);
-          if (k < e && toks_[k].type == Tok::Word && !isWord(k, "from")) {
-            for (size_t s = i + 1; s < k; ++s) emit(s);
-            out_ += "from ";
-            i = k;
-          } else {
-            ++i;
-          }
-          statementStart = false;
-          continue;
-        }
-        statementStart = false;
-        if (isWord(i, "getdate")) {
-          const size_t open = nextSig(i + 1, e);
-          const size_t close = isPunct(open, '(') ? nextSig(open + 1, e) : e;
-          if (close < e && isPunct(close, ')')) {
-            out_ += "strftime('%Y%m%d %H:%M:%f','now','localtime')";
-            i = close + 1;
-            continue;
-          }
-        }
-        if (isWord(i, "select")) {
-          emit(i);
-          size_t k = i + 1;
-          // Keep the blanks and a DISTINCT / ALL keyword before the list.
-          size_t s = nextSig(k, e);
-          if (isWord(s, "distinct") || isWord(s, "all")) {
-            for (; k <= s; ++k) emit(k);
-          }
-          i = selectList(k, e);
-          continue;
-        }
-        // X..table and X.owner.table name the table of database X.
-        if (i + 3 < e && isPunct(i + 1, '.') && isPunct(i + 2, '.') && toks_[i + 3].type == Tok::Word) {
-          const std::string db = text(i);
-          noteDatabase(db);
-          out_ += db;
-          out_ += '.';
-          emit(i + 3);
-          i += 4;
-          continue;
-        }
-        if (i + 4 < e && isPunct(i + 1, '.') && isWord(i + 2, "dbo") && isPunct(i + 3, '.') &&
-            toks_[i + 4].type == Tok::Word) {
-          const std::string db = text(i);
-          noteDatabase(db);
-          out_ += db;
-          out_ += '.';
-          emit(i + 4);
-          i += 5;
-          continue;
-        }
-      } else {
-        statementStart = false;
       }
       emit(i++);
     }
   }
 
+  // Rewrites the form that begins with word i, if any; returns the index
+  // after it, or i when none begins there.
+  size_t rewriteWordAt(size_t i, size_t end, bool statementStart, bool transactionAllowed) {
+    size_t after = transactionAllowed ? transaction(i, end) : i;
+    if (after == i && statementStart) after = deleteWithoutFrom(i, end);
+    if (after == i) after = getdateCall(i, end);
+    if (after == i) after = selectStatement(i, end);
+    if (after == i) after = databaseQualifiedName(i, end);
+    return after;
+  }
+
+  // "delete T" gets its "from".
+  size_t deleteWithoutFrom(size_t i, size_t end) {
+    if (!isWord(i, "delete")) return i;
+    emit(i);
+    const size_t k = nextSig(i + 1, end);
+    if (k >= end || toks_[k].type != Tok::Word || isWord(k, "from")) return i + 1;
+    for (size_t s = i + 1; s < k; ++s) emit(s);
+    out_ += "from ";
+    return k;
+  }
+
+  // "getdate()" becomes the current local time in the library's date form.
+  size_t getdateCall(size_t i, size_t end) {
+    if (!isWord(i, "getdate")) return i;
+    const size_t open = nextSig(i + 1, end);
+    const size_t close = isPunct(open, '(') ? nextSig(open + 1, end) : end;
+    if (close >= end || !isPunct(close, ')')) return i;
+    out_ += kNowExpression;
+    return close + 1;
+  }
+
+  // "select [distinct|all] list": the list's items in alias form are turned.
+  size_t selectStatement(size_t i, size_t end) {
+    if (!isWord(i, "select")) return i;
+    emit(i);
+    size_t k = i + 1;
+    // Keep the blanks and a DISTINCT / ALL keyword before the list.
+    const size_t s = nextSig(k, end);
+    if (isWord(s, "distinct") || isWord(s, "all")) {
+      for (; k <= s; ++k) emit(k);
+    }
+    return selectList(k, end);
+  }
+
   const std::string& src_;
+  const std::string& home_;
   std::vector<Token> toks_;
   std::string out_;
   std::vector<std::string> dbs_;
@@ -309,7 +324,9 @@ class Rewriter {
 
 }  // namespace
 
-DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql) { return Rewriter(sybaseSql).run(); }
+DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql, const std::string& homeDatabase) {
+  return Rewriter(sybaseSql, homeDatabase).run();
+}
 
 namespace {
 // Compares a word of the text with a lower-case keyword of the same length.

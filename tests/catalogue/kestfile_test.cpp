@@ -2,10 +2,13 @@
 // trips, the in-database copy to another disk, sizes beyond 32 bits.
 #include <dataAccess/catalogue/KestFileDAOSyb.h>
 #include <dataAccess/catalogue/KestFilesSafeDAOSyb.h>
+#include <dataAccess/catalogue/ReplicationRequestDAOSyb.h>
 #include <sybconn/SybUtils.h>
 
 #include <climits>
+#include <functional>
 
+#include "sybconn/drivers/SqliteDriver.h"
 #include "tests/catalogue/CatalogueFixture.h"
 #include "tests/support/LogCapture.h"
 
@@ -156,6 +159,73 @@ TEST_F(KestFileDAO, NullsAndSizesBeyondThirtyTwoBits) {
   EXPECT_EQ(rows[1].fileSize_, 3);
   EXPECT_EQ(rows[1].uncompressedFileSize_, -3);
   EXPECT_EQ(rows[1].ingestionDate_.tv_sec, 0);  // NULL leaves the default
+}
+
+TEST_F(KestFileDAO, FindersFailWhenTheDatabaseFailsThem) {
+  if (testsupport::Backend::current().isTds()) GTEST_SKIP() << "the faults are made on the embedded file";
+  constexpr int kRows = 300;
+  const std::string rows = " with recursive n(i) as (select 1 union all select i + 1 from n where i < " +
+                           std::to_string(kRows) + ") select 'F', 'D' || i, ";
+  ASSERT_EQ(conn_
+                ->execute("insert into kest_files (file_id, disk_id, file_status, checksum)" + rows +
+                          "'S', printf('%0150d', i) from n; insert into repl_queue (file_id, disk_id, "
+                          "file_version, submitter_id, status_id, message)" +
+                          rows + "1, 'ops', 1, printf('%0150d', i) from n")
+                .commandSucceeded(),
+            1);
+  const auto close = [&] {
+    conn_.reset();
+    ConnectionPool::destroyInstance();  // the last login closes the file
+  };
+  const auto reconnect = [&] {
+    close();
+    conn_ = std::make_unique<ServiceConnectionSyb>("sqlite:" + dir_.file("archive.db"), "ops", "pw", "");
+    ASSERT_EQ(conn_->acquire(), 0);
+  };
+  // Each finder reads into an emptied vector.
+  std::vector<KestFile> k;
+  std::vector<ReplicationRequest> r;
+  ReplicationRequestDAOSyb queue("repl_queue");
+  const std::function<int()> finders[] = {
+      [&] { return KestFilesSafeDAOSyb("kest_files_safe").find("F", 1, *conn_); },
+      [&] { return dao_.find("F", k = {}, *conn_); },
+      [&] { return dao_.find('S', k = {}, *conn_); },
+      [&] { return dao_.loadAll(k = {}, *conn_); },
+      [&] { return queue.find(ReplicationRequest::Pending, r = {}, *conn_); },
+      [&] { return queue.find("F", r = {}, *conn_); },
+  };
+  for (size_t i = 0; i < std::size(finders); ++i) EXPECT_EQ(finders[i](), kRows) << i;
+  // The pages that hold the last rows of both tables, to be damaged below.
+  std::vector<long> lastPages;
+  for (const char* table : {"kest_files", "repl_queue"})
+    lastPages.push_back(scalar(std::string("select pageno from dbstat where name = '") + table +
+                               "' and pagetype = 'leaf' order by path desc limit 1"));
+  const auto expectAllFail = [&](const std::string& fault) {
+    for (size_t i = 0; i < std::size(finders); ++i) {
+      testsupport::LogCapture log;
+      EXPECT_EQ(finders[i](), -1) << fault << " " << i;
+      EXPECT_TRUE(log.containsFragment(fault)) << fault << " " << i;
+    }
+  };
+
+  close();
+  {
+    // Another login holds the file locked.
+    SybaseConnection holder;
+    ASSERT_EQ(holder.connect("sqlite:" + dir_.file("archive.db"), "u", "p"), 0);
+    ASSERT_EQ(holder.execute("PRAGMA locking_mode=EXCLUSIVE").commandSucceeded(), 1);
+    ASSERT_EQ(holder.execute("update kest_files set ignore = 0 where 1 = 0").commandSucceeded(), 1);
+    const int savedTimeout = sybconn::sqliteBusyTimeoutMs();
+    sybconn::setSqliteBusyTimeoutMs(20);  // for the login made now
+    reconnect();
+    sybconn::setSqliteBusyTimeoutMs(savedTimeout);
+    expectAllFail("database is locked");
+  }
+  // Streamed rows fail part-way; sorted ones before the first row.
+  close();
+  for (long page : lastPages) dir_.scribble("archive.db", (page - 1) * 4096, 4096);
+  reconnect();
+  expectAllFail("malformed");
 }
 
 }  // namespace

@@ -54,6 +54,15 @@ TEST_F(Pool, SizeLimitsAndFailures) {
   EXPECT_EQ(pool()->maxPoolSize(), 20);
   pool()->setMaxPoolSize(1);
   EXPECT_EQ(pool()->maxPoolSize(), 1);
+  // A reaper without a pause would spin: refused.
+  pool()->setReaperSleepTimeMs(250);
+  for (long bad : {0L, -1L}) {
+    pool()->setReaperSleepTime(bad);
+    pool()->setReaperSleepTimeMs(bad);
+  }
+  EXPECT_EQ(pool()->reaperSleepTimeMs(), 250);
+  EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Invalid reaper sleep time = -1000 ms\n"));
+  EXPECT_EQ(log.count("Invalid reaper sleep time"), 4u);
 
   SybaseConnection* a = pool()->acquireConnection(server(), "u", "p");
   ASSERT_NE(a, nullptr);

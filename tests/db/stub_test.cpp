@@ -1,9 +1,8 @@
-// The stub connection's printed statements and bookkeeping, and one DAO
-// implementation serving both connection types.
+// The stub connection's printed statements and bookkeeping.
 #include <dataAccess/db/ServiceConnectionStub.h>
-#include <dataAccess/db/ServiceConnectionSyb.h>
 
-#include "tests/db/DbFixture.h"
+#include <gtest/gtest.h>
+
 #include "tests/support/LogCapture.h"
 
 namespace {
@@ -40,42 +39,6 @@ TEST(Stub, PrintsStatementsAndKeepsBookkeeping) {
   EXPECT_EQ(stub.release(), 0);
   EXPECT_EQ(stub.transactionNumber(), 0);
   EXPECT_EQ(stub.rowCount(), -1);
-}
-
-// The shape every DAO has: public overloads for both connection types, one
-// member template behind them.
-class CounterDAO {
- public:
-  explicit CounterDAO(std::string table) : table_(std::move(table)) {}
-  int bump(const std::string& name, const ServiceConnectionSyb& c) { return bumpT(name, c); }
-  int bump(const std::string& name, const ServiceConnectionStub& c) { return bumpT(name, c); }
-
- private:
-  template <class Conn>
-  int bumpT(const std::string& name, const Conn& conn) {
-    auto rs = conn.execute("update " + table_ + " set n = n + 1 where name='" + name + "'");
-    const long count = conn.rowCount();
-    return rs.commandSucceeded() == 1 && count >= 0 ? static_cast<int>(count) : -1;
-  }
-  std::string table_;
-};
-
-class DaoShape : public DbFixture {};
-
-TEST_F(DaoShape, OneImplementationServesBothConnections) {
-  ServiceConnectionSyb syb(server(), "u", "p", "db");
-  ASSERT_EQ(syb.acquire(), 0);
-  syb.execute("create table counters (name varchar(10), n int)");
-  syb.execute("insert into counters values ('a', 0)");
-  CounterDAO dao("counters");
-  EXPECT_EQ(dao.bump("a", syb), 1);
-  EXPECT_EQ(dao.bump("zz", syb), 0);
-
-  ServiceConnectionStub stub("srv", "u", "p");
-  stub.acquire();
-  CaptureStdout();
-  EXPECT_EQ(dao.bump("a", stub), -1);
-  EXPECT_EQ(GetCapturedStdout(), "EXECUTE : update counters set n = n + 1 where name='a'\n");
 }
 
 }  // namespace

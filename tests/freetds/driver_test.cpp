@@ -210,7 +210,8 @@ TEST_P(FreeTdsDriverTest, LoginDroppedMidResult) {
   pool->releaseConnection(second);
 }
 
-// X..table names the table in the sibling file X.db of the server's database.
+// X..table names the table in the sibling file X.db of the server's database
+// file, or in that file itself where X is its name.
 TEST_P(FreeTdsDriverTest, SiblingDatabases) {
   createIn(dir_.file("obrep2.db"),
            "create table obs_blocks (ob_id integer, cs_id integer); insert into obs_blocks values (42, 7);"
@@ -234,7 +235,8 @@ TEST_P(FreeTdsDriverTest, SiblingDatabases) {
        "start_date >= '20260101 00:00:00' and start_date < '20260103 00:00:00'",
        "2026-01-02 03:04:05.000|60|0.8|1|2|1.1|0.2|3|4|"},
       {"select distinct Request_ID,Sky_Transparency,Transparency from D..TORV2_NightObs where OB_ID='123'",
-       "5|CLR|THN|"}};
+       "5|CLR|THN|"},
+      {"select server..t.id from server..t where server..t.id = 1", "1|"}};
   for (const auto& k : cases) {
     std::string rows;
     for (SybaseResultSet rs = conn_.execute(k[0]); rs.next();)

@@ -418,15 +418,16 @@ struct TdsServer::Session {
   }
 
   // The statement in SQLite's dialect. A name X..table refers to the sibling
-  // file X.db of the server's database file, attached as X on first use.
+  // file X.db of the server's database file, attached as X on first use; the
+  // server's own file answers to its name without extension.
   bool toSqlite(const std::string& dbPath, const std::string& stmt, std::string& sql) {
-    sybconn::DialectResult r = sybconn::rewriteSybaseToSqlite(stmt);
-    sql = r.sql;
     const size_t slash = dbPath.find_last_of('/');
     const std::string dir = slash == std::string::npos ? "." : dbPath.substr(0, slash);
     const std::string leaf = dbPath.substr(slash == std::string::npos ? 0 : slash + 1);
+    sybconn::DialectResult r = sybconn::rewriteSybaseToSqlite(stmt, leaf.substr(0, leaf.rfind('.')));
+    sql = r.sql;
     for (const std::string& name : r.databases) {
-      if (name == leaf.substr(0, leaf.rfind('.')) || lower(name) == "main" || lower(name) == "temp") continue;
+      if (lower(name) == "main" || lower(name) == "temp") continue;
       if (std::find(attached.begin(), attached.end(), name) != attached.end()) continue;
       const std::string attach = "attach database '" + dir + "/" + name + ".db' as \"" + name + "\"";
       if (sqlite3_exec(db, attach.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) return false;

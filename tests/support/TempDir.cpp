@@ -37,4 +37,11 @@ std::string TempDir::write(const std::string& name, const std::string& content, 
   return p;
 }
 
+void TempDir::scribble(const std::string& name, long offset, long length) const {
+  std::fstream io(file(name), std::ios::binary | std::ios::in | std::ios::out);
+  io.seekp(offset);
+  const std::string garbage(static_cast<size_t>(length), '\xff');
+  io.write(garbage.data(), length);
+}
+
 }  // namespace testsupport

@@ -18,6 +18,9 @@ class TempDir {
   std::string file(const std::string& name) const;
   // Writes `content` to file(name) and returns its path.
   std::string write(const std::string& name, const std::string& content, int mode = 0644) const;
+  // Overwrites `length` bytes of file(name) from `offset` with 0xFF bytes:
+  // a damaged file.
+  void scribble(const std::string& name, long offset, long length) const;
 
  private:
   std::string path_;
