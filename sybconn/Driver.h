@@ -17,8 +17,9 @@ namespace sybconn {
 
 // The rows and outcome of one batch. Positioned before the first row; rows are
 // streamed from the backend, never copied in full. After release() (or after
-// the owning driver executes another batch or disconnects) next() is false and
-// the column readers return empty values; every call stays safe.
+// the owning driver executes another batch, detaches its results or
+// disconnects) next() is false and the column readers return empty values;
+// every call stays safe.
 class Cursor {
  public:
   virtual ~Cursor() = default;
@@ -56,6 +57,10 @@ class Driver {
   virtual std::shared_ptr<Cursor> execute(const std::string& sql) = 0;
   // Affected-row count of the current (last executed) command, -1 if none.
   virtual long rowCount() const = 0;
+  // Reads off the pending results of the last batch and cuts its cursor loose:
+  // from then on the cursor reads as ended and never touches this login, so
+  // the login can pass to another thread while the cursor is still held.
+  virtual void detachResults() = 0;
 };
 
 // Hands a status record to the process-wide error handler currently installed.

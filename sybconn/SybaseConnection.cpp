@@ -11,6 +11,11 @@
 namespace {
 std::atomic<SybaseConnection::ErrorHandler> g_handler{&SybaseConnection::defaultErrorHandler};
 const char kSqlitePrefix[] = "sqlite:";
+// Client errors raised here carry DB-Library's numbers and severity, as the
+// FreeTDS driver reports its own.
+const int kSeverityComm = 9;           // EXCOMM
+const int kErrServerNotFound = 20012;  // SYBEINTF
+const int kErrNotLoggedIn = 20047;     // SYBEDDNE
 }  // namespace
 
 namespace sybconn {
@@ -25,8 +30,8 @@ std::unique_ptr<Driver> makeDriver(const std::string& server, std::string& targe
     target = server.substr(sizeof(kSqlitePrefix) - 1);
     if (target.empty()) {
       SybaseStatus st;
-      st.dbLibSeverity = 9;
-      st.dberr = 20012;
+      st.dbLibSeverity = kSeverityComm;
+      st.dberr = kErrServerNotFound;
       st.dberrstr = "Server name 'sqlite:' names no database file";
       reportError(st);
       return nullptr;
@@ -65,8 +70,8 @@ void SybaseConnection::disconnect() {
 SybaseResultSet SybaseConnection::execute(const std::string& sql) {
   if (!driver_ || !driver_->isConnected()) {
     SybaseStatus st;
-    st.dbLibSeverity = 9;
-    st.dberr = 20047;
+    st.dbLibSeverity = kSeverityComm;
+    st.dberr = kErrNotLoggedIn;
     st.dberrstr = "Statement not executed: the connection is not logged in";
     st.srvname = server_;
     sybconn::reportError(st);
@@ -76,6 +81,10 @@ SybaseResultSet SybaseConnection::execute(const std::string& sql) {
 }
 
 long SybaseConnection::rowCount() const { return driver_ ? driver_->rowCount() : -1; }
+
+void SybaseConnection::releaseResults() {
+  if (driver_) driver_->detachResults();
+}
 
 SybaseConnection::ErrorHandler SybaseConnection::setErrorHandler(ErrorHandler handler) {
   return g_handler.exchange(handler ? handler : &SybaseConnection::defaultErrorHandler);

@@ -41,6 +41,11 @@ class SybaseConnection {
   // dbcount): rows changed by a write, rows read by a select; -1 if unknown.
   long rowCount() const;
 
+  // Reads off the pending results of the last batch and detaches its result
+  // set: from then on that result set reads as ended and never touches this
+  // login. Called before the login passes to another holder.
+  void releaseResults();
+
   const std::string& server() const { return server_; }
 
   // Installs the process-wide handler for server messages and client errors;

@@ -173,6 +173,16 @@ SybaseConnection* ConnectionPool::allocateNewConnection(const std::string& serve
 }
 
 int ConnectionPool::releaseConnection(SybaseConnection* conn) {
+  // A result set that the giver still holds must never reach the login once
+  // another thread has it: its pending results are read off now, while the
+  // login is still the giver's, and outside the lock, since reading waits on
+  // the server.
+  bool held = false;
+  {
+    ACE_Guard<lock_t> guard(lock_);
+    for (const auto& rec : pool_) held = held || (rec.sybconn == conn && !rec.available);
+  }
+  if (held) conn->releaseResults();
   ACE_Guard<lock_t> guard(lock_);
   for (auto& rec : pool_) {
     if (rec.sybconn == conn) {

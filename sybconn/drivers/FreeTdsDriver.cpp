@@ -3,16 +3,20 @@
 // clang-format off
 #include <sybfront.h>
 #include <sybdb.h>
+#include <syberror.h>
 // clang-format on
 
 #include <sys/socket.h>
 
 #include <atomic>
+#include <cctype>
+#include <cfloat>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -26,7 +30,7 @@ std::atomic<int> g_queryTimeout{0};
 std::mutex g_versionMutex;
 std::string g_tdsVersion;  // guarded by g_versionMutex
 std::once_flag g_initOnce;
-std::mutex g_loginMutex;  // serialises the process-wide time-out settings with dbopen
+std::mutex g_timeoutMutex;  // serialises the calls that set DB-Library's process-wide time-outs
 
 // The driver whose login is in progress on this thread: DB-Library reports
 // login errors before the DBPROCESS exists.
@@ -58,7 +62,33 @@ bool isTextType(int type) {
   return type == SYBCHAR || type == SYBVARCHAR || type == SYBTEXT || type == SYBNVARCHAR || type == SYBNTEXT;
 }
 
+// DB-Library's DATETIME counts the time of day in 1/300 s.
+const long long kTicksPerSecond = 300;
+
 bool isDateType(int type) { return type == SYBDATETIME || type == SYBDATETIME4 || type == SYBDATETIMN; }
+
+// The service connection numbers its nested transactions: begin Tran A<n>,
+// commit A<n>, rollback A<n>. SQL Server has no "commit A<n>" or "rollback
+// A<n>": a name needs the TRAN keyword, and ROLLBACK TRAN takes only the
+// outermost transaction's name or a savepoint's. The outermost level keeps its
+// name; an inner level is a nested BEGIN TRAN (so @@trancount is the level)
+// with a savepoint of its name, which its rollback returns to before its
+// COMMIT TRAN closes the level. Each step runs only if the one before it
+// succeeded. Any other statement is one step as written.
+std::vector<std::string> sqlServerForm(const std::string& sql) {
+  static const std::regex numbered("\\s*(begin\\s+tran|commit|rollback)\\s+(A([0-9]{1,9}))\\s*",
+                                   std::regex::icase);
+  std::smatch m;
+  if (!std::regex_match(sql, m, numbered)) return {sql};
+  const char verb = static_cast<char>(std::tolower(static_cast<unsigned char>(m.str(1)[0])));
+  const std::string name = m.str(2);
+  if (std::stol(m.str(3)) <= 1) {
+    return {(verb == 'b' ? "BEGIN TRAN " : verb == 'c' ? "COMMIT TRAN " : "ROLLBACK TRAN ") + name};
+  }
+  if (verb == 'b') return {"BEGIN TRAN", "SAVE TRAN " + name};
+  if (verb == 'c') return {"COMMIT TRAN"};
+  return {"ROLLBACK TRAN " + name, "COMMIT TRAN"};
+}
 
 class FreeTdsCursor;
 
@@ -70,28 +100,27 @@ class FreeTdsDriver : public Driver {
   bool isConnected() const override { return dbproc_ != nullptr && !DBDEAD(dbproc_); }
   void disconnect() override;
   std::shared_ptr<Cursor> execute(const std::string& sql) override;
+  // Sends one batch as written.
+  std::shared_ptr<Cursor> run(const std::string& sql);
   long rowCount() const override { return lastCount_; }
+  void detachResults() override;
 
   DBPROCESS* dbproc() const { return dbproc_; }
   void setCount(long c) { lastCount_ = c; }
-  // A time-out on this login: the first one during a login ends the login;
-  // during a command the command is cancelled.
-  bool loggingIn() const { return loggingIn_; }
-
-  std::string server_;
+  const std::string& server() const { return server_; }
 
  private:
+  std::string server_;
   DBPROCESS* dbproc_ = nullptr;
   std::weak_ptr<FreeTdsCursor> cursor_;
   long lastCount_ = -1;
-  bool loggingIn_ = false;
 };
 
 class FreeTdsCursor : public Cursor {
  public:
   FreeTdsCursor(FreeTdsDriver* owner, bool ok) : owner_(owner), succeeded_(ok) {
     if (ok)
-      advance();
+      readResults(true);
     else
       finish();
   }
@@ -103,8 +132,8 @@ class FreeTdsCursor : public Cursor {
   }
 
   bool succeeded() const override { return succeeded_; }
-  bool hasRows() const override { return columns_ > 0; }
-  int columnCount() const override { return columns_; }
+  bool hasRows() const override { return !names_.empty(); }
+  int columnCount() const override { return static_cast<int>(names_.size()); }
   std::string columnName(int col) const override {
     if (col < 1 || col > static_cast<int>(names_.size())) return std::string();
     return names_[static_cast<size_t>(col - 1)];
@@ -114,28 +143,22 @@ class FreeTdsCursor : public Cursor {
     if (!live() || !inRows_) return false;
     DBPROCESS* p = owner_->dbproc();
     STATUS s = dbnextrow(p);
+    // Compute rows and buffered rows are not used by this library: skipped.
+    while (s != REG_ROW && s != NO_MORE_ROWS && s != FAIL) s = dbnextrow(p);
     if (s == REG_ROW) {
       ++read_;
       owner_->setCount(read_);
       return true;
     }
     if (s == NO_MORE_ROWS) {
-      inRows_ = false;
-      count_ = DBCOUNT(p);
-      if (count_ < 0) count_ = read_;
-      owner_->setCount(count_);
-      drain();
-      return false;
-    }
-    if (s == FAIL) {
-      inRows_ = false;
+      endRows();
+      readResults(false);
+    } else {
       succeeded_ = false;
-      count_ = read_;
+      endRows();
       finish();
-      return false;
     }
-    // A compute row or a buffered row: not used by this library, skip it.
-    return next();
+    return false;
   }
 
   bool isNull(int col) const override { return !valid(col) || dbdata(owner_->dbproc(), col) == nullptr; }
@@ -164,7 +187,7 @@ class FreeTdsCursor : public Cursor {
       const double v = getDouble(col);
       const bool single = type == SYBREAL || (type == SYBFLTN && dbdatlen(p, col) == 4);
       char buf[40];
-      for (int digits = single ? 6 : 15; digits <= 17; ++digits) {
+      for (int digits = single ? FLT_DIG : DBL_DIG; digits <= DBL_DECIMAL_DIG; ++digits) {
         std::snprintf(buf, sizeof buf, "%.*g", digits, v);
         const double back = std::strtod(buf, nullptr);
         if (single ? static_cast<float>(back) == static_cast<float>(v) : back == v) break;
@@ -218,9 +241,9 @@ class FreeTdsCursor : public Cursor {
     DBDATETIME dt;
     if (dbconvert(p, type, data, dbdatlen(p, col), SYBDATETIME, reinterpret_cast<BYTE*>(&dt), sizeof dt) <= 0)
       return tv;
-    // Days since 1900-01-01 and 1/300 s ticks, taken as local time.
+    // Days since 1900-01-01 and ticks of 1/300 s, taken as local time.
     long long ticks = static_cast<long long>(static_cast<unsigned>(dt.dttime));
-    long long ms = (ticks * 10 + 1) / 3;  // round to the millisecond as the server does
+    long long ms = (ticks * 1000 + kTicksPerSecond / 3) / kTicksPerSecond;  // rounded as the server does
     long long secOfDay = ms / 1000;
     std::tm tm{};
     tm.tm_year = 0;
@@ -242,11 +265,9 @@ class FreeTdsCursor : public Cursor {
       // Drops the unread rows but keeps reading to the command's final DONE,
       // so the count is the server's.
       dbcanquery(p);
-      inRows_ = false;
-      count_ = DBCOUNT(p);
-      owner_->setCount(count_);
+      endRows();
     }
-    drain();
+    readResults(false);
   }
 
   long rowCount() const override { return inRows_ ? read_ : count_; }
@@ -259,65 +280,48 @@ class FreeTdsCursor : public Cursor {
 
  private:
   bool live() const { return owner_ != nullptr && !finished_ && owner_->dbproc() != nullptr; }
-  bool valid(int col) const { return live() && inRows_ && read_ > 0 && col >= 1 && col <= columns_; }
+  bool valid(int col) const { return live() && inRows_ && read_ > 0 && col >= 1 && col <= columnCount(); }
 
-  // Moves to the first command that returns rows, or to the end of the batch.
-  void advance() {
+  // Reads the batch's next results. With `stopAtRows` it stops at the first
+  // command that returns rows; otherwise it discards rows to the end of the
+  // batch. The outcome and count are those of the last command read.
+  void readResults(bool stopAtRows) {
     DBPROCESS* p = owner_->dbproc();
     for (;;) {
-      RETCODE r = dbresults(p);
-      if (r == NO_MORE_RESULTS) {
-        finish();
-        return;
-      }
+      const RETCODE r = dbresults(p);
+      if (r == NO_MORE_RESULTS) break;
+      succeeded_ = r != FAIL;
       if (r == FAIL) {
-        succeeded_ = false;
-        if (DBDEAD(p)) {
-          finish();
-          return;
-        }
+        if (DBDEAD(p)) break;
         continue;
       }
-      succeeded_ = true;
-      int n = dbnumcols(p);
-      if (n > 0) {
-        columns_ = n;
-        names_.clear();
+      const int n = dbnumcols(p);
+      if (n > 0 && stopAtRows) {
         for (int i = 1; i <= n; ++i) {
           const char* name = dbcolname(p, i);
           names_.emplace_back(name ? name : "");
         }
         inRows_ = true;
-        read_ = 0;
         owner_->setCount(0);
         return;
       }
-      count_ = DBCOUNT(p);
-      owner_->setCount(count_);
-    }
-  }
-
-  // Reads the commands that follow the current one, keeping the outcome and
-  // count of the last.
-  void drain() {
-    DBPROCESS* p = owner_->dbproc();
-    for (;;) {
-      RETCODE r = dbresults(p);
-      if (r == NO_MORE_RESULTS) break;
-      if (r == FAIL) {
-        succeeded_ = false;
-        if (DBDEAD(p)) break;
-        continue;
-      }
-      succeeded_ = true;
-      if (dbnumcols(p) > 0) dbcanquery(p);
-      long c = DBCOUNT(p);
-      if (c >= 0 || dbnumcols(p) > 0) {
+      if (n > 0) dbcanquery(p);
+      const long c = DBCOUNT(p);
+      if (c >= 0 || n > 0) {
         count_ = c;
         owner_->setCount(c);
       }
     }
     finish();
+  }
+
+  // The current command's rows are done: its count is the server's, or the
+  // rows read where the server sent none.
+  void endRows() {
+    inRows_ = false;
+    count_ = DBCOUNT(owner_->dbproc());
+    if (count_ < 0) count_ = read_;
+    owner_->setCount(count_);
   }
 
   void finish() { finished_ = true; }
@@ -326,7 +330,6 @@ class FreeTdsCursor : public Cursor {
   bool succeeded_;
   bool finished_ = false;
   bool inRows_ = false;
-  int columns_ = 0;
   long read_ = 0;
   long count_ = -1;
   std::vector<std::string> names_;
@@ -337,7 +340,15 @@ bool FreeTdsDriver::connect(const std::string& target, const std::string& user, 
   disconnect();
   server_ = target;
   LOGINREC* login = dblogin();
-  if (!login) return false;
+  if (!login) {
+    SybaseStatus st;
+    st.dbLibSeverity = EXRESOURCE;
+    st.dberr = SYBEMEM;
+    st.dberrstr = "Unable to allocate a login record";
+    st.srvname = target;
+    reportError(st);
+    return false;
+  }
   DBSETLUSER(login, user.c_str());
   DBSETLPWD(login, password.c_str());
   DBSETLAPP(login, "libDataAccess");
@@ -345,15 +356,13 @@ bool FreeTdsDriver::connect(const std::string& target, const std::string& user, 
   BYTE version = versionCode(FreeTdsSettings::tdsVersion());
   if (version != DBVERSION_UNKNOWN) DBSETLVERSION(login, version);
   {
-    std::lock_guard<std::mutex> lock(g_loginMutex);
+    std::lock_guard<std::mutex> lock(g_timeoutMutex);
     dbsetlogintime(g_loginTimeout.load());
     dbsettime(g_queryTimeout.load());
-    t_loggingIn = this;
-    loggingIn_ = true;
   }
+  t_loggingIn = this;
   DBPROCESS* p = dbopen(login, target.c_str());
   t_loggingIn = nullptr;
-  loggingIn_ = false;
   dbloginfree(login);
   if (!p) return false;
   dbsetuserdata(p, reinterpret_cast<BYTE*>(this));
@@ -361,9 +370,13 @@ bool FreeTdsDriver::connect(const std::string& target, const std::string& user, 
   return true;
 }
 
-void FreeTdsDriver::disconnect() {
+void FreeTdsDriver::detachResults() {
   if (auto c = cursor_.lock()) c->detach();
   cursor_.reset();
+}
+
+void FreeTdsDriver::disconnect() {
+  detachResults();
   if (dbproc_) {
     dbclose(dbproc_);
     dbproc_ = nullptr;
@@ -371,8 +384,17 @@ void FreeTdsDriver::disconnect() {
 }
 
 std::shared_ptr<Cursor> FreeTdsDriver::execute(const std::string& sql) {
-  if (auto c = cursor_.lock()) c->detach();
-  cursor_.reset();
+  if (!isConnected() || dbtds(dbproc_) < DBTDS_7_0) return run(sql);
+  const std::vector<std::string> steps = sqlServerForm(sql);
+  for (size_t i = 0; i + 1 < steps.size(); ++i) {
+    std::shared_ptr<Cursor> c = run(steps[i]);
+    if (!c->succeeded()) return c;
+  }
+  return run(steps.back());
+}
+
+std::shared_ptr<Cursor> FreeTdsDriver::run(const std::string& sql) {
+  detachResults();
   lastCount_ = -1;
   if (!isConnected()) return std::make_shared<FreeTdsCursor>(this, false);
   bool ok = dbcmd(dbproc_, sql.c_str()) == SUCCEED && dbsqlexec(dbproc_) == SUCCEED;
@@ -401,7 +423,7 @@ int errHandler(DBPROCESS* dbproc, int severity, int dberr, int oserr, char* dber
   if (dberrstr) st.dberrstr = dberrstr;
   if (oserrstr) st.oserrstr = oserrstr;
   FreeTdsDriver* d = driverOf(dbproc);
-  if (d) st.srvname = d->server_;
+  if (d) st.srvname = d->server();
   reportError(st);
   // A time-out ends the login or the command, and the login with it. Returning
   // INT_CANCEL is not enough: under TDS 5.0 DB-Library then logs out of the
@@ -430,7 +452,7 @@ int msgHandler(DBPROCESS* dbproc, DBINT msgno, int msgstate, int severity, char*
   st.line = line;
   if (st.srvname.empty()) {
     FreeTdsDriver* d = driverOf(dbproc);
-    if (d) st.srvname = d->server_;
+    if (d) st.srvname = d->server();
   }
   reportError(st);
   return 0;

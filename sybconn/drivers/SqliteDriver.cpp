@@ -241,6 +241,7 @@ class SqliteDriver : public Driver {
   }
 
   long rowCount() const override { return current_ ? current_->rowCount() : -1; }
+  void detachResults() override { releaseCurrent(); }
 
  private:
   static std::shared_ptr<SqliteCursor> failed() { return std::make_shared<SqliteCursor>(false, -1); }

@@ -1,6 +1,7 @@
 #include "tests/support/TdsServer.h"
 
 #include <arpa/inet.h>
+#include <iconv.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -8,11 +9,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "sybconn/drivers/SqliteDialect.h"
 
@@ -89,71 +92,20 @@ struct Out {
   void raw(const Bytes& s) { b += s; }
 };
 
-// UTF-8 to UTF-16LE (surrogate pairs for characters beyond the BMP).
-Bytes toUcs2(const std::string& s) {
-  Bytes out;
-  for (size_t i = 0; i < s.size();) {
-    unsigned char c = static_cast<unsigned char>(s[i]);
-    uint32_t cp;
-    size_t n;
-    if (c < 0x80) {
-      cp = c;
-      n = 1;
-    } else if ((c >> 5) == 6) {
-      cp = c & 0x1f;
-      n = 2;
-    } else if ((c >> 4) == 14) {
-      cp = c & 0x0f;
-      n = 3;
-    } else {
-      cp = c & 0x07;
-      n = 4;
-    }
-    for (size_t k = 1; k < n && i + k < s.size(); ++k)
-      cp = (cp << 6) | (static_cast<unsigned char>(s[i + k]) & 0x3f);
-    i += n;
-    auto put = [&out](uint32_t u) {
-      out.push_back(static_cast<char>(u & 0xff));
-      out.push_back(static_cast<char>(u >> 8));
-    };
-    if (cp >= 0x10000) {
-      cp -= 0x10000;
-      put(0xd800 + (cp >> 10));
-      put(0xdc00 + (cp & 0x3ff));
-    } else {
-      put(cp);
-    }
-  }
+// Text between UTF-8 and UTF-16LE, as TDS 7 carries it.
+std::string convert(const std::string& in, const char* to, const char* from) {
+  std::string out(in.size() * 2 + 4, '\0');
+  char* src = const_cast<char*>(in.data());
+  char* dst = &out[0];
+  size_t srcLeft = in.size(), dstLeft = out.size();
+  iconv_t cd = iconv_open(to, from);
+  iconv(cd, &src, &srcLeft, &dst, &dstLeft);
+  iconv_close(cd);
+  out.resize(out.size() - dstLeft);
   return out;
 }
-
-std::string fromUcs2(const char* p, size_t bytes) {
-  std::string out;
-  for (size_t i = 0; i + 1 < bytes; i += 2) {
-    uint32_t cp = static_cast<unsigned char>(p[i]) | (static_cast<unsigned char>(p[i + 1]) << 8);
-    if (cp >= 0xd800 && cp < 0xdc00 && i + 3 < bytes) {
-      uint32_t lo = static_cast<unsigned char>(p[i + 2]) | (static_cast<unsigned char>(p[i + 3]) << 8);
-      cp = 0x10000 + ((cp - 0xd800) << 10) + (lo - 0xdc00);
-      i += 2;
-    }
-    if (cp < 0x80) {
-      out.push_back(static_cast<char>(cp));
-    } else if (cp < 0x800) {
-      out.push_back(static_cast<char>(0xc0 | (cp >> 6)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3f)));
-    } else if (cp < 0x10000) {
-      out.push_back(static_cast<char>(0xe0 | (cp >> 12)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3f)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3f)));
-    } else {
-      out.push_back(static_cast<char>(0xf0 | (cp >> 18)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 12) & 0x3f)));
-      out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3f)));
-      out.push_back(static_cast<char>(0x80 | (cp & 0x3f)));
-    }
-  }
-  return out;
-}
+Bytes toUcs2(const std::string& s) { return convert(s, "UTF-16LE", "UTF-8"); }
+std::string fromUcs2(const Bytes& u) { return convert(u, "UTF-8", "UTF-16LE"); }
 
 void bVarchar(Out& o, const std::string& s) {
   Bytes u = toUcs2(s);
@@ -167,64 +119,14 @@ void usVarchar(Out& o, const std::string& s) {
   o.raw(u);
 }
 
-void done(Out& o, uint16_t status, uint16_t curcmd, uint64_t count) {
-  o.u8(0xfd);
-  o.u16(status);
-  o.u16(curcmd);
-  o.u64(count);
-}
-
-void message(Out& o, bool error, int number, int severity, const std::string& text) {
-  Out body;
-  body.u32(static_cast<uint32_t>(number));
-  body.u8(1);
-  body.u8(static_cast<unsigned>(severity));
-  usVarchar(body, text);
-  bVarchar(body, "tdstest");
-  bVarchar(body, "");
-  body.u32(1);
-  o.u8(error ? 0xaa : 0xab);
-  o.u16(static_cast<unsigned>(body.b.size()));
-  o.raw(body.b);
-}
-
-void envChange(Out& o, unsigned type, const std::string& now, const std::string& before) {
-  Out body;
-  body.u8(type);
-  bVarchar(body, now);
-  bVarchar(body, before);
-  o.u8(0xe3);
-  o.u16(static_cast<unsigned>(body.b.size()));
-  o.raw(body.b);
-}
-
-// Sends a token stream as reply packets.
-bool sendReply(int fd, const Bytes& data, bool endOfMessage = true) {
-  size_t off = 0;
-  uint8_t id = 1;
-  do {
-    size_t chunk = std::min(kPacketSize - 8, data.size() - off);
-    bool last = off + chunk == data.size();
-    unsigned char h[8] = {kReply,
-                          static_cast<unsigned char>(last && endOfMessage ? 1 : 0),
-                          static_cast<unsigned char>((chunk + 8) >> 8),
-                          static_cast<unsigned char>((chunk + 8) & 0xff),
-                          0,
-                          1,
-                          id++,
-                          0};
-    if (!writeAll(fd, reinterpret_cast<char*>(h), 8) || !writeAll(fd, data.data() + off, chunk)) return false;
-    off += chunk;
-  } while (off < data.size());
-  return true;
+std::string lower(const std::string& s) {
+  std::string out;
+  for (char c : s) out.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+  return out;
 }
 
 bool lowerStartsWith(const std::string& s, const char* prefix) {
-  size_t n = std::strlen(prefix);
-  if (s.size() < n) return false;
-  for (size_t i = 0; i < n; ++i)
-    if (std::tolower(static_cast<unsigned char>(s[i])) != prefix[i]) return false;
-  return true;
+  return lower(s.substr(0, std::strlen(prefix))) == prefix;
 }
 
 std::string trim(const std::string& s) {
@@ -255,16 +157,6 @@ std::vector<std::string> splitStatements(const std::string& sql) {
   return out;
 }
 
-// Days since 1900-01-01 of a civil date.
-long daysFrom1900(int y, int m, int d) {
-  y -= m <= 2;
-  long era = (y >= 0 ? y : y - 399) / 400;
-  long yoe = y - era * 400;
-  long doy = (153 * (m + (m > 2 ? -3 : 9)) + 2) / 5 + d - 1;
-  long doe = yoe * 365 + yoe / 4 - yoe / 100 + doy;
-  return era * 146097 + doe - 719468 - (-25567);  // 1970-01-01 is day 25567
-}
-
 // "YYYY-MM-DD[ HH:MM:SS[.fff]]" or "YYYYMMDD HH:MM:SS[.fff]" to days and 1/300 s ticks.
 bool parseDateText(const std::string& t, int32_t& days, uint32_t& ticks) {
   int y = 0, mo = 0, d = 0, h = 0, mi = 0, s = 0;
@@ -280,7 +172,11 @@ bool parseDateText(const std::string& t, int32_t& days, uint32_t& ticks) {
   if (frac[0]) ms = std::atof((std::string("0.") + frac).c_str()) * 1000.0;
   long long tick =
       (static_cast<long long>(h) * 3600 + mi * 60 + s) * 300 + static_cast<long long>(ms * 0.3 + 0.5);
-  long dd = daysFrom1900(y, mo, d);
+  std::tm day{};
+  day.tm_year = y - 1900;
+  day.tm_mon = mo - 1;
+  day.tm_mday = d;
+  long dd = static_cast<long>(timegm(&day) / 86400) + 25567;  // 1970-01-01 is day 25567 after 1900-01-01
   if (tick >= 300LL * 86400) {
     tick -= 300LL * 86400;
     ++dd;
@@ -319,92 +215,284 @@ ColType typeOf(sqlite3_stmt* st, int i) {
   }
 }
 
-const unsigned char kCollation[5] = {0x09, 0x04, 0xd0, 0x00, 0x34};
+}  // namespace
 
-void colMetadata(Out& o, sqlite3_stmt* st, const std::vector<ColType>& types) {
-  o.u8(0x81);
-  o.u16(static_cast<unsigned>(types.size()));
-  for (size_t i = 0; i < types.size(); ++i) {
-    o.u32(0);       // user type
-    o.u16(0x0001);  // nullable
-    switch (types[i]) {
-      case ColType::Int:
-        o.u8(0x26);
-        o.u8(8);
-        break;
-      case ColType::Float:
-        o.u8(0x6d);
-        o.u8(8);
-        break;
-      case ColType::Date:
-        o.u8(0x6f);
-        o.u8(8);
-        break;
-      case ColType::Text:
-        o.u8(0xe7);
-        o.u16(8000);
-        for (unsigned char c : kCollation) o.u8(c);
-        break;
+// The token stream of one reply, in TDS 7.4 or 5.0 form.
+class TdsServer::Wire {
+ public:
+  explicit Wire(bool tds5) : tds5_(tds5) {}
+  Out o;
+
+  // A server message: INFO / ERROR tokens under 7.4, an EED token under 5.0.
+  void message(int number, int severity, const std::string& text) {
+    Out b;
+    b.u32(static_cast<uint32_t>(number));
+    b.u8(1);
+    b.u8(static_cast<unsigned>(severity));
+    if (tds5_) {
+      b.u8(5);
+      b.raw("ZZZZZ");
+      b.u8(0);
+      b.u16(0);
+      b.u16(static_cast<unsigned>(text.size()));
+      b.raw(text);
+      b.u8(7);
+      b.raw("tdstest");
+      b.u8(0);
+      b.u16(1);
+    } else {
+      usVarchar(b, text);
+      bVarchar(b, "tdstest");
+      bVarchar(b, "");
+      b.u32(1);
     }
-    const char* name = sqlite3_column_name(st, static_cast<int>(i));
-    bVarchar(o, name ? name : "");
+    token(tds5_ ? 0xe5 : severity > 10 ? 0xaa : 0xab, b);
   }
-}
 
-void rowValues(Out& o, sqlite3_stmt* st, const std::vector<ColType>& types) {
-  o.u8(0xd1);
-  for (size_t i = 0; i < types.size(); ++i) {
-    int c = static_cast<int>(i);
-    bool null = sqlite3_column_type(st, c) == SQLITE_NULL;
-    switch (types[i]) {
-      case ColType::Int:
-        if (null) {
-          o.u8(0);
-        } else {
-          o.u8(8);
-          o.u64(static_cast<uint64_t>(sqlite3_column_int64(st, c)));
-        }
-        break;
-      case ColType::Float:
-        if (null) {
-          o.u8(0);
-        } else {
-          double v = sqlite3_column_double(st, c);
-          uint64_t bits;
-          std::memcpy(&bits, &v, 8);
-          o.u8(8);
-          o.u64(bits);
-        }
-        break;
-      case ColType::Date: {
-        int32_t days = 0;
-        uint32_t ticks = 0;
-        const char* t = reinterpret_cast<const char*>(sqlite3_column_text(st, c));
-        if (null || !t || !parseDateText(t, days, ticks)) {
-          o.u8(0);
-        } else {
-          o.u8(8);
-          o.u32(static_cast<uint32_t>(days));
-          o.u32(ticks);
-        }
-        break;
+  void columns(sqlite3_stmt* st, const std::vector<ColType>& types) {
+    Out b;
+    b.u16(static_cast<unsigned>(types.size()));
+    for (size_t i = 0; i < types.size(); ++i) {
+      const char* n = sqlite3_column_name(st, static_cast<int>(i));
+      const std::string name = n ? n : "";
+      if (tds5_) {
+        b.u8(static_cast<unsigned>(name.size()));
+        b.raw(name);
+        b.u8(0x20);  // nullable
+        b.u32(0);
+      } else {
+        b.u32(0);       // user type
+        b.u16(0x0001);  // nullable
       }
-      case ColType::Text:
-        if (null) {
-          o.u16(0xffff);
-        } else {
-          const char* t = reinterpret_cast<const char*>(sqlite3_column_text(st, c));
-          Bytes u = toUcs2(t ? t : "");
-          if (u.size() > 8000) u.resize(8000);
-          o.u16(static_cast<unsigned>(u.size()));
-          o.raw(u);
-        }
-        break;
+      const unsigned fixed[] = {0x26, 0x6d, 0x6f};  // INTN, FLTN, DATETIMN of 8 bytes
+      if (types[i] != ColType::Text) {
+        b.u8(fixed[static_cast<int>(types[i])]);
+        b.u8(8);
+      } else if (tds5_) {
+        b.u8(0xaf);  // LONGCHAR
+        b.u32(kMaxText5);
+      } else {
+        b.u8(0xe7);  // NVARCHAR
+        b.u16(kMaxText7);
+        b.raw(Bytes("\x09\x04\xd0\x00\x34", 5));  // collation
+      }
+      if (tds5_)
+        b.u8(0);  // no locale
+      else
+        bVarchar(b, name);
+    }
+    if (tds5_) {
+      token(0xee, b);
+    } else {
+      o.u8(0x81);
+      o.raw(b.b);
     }
   }
+
+  void row(sqlite3_stmt* st, const std::vector<ColType>& types) {
+    o.u8(0xd1);
+    for (size_t i = 0; i < types.size(); ++i) {
+      const int c = static_cast<int>(i);
+      const bool null = sqlite3_column_type(st, c) == SQLITE_NULL;
+      const char* t = types[i] == ColType::Text || types[i] == ColType::Date
+                          ? reinterpret_cast<const char*>(sqlite3_column_text(st, c))
+                          : nullptr;
+      int32_t days = 0;
+      uint32_t ticks = 0;
+      if (types[i] == ColType::Text) {
+        text(null ? nullptr : t ? t : "");
+      } else if (null || (types[i] == ColType::Date && !parseDateText(t ? t : "", days, ticks))) {
+        o.u8(0);
+      } else if (types[i] == ColType::Int) {
+        o.u8(8);
+        o.u64(static_cast<uint64_t>(sqlite3_column_int64(st, c)));
+      } else if (types[i] == ColType::Float) {
+        const double v = sqlite3_column_double(st, c);
+        uint64_t bits;
+        std::memcpy(&bits, &v, 8);
+        o.u8(8);
+        o.u64(bits);
+      } else {
+        o.u8(8);
+        o.u32(static_cast<uint32_t>(days));
+        o.u32(ticks);
+      }
+    }
+  }
+
+  void done(uint16_t status, bool select, uint64_t count) {
+    o.u8(0xfd);
+    o.u16(status);
+    if (tds5_) {
+      o.u16(0);
+      o.u32(static_cast<uint32_t>(count));
+    } else {
+      o.u16(status & kDoneCount ? (select ? 0xc1 : 0xc3) : 0);
+      o.u64(count);
+    }
+  }
+
+  // Sends the stream as reply packets; without `endOfMessage` the last packet
+  // leaves the reply open.
+  bool send(int fd, const Bytes& data, bool endOfMessage = true) const {
+    const size_t size = tds5_ ? 512 : kPacketSize;
+    size_t off = 0;
+    uint8_t id = 1;
+    do {
+      const size_t chunk = std::min(size - 8, data.size() - off);
+      const bool last = off + chunk == data.size();
+      const unsigned char h[8] = {kReply,
+                                  static_cast<unsigned char>(last && endOfMessage ? 1 : 0),
+                                  static_cast<unsigned char>((chunk + 8) >> 8),
+                                  static_cast<unsigned char>((chunk + 8) & 0xff),
+                                  0,
+                                  static_cast<unsigned char>(tds5_ ? 0 : 1),
+                                  static_cast<unsigned char>(tds5_ ? 0 : id++),
+                                  0};
+      if (!writeAll(fd, reinterpret_cast<const char*>(h), 8) || !writeAll(fd, data.data() + off, chunk))
+        return false;
+      off += chunk;
+    } while (off < data.size());
+    return true;
+  }
+  bool send(int fd) const { return send(fd, o.b); }
+
+  void token(unsigned type, const Out& body) {
+    o.u8(type);
+    o.u16(static_cast<unsigned>(body.b.size()));
+    o.raw(body.b);
+  }
+
+ private:
+  static const unsigned kMaxText5 = 32768, kMaxText7 = 8000;
+
+  // Text travels as UCS-2 under 7.4; under 5.0 as bytes, an empty string as
+  // one blank, NULL as length 0.
+  void text(const char* t) {
+    if (tds5_) {
+      std::string v = t ? t : "";
+      if (t && v.empty()) v = " ";
+      if (v.size() > kMaxText5) v.resize(kMaxText5);
+      o.u32(static_cast<uint32_t>(v.size()));
+      o.raw(v);
+    } else if (!t) {
+      o.u16(0xffff);
+    } else {
+      Bytes u = toUcs2(t);
+      if (u.size() > kMaxText7) u.resize(kMaxText7);
+      o.u16(static_cast<unsigned>(u.size()));
+      o.raw(u);
+    }
+  }
+
+  bool tds5_;
+};
+
+namespace {
+
+std::vector<std::string> words(const std::string& s) {
+  std::vector<std::string> out;
+  size_t i = 0;
+  while ((i = s.find_first_not_of(" \t\r\n", i)) != std::string::npos) {
+    const size_t e = s.find_first_of(" \t\r\n", i);
+    out.push_back(s.substr(i, e - i));
+    i = e;
+  }
+  return out;
 }
 
 }  // namespace
+
+// One client's database session: the SQLite file with its attached siblings
+// and, under TDS 7.x, SQL Server's transaction state.
+struct TdsServer::Session {
+  sqlite3* db = nullptr;
+  bool tds5 = false;
+  std::vector<std::string> attached;
+  int trancount = 0;
+  std::string outerName;
+  std::vector<std::string> savepoints;
+
+  ~Session() {
+    if (db) sqlite3_close(db);
+  }
+
+  // The statement in SQLite's dialect. A name X..table refers to the sibling
+  // file X.db of the server's database file, attached as X on first use; the
+  // server's own file answers to its name without extension.
+  bool toSqlite(const std::string& dbPath, const std::string& stmt, std::string& sql) {
+    const size_t slash = dbPath.find_last_of('/');
+    const std::string dir = slash == std::string::npos ? "." : dbPath.substr(0, slash);
+    const std::string leaf = dbPath.substr(slash == std::string::npos ? 0 : slash + 1);
+    sybconn::DialectResult r = sybconn::rewriteSybaseToSqlite(stmt, leaf.substr(0, leaf.rfind('.')));
+    sql = r.sql;
+    for (const std::string& name : r.databases) {
+      if (lower(name) == "main" || lower(name) == "temp") continue;
+      if (std::find(attached.begin(), attached.end(), name) != attached.end()) continue;
+      const std::string attach = "attach database '" + dir + "/" + name + ".db' as \"" + name + "\"";
+      if (sqlite3_exec(db, attach.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) return false;
+      attached.push_back(name);
+    }
+    return true;
+  }
+
+  // SQL Server's BEGIN / SAVE / COMMIT / ROLLBACK TRAN and @@trancount. A
+  // transaction name needs the TRAN keyword; ROLLBACK TRAN names the outermost
+  // transaction or a savepoint. False when `stmt` is none of these.
+  bool transaction(const std::string& stmt, TdsServer::Wire& w, uint16_t more) {
+    const std::vector<std::string> wd = words(stmt);
+    const std::string verb = lower(wd[0]);
+    if (verb != "begin" && verb != "save" && verb != "commit" && verb != "rollback") return false;
+    const bool tran = wd.size() > 1 && (lower(wd[1]) == "tran" || lower(wd[1]) == "transaction");
+    if (verb == "begin" && !tran) return false;
+    const std::string name = tran && wd.size() > 2 ? wd[2] : std::string();
+    int error = 0;
+    std::string text;
+    auto run = [this, &error, &text](const std::string& sql) {
+      if (sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK) return;
+      error = 3621;
+      text = sqlite3_errmsg(db);
+    };
+    if (wd.size() > (tran ? 3u : lower(wd.back()) == "work" ? 2u : 1u) || (verb == "save" && name.empty())) {
+      error = 102;
+      text = "Incorrect syntax near '" + wd.back() + "'.";
+    } else if (verb == "begin") {
+      if (trancount++ == 0) {
+        outerName = name;
+        run("begin");
+      }
+    } else if (trancount == 0) {
+      error = verb == "save" ? 628 : verb == "commit" ? 3902 : 3903;
+      text = verb == "save"
+                 ? "Cannot issue SAVE TRANSACTION when there is no active transaction."
+                 : "The " + upper(verb) + " TRANSACTION request has no corresponding BEGIN TRANSACTION.";
+    } else if (verb == "save") {
+      savepoints.push_back(name);
+      run("savepoint \"" + name + "\"");
+    } else if (verb == "commit" ? --trancount == 0 : name.empty() || name == outerName) {
+      run(verb);
+      trancount = 0;
+      savepoints.clear();
+    } else if (verb == "rollback") {
+      auto it = std::find(savepoints.rbegin(), savepoints.rend(), name);
+      if (it == savepoints.rend()) {
+        error = 6401;
+        text = "Cannot roll back " + name + ". No transaction or savepoint of that name was found.";
+      } else {
+        savepoints.erase(it.base(), savepoints.end());
+        run("rollback to \"" + name + "\"");
+      }
+    }
+    if (error) w.message(error, error == 102 ? 15 : 16, text);
+    w.done(static_cast<uint16_t>(more | (error ? kDoneError : 0)), false, 0);
+    return true;
+  }
+
+  static std::string upper(std::string s) {
+    for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    return s;
+  }
+};
 
 TdsServer::TdsServer(std::string dbPath, std::string user, std::string password, Mode mode)
     : dbPath_(std::move(dbPath)), user_(std::move(user)), password_(std::move(password)), mode_(mode) {}
@@ -419,7 +507,6 @@ int TdsServer::start() {
   sockaddr_in a{};
   a.sin_family = AF_INET;
   a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  a.sin_port = 0;
   socklen_t len = sizeof a;
   if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(listenFd_, 16) != 0 ||
       ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
@@ -464,418 +551,181 @@ void TdsServer::acceptLoop() {
 }
 
 void TdsServer::serve(int fd) {
-  auto finish = [this, fd] {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (auto it = clients_.begin(); it != clients_.end(); ++it)
-      if (*it == fd) {
-        clients_.erase(it);
-        break;
-      }
-    ::close(fd);
-  };
-  if (mode_ == Mode::Silent) {
-    char buf[512];
-    while (!stopping_ && ::recv(fd, buf, sizeof buf, 0) > 0) {
-    }
-    finish();
-    return;
-  }
-  sqlite3* db = nullptr;
-  bool loggedIn = false;
-  uint8_t type;
+  uint8_t type = 0;
   Bytes msg;
-  while (!stopping_ && readMessage(fd, type, msg)) {
-    Out o;
-    if (type == kLogin50 && !loggedIn) {
-      serve50(fd, msg);
-      break;
+  if (mode_ == Mode::Silent) {
+    while (!stopping_ && ::recv(fd, &type, 1, 0) > 0) {
     }
-    if (type == kPrelogin) {
-      // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS.
-      const unsigned char opts[][2] = {{0, 6}, {1, 1}, {2, 1}, {3, 4}, {4, 1}};
-      unsigned off = 5 * 5 + 1;
-      for (auto& op : opts) {
-        o.u8(op[0]);
-        o.u8(off >> 8);
-        o.u8(off & 0xff);
-        o.u8(0);
-        o.u8(op[1]);
-        off += op[1];
-      }
-      o.u8(0xff);
-      o.raw(Bytes("\x0c\x00\x07\xd0\x00\x00", 6));
-      o.u8(0x02);
-      o.u8(0);
-      o.u32(0);
-      o.u8(0);
-    } else if (type == kLogin7) {
-      auto field = [&msg](size_t pos) {
-        if (msg.size() < pos + 4) return std::string();
-        size_t off = static_cast<unsigned char>(msg[pos]) | (static_cast<unsigned char>(msg[pos + 1]) << 8);
-        size_t n =
-            (static_cast<unsigned char>(msg[pos + 2]) | (static_cast<unsigned char>(msg[pos + 3]) << 8)) * 2u;
-        if (off + n > msg.size()) return std::string();
-        return std::string(msg.data() + off, n);
-      };
-      std::string user = fromUcs2(field(40).data(), field(40).size());
-      Bytes pw = field(44);
-      for (char& c : pw) {
-        unsigned char b = static_cast<unsigned char>(c) ^ 0xa5;
-        c = static_cast<char>(((b & 0x0f) << 4) | (b >> 4));
-      }
-      std::string password = fromUcs2(pw.data(), pw.size());
-      if (!user_.empty() && (user != user_ || password != password_)) {
-        message(o, true, 18456, 14, "Login failed for user '" + user + "'.");
-        done(o, kDoneError, 0, 0);
-        sendReply(fd, o.b);
-        break;
-      }
-      if (sqlite3_open(dbPath_.c_str(), &db) != SQLITE_OK) {
-        message(o, true, 4060, 11, "Cannot open database");
-        done(o, kDoneError, 0, 0);
-        sendReply(fd, o.b);
-        break;
-      }
-      sqlite3_busy_timeout(db, 2000);
-      envChange(o, 1, "main", "master");
-      message(o, false, 5701, 0, "Changed database context to 'main'.");
-      envChange(o, 4, std::to_string(kPacketSize), "4096");
-      Out ack;
-      ack.u8(1);
-      ack.raw(Bytes("\x74\x00\x00\x04", 4));
-      bVarchar(ack, "tdstest");
-      ack.u32(0x01000000);
-      o.u8(0xad);
-      o.u16(static_cast<unsigned>(ack.b.size()));
-      o.raw(ack.b);
-      done(o, 0, 0, 0);
-      loggedIn = true;
-      ++logins;
-    } else if (type == kAttention) {
-      done(o, kDoneAttn, 0, 0);
-    } else if (type == kSqlBatch && loggedIn && mode_ == Mode::SilentAfterLogin) {
-      continue;
-    } else if (type == kSqlBatch && loggedIn) {
-      size_t skip = 0;
-      if (msg.size() >= 4)
-        skip = static_cast<unsigned char>(msg[0]) | (static_cast<unsigned char>(msg[1]) << 8) |
-               (static_cast<unsigned char>(msg[2]) << 16) |
-               (static_cast<unsigned>(static_cast<unsigned char>(msg[3])) << 24);
-      if (skip > msg.size()) skip = 0;
-      std::string sql = fromUcs2(msg.data() + skip, msg.size() - skip);
-      std::vector<std::string> stmts = splitStatements(sql);
-      if (stmts.empty()) stmts.push_back("");
-      bool dropped = false;
-      for (size_t si = 0; si < stmts.size() && !dropped; ++si) {
-        const std::string& s = stmts[si];
-        uint16_t more = si + 1 < stmts.size() ? kDoneMore : 0;
-        if (s.empty() || lowerStartsWith(s, "set ") || lowerStartsWith(s, "use ")) {
-          done(o, more, 0, 0);
-          continue;
-        }
-        std::string text = sybconn::rewriteSybaseToSqlite(s).sql;
-        if (lowerStartsWith(s, "select @@spid")) text = "select 1";
-        sqlite3_stmt* st = nullptr;
-        int rc = sqlite3_prepare_v2(db, text.c_str(), -1, &st, nullptr);
-        if (rc != SQLITE_OK) {
-          message(o, true, 102, 16, sqlite3_errmsg(db));
-          done(o, static_cast<uint16_t>(more | kDoneError), 0, 0);
-          continue;
-        }
-        int cols = sqlite3_column_count(st);
-        rc = sqlite3_step(st);
-        uint64_t rows = 0;
-        bool failed = rc != SQLITE_ROW && rc != SQLITE_DONE;
-        if (cols > 0 && !failed) {
-          std::vector<ColType> types;
-          for (int i = 0; i < cols; ++i) types.push_back(rc == SQLITE_ROW ? typeOf(st, i) : ColType::Text);
-          colMetadata(o, st, types);
-          while (rc == SQLITE_ROW) {
-            rowValues(o, st, types);
-            ++rows;
-            if (mode_ == Mode::DropMidResult && rows > static_cast<uint64_t>(dropAfterRows)) {
-              dropped = true;
-              break;
-            }
-            rc = sqlite3_step(st);
-          }
-          failed = !dropped && rc != SQLITE_DONE;
-        }
-        if (failed) {
-          message(o, true, 3621, 16, sqlite3_errmsg(db));
-          done(o, static_cast<uint16_t>(more | kDoneError), 0, 0);
-        } else if (!dropped) {
-          uint64_t count = cols > 0 ? rows : static_cast<uint64_t>(sqlite3_changes(db));
-          done(o, static_cast<uint16_t>(more | kDoneCount), cols > 0 ? 0xc1 : 0xc3, count);
-        }
-        sqlite3_finalize(st);
-      }
-      if (dropped) {
-        // Part of the rows, then the connection goes.
-        sendReply(fd, o.b.substr(0, o.b.size() - 3), false);
-        break;
-      }
-    } else {
-      message(o, true, 4002, 16, "Unexpected packet");
-      done(o, kDoneError, 0, 0);
-    }
-    if (!sendReply(fd, o.b)) break;
-  }
-  if (db) sqlite3_close(db);
-  finish();
-}
-
-}  // namespace tdstest
-
-namespace tdstest {
-namespace {
-
-void done50(Out& o, uint16_t status, uint32_t count) {
-  o.u8(0xfd);
-  o.u16(status);
-  o.u16(0);
-  o.u32(count);
-}
-
-void eed(Out& o, int number, int severity, const std::string& text) {
-  Out b;
-  b.u32(static_cast<uint32_t>(number));
-  b.u8(1);
-  b.u8(static_cast<unsigned>(severity));
-  b.u8(5);
-  b.raw("ZZZZZ");
-  b.u8(0);
-  b.u16(0);
-  b.u16(static_cast<unsigned>(text.size()));
-  b.raw(text);
-  b.u8(7);
-  b.raw("tdstest");
-  b.u8(0);
-  b.u16(1);
-  o.u8(0xe5);
-  o.u16(static_cast<unsigned>(b.b.size()));
-  o.raw(b.b);
-}
-
-void loginAck50(Out& o, bool ok) {
-  o.u8(0xad);
-  o.u16(1 + 4 + 1 + 7 + 4);
-  o.u8(ok ? 5 : 6);
-  o.raw(Bytes("\x05\x00\x00\x00", 4));
-  o.u8(7);
-  o.raw("tdstest");
-  o.raw(Bytes("\x01\x00\x00\x00", 4));
-}
-
-void rowFormat50(Out& o, sqlite3_stmt* st, const std::vector<ColType>& types) {
-  Out b;
-  b.u16(static_cast<unsigned>(types.size()));
-  for (size_t i = 0; i < types.size(); ++i) {
-    const char* name = sqlite3_column_name(st, static_cast<int>(i));
-    std::string n = name ? name : "";
-    b.u8(static_cast<unsigned>(n.size()));
-    b.raw(n);
-    b.u8(0x20);  // nullable
-    b.u32(0);
-    switch (types[i]) {
-      case ColType::Int:
-        b.u8(0x26);
-        b.u8(8);
-        break;
-      case ColType::Float:
-        b.u8(0x6d);
-        b.u8(8);
-        break;
-      case ColType::Date:
-        b.u8(0x6f);
-        b.u8(8);
-        break;
-      case ColType::Text:
-        b.u8(0xaf);
-        b.u32(32768);
-        break;
-    }
-    b.u8(0);  // no locale
-  }
-  o.u8(0xee);
-  o.u16(static_cast<unsigned>(b.b.size()));
-  o.raw(b.b);
-}
-
-void row50(Out& o, sqlite3_stmt* st, const std::vector<ColType>& types) {
-  o.u8(0xd1);
-  for (size_t i = 0; i < types.size(); ++i) {
-    int c = static_cast<int>(i);
-    bool null = sqlite3_column_type(st, c) == SQLITE_NULL;
-    switch (types[i]) {
-      case ColType::Int:
-        if (null) {
-          o.u8(0);
-        } else {
-          o.u8(8);
-          o.u64(static_cast<uint64_t>(sqlite3_column_int64(st, c)));
-        }
-        break;
-      case ColType::Float:
-        if (null) {
-          o.u8(0);
-        } else {
-          double v = sqlite3_column_double(st, c);
-          uint64_t bits;
-          std::memcpy(&bits, &v, 8);
-          o.u8(8);
-          o.u64(bits);
-        }
-        break;
-      case ColType::Date: {
-        int32_t days = 0;
-        uint32_t ticks = 0;
-        const char* t = reinterpret_cast<const char*>(sqlite3_column_text(st, c));
-        if (null || !t || !parseDateText(t, days, ticks)) {
-          o.u8(0);
-        } else {
-          o.u8(8);
-          o.u32(static_cast<uint32_t>(days));
-          o.u32(ticks);
-        }
-        break;
-      }
-      case ColType::Text: {
-        if (null) {
-          o.u32(0);
-          break;
-        }
-        const char* t = reinterpret_cast<const char*>(sqlite3_column_text(st, c));
-        std::string v = t ? t : "";
-        if (v.empty()) v = " ";  // an empty string travels as one blank
-        if (v.size() > 32768) v.resize(32768);
-        o.u32(static_cast<uint32_t>(v.size()));
-        o.raw(v);
-        break;
+  } else if (readMessage(fd, type, msg)) {
+    Session s;
+    s.tds5 = type == kLogin50;
+    if (login(fd, type, msg, s)) {
+      while (!stopping_ && readMessage(fd, type, msg) && command(fd, type, msg, s)) {
       }
     }
   }
+  std::lock_guard<std::mutex> lock(mutex_);
+  clients_.erase(std::find(clients_.begin(), clients_.end(), fd));
+  ::close(fd);
 }
 
-bool sendReply50(int fd, const Bytes& data, bool endOfMessage = true) {
-  size_t off = 0;
-  do {
-    size_t chunk = std::min(size_t{512} - 8, data.size() - off);
-    bool last = off + chunk == data.size();
-    unsigned char h[8] = {kReply,
-                          static_cast<unsigned char>(last && endOfMessage ? 1 : 0),
-                          static_cast<unsigned char>((chunk + 8) >> 8),
-                          static_cast<unsigned char>((chunk + 8) & 0xff),
-                          0,
-                          0,
-                          0,
-                          0};
-    if (!writeAll(fd, reinterpret_cast<char*>(h), 8) || !writeAll(fd, data.data() + off, chunk)) return false;
-    off += chunk;
-  } while (off < data.size());
+bool TdsServer::credentials(int fd, uint8_t type, Bytes msg, bool tds5, std::string& user,
+                            std::string& password) {
+  if (tds5) {
+    auto field = [&msg](size_t at, size_t lenAt) {
+      return msg.size() <= lenAt
+                 ? std::string()
+                 : msg.substr(at, std::min<size_t>(static_cast<unsigned char>(msg[lenAt]), 30));
+    };
+    user = field(31, 61);
+    password = field(62, 92);
+    return true;
+  }
+  if (type == kPrelogin) {
+    // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS.
+    Wire w(false);
+    const unsigned char opts[][2] = {{0, 6}, {1, 1}, {2, 1}, {3, 4}, {4, 1}};
+    unsigned off = 5 * 5 + 1;
+    for (auto& op : opts) {
+      w.o.u8(op[0]);
+      w.o.u16((off >> 8) | ((off & 0xff) << 8));
+      w.o.u16(op[1] << 8);
+      off += op[1];
+    }
+    w.o.u8(0xff);
+    w.o.raw(Bytes("\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00", 13));
+    if (!w.send(fd) || !readMessage(fd, type, msg)) return false;
+  }
+  if (type != kLogin7) return false;
+  auto field = [&msg](size_t pos) {
+    if (msg.size() < pos + 4) return Bytes();
+    const size_t off = static_cast<unsigned char>(msg[pos]) | (static_cast<unsigned char>(msg[pos + 1]) << 8);
+    const size_t n =
+        (static_cast<unsigned char>(msg[pos + 2]) | (static_cast<unsigned char>(msg[pos + 3]) << 8)) * 2u;
+    return off + n > msg.size() ? Bytes() : msg.substr(off, n);
+  };
+  Bytes pw = field(44);
+  for (char& c : pw) {
+    const unsigned char b = static_cast<unsigned char>(c) ^ 0xa5;
+    c = static_cast<char>(((b & 0x0f) << 4) | (b >> 4));
+  }
+  user = fromUcs2(field(40));
+  password = fromUcs2(pw);
   return true;
 }
 
-}  // namespace
+bool TdsServer::login(int fd, uint8_t type, const Bytes& msg, Session& s) {
+  std::string user, password;
+  if (!credentials(fd, type, msg, s.tds5, user, password)) return false;
+  Wire w(s.tds5);
+  const bool ok = (user_.empty() || (user == user_ && password == password_)) &&
+                  sqlite3_open(dbPath_.c_str(), &s.db) == SQLITE_OK;
+  if (ok) sqlite3_busy_timeout(s.db, 2000);
+  if (s.tds5) {
+    w.message(ok ? 5701 : 4002, ok ? 0 : 14, ok ? "Changed database context to 'main'." : "Login failed.");
+    Out ack;
+    ack.u8(ok ? 5 : 6);
+    ack.raw(Bytes("\x05\x00\x00\x00\x07tdstest\x01\x00\x00\x00", 16));
+    w.token(0xad, ack);
+  } else if (!ok) {
+    w.message(18456, 14, "Login failed for user '" + user + "'.");
+  } else {
+    Out db, size, ack;
+    db.u8(1);
+    size.u8(4);
+    bVarchar(db, "main");
+    bVarchar(db, "master");
+    bVarchar(size, std::to_string(kPacketSize));
+    bVarchar(size, "4096");
+    w.token(0xe3, db);
+    w.message(5701, 0, "Changed database context to 'main'.");
+    w.token(0xe3, size);
+    ack.u8(1);
+    ack.raw(Bytes("\x74\x00\x00\x04", 4));
+    bVarchar(ack, "tdstest");
+    ack.u32(0x01000000);
+    w.token(0xad, ack);
+  }
+  w.done(ok ? 0 : kDoneError, false, 0);
+  if (ok) ++logins;
+  return w.send(fd) && ok;
+}
 
-void TdsServer::serve50(int fd, const std::string& login) {
-  auto text = [&login](size_t at, size_t lenAt) {
-    if (login.size() <= lenAt) return std::string();
-    size_t n = std::min<size_t>(static_cast<unsigned char>(login[lenAt]), 30);
-    return login.substr(at, n);
-  };
-  Out o;
-  sqlite3* db = nullptr;
-  if ((!user_.empty() && (text(31, 61) != user_ || text(62, 92) != password_)) ||
-      sqlite3_open(dbPath_.c_str(), &db) != SQLITE_OK) {
-    eed(o, 4002, 14, "Login failed.");
-    loginAck50(o, false);
-    done50(o, kDoneError, 0);
-    sendReply50(fd, o.b);
-    if (db) sqlite3_close(db);
-    return;
+bool TdsServer::command(int fd, uint8_t type, const Bytes& msg, Session& s) {
+  Wire w(s.tds5);
+  std::string sql;
+  if (type == kAttention) {
+    w.done(kDoneAttn, false, 0);
+    return w.send(fd);
   }
-  sqlite3_busy_timeout(db, 2000);
-  eed(o, 5701, 0, "Changed database context to 'main'.");
-  loginAck50(o, true);
-  done50(o, 0, 0);
-  ++logins;
-  sendReply50(fd, o.b);
-  uint8_t type;
-  Bytes msg;
-  while (!stopping_ && readMessage(fd, type, msg)) {
-    Out r;
-    if (type == kAttention) {
-      done50(r, kDoneAttn, 0);
-      if (!sendReply50(fd, r.b)) break;
-      continue;
-    }
-    if (type != kNormal50 || msg.size() < 6 || static_cast<unsigned char>(msg[0]) != 0x21) {
-      eed(r, 4002, 16, "Unexpected packet");
-      done50(r, kDoneError, 0);
-      if (!sendReply50(fd, r.b)) break;
-      continue;
-    }
-    if (mode_ == Mode::SilentAfterLogin) continue;
-    std::vector<std::string> stmts = splitStatements(msg.substr(6));
-    if (stmts.empty()) stmts.push_back("");
-    bool dropped = false;
-    for (size_t si = 0; si < stmts.size() && !dropped; ++si) {
-      const std::string& s = stmts[si];
-      uint16_t more = si + 1 < stmts.size() ? kDoneMore : 0;
-      if (s.empty() || lowerStartsWith(s, "set ") || lowerStartsWith(s, "use ")) {
-        done50(r, more, 0);
-        continue;
-      }
-      if (lowerStartsWith(s, "select @@spid")) {
-        // One INT column, as the client checks after its login.
-        r.raw(Bytes("\xee\x0b\x00\x01\x00\x00\x00\x00\x00\x00\x00\x26\x04\x00", 14));
-        r.raw(Bytes("\xd1\x04\x07\x00\x00\x00", 6));
-        done50(r, static_cast<uint16_t>(more | kDoneCount), 1);
-        continue;
-      }
-      std::string sql = sybconn::rewriteSybaseToSqlite(s).sql;
-      sqlite3_stmt* st = nullptr;
-      if (sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
-        eed(r, 102, 16, sqlite3_errmsg(db));
-        done50(r, static_cast<uint16_t>(more | kDoneError), 0);
-        continue;
-      }
-      int cols = sqlite3_column_count(st);
-      int rc = sqlite3_step(st);
-      uint32_t rows = 0;
-      bool failed = rc != SQLITE_ROW && rc != SQLITE_DONE;
-      if (cols > 0 && !failed) {
-        std::vector<ColType> types;
-        for (int i = 0; i < cols; ++i) types.push_back(rc == SQLITE_ROW ? typeOf(st, i) : ColType::Text);
-        rowFormat50(r, st, types);
-        while (rc == SQLITE_ROW) {
-          row50(r, st, types);
-          ++rows;
-          if (mode_ == Mode::DropMidResult && rows > static_cast<uint32_t>(dropAfterRows)) {
-            dropped = true;
-            break;
-          }
-          rc = sqlite3_step(st);
-        }
-        failed = !dropped && rc != SQLITE_DONE;
-      }
-      if (failed) {
-        eed(r, 3621, 16, sqlite3_errmsg(db));
-        done50(r, static_cast<uint16_t>(more | kDoneError), 0);
-      } else if (!dropped) {
-        done50(r, static_cast<uint16_t>(more | kDoneCount),
-               cols > 0 ? rows : static_cast<uint32_t>(sqlite3_changes(db)));
-      }
-      sqlite3_finalize(st);
-    }
-    if (dropped) {
-      sendReply50(fd, r.b.substr(0, r.b.size() - 3), false);
-      break;
-    }
-    if (!sendReply50(fd, r.b)) break;
+  if (s.tds5 && type == kNormal50 && msg.size() >= 6 && static_cast<unsigned char>(msg[0]) == 0x21) {
+    sql = msg.substr(6);  // a language token: length and status first
+  } else if (!s.tds5 && type == kSqlBatch && msg.size() >= 4) {
+    // Skips the headers, whose total length comes first.
+    size_t skip = 0;
+    for (int k = 3; k >= 0; --k) skip = (skip << 8) | static_cast<unsigned char>(msg[static_cast<size_t>(k)]);
+    if (skip > msg.size()) skip = 0;
+    sql = fromUcs2(msg.substr(skip));
+  } else {
+    w.message(4002, 16, "Unexpected packet");
+    w.done(kDoneError, false, 0);
+    return w.send(fd);
   }
-  sqlite3_close(db);
+  if (mode_ == Mode::SilentAfterLogin) return true;
+  std::vector<std::string> stmts = splitStatements(sql);
+  if (stmts.empty()) stmts.push_back("");
+  for (size_t i = 0; i < stmts.size(); ++i) {
+    if (!statement(stmts[i], i + 1 < stmts.size() ? kDoneMore : 0, w, s)) {
+      // Part of the rows, cut inside the last one, then the connection goes.
+      w.send(fd, w.o.b.substr(0, w.o.b.size() - 3), false);
+      return false;
+    }
+  }
+  return w.send(fd);
+}
+
+bool TdsServer::statement(const std::string& stmt, uint16_t more, Wire& w, Session& s) {
+  if (stmt.empty() || lowerStartsWith(stmt, "set ") || lowerStartsWith(stmt, "use ")) {
+    w.done(more, false, 0);
+    return true;
+  }
+  if (!s.tds5 && s.transaction(stmt, w, more)) return true;
+  std::string sql;
+  if (lowerStartsWith(stmt, "select @@spid"))
+    sql = "select 1";
+  else if (lower(stmt) == "select @@trancount")
+    sql = "select " + std::to_string(s.trancount);
+  sqlite3_stmt* st = nullptr;
+  if ((sql.empty() && !s.toSqlite(dbPath_, stmt, sql)) ||
+      sqlite3_prepare_v2(s.db, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
+    w.message(102, 16, sqlite3_errmsg(s.db));
+    w.done(static_cast<uint16_t>(more | kDoneError), false, 0);
+    return true;
+  }
+  const int cols = sqlite3_column_count(st);
+  int rc = sqlite3_step(st);
+  uint64_t rows = 0;
+  if (cols > 0 && (rc == SQLITE_ROW || rc == SQLITE_DONE)) {
+    std::vector<ColType> types;
+    for (int i = 0; i < cols; ++i) types.push_back(rc == SQLITE_ROW ? typeOf(st, i) : ColType::Text);
+    w.columns(st, types);
+    for (; rc == SQLITE_ROW; rc = sqlite3_step(st)) {
+      w.row(st, types);
+      if (++rows > static_cast<uint64_t>(dropAfterRows) && mode_ == Mode::DropMidResult) {
+        sqlite3_finalize(st);
+        return false;
+      }
+    }
+  }
+  if (rc != SQLITE_DONE) {
+    w.message(3621, 16, sqlite3_errmsg(s.db));
+    w.done(static_cast<uint16_t>(more | kDoneError), false, 0);
+  } else {
+    w.done(static_cast<uint16_t>(more | kDoneCount), cols > 0,
+           cols > 0 ? rows : static_cast<uint64_t>(sqlite3_changes(s.db)));
+  }
+  sqlite3_finalize(st);
+  return true;
 }
 
 }  // namespace tdstest

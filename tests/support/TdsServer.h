@@ -2,6 +2,7 @@
 #define TESTS_SUPPORT_TDSSERVER_H
 
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -44,10 +45,19 @@ class TdsServer {
   std::atomic<int> logins{0};
 
  private:
+  struct Session;
+  class Wire;
   void acceptLoop();
   void serve(int fd);
-  // A TDS 5.0 session, from its login packet on.
-  void serve50(int fd, const std::string& login);
+  // Reads user and password from a login (after a TDS 7 pre-login).
+  bool credentials(int fd, uint8_t type, std::string msg, bool tds5, std::string& user,
+                   std::string& password);
+  // Answers the login; false when it failed.
+  bool login(int fd, uint8_t type, const std::string& msg, Session& s);
+  // Answers one client message; false when the connection is to end.
+  bool command(int fd, uint8_t type, const std::string& msg, Session& s);
+  // Runs one statement of a batch; false when the connection is to drop.
+  bool statement(const std::string& stmt, uint16_t more, Wire& w, Session& s);
 
   std::string dbPath_, user_, password_;
   Mode mode_;
