@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "sybconn/drivers/FreeTdsDriver.h"
+#include <sybconn/FreeTdsSettings.h>
 #include "tests/support/TdsServer.h"
 #include "tests/support/TempDir.h"
 
