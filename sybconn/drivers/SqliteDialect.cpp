@@ -88,7 +88,8 @@ std::vector<Token> tokenize(const std::string& s) {
 
 class Rewriter {
  public:
-  explicit Rewriter(const std::string& src) : src_(src), toks_(tokenize(src)) {
+  Rewriter(const std::string& src, const std::string& homeDatabase)
+      : src_(src), home_(homeDatabase), toks_(tokenize(src)) {
     out_.reserve(src.size() + 32);
   }
 
@@ -120,6 +121,32 @@ class Rewriter {
     for (const auto& d : dbs_)
       if (d == db) return;
     dbs_.push_back(db);
+  }
+
+  // X..table and X.dbo.table starting at word i name the table of database X;
+  // a column may follow (X..table.column). Emits "X.table" ("main.table" for
+  // the home database) and returns the index after the table's token, or i
+  // when the tokens are no such name.
+  size_t databaseQualifiedName(size_t i, size_t end) {
+    size_t table;
+    if (isPunct(i + 1, '.') && isPunct(i + 2, '.')) {
+      table = i + 3;
+    } else if (isPunct(i + 1, '.') && isWord(i + 2, "dbo") && isPunct(i + 3, '.')) {
+      table = i + 4;
+    } else {
+      return i;
+    }
+    if (table >= end || toks_[table].type != Tok::Word) return i;
+    const std::string db = text(i);
+    if (!home_.empty() && db == home_) {
+      out_ += "main";
+    } else {
+      noteDatabase(db);
+      out_ += db;
+    }
+    out_ += '.';
+    emit(table);
+    return table + 1;
   }
 
   // Handles a transaction statement starting at significant token i (begin,
@@ -274,24 +301,9 @@ class Rewriter {
           i = selectList(k, e);
           continue;
         }
-        // X..table and X.owner.table name the table of database X.
-        if (i + 3 < e && isPunct(i + 1, '.') && isPunct(i + 2, '.') && toks_[i + 3].type == Tok::Word) {
-          const std::string db = text(i);
-          noteDatabase(db);
-          out_ += db;
-          out_ += '.';
-          emit(i + 3);
-          i += 4;
-          continue;
-        }
-        if (i + 4 < e && isPunct(i + 1, '.') && isWord(i + 2, "dbo") && isPunct(i + 3, '.') &&
-            toks_[i + 4].type == Tok::Word) {
-          const std::string db = text(i);
-          noteDatabase(db);
-          out_ += db;
-          out_ += '.';
-          emit(i + 4);
-          i += 5;
+        const size_t afterName = databaseQualifiedName(i, e);
+        if (afterName != i) {
+          i = afterName;
           continue;
         }
       } else {
@@ -302,6 +314,7 @@ class Rewriter {
   }
 
   const std::string& src_;
+  const std::string& home_;
   std::vector<Token> toks_;
   std::string out_;
   std::vector<std::string> dbs_;
@@ -309,7 +322,9 @@ class Rewriter {
 
 }  // namespace
 
-DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql) { return Rewriter(sybaseSql).run(); }
+DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql, const std::string& homeDatabase) {
+  return Rewriter(sybaseSql, homeDatabase).run();
+}
 
 namespace {
 // Compares a word of the text with a lower-case keyword of the same length.

@@ -10,7 +10,9 @@ namespace sybconn {
 // token-aware pass. String literals ('...' and "...") and comments are copied
 // untouched. Keywords are matched without regard to case.
 //
-//   X..table, X.dbo.table          X.table      (X is recorded in `databases`)
+//   X..table, X.dbo.table          X.table      (X is recorded in `databases`;
+//                                               the home database is "main")
+//   X..table.column                X.table.column
 //   delete T where ...             delete from T where ...
 //   begin tran[saction] [N]        SAVEPOINT N
 //   commit [tran[saction]] [N]     RELEASE N
@@ -25,7 +27,9 @@ struct DialectResult {
   std::vector<std::string> databases;
 };
 
-DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql);
+// `homeDatabase` names the database the statement runs in (the connection's
+// own file); its qualified names become main.table and are not recorded.
+DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql, const std::string& homeDatabase = "");
 
 // A quick test, without tokenising: false when the text holds none of the
 // words and marks that a rewrite looks for (so it would come back unchanged).

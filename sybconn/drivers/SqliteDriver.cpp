@@ -195,7 +195,7 @@ class SqliteDriver : public Driver {
     DialectResult r;
     const std::string* text = &sql;
     if (mayNeedRewrite(sql)) {
-      r = rewriteSybaseToSqlite(sql);
+      r = rewriteSybaseToSqlite(sql, stem_);
       text = &r.sql;
     }
     for (const auto& dbName : r.databases) {
@@ -288,7 +288,7 @@ class SqliteDriver : public Driver {
   bool attach(const std::string& name) {
     std::string lower;
     for (char ch : name) lower += static_cast<char>(std::tolower(static_cast<unsigned char>(ch)));
-    if (lower == "main" || lower == "temp" || name == stem_) return true;
+    if (lower == "main" || lower == "temp") return true;
     for (const auto& a : attached_)
       if (a == name) return true;
     std::string file = dir_ + "/" + name + ".db";
@@ -298,7 +298,13 @@ class SqliteDriver : public Driver {
       if (ch == '\'') sql += '\'';
     }
     sql += "' AS \"" + name + "\"";
+    // The sibling file works in WAL mode like the main one, so that a reader
+    // left open on one connection does not lock writers of the others out.
     if (!exec(sql)) return false;
+    if (!exec("PRAGMA \"" + name + "\".journal_mode=WAL")) {
+      exec("DETACH DATABASE \"" + name + "\"");
+      return false;
+    }
     attached_.push_back(name);
     return true;
   }

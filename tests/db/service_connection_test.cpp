@@ -88,6 +88,29 @@ TEST_F(Service, SelectListMap) {
   EXPECT_EQ(rows.getLongValue(1), 2);
 }
 
+TEST_F(Service, ThreePartColumnNamesMapByPosition) {
+  // Sibling database files are an embedded-database feature, whatever the backend of the run.
+  ServiceConnectionSyb local("sqlite:" + dir_.file("main.db"), "u", "p", "db");
+  ASSERT_EQ(local.acquire(), 0);
+  ASSERT_EQ(
+      local
+          .execute("create table obrep2..cs (cs_id int, user_id int); insert into obrep2..cs values (7, 70);"
+                   "create table obrep2..ob (ob_id int, cs_id int); insert into obrep2..ob values (42, 7)")
+          .commandSucceeded(),
+      1);
+  ServiceConnectionSyb::ListOfFieldIndex map;
+  ServiceConnectionSyb::ResultSet rs;
+  ASSERT_EQ(local.executeSelect("select obrep2..cs.user_id,obrep2..cs.cs_id from obrep2..cs,obrep2..ob where "
+                                "obrep2..ob.ob_id=42 AND obrep2..ob.cs_id=obrep2..cs.cs_id",
+                                rs, map),
+            0);
+  ASSERT_EQ(map,
+            (ServiceConnectionSyb::ListOfFieldIndex{{"obrep2..cs.user_id", 1}, {"obrep2..cs.cs_id", 2}}));
+  ASSERT_TRUE(rs.next());
+  EXPECT_EQ(rs.getLongValue(map["obrep2..cs.cs_id"]), 7);
+  EXPECT_EQ(rs.getLongValue(map["obrep2..cs.user_id"]), 70);
+}
+
 TEST_F(Service, NumberedTransactions) {
   testsupport::LogCapture log;
   EXPECT_EQ(conn_->commitTransaction(), -1);  // none open: nothing executed

@@ -181,7 +181,7 @@ TEST_F(Connection, LoginFailuresAreReportedAsClientErrors) {
   EXPECT_EQ(g_seen.size(), 1u);
 }
 
-TEST_F(Connection, NestedTransactionsAndSiblingDatabases) {
+TEST_F(Connection, NestedTransactions) {
   ASSERT_EQ(conn_.execute("begin Tran A1").commandSucceeded(), 1);
   conn_.execute("insert into t (id) values (1)");
   ASSERT_EQ(conn_.execute("begin Tran A2").commandSucceeded(), 1);
@@ -193,19 +193,67 @@ TEST_F(Connection, NestedTransactionsAndSiblingDatabases) {
   ASSERT_TRUE(rs.next());
   EXPECT_EQ(rs.getLongValue(1), 1);
   EXPECT_FALSE(rs.next());
+}
 
-  // obrep2..x lives in obrep2.db beside the main file.
+// The first row of a statement as "a|b|c".
+std::string firstRow(SybaseConnection& conn, const std::string& sql) {
+  SybaseResultSet rs = conn.execute(sql);
+  std::string row = rs.commandSucceeded() ? "" : "failed";
+  if (!rs.next()) return row + "no row";
+  for (int c = 1; c <= rs.columnCount(); ++c) row += (c > 1 ? "|" : "") + rs.getStringValue(c);
+  return row;
+}
+
+TEST_F(Connection, ThreePartNamesReachSiblingFiles) {
+  // X..table lives in X.db beside the main file; tables are made through those names.
   ASSERT_EQ(
       conn_
-          .execute("create table obrep2..constraint_sets (cs_id int); insert into obrep2..constraint_sets "
-                   "values (42)")
+          .execute(
+              "create table obrep2..constraint_sets (cs_id int, user_id int);"
+              "create table obrep2..obs_blocks (ob_id int, cs_id int);"
+              "create table ambient..seeing_torvane (start_date int, interval int, fwhm float, ra float, "
+              "dec float, airmass float, tau float, rfl float, tet float);"
+              "create table D..TORV2_NightObs (Request_ID int, Sky_Transparency varchar(9), "
+              "Transparency varchar(9), OB_ID varchar(9));"
+              "insert into obrep2..constraint_sets values (7, 70); insert into obrep2..constraint_sets "
+              "values (8, 80); insert into obrep2..obs_blocks values (42, 8);"
+              "insert into ambient..seeing_torvane values (-600, 60, 0.5, 1, -2, 1.5, 3, 4, 5);"
+              "insert into ambient..seeing_torvane values (-300, 60, 255, 1, 2, 1, 1, 1, 1);"
+              "insert into D..TORV2_NightObs values (5, 'CLEAR', 'PHO', '123');"
+              "insert into D..TORV2_NightObs values (5, 'CLEAR', 'PHO', '123');"
+              "insert into t (id, name) values (42, 'main')")
           .commandSucceeded(),
       1);
-  SybaseConnection second;
-  ASSERT_EQ(second.connect("sqlite:" + dir_.file("obrep2.db"), "u", "p"), 0);
-  SybaseResultSet cs = second.execute("select cs_id from constraint_sets");
-  ASSERT_TRUE(cs.next());
-  EXPECT_EQ(cs.getLongValue(1), 42);
+  const struct {
+    std::string sql, row;
+  } cases[] = {
+      {"select obrep2..constraint_sets.cs_id,obrep2..constraint_sets.user_id from "
+       "obrep2..constraint_sets,obrep2..obs_blocks where obrep2..obs_blocks.ob_id=42 AND "
+       "obrep2..obs_blocks.cs_id=obrep2..constraint_sets.cs_id",
+       "8|80"},
+      {"select start_date,interval,fwhm,ra,dec,airmass,tau,rfl,tet from ambient..seeing_torvane where "
+       "start_date between -86400 AND 0 AND fwhm <> 255 AND fwhm IS NOT NULL",
+       "-600|60|0.5|1.0|-2.0|1.5|3.0|4.0|5.0"},
+      {"select distinct Request_ID,Sky_Transparency,Transparency from D..TORV2_NightObs where OB_ID='123'",
+       "5|CLEAR|PHO"},
+      // Three files and the main one in one statement.
+      {"select t.name, obrep2..obs_blocks.cs_id, ambient..seeing_torvane.dec, D..TORV2_NightObs.OB_ID from "
+       "t, "
+       "obrep2..obs_blocks, ambient..seeing_torvane, D..TORV2_NightObs where t.id = obrep2..obs_blocks.ob_id "
+       "and ambient..seeing_torvane.fwhm < 1",
+       "main|8|-2.0|123"},
+  };
+  SybaseConnection fresh;  // attaches each file on first use
+  ASSERT_EQ(fresh.connect("sqlite:" + dir_.file("main.db"), "u", "p"), 0);
+  for (const auto& c : cases) {
+    EXPECT_EQ(firstRow(conn_, c.sql), c.row) << c.sql;
+    EXPECT_EQ(firstRow(fresh, c.sql), c.row) << c.sql;
+  }
+  // A connection to obrep2.db names its own tables the same way.
+  SybaseConnection own;
+  ASSERT_EQ(own.connect("sqlite:" + dir_.file("obrep2.db"), "u", "p"), 0);
+  EXPECT_EQ(firstRow(own, cases[0].sql), "8|80");
+  for (auto& e : g_seen) ADD_FAILURE() << e.msgtext;
 }
 
 TEST(Split, EveryOccurrenceAndAppends) {

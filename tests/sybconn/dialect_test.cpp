@@ -12,11 +12,34 @@ const std::string kNow = "strftime('%Y%m%d %H:%M:%f','now','localtime')";
 }  // namespace
 
 TEST(Dialect, DatabaseQualifiedNames) {
-  auto r = rewriteSybaseToSqlite(
-      "select a from obrep2..constraint_sets c, ambient.dbo.seeing_torvane s, obrep2..x");
-  EXPECT_EQ(r.sql, "select a from obrep2.constraint_sets c, ambient.seeing_torvane s, obrep2.x");
-  EXPECT_EQ(r.databases, (std::vector<std::string>{"obrep2", "ambient"}));
-  EXPECT_TRUE(rewriteSybaseToSqlite("select 'obrep2..t' from t").databases.empty());
+  struct Case {
+    std::string in, home, out;
+    std::vector<std::string> databases;
+  };
+  const Case cases[] = {
+      {"select a from obrep2..constraint_sets c, ambient.dbo.seeing_torvane s, obrep2..x",
+       "",
+       "select a from obrep2.constraint_sets c, ambient.seeing_torvane s, obrep2.x",
+       {"obrep2", "ambient"}},
+      // Qualified columns in the select list, the where clause and a join.
+      {"select obrep2..cs.cs_id,x.dbo.u.b from obrep2..cs,x.dbo.u where obrep2..cs.id=42 AND "
+       "x.dbo.u.b=obrep2..cs.b",
+       "",
+       "select obrep2.cs.cs_id,x.u.b from obrep2.cs,x.u where obrep2.cs.id=42 AND x.u.b=obrep2.cs.b",
+       {"obrep2", "x"}},
+      {"select distinct D..T.a, n=D..T.b from D..T", "", "select distinct D.T.a, D.T.b AS n from D.T", {"D"}},
+      // The connection's own database is "main" and needs no attaching.
+      {"select obrep2..cs.cs_id from obrep2..cs, ambient..s",
+       "obrep2",
+       "select main.cs.cs_id from main.cs, ambient.s",
+       {"ambient"}},
+      {"select 'obrep2..t' from t", "", "select 'obrep2..t' from t", {}},
+  };
+  for (const Case& c : cases) {
+    const auto r = rewriteSybaseToSqlite(c.in, c.home);
+    EXPECT_EQ(r.sql, c.out) << c.in;
+    EXPECT_EQ(r.databases, c.databases) << c.in;
+  }
 }
 
 TEST(Dialect, DeleteWithoutFrom) {
