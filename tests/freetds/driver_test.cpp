@@ -222,6 +222,57 @@ TEST_P(FreeTdsDriverTest, DroppedConnectionMidResult) {
   EXPECT_TRUE(sawClientError());
 }
 
+// X..table names the table in the sibling file X.db of the server's database.
+TEST_P(FreeTdsDriverTest, SiblingDatabases) {
+  const char* siblings[][2] = {
+      {"obrep2",
+       "create table obs_blocks (ob_id integer, cs_id integer);"
+       "create table constraint_sets (cs_id integer, user_id varchar(20));"
+       "insert into obs_blocks values (42, 7); insert into constraint_sets values (7, 'u7');"},
+      {"ambient",
+       "create table seeing_torvane (start_date datetime, interval integer, fwhm float, ra float,"
+       " dec float, airmass float, tau float, rfl float, tet float);"
+       "insert into seeing_torvane values ('20260102 03:04:05.000', 60, 0.8, 1, 2, 1.1, 0.2, 3, 4);"},
+      {"D",
+       "create table TORV2_NightObs (Request_ID integer, OB_ID varchar(10), Sky_Transparency varchar(10),"
+       " Transparency varchar(10));"
+       "insert into TORV2_NightObs values (5, '123', 'CLR', 'THN');"
+       "insert into TORV2_NightObs values (5, '123', 'CLR', 'THN');"}};
+  for (auto& sib : siblings) {
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(dir_.file(std::string(sib[0]) + ".db").c_str(), &db));
+    ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, sib[1], nullptr, nullptr, nullptr));
+    sqlite3_close(db);
+  }
+  tdstest::TdsServer server(db_, "u", "p");
+  ASSERT_NE(0, server.start());
+  SybaseConnection c;
+  ASSERT_EQ(0, c.connect(server.address(), "u", "p"));
+  const struct {
+    const char* sql;
+    const char* firstColumns;
+  } cases[] = {
+      {"select obrep2..constraint_sets.cs_id,obrep2..constraint_sets.user_id from obrep2..constraint_sets,"
+       "obrep2..obs_blocks where obrep2..obs_blocks.ob_id=42 AND "
+       "obrep2..obs_blocks.cs_id=obrep2..constraint_sets.cs_id",
+       "7|u7"},
+      {"select start_date,interval,fwhm,ra,dec,airmass,tau,rfl,tet from ambient..seeing_torvane where "
+       "start_date >= '20260101 00:00:00' and start_date < '20260103 00:00:00'",
+       "2026-01-02 03:04:05.000|60|0.8|1|2|1.1|0.2|3|4"},
+      {"select distinct Request_ID,Sky_Transparency,Transparency from D..TORV2_NightObs where OB_ID='123'",
+       "5|CLR|THN"},
+  };
+  for (const auto& k : cases) {
+    SybaseResultSet rs = c.execute(k.sql);
+    ASSERT_EQ(1, rs.commandSucceeded()) << k.sql;
+    ASSERT_TRUE(rs.next()) << k.sql;
+    std::string row;
+    for (int col = 1; col <= rs.columnCount(); ++col) row += (col > 1 ? "|" : "") + rs.getStringValue(col);
+    EXPECT_EQ(k.firstColumns, row);
+    EXPECT_FALSE(rs.next()) << k.sql;
+  }
+}
+
 // A login that died while free is not handed out again: the pool drops it and
 // logs in afresh.
 TEST_P(FreeTdsDriverTest, PoolDropsALoginThatDied) {

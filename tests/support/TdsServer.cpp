@@ -255,6 +255,30 @@ std::vector<std::string> splitStatements(const std::string& sql) {
   return out;
 }
 
+// The statement in SQLite's dialect. A name X..table refers to the sibling
+// file X.db of the server's database file, attached as X on first use.
+bool toSqlite(sqlite3* db, const std::string& dbPath, std::vector<std::string>& attached,
+              const std::string& stmt, std::string& sql) {
+  sybconn::DialectResult r = sybconn::rewriteSybaseToSqlite(stmt);
+  sql = r.sql;
+  const size_t slash = dbPath.find_last_of('/');
+  const std::string dir = slash == std::string::npos ? "." : dbPath.substr(0, slash);
+  const std::string leaf = slash == std::string::npos ? dbPath : dbPath.substr(slash + 1);
+  const std::string stem = leaf.substr(0, leaf.rfind('.'));
+  for (const std::string& name : r.databases) {
+    std::string lower;
+    for (char c : name) lower.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+    if (name == stem || lower == "main" || lower == "temp") continue;
+    bool known = false;
+    for (const std::string& a : attached) known = known || a == name;
+    if (known) continue;
+    std::string attach = "attach database '" + dir + "/" + name + ".db' as \"" + name + "\"";
+    if (sqlite3_exec(db, attach.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK) return false;
+    attached.push_back(name);
+  }
+  return true;
+}
+
 // Days since 1900-01-01 of a civil date.
 long daysFrom1900(int y, int m, int d) {
   y -= m <= 2;
@@ -481,6 +505,7 @@ void TdsServer::serve(int fd) {
     return;
   }
   sqlite3* db = nullptr;
+  std::vector<std::string> attachedDbs;
   bool loggedIn = false;
   uint8_t type;
   Bytes msg;
@@ -573,10 +598,11 @@ void TdsServer::serve(int fd) {
           done(o, more, 0, 0);
           continue;
         }
-        std::string text = sybconn::rewriteSybaseToSqlite(s).sql;
+        std::string text;
+        const bool attached = toSqlite(db, dbPath_, attachedDbs, s, text);
         if (lowerStartsWith(s, "select @@spid")) text = "select 1";
         sqlite3_stmt* st = nullptr;
-        int rc = sqlite3_prepare_v2(db, text.c_str(), -1, &st, nullptr);
+        int rc = attached ? sqlite3_prepare_v2(db, text.c_str(), -1, &st, nullptr) : SQLITE_ERROR;
         if (rc != SQLITE_OK) {
           message(o, true, 102, 16, sqlite3_errmsg(db));
           done(o, static_cast<uint16_t>(more | kDoneError), 0, 0);
@@ -796,6 +822,7 @@ void TdsServer::serve50(int fd, const std::string& login) {
     return;
   }
   sqlite3_busy_timeout(db, 2000);
+  std::vector<std::string> attachedDbs;
   eed(o, 5701, 0, "Changed database context to 'main'.");
   loginAck50(o, true);
   done50(o, 0, 0);
@@ -834,9 +861,10 @@ void TdsServer::serve50(int fd, const std::string& login) {
         done50(r, static_cast<uint16_t>(more | kDoneCount), 1);
         continue;
       }
-      std::string sql = sybconn::rewriteSybaseToSqlite(s).sql;
+      std::string sql;
       sqlite3_stmt* st = nullptr;
-      if (sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
+      if (!toSqlite(db, dbPath_, attachedDbs, s, sql) ||
+          sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) != SQLITE_OK) {
         eed(r, 102, 16, sqlite3_errmsg(db));
         done50(r, static_cast<uint16_t>(more | kDoneError), 0);
         continue;
