@@ -148,7 +148,7 @@ TEST_F(Conditions, MeanSeeingOverAPeriod) {
       // Widened to the two minutes before the end; 255 and NULL left out.
       {torvane, kS, 60, 0.9, 0, "between -1361750460 AND -1361750340 ",
        "DEBUG [ <t> ] Mean value equal to 0.900000 between 59999.999306 and 60000.000694\n"},
-      {torvane, kS, 120, 1.0, 0, "between -1361750520 AND -1361750400 ",
+      {torvane, kS, 180, 1.0, 0, "between -1361750580 AND -1361750400 ",
        "DEBUG [ <t> ] 1 seeings successfully"},
       {torvane, kS, -60, 0.65, 0, "between -1361750340 AND -1361750220 ",
        "DEBUG [ <t> ] 2 seeings successfully"},
