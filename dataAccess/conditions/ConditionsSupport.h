@@ -16,6 +16,12 @@ inline int columnPosition(const std::map<std::string, int>& fields, const std::s
   return it == fields.end() ? 0 : it->second;
 }
 
+// NULL columns: the connection library reads a NULL column as 0, 0.0 or an
+// empty string, which are exactly the values the records take for NULL. The
+// DAOs therefore read each column once instead of asking isNull() first: every
+// read of a result set costs a lock of the login, and a select can return
+// millions of rows. The suites check NULL columns on every backend.
+
 }  // namespace dataAccess
 
 #endif

@@ -29,18 +29,19 @@ int ConstraintSetDAOSyb::find(int obsId, std::vector<ConstraintSet>& constraintS
       &MOON_DISTANCE_FIELD, &LOCAL_STORAGE_ID_FIELD, &STREHL_RATIO_FIELD, &BASELINE_ID_FIELD};
   const std::string& cs = constraintSetTable_;
   const std::string& ob = obsBlockTable_;
-  std::string qualified[12];
-  std::string sql;
-  sql.reserve(16 * (cs.size() + 16) + 4 * ob.size() + 64);
-  sql += "select ";
-  for (int i = 0; i < 12; ++i) {
-    qualified[i] = cs + "." + *columns[i];
-    if (i > 0) sql += ',';
-    sql += qualified[i];
-  }
   const std::string obsIdText = std::to_string(obsId);
-  sql += " from " + cs + "," + ob + " where " + ob + "." + OBS_BLOCK_TABLE_OB_ID_FIELD + "=" + obsIdText +
-         " AND " + ob + "." + CS_ID_FIELD + "=" + cs + "." + CS_ID_FIELD;
+  std::string sql;
+  sql.reserve(14 * (cs.size() + 18) + 3 * ob.size() + 64);
+  sql += "select ";
+  for (int i = 0; i < 12; ++i) sql.append(i > 0 ? "," : "").append(cs).append(".").append(*columns[i]);
+  sql.append(" from ").append(cs).append(",").append(ob).append(" where ").append(ob).append(".");
+  sql.append(OBS_BLOCK_TABLE_OB_ID_FIELD)
+      .append("=")
+      .append(obsIdText)
+      .append(" AND ")
+      .append(ob)
+      .append(".");
+  sql.append(CS_ID_FIELD).append("=").append(cs).append(".").append(CS_ID_FIELD);
 
   typename Conn::ResultSet res;
   typename Conn::ListOfFieldIndex fields;
@@ -50,13 +51,20 @@ int ConstraintSetDAOSyb::find(int obsId, std::vector<ConstraintSet>& constraintS
   }
   int count = 0;
   if (res.hasResultSet()) {
-    int col[12];
-    for (int i = 0; i < 12; ++i) col[i] = dataAccess::columnPosition(fields, qualified[i]);
-    const auto integer = [&res](int c) { return res.isNull(c) ? 0 : static_cast<int>(res.getLongValue(c)); };
-    const auto real = [&res](int c) {
-      return res.isNull(c) ? 0.0f : static_cast<float>(res.getDoubleValue(c));
-    };
-    const auto text = [&res](int c) { return res.isNull(c) ? std::string() : res.getStringValue(c); };
+    // The position of each column under its qualified name, as the select
+    // list wrote it; one pass over the map instead of a look-up a name.
+    int col[12] = {};
+    for (const auto& field : fields) {
+      const std::string& name = field.first;
+      if (name.size() <= cs.size() || name.compare(0, cs.size(), cs) != 0 || name[cs.size()] != '.') continue;
+      for (int i = 0; i < 12; ++i)
+        if (name.compare(cs.size() + 1, std::string::npos, *columns[i]) == 0) col[i] = field.second;
+    }
+    // A NULL column reads as 0, 0.0 or an empty string, the defaults of a
+    // record: one read a column (see ConditionsSupport.h).
+    const auto integer = [&res](int c) { return static_cast<int>(res.getLongValue(c)); };
+    const auto real = [&res](int c) { return static_cast<float>(res.getDoubleValue(c)); };
+    const auto text = [&res](int c) { return res.getStringValue(c); };
     while (res.next()) {
       ConstraintSet s;
       s.csId_ = integer(col[0]);

@@ -63,9 +63,7 @@ int SeeingDAOSyb::find(double startDate, double endDate, std::vector<Seeing>& se
   if (res.hasResultSet()) {
     int col[9];
     for (int i = 0; i < 9; ++i) col[i] = dataAccess::columnPosition(fields, *columns[i]);
-    // The connection library reads a NULL column as 0, the value a NULL
-    // measurement takes, so one read a column does (each read of a result set
-    // costs a lock of the login, and a period can hold millions of rows).
+    // A NULL column reads as 0 (see ConditionsSupport.h).
     const auto value = [&res](int c) { return static_cast<int>(res.getLongValue(c)); };
     while (res.next()) {
       Seeing s;

@@ -30,12 +30,13 @@ int TORV2NightObsDAOSyb::find(int obsId, std::vector<TORV2NightObs>& records, co
     const int requestCol = dataAccess::columnPosition(fields, REQUEST_ID_FIELD);
     const int skyCol = dataAccess::columnPosition(fields, SKY_TRANSPARENCY_FIELD);
     const int transparencyCol = dataAccess::columnPosition(fields, TRANSPARENCY_FIELD);
+    // A NULL column reads as an empty string or 0 (see ConditionsSupport.h).
     while (res.next()) {
       TORV2NightObs r;
-      r.requestId_ = res.isNull(requestCol) ? std::string() : res.getStringValue(requestCol);
+      r.requestId_ = res.getStringValue(requestCol);
       r.obId_ = obsIdText;
-      r.skyTransparency_ = res.isNull(skyCol) ? std::string() : res.getStringValue(skyCol);
-      r.transparency_ = res.isNull(transparencyCol) ? 0 : static_cast<int>(res.getLongValue(transparencyCol));
+      r.skyTransparency_ = res.getStringValue(skyCol);
+      r.transparency_ = static_cast<int>(res.getLongValue(transparencyCol));
       records.push_back(std::move(r));
       ++count;
     }

@@ -116,20 +116,21 @@ struct ParameterLine {
   int count = 0;
 };
 
-// One parameters file as read, with the key file that deciphers its
-// passwords, and the passwords deciphered so far.
+// One parameters file as read, the key file that deciphers its passwords,
+// and the passwords deciphered so far.
 struct ParsedParameters {
   FileStamp file;
   std::string keyPath;
-  FileStamp key;
   std::vector<ParameterLine> lines;
   std::map<std::string, std::string> clearPasswords;  // guarded by the cache's mutex
 };
 
 // Parameters files read so far, by path, shared by every thread. An entry
-// serves while the file and its key file are unchanged. A file changed so
-// recently that a further change could keep its time stamps is not kept (file
-// times advance in clock ticks), so a later change is never missed.
+// serves while the file is unchanged and the same key file is named. The key
+// file itself is not watched: a new key makes every enciphered text invalid,
+// so the parameters file is written anew with it, and that change is seen. A
+// file changed so recently that a further change could keep its time stamps
+// is not kept (file times advance in clock ticks), so no change is missed.
 class ParametersCache {
  public:
   static ParametersCache& instance() {
@@ -138,12 +139,12 @@ class ParametersCache {
   }
 
   std::shared_ptr<ParsedParameters> find(const std::string& path, const FileStamp& file,
-                                         const std::string& keyPath, const FileStamp& key) {
+                                         const std::string& keyPath) {
     std::lock_guard<std::mutex> lock(mutex_);
     const auto it = files_.find(path);
     if (it == files_.end()) return nullptr;
     const ParsedParameters& p = *it->second;
-    if (!(p.file == file) || p.keyPath != keyPath || !(p.key == key)) {
+    if (!(p.file == file) || p.keyPath != keyPath) {
       files_.erase(it);
       return nullptr;
     }
@@ -152,8 +153,7 @@ class ParametersCache {
 
   void keep(const std::string& path, const std::shared_ptr<ParsedParameters>& parsed,
             const timespec& readAt) {
-    const long long newest = std::max({nanos(parsed->file.mtim), nanos(parsed->file.ctim),
-                                       nanos(parsed->key.mtim), nanos(parsed->key.ctim)});
+    const long long newest = std::max(nanos(parsed->file.mtim), nanos(parsed->file.ctim));
     if (nanos(readAt) - newest <= settledNanos()) return;
     std::lock_guard<std::mutex> lock(mutex_);
     files_[path] = parsed;
@@ -191,13 +191,14 @@ int ServiceConnectionSyb::readDBParameters() {
   const std::string path = std::string(home ? home : "") + "/.dbrc";
   char keyPathBuffer[4096];
   const std::string keyPath = stkeyfile(keyPathBuffer, sizeof keyPathBuffer) == 0 ? keyPathBuffer : "";
-  timespec readAt{0, 0};
-  ::clock_gettime(CLOCK_REALTIME, &readAt);
   const FileStamp fileStamp = stampOf(path);
-  const FileStamp keyStamp = stampOf(keyPath);
   ParametersCache& cache = ParametersCache::instance();
-  std::shared_ptr<ParsedParameters> parsed = cache.find(path, fileStamp, keyPath, keyStamp);
+  std::shared_ptr<ParsedParameters> parsed = cache.find(path, fileStamp, keyPath);
   if (!parsed) {
+    // Taken before the file is read: a change after the stamp was taken shows
+    // in the next one.
+    timespec readAt{0, 0};
+    ::clock_gettime(CLOCK_REALTIME, &readAt);
     std::ifstream in(path.c_str());
     if (!in) {
       DA_LOG_ERROR("Could not open %s", path.c_str());
@@ -206,7 +207,6 @@ int ServiceConnectionSyb::readDBParameters() {
     parsed = std::make_shared<ParsedParameters>();
     parsed->file = fileStamp;
     parsed->keyPath = keyPath;
-    parsed->key = keyStamp;
     std::string line;
     while (std::getline(in, line)) {
       std::istringstream fields(line);
