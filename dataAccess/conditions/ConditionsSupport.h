@@ -20,7 +20,7 @@ inline int columnPosition(const std::map<std::string, int>& fields, const std::s
 // empty string, which are exactly the values the records take for NULL. The
 // DAOs therefore read each column once instead of asking isNull() first: every
 // read of a result set costs a lock of the login, and a select can return
-// millions of rows. The suites check NULL columns on every backend.
+// millions of rows.
 
 }  // namespace dataAccess
 

@@ -34,14 +34,10 @@ int ConstraintSetDAOSyb::find(int obsId, std::vector<ConstraintSet>& constraintS
   sql.reserve(14 * (cs.size() + 18) + 3 * ob.size() + 64);
   sql += "select ";
   for (int i = 0; i < 12; ++i) sql.append(i > 0 ? "," : "").append(cs).append(".").append(*columns[i]);
-  sql.append(" from ").append(cs).append(",").append(ob).append(" where ").append(ob).append(".");
-  sql.append(OBS_BLOCK_TABLE_OB_ID_FIELD)
-      .append("=")
-      .append(obsIdText)
-      .append(" AND ")
-      .append(ob)
-      .append(".");
-  sql.append(CS_ID_FIELD).append("=").append(cs).append(".").append(CS_ID_FIELD);
+  sql.append(" from ").append(cs).append(",").append(ob);
+  sql.append(" where ").append(ob).append(".").append(OBS_BLOCK_TABLE_OB_ID_FIELD);
+  sql.append("=").append(obsIdText).append(" AND ").append(ob).append(".").append(CS_ID_FIELD);
+  sql.append("=").append(cs).append(".").append(CS_ID_FIELD);
 
   typename Conn::ResultSet res;
   typename Conn::ListOfFieldIndex fields;
