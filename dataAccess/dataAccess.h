@@ -1,8 +1,9 @@
 #ifndef DATAACCESS_DATAACCESS_H
 #define DATAACCESS_DATAACCESS_H
 
-// Umbrella header of libDataAccess: the database connection layer and the
-// catalogue DAOs, with the connection library and password sealing they use.
+// Umbrella header of libDataAccess: the database connection layer, the
+// catalogue DAOs and the observation-condition services, with the connection
+// library and password sealing they use.
 
 #include <dataAccess/catalogue/KestFile.h>
 #include <dataAccess/catalogue/KestFileDAOSyb.h>
@@ -10,6 +11,15 @@
 #include <dataAccess/catalogue/ReplicationRequest.h>
 #include <dataAccess/catalogue/ReplicationRequestDAOSyb.h>
 #include <dataAccess/common/Version.h>
+#include <dataAccess/conditions/ARSystemService.h>
+#include <dataAccess/conditions/AmbientService.h>
+#include <dataAccess/conditions/ConstraintSet.h>
+#include <dataAccess/conditions/ConstraintSetDAOSyb.h>
+#include <dataAccess/conditions/ObRep2Service.h>
+#include <dataAccess/conditions/Seeing.h>
+#include <dataAccess/conditions/SeeingDAOSyb.h>
+#include <dataAccess/conditions/TORV2NightObs.h>
+#include <dataAccess/conditions/TORV2NightObsDAOSyb.h>
 #include <dataAccess/db/ConnectionPool.h>
 #include <dataAccess/db/ServiceConnectionStub.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>

@@ -12,6 +12,10 @@ for s in replication_queue file_catalogue safe_copies demo; do
   [ -f "$f" ] || f="$schemas/${s}_sqlite.sql"
   sqlite3 "$work/server.db" < "$f"
 done
+# The observation-condition databases are sibling files of the server's.
+for s in observation_repository:obrep2 ambient_conditions:ambient ar_system:arsystem; do
+  sqlite3 "$work/${s#*:}.db" < "$schemas/${s%%:*}.sqlite.sql"
+done
 # The server lives as long as its standard input stays open.
 coproc SERVER { exec "$server_bin" "$work/server.db"; }
 trap 'exec {SERVER[1]}>&-; wait' EXIT

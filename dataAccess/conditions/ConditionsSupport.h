@@ -1,0 +1,27 @@
+#ifndef DATAACCESS_CONDITIONS_CONDITIONSSUPPORT_H
+#define DATAACCESS_CONDITIONS_CONDITIONSSUPPORT_H
+
+// Pieces the observation-condition DAOs share.
+
+#include <map>
+#include <string>
+
+namespace dataAccess {
+
+// The position executeSelect entered for a select-list name; 0 (a column
+// every result set reads as NULL) when the name is not in the map. Looked up
+// once per statement, not once per row.
+inline int columnPosition(const std::map<std::string, int>& fields, const std::string& name) {
+  const auto it = fields.find(name);
+  return it == fields.end() ? 0 : it->second;
+}
+
+// NULL columns: the connection library reads a NULL column as 0, 0.0 or an
+// empty string, which are exactly the values the records take for NULL. The
+// DAOs therefore read each column once instead of asking isNull() first: every
+// read of a result set costs a lock of the login, and a select can return
+// millions of rows.
+
+}  // namespace dataAccess
+
+#endif

@@ -1,0 +1,55 @@
+#include <dataAccess/common/Log.h>
+#include <dataAccess/conditions/ConditionsSupport.h>
+#include <dataAccess/conditions/TORV2NightObsDAOSyb.h>
+
+#include <utility>
+
+const std::string TORV2NightObsDAOSyb::REQUEST_ID_FIELD = "Request_ID";
+const std::string TORV2NightObsDAOSyb::OB_ID_FIELD = "OB_ID";
+const std::string TORV2NightObsDAOSyb::SKY_TRANSPARENCY_FIELD = "Sky_Transparency";
+const std::string TORV2NightObsDAOSyb::TRANSPARENCY_FIELD = "Transparency";
+
+TORV2NightObsDAOSyb::TORV2NightObsDAOSyb(std::string table) : table_(std::move(table)) {}
+
+template <class Conn>
+int TORV2NightObsDAOSyb::find(int obsId, std::vector<TORV2NightObs>& records, const Conn& conn) const {
+  const std::string obsIdText = std::to_string(obsId);
+  // The block number is compared as text: the night log keeps it quoted.
+  const std::string sql = "select distinct " + REQUEST_ID_FIELD + "," + SKY_TRANSPARENCY_FIELD + "," +
+                          TRANSPARENCY_FIELD + " from " + table_ + " where " + OB_ID_FIELD + "='" +
+                          obsIdText + "'";
+  typename Conn::ResultSet res;
+  typename Conn::ListOfFieldIndex fields;
+  const int selected = conn.executeSelect(sql, res, fields);
+  if (selected < 0) {
+    DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
+    return selected;
+  }
+  int count = 0;
+  if (res.hasResultSet()) {
+    const int requestCol = dataAccess::columnPosition(fields, REQUEST_ID_FIELD);
+    const int skyCol = dataAccess::columnPosition(fields, SKY_TRANSPARENCY_FIELD);
+    const int transparencyCol = dataAccess::columnPosition(fields, TRANSPARENCY_FIELD);
+    // A NULL column reads as an empty string or 0 (see ConditionsSupport.h).
+    while (res.next()) {
+      TORV2NightObs r;
+      r.requestId_ = res.getStringValue(requestCol);
+      r.obId_ = obsIdText;
+      r.skyTransparency_ = res.getStringValue(skyCol);
+      r.transparency_ = static_cast<int>(res.getLongValue(transparencyCol));
+      records.push_back(std::move(r));
+      ++count;
+    }
+  }
+  DA_LOG_DEBUG("%d night observation records were retrieved for %d", count, obsId);
+  return count;
+}
+
+int TORV2NightObsDAOSyb::findByObsId(int obsId, std::vector<TORV2NightObs>& records,
+                                     const ServiceConnectionSyb& conn) const {
+  return find(obsId, records, conn);
+}
+int TORV2NightObsDAOSyb::findByObsId(int obsId, std::vector<TORV2NightObs>& records,
+                                     const ServiceConnectionStub& conn) const {
+  return find(obsId, records, conn);
+}
