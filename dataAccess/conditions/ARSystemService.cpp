@@ -1,4 +1,4 @@
-#include <dataAccess/common/Log.h>
+#include <daLog/Log.h>
 #include <dataAccess/conditions/ARSystemService.h>
 
 #include <utility>

@@ -1,4 +1,4 @@
-#include <dataAccess/common/Log.h>
+#include <daLog/Log.h>
 #include <dataAccess/conditions/ObRep2Service.h>
 
 #include <utility>

@@ -1,4 +1,4 @@
-#include <dataAccess/common/Log.h>
+#include <daLog/Log.h>
 #include <dataAccess/conditions/ConditionsSupport.h>
 #include <dataAccess/conditions/TORV2NightObsDAOSyb.h>
 
