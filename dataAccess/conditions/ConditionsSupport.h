@@ -5,6 +5,9 @@
 
 #include <map>
 #include <string>
+#include <vector>
+
+#include <daLog/Log.h>
 
 namespace dataAccess {
 
@@ -14,6 +17,18 @@ namespace dataAccess {
 inline int columnPosition(const std::map<std::string, int>& fields, const std::string& name) {
   const auto it = fields.find(name);
   return it == fields.end() ? 0 : it->second;
+}
+
+// A select whose rows stopped coming part-way (a lock, an I/O error) has
+// failed like one that never ran: the records it appended are taken back, the
+// statement is logged, and the DAO returns -1.
+template <class ResultSet, class Record>
+bool rowsComplete(const ResultSet& res, std::vector<Record>& records,
+                  typename std::vector<Record>::size_type before, const std::string& sql) {
+  if (res.commandSucceeded()) return true;
+  records.resize(before);
+  DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
+  return false;
 }
 
 // NULL columns: the connection library reads a NULL column as 0, 0.0 or an

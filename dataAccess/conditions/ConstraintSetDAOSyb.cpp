@@ -45,6 +45,7 @@ int ConstraintSetDAOSyb::find(int obsId, std::vector<ConstraintSet>& constraintS
     DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
     return -1;
   }
+  const auto before = constraintSets.size();
   int count = 0;
   if (res.hasResultSet()) {
     // The position of each column under its qualified name, as the select
@@ -79,6 +80,7 @@ int ConstraintSetDAOSyb::find(int obsId, std::vector<ConstraintSet>& constraintS
       ++count;
     }
   }
+  if (!dataAccess::rowsComplete(res, constraintSets, before, sql)) return -1;
   // "where" for "were": log readers rely on this wording.
   DA_LOG_DEBUG("%d constraint set where retrieved for %s", count, obsIdText.c_str());
   return count;

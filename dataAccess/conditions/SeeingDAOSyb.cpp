@@ -59,6 +59,7 @@ int SeeingDAOSyb::find(double startDate, double endDate, std::vector<Seeing>& se
     DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
     return selected;
   }
+  const auto before = seeings.size();
   int count = 0;
   if (res.hasResultSet()) {
     int col[9];
@@ -80,6 +81,7 @@ int SeeingDAOSyb::find(double startDate, double endDate, std::vector<Seeing>& se
       ++count;
     }
   }
+  if (!dataAccess::rowsComplete(res, seeings, before, sql)) return -1;
   // "where" for "were": log readers rely on this wording.
   DA_LOG_DEBUG("%d seeings values where retrieved between %f and %f", count, startDate, endDate);
   return count;

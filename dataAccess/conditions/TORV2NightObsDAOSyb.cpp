@@ -25,6 +25,7 @@ int TORV2NightObsDAOSyb::find(int obsId, std::vector<TORV2NightObs>& records, co
     DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
     return selected;
   }
+  const auto before = records.size();
   int count = 0;
   if (res.hasResultSet()) {
     const int requestCol = dataAccess::columnPosition(fields, REQUEST_ID_FIELD);
@@ -41,6 +42,7 @@ int TORV2NightObsDAOSyb::find(int obsId, std::vector<TORV2NightObs>& records, co
       ++count;
     }
   }
+  if (!dataAccess::rowsComplete(res, records, before, sql)) return -1;
   DA_LOG_DEBUG("%d night observation records were retrieved for %d", count, obsId);
   return count;
 }

@@ -11,6 +11,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <sstream>
@@ -180,6 +181,32 @@ TEST_F(Conditions, MeanSeeingOverAPeriod) {
   EXPECT_EQ(std::vector<int>(
                 {r.startDate_, r.interval_, r.fwhm_, r.ra_, r.dec_, r.airmass_, r.tau_, r.rfl_, r.tet_}),
             std::vector<int>({-1361750460, 60, 100, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(Conditions, RowsThatStopPartWayFailTheSelect) {
+  if (backend().isTds()) GTEST_SKIP() << "the fault is made on the embedded file";
+  {
+    SybaseConnection direct;
+    ASSERT_EQ(direct.connect("sqlite:" + dir_.file("ambient.db"), "u", "pw"), 0);
+    // Without the index the rows stream in the order they are stored.
+    ASSERT_EQ(direct
+                  .execute("drop index seeing_torvane_date; with recursive n(i) as (select 1 union all "
+                           "select i + 1 from n where i < 3000) "
+                           "insert into seeing_torvane select -i, 60, 80, 1, 2, 3, 4, 5, 6 from n")
+                  .commandSucceeded(),
+              1);
+  }
+  // Damage the file's last pages, the table's last rows: the first rows stream out, then a step fails.
+  const long size = static_cast<long>(std::filesystem::file_size(dir_.file("ambient.db")));
+  ASSERT_GT(size, 16 * 4096);
+  dir_.scribble("ambient.db", size - 4 * 4096, 4 * 4096);
+  ServiceConnectionSyb conn(server_, "u", "pw", "ambient");
+  ASSERT_EQ(conn.acquire(), 0);
+  testsupport::LogCapture log;
+  std::vector<Seeing> seeings(1);
+  EXPECT_EQ(SeeingDAOSyb("ambient..seeing_torvane").findByDate(44239.0, 44240.0, seeings, conn), -1);
+  EXPECT_EQ(seeings.size(), 1u);
+  EXPECT_TRUE(log.containsFragment("ERROR [ <t> ] Error executing SQL command select start_date"));
 }
 
 TEST_F(Conditions, ConstraintSetOfAnObservationBlock) {
