@@ -293,18 +293,39 @@ ServiceConnectionSyb::ResultSet ServiceConnectionSyb::execute(std::string sql) c
   return conn_->execute(sql);
 }
 
+namespace {
+
+// The position of the first occurrence of `word` (upper case) in `text`,
+// compared without regard to case; npos if none.
+std::string::size_type findIgnoringCase(const std::string& text, const char* word) {
+  const auto it = std::search(text.begin(), text.end(), word, word + std::strlen(word), [](char a, char b) {
+    return std::toupper(static_cast<unsigned char>(a)) == static_cast<unsigned char>(b);
+  });
+  return it == text.end() ? std::string::npos : static_cast<std::string::size_type>(it - text.begin());
+}
+
+// The n-th blank-separated word of `text` (from 0), in upper case.
+std::string upperWord(const std::string& text, int n) {
+  std::string::size_type pos = 0;
+  std::string word;
+  for (int i = 0; i <= n; ++i) {
+    while (pos < text.size() && std::isspace(static_cast<unsigned char>(text[pos]))) ++pos;
+    word.clear();
+    while (pos < text.size() && !std::isspace(static_cast<unsigned char>(text[pos])))
+      word += static_cast<char>(std::toupper(static_cast<unsigned char>(text[pos++])));
+  }
+  return word;
+}
+
+}  // namespace
+
 int ServiceConnectionSyb::executeSelect(std::string sql, ResultSet& res, ListOfFieldIndex& fields) const {
   int result = -1;
-  std::string upper(sql);
-  for (auto& c : upper) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-  std::istringstream words(upper);
-  std::string first, second;
-  words >> first >> second;
   std::string::size_type listStart;
-  if (second == "DISTINCT") {
-    listStart = upper.find("DISTINCT") + 8;
-  } else if (first == "SELECT") {
-    listStart = upper.find("SELECT") + 6;
+  if (upperWord(sql, 1) == "DISTINCT") {
+    listStart = findIgnoringCase(sql, "DISTINCT") + 8;
+  } else if (upperWord(sql, 0) == "SELECT") {
+    listStart = findIgnoringCase(sql, "SELECT") + 6;
   } else {
     return result;
   }
