@@ -23,8 +23,10 @@ extern "C" {
 
 /* Longest reply header line read in one piece (longer lines come in pieces of this size less 1). */
 #define TOBAS_LINE_MAX tobasHUGE_BUF_SIZE
-/* Piece in which a body moves between socket and file. */
+/* Piece in which a retrieved body moves from the socket into its file. */
 #define TOBAS_IO_CHUNK (1024 * 1024)
+/* Piece in which a file is read and sent. */
+#define TOBAS_SEND_PIECE (512 * 1024)
 
 /* 1 when a DEBUG line would be written somewhere (log or verbose level above 4). */
 TOBAS_HIDDEN int tobasDebugOn(void);
@@ -62,7 +64,8 @@ TOBAS_HIDDEN int tobasOpenSocket(const char* host, int port);
  * time-out; `more`: further bytes follow at once. 0, tobasERR_TIMEOUT, or TOBAS_SEND_FAILED. */
 TOBAS_HIDDEN int tobasSendAll(int fd, const char* buf, size_t len, int more);
 /* Sends len bytes of the file `file` from its current position, as tobasSendAll.
- * 0, tobasERR_TIMEOUT, TOBAS_SEND_FAILED, or tobasERR_FILE when the file ends first. */
+ * 0, tobasERR_TIMEOUT, TOBAS_SEND_FAILED, tobasERR_ALLOC_MEM, or tobasERR_FILE when the file
+ * cannot be read or ends first. */
 TOBAS_HIDDEN int tobasSendFile(int sock, int file, long len);
 
 /* A command being built: its request path, a work buffer for one encoded value, and the first
