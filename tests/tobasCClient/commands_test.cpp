@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -232,39 +233,81 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
   EXPECT_EQ("RETRIEVE?internal=\"ngas.xml\"&host_id=h:1", pathOf(last()));
 }
 
-TEST_F(Commands, RetrievalFailures) {
+// Names a reply may give that lead out of the target folder, or name no file at all.
+TEST_F(Commands, RetrievalRefusesFileNamesOutsideTheTargetFolder) {
+  ScratchDir dir;
+  const std::string folder = dir.file("in");
+  mkdir(folder.c_str(), 0755);
+  const char nul[] = "a\0b";
+  const std::string log = getenv("TOBAS_LOG_FILE");
+  const size_t logged = archivetest::readFile(log).size();
+  for (const std::string& name :
+       std::vector<std::string>{"../out", "a/b", "/tmp/abs", "", ".", "..", std::string(nul, 3)}) {
+    srv.push(httpReply(200, "data", "Content-Disposition: attachment; filename=\"" + name + "\"\r\n"));
+    tobasBIG_BUF final;
+    EXPECT_EQ(tobasERR_INV_REPLY,
+              tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "", folder.c_str(), final, &st))
+        << name;
+    EXPECT_STREQ("", final);
+    tobasFreeStatus(&st);
+  }
+  EXPECT_EQ(std::vector<std::string>{"in"}, archivetest::listDir(dir.path()));
+  EXPECT_TRUE(archivetest::listDir(folder).empty());
+  EXPECT_NE(std::string::npos, archivetest::readFile(log).find(
+                                   "[ERROR] Reply names an illegal file to write: \"../out\"", logged));
+}
+
+TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
   ScratchDir dir;
   tobasBIG_BUF final;
   srv.push(httpReply(400, statusDoc("FAILURE", "TOBAS_ER_RETRIEVE:4022:WARNING: not here")));
   EXPECT_EQ(400, tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "", dir.path().c_str(), final, &st));
   EXPECT_EQ(TOBAS_WA_BUF_DATA, st.errorCode);
   tobasFreeStatus(&st);
-
   srv.push(httpReply(200, "data"));  // no file name in the reply
   EXPECT_EQ(tobasERR_INV_REPLY,
             tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "", dir.path().c_str(), final, &st));
   EXPECT_STREQ("FAILURE", st.status);
-
   srv.push(httpReply(200, "data"));
   EXPECT_EQ(tobasERR_INV_TARG_FILE, tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "",
                                                        dir.file("no/such/dir/f").c_str(), final, &st));
 
   // A slow peer: the reply time-out runs from the last data received, not from the start.
-  archivetest::Reply drip{
-      httpReply(200, std::string(2000, 'd'), "Content-Disposition: attachment; filename=\"d\"\r\n")};
+  archivetest::Reply drip{archivetest::fileReply("d", std::string(2000, 'd'))};
   drip.dripChunk = 500;
   drip.dripDelayMs = 300;
   srv.push(drip);
   EXPECT_EQ(0, tobasRetrieve2File(host, srv.port(), 1, "f", -1, "", "", dir.path().c_str(), final, &st));
   EXPECT_EQ(std::string(2000, 'd'), archivetest::readFile(dir.file("d")));
-  tobasFreeStatus(&st);
+  ASSERT_EQ(0, remove(final));
 
-  // The peer stops before the announced length: the reply time-out runs out.
-  const std::string full = "HTTP/1.0 200 OK\r\nContent-Length: 100\r\n\r\nonly-part" + std::string(91, 'x');
-  archivetest::Reply cut{full};
-  cut.cutAfter = full.size() - 91;
-  srv.push(cut);
-  EXPECT_EQ(tobasERR_TIMEOUT, tobasRetrieve2File(host, srv.port(), 0.5f, "f", -1, "", "",
-                                                 dir.file("part").c_str(), final, &st));
-  EXPECT_EQ("only-part", archivetest::readFile(dir.file("part")));  // left in place
+  // Peers that stop within the header or the body, closing or holding the connection. Without a
+  // reply time-out a closed connection ends the call at once; nothing is left under the final
+  // name (an older file of that name stays as it was), nor any temporary file.
+  const std::string full = "HTTP/1.0 200 OK\r\nContent-Length: 100000\r\n\r\n" + std::string(100000, 'x');
+  const struct {
+    size_t cut;
+    bool hold;
+    float timeout;
+    int stat;
+  } stops[] = {{30, false, 0, tobasERR_INV_REPLY},
+               {30, true, 0.3f, tobasERR_TIMEOUT},
+               {full.size() - 99988, false, 0, tobasERR_RD_DATA},
+               {full.size() - 99988, true, 0.3f, tobasERR_TIMEOUT}};
+  archivetest::HangGuard guard(30);
+  archivetest::writeFile(dir.file("old"), "old");
+  for (const auto& s : stops) {
+    archivetest::Reply cut{full};
+    cut.cutAfter = s.cut;
+    cut.holdOpen = s.hold;
+    for (const char* name : {"part", "old"}) {
+      srv.push(cut);
+      EXPECT_EQ(s.stat, tobasRetrieve2File(host, srv.port(), s.timeout, "f", -1, "", "",
+                                           dir.file(name).c_str(), final, &st))
+          << s.cut << " " << s.hold;
+      tobasFreeStatus(&st);
+    }
+    EXPECT_EQ((std::vector<std::string>{"old"}), archivetest::listDir(dir.path()));
+    EXPECT_EQ("old", archivetest::readFile(dir.file("old")));
+  }
 }
