@@ -54,8 +54,10 @@ TOBAS_HIDDEN int tobasWriteAll(int fd, const char* buf, size_t len);
 /* Seconds on the monotonic clock. */
 TOBAS_HIDDEN double tobasNow(void);
 
+/* maxInterrupts of tobasWaitFd: a signal never ends the wait. */
+#define TOBAS_ANY_INTERRUPTS (-1)
 /* Waits until fd is ready for `events` or timeoutSecs have passed on the monotonic clock.
- * Interrupted waits go on with the time left, at most maxInterrupts times (-1: no limit).
+ * Interrupted waits go on with the time left, at most maxInterrupts times.
  * 0, tobasERR_TIMEOUT or tobasERR_COM. */
 TOBAS_HIDDEN int tobasWaitFd(int fd, short events, double timeoutSecs, int maxInterrupts);
 /* Connected non-blocking socket, as tobasPrepSock. */

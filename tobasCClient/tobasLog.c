@@ -22,8 +22,9 @@ static pthread_mutex_t logMutex = PTHREAD_MUTEX_INITIALIZER; /* guards curLogFil
 static tobasBIG_BUF curLogFile = "";
 static atomic_int curLogLevel = LEV0;
 static atomic_int curVerboseLevel = -1; /* nothing echoed until asked for */
-static atomic_int curLogRotate = -1;
-static atomic_int curLogHistory = -1;
+#define SETTING_OFF (-1)                /* rotation or clean-up disabled */
+static atomic_int curLogRotate = SETTING_OFF;
+static atomic_int curLogHistory = SETTING_OFF;
 static pthread_once_t logCondsOnce = PTHREAD_ONCE_INIT;
 
 static void readLogEnv(void) {
@@ -179,7 +180,7 @@ int tobasLogFileRotate(int tmpLogLevel, const char* systemId, char* rotatedLogFi
   tobasTraceEnter("tobasLogFileRotate");
   int rotateAt = atomic_load(&curLogRotate);
   if (rotatedLogFile) rotatedLogFile[0] = '\0';
-  if (rotateAt == -1) {
+  if (rotateAt == SETTING_OFF) {
     return tobasTraceLeave("tobasLogFileRotate", tobasSTAT_SUCCESS);
   }
   tobasBIG_BUF logFile;
@@ -215,7 +216,7 @@ int tobasLogFileRotate(int tmpLogLevel, const char* systemId, char* rotatedLogFi
 int tobasCleanUpRotLogFiles(int tmpLogLevel) {
   tobasTraceEnter("tobasCleanUpRotLogFiles");
   int history = atomic_load(&curLogHistory);
-  if (history == -1) {
+  if (history == SETTING_OFF) {
     return tobasTraceLeave("tobasCleanUpRotLogFiles", tobasSTAT_SUCCESS);
   }
   tobasBIG_BUF logFile, dirName, name;

@@ -59,7 +59,7 @@ int tobasWaitFd(int fd, short events, double timeoutSecs, int maxInterrupts) {
     }
     if (errno != EINTR) return tobasERR_COM;
     ++interrupted;
-    if (maxInterrupts >= 0 && interrupted > maxInterrupts) return tobasERR_COM;
+    if (maxInterrupts != TOBAS_ANY_INTERRUPTS && interrupted > maxInterrupts) return tobasERR_COM;
     tobasLogDebug("Error calling poll() (interrupted system call). Iteration: %d", interrupted);
   }
 }
@@ -171,7 +171,7 @@ int tobasSendAll(int fd, const char* buf, size_t len, int more) {
   while (len > 0) {
     ssize_t n = send(fd, buf, len, MSG_NOSIGNAL | (more ? MSG_MORE : 0));
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-      int stat = tobasWaitFd(fd, POLLOUT, _getTimeOut(), -1);
+      int stat = tobasWaitFd(fd, POLLOUT, _getTimeOut(), TOBAS_ANY_INTERRUPTS);
       if (stat != 0) return stat == tobasERR_TIMEOUT ? stat : TOBAS_SEND_FAILED;
       continue;
     }

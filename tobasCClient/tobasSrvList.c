@@ -6,6 +6,8 @@
 
 #include "tobasInternal.h"
 
+#define NEW_WALK (-1) /* a walk index (and a list's start index) before the first server */
+
 /* ------------------------------------------------------------------ the table of lists */
 
 static tobasSRV_INFO srvInfoList[tobasMAX_SRV_LISTS];
@@ -15,7 +17,7 @@ static pthread_once_t srvInfoOnce = PTHREAD_ONCE_INIT;
 static void initSrvInfoOnce(void) {
   pthread_mutex_lock(&srvInfoMutex);
   memset(srvInfoList, 0, sizeof srvInfoList);
-  for (int i = 0; i < tobasMAX_SRV_LISTS; ++i) srvInfoList[i].srvIdx = -1;
+  for (int i = 0; i < tobasMAX_SRV_LISTS; ++i) srvInfoList[i].srvIdx = NEW_WALK;
   pthread_mutex_unlock(&srvInfoMutex);
 }
 
@@ -71,7 +73,7 @@ int _tobasGetNextSrv(int* idx, tobasSRV_INFO* srvInfo, char* host, int* port) {
     _tobasUnlockSrvInfoSem();
     return tobasTraceLeave("_tobasGetNextSrv", tobasSTAT_FAILURE);
   }
-  if (*idx == -1) {
+  if (*idx == NEW_WALK) {
     srvInfo->srvIdx = srvInfo->srvIdx < 0 ? 0 : (srvInfo->srvIdx + 1) % n;
     *idx = srvInfo->srvIdx;
   } else {
@@ -137,7 +139,7 @@ int tobasParseSrvListId(const char* listId, const char* servers) {
     memset(e, 0, sizeof *e);
     strcpy(e->id, listId);
     e->used = 1;
-    e->srvIdx = -1;
+    e->srvIdx = NEW_WALK;
     e->scheme = tobasCTX_SWITCH_CYCLIC;
     stat = addServers(e, work);
   }
@@ -173,7 +175,7 @@ static int failOver(const char* fn, const char* host, int port, tobasHTTP_DATA* 
   _tobasUnlockSrvInfoSem();
   rep->pdata = NULL;
   rep->fd = 0;
-  for (int i = 0, idx = -1; i < n; ++i) {
+  for (int i = 0, idx = NEW_WALK; i < n; ++i) {
     tobasMED_BUF h;
     int p;
     if (_tobasGetNextSrv(&idx, list, h, &p) != 0) break;
