@@ -190,7 +190,7 @@ static int recvBody(int* sockFd, const char* taken, size_t takenLen, long dataLe
   *data = dataLen >= 0 ? malloc((size_t)dataLen + 1) : NULL;
   if (*data != NULL) {
     long got = (long)takenLen < dataLen ? (long)takenLen : dataLen;
-    memcpy(*data, taken, (size_t)got);
+    if (got > 0) memcpy(*data, taken, (size_t)got);
     stat = recvRest(*sockFd, *data, got, dataLen);
     (*data)[stat == 0 ? dataLen : 0] = '\0';
   }

@@ -31,14 +31,19 @@ struct Exchange {
   tobasHTTP_RESP resp{};
   std::unique_ptr<tobasHTTP_HDR> box{reinterpret_cast<tobasHTTP_HDR*>(new char[sizeof(tobasHTTP_HDR)])};
   tobasHTTP_HDR& hdr = *box;
-  ~Exchange() {
+  ~Exchange() { reset(); }
+  void reset() {  // what the previous request left
     free(data.pdata);
+    data.pdata = nullptr;
     if (data.fd > 0) close(data.fd);
+    data.fd = 0;
   }
   int get(const std::string& host, int port, const std::string& path = "STATUS") {
+    reset();
     return tobasHttpGet(host.c_str(), port, "TOB/AS C-API", path.c_str(), 1, &data, &len, &resp, hdr);
   }
   int post(const std::string& host, int port, const std::string& file, const std::string& mem) {
+    reset();
     return tobasHttpPost(host.c_str(), port, "ignored", "ARCHIVE", "image/fits", "attachment; filename=\"x\"",
                          file.c_str(), mem.data(), static_cast<long>(mem.size()), &data, &len, &resp, hdr);
   }
