@@ -294,6 +294,27 @@ int tobasGenSendCmd(const char* host, int port, float timeoutSecs, int cmdCode,
 
 /* ------------------------------------------------------------------ archiving */
 
+/* Archive pull: the server fetches the file at the URI; the parameters go into the query. */
+static void pullPath(tobasCommand* c, const char* cmdName, const char* fileUri, const char* mimeType,
+                     const tobasPAR_ARRAY* parArray) {
+  tobasCmdAppend(c, "%s?filename=\"%s\"&mime_type=\"%s\"", cmdName, tobasCmdEncode(c, fileUri, 1), mimeType);
+  for (int i = 0; i < parCount(parArray); ++i)
+    tobasCmdAppend(c, "&%s=\"%s\"", parArray->parArray[i], tobasCmdEncode(c, parArray->valArray[i], 0));
+}
+
+/* Archive push: the path is the command; the content disposition, built in the path's buffer
+ * and then moved to c->enc, carries the file name and the parameters. */
+static void pushDisposition(tobasCommand* c, const char* cmdName, const char* fileUri,
+                            const tobasPAR_ARRAY* parArray) {
+  tobasCmdAppend(c, "attachment; filename=\"%s\"", tobasCmdEncode(c, fileUri, 1));
+  for (int i = 0; i < parCount(parArray); ++i)
+    tobasCmdAppend(c, "; %s=\"%s\"", parArray->parArray[i], parArray->valArray[i]);
+  if (c->stat == 0) {
+    strcpy(c->enc, c->path);
+    strcpy(c->path, cmdName);
+  }
+}
+
 int tobasGenSendData(const char* host, int port, int cmdCode, float timeoutSecs, const char* fileUri,
                      const char* mimeType, const tobasPAR_ARRAY* parArray, tobasSTATUS* status) {
   tobasCommand c;
@@ -302,23 +323,14 @@ int tobasGenSendData(const char* host, int port, int cmdCode, float timeoutSecs,
   if (fileUri == NULL) fileUri = "";
   if (mimeType == NULL) mimeType = "";
   if (c.stat == 0 && tobasCmd2Str(cmdCode, cmdName) != 0) c.stat = tobasERR_UNKNOWN_CMD;
-  const char* uri = tobasCmdEncode(&c, fileUri, 1);
-  if (strstr(fileUri, "file:") || strstr(fileUri, "http:") || strstr(fileUri, "ftp:")) {
-    tobasCmdAppend(&c, "%s?filename=\"%s\"&mime_type=\"%s\"", cmdName, uri, mimeType);
-    for (int i = 0; i < parCount(parArray); ++i)
-      tobasCmdAppend(&c, "&%s=\"%s\"", parArray->parArray[i], tobasCmdEncode(&c, parArray->valArray[i], 0));
-    return tobasCmdGet(&c, host, port, status);
-  }
-  /* A local file: pushed, its parameters in the content disposition, built in the path's buffer. */
-  tobasCmdAppend(&c, "attachment; filename=\"%s\"", uri);
-  for (int i = 0; i < parCount(parArray); ++i)
-    tobasCmdAppend(&c, "; %s=\"%s\"", parArray->parArray[i], parArray->valArray[i]);
-  if (c.stat == 0) {
-    strcpy(c.enc, c.path);
-    strcpy(c.path, cmdName);
-  }
-  return cmdPost(&c, host, port, mimeType[0] ? mimeType : DEFAULT_ARCHIVE_MIME, c.enc, fileUri, NULL, 0,
-                 status);
+  const int pull = strstr(fileUri, "file:") || strstr(fileUri, "http:") || strstr(fileUri, "ftp:");
+  if (pull)
+    pullPath(&c, cmdName, fileUri, mimeType, parArray);
+  else
+    pushDisposition(&c, cmdName, fileUri, parArray);
+  return pull ? tobasCmdGet(&c, host, port, status)
+              : cmdPost(&c, host, port, mimeType[0] ? mimeType : DEFAULT_ARCHIVE_MIME, c.enc, fileUri, NULL,
+                        0, status);
 }
 
 int tobasArchive(const char* host, int port, float timeoutSecs, const char* fileUri, const char* mimeType,
