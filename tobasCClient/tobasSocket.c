@@ -5,7 +5,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <limits.h>
-#include <math.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -44,14 +43,19 @@ float _getTimeOut(void) {
 
 /* ------------------------------------------------------------------ waiting */
 
+/* Milliseconds for poll() from seconds left, rounded up so that a wait never ends early. */
+static int pollMs(double left) {
+  if (left <= 0) return 0;
+  double ms = left * 1000.0 + 1.0;
+  return ms > INT_MAX ? INT_MAX : (int)ms;
+}
+
 int tobasWaitFd(int fd, short events, double timeoutSecs, int maxInterrupts) {
   const double deadline = tobasNow() + timeoutSecs;
   int interrupted = 0;
   for (;;) {
-    double left = deadline - tobasNow();
-    double ms = left > 0 ? ceil(left * 1000.0) : 0;
     struct pollfd pfd = {fd, events, 0};
-    int r = poll(&pfd, 1, ms > INT_MAX ? INT_MAX : (int)ms);
+    int r = poll(&pfd, 1, pollMs(deadline - tobasNow()));
     if (r > 0) return tobasSTAT_SUCCESS;
     if (r == 0) {
       if (tobasNow() >= deadline) return tobasERR_TIMEOUT;
@@ -79,8 +83,7 @@ int _pollFd(int fd, float timeoutSecs) {
 static int awaitConnect(int sockFd, double deadline) {
   struct pollfd pfd = {sockFd, POLLOUT, 0};
   for (;;) {
-    double left = deadline - tobasNow();
-    int r = poll(&pfd, 1, left > 0 ? (int)ceil(left * 1000.0) : 0);
+    int r = poll(&pfd, 1, pollMs(deadline - tobasNow()));
     if (r > 0) break;
     if (r == 0 && tobasNow() >= deadline) return ETIMEDOUT;
     if (r < 0 && errno != EINTR) return errno; /* a signal: wait on within the bound */
@@ -191,7 +194,7 @@ int tobasSendFile(int sock, int file, long len) {
     ssize_t n = read(file, piece, len < TOBAS_SEND_PIECE ? (size_t)len : TOBAS_SEND_PIECE);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) stat = tobasERR_FILE; /* unreadable, or shorter than its announced size */
-    if (n > 0) stat = tobasSendAll(sock, piece, (size_t)n, len > n);
+    if (n > 0) stat = tobasSendAll(sock, piece, (size_t)n, 0);
     len -= n;
   }
   free(piece);
