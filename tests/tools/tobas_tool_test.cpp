@@ -13,12 +13,12 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "tests/support/ArchiveServer.h"
-
-extern char** environ;
 
 namespace {
 
@@ -34,22 +34,16 @@ struct ToolRun {
   std::string out, err;
 };
 
-// Runs the tool with `args` in `cwd` (PWD set to it) and waits for it; its standard error goes
-// to `errFd` when one is given.
-ToolRun tool(const std::vector<std::string>& args, const std::string& cwd = "", int errFd = -1) {
+// Runs the tool with the blank-separated `args` in `cwd` (PWD set to it) and waits for it; its
+// standard error goes to `errFd` when one is given.
+ToolRun tool(const std::string& args, const std::string& cwd = "", int errFd = -1) {
   ScratchDir io;
   const std::string outFile = io.file("out"), errFile = io.file("err");
-  std::vector<char*> argv{const_cast<char*>(TOBAS_TOOL)};
-  for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  std::istringstream line((cwd.empty() ? "" : "/usr/bin/env PWD=" + cwd + " ") + TOBAS_TOOL " " + args);
+  std::vector<std::string> words{std::istream_iterator<std::string>(line), {}};
+  std::vector<char*> argv;
+  for (auto& w : words) argv.push_back(w.data());
   argv.push_back(nullptr);
-  std::vector<std::string> envStore;
-  for (char** e = environ; *e; ++e)
-    if (std::string(*e).rfind("PWD=", 0) != 0) envStore.emplace_back(*e);
-  if (!cwd.empty()) envStore.push_back("PWD=" + cwd);
-  std::vector<char*> envp;
-  for (auto& e : envStore) envp.push_back(const_cast<char*>(e.c_str()));
-  envp.push_back(nullptr);
-
   pid_t pid = fork();
   if (pid == 0) {
     int o = open(outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -58,7 +52,7 @@ ToolRun tool(const std::vector<std::string>& args, const std::string& cwd = "", 
     dup2(e, 2);
     if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(127);
     alarm(kWatchdogSecs);
-    execve(argv[0], argv.data(), envp.data());
+    execv(argv[0], argv.data());
     _exit(127);
   }
   ToolRun r;
@@ -86,50 +80,39 @@ std::vector<std::string> filesUnder(const std::string& dir) {
 
 struct TobasTool : ::testing::Test {
   ArchiveServer srv;
-  std::vector<std::string> server() { return {"-host", "127.0.0.1", "-port", std::to_string(srv.port())}; }
-  std::vector<std::string> at(std::vector<std::string> args) {
-    std::vector<std::string> all = server();
-    all.insert(all.end(), {"-timeOut", "5"});
-    all.insert(all.end(), args.begin(), args.end());
-    return all;
-  }
-  std::string lastRequest() {
-    auto r = srv.requests();
-    return r.empty() ? std::string() : r.back();
+  // Runs the tool against `srv` with the blank-separated `args`.
+  ToolRun run(const std::string& args, const std::string& cwd = "", int errFd = -1) {
+    return tool("-host 127.0.0.1 -port " + std::to_string(srv.port()) + " " + args, cwd, errFd);
   }
 };
 
 TEST(TobasToolUsage, InformationAndWrongCommandLines) {
-  ToolRun help = tool({"-help"});
+  ToolRun help = tool("-help");
   EXPECT_EQ(0, help.status);
   for (const char* word :
        {"SYNOPSIS", "RETRIEVE", "-servers", "-par <Parameter> [-val <Val>]", "EXIT STATUS"})
     EXPECT_NE(std::string::npos, help.out.find(word)) << word;
-  EXPECT_EQ(0, tool({"-version"}).status);
-  EXPECT_NE(std::string::npos, tool({"-license"}).out.find("Redistribution"));
+  EXPECT_EQ(0, tool("-version").status);
+  EXPECT_NE(std::string::npos, tool("-license").out.find("Redistribution"));
 
-  const std::vector<std::string> at1{"-host", "127.0.0.1", "-port", "1", "-cmd"};
-  auto line = [&](std::vector<std::string> rest) {
-    rest.insert(rest.begin(), at1.begin(), at1.end());
-    return rest;
-  };
-  std::vector<std::string> tooMany = line({"INIT"});
-  for (int i = 0; i < 17; ++i) tooMany.insert(tooMany.end(), {"-par", "p" + std::to_string(i)});
-  const std::vector<std::pair<std::vector<std::string>, std::string>> wrong{
-      {{}, "no command"},
-      {{"-bogus"}, "unknown option: -bogus"},
-      {{"-host"}, "-host needs a value"},
-      {{"-host", "127.0.0.1", "-port", "99999", "-cmd", "STATUS"}, "invalid port: 99999"},
-      {{"-cmd", "STATUS"}, "no server given"},
-      {{"-servers", "127.0.0.1:1", "-host", "127.0.0.1", "-cmd", "STATUS"}, "exclude each other"},
-      {line({"FROBNICATE"}), "unknown command: FROBNICATE"},
-      {line({"STATUS", "-val", "x"}), "-val must follow -par"},
-      {line({"STATUS", "-timeOut", "soon"}), "invalid time-out: soon"},
-      {line({"STATUS", "-target", "/tmp"}), "-target only goes with RETRIEVE"},
+  const std::string at1 = "-host 127.0.0.1 -port 1 -cmd ";
+  std::string tooMany = at1 + "INIT";
+  for (int i = 0; i < 17; ++i) tooMany += " -par p" + std::to_string(i);
+  const std::vector<std::pair<std::string, std::string>> wrong{
+      {"", "no command"},
+      {"-bogus", "unknown option: -bogus"},
+      {"-host", "-host needs a value"},
+      {"-host 127.0.0.1 -port 99999 -cmd STATUS", "invalid port: 99999"},
+      {"-cmd STATUS", "no server given"},
+      {"-servers 127.0.0.1:1 -host 127.0.0.1 -cmd STATUS", "exclude each other"},
+      {at1 + "FROBNICATE", "unknown command: FROBNICATE"},
+      {at1 + "STATUS -val x", "-val must follow -par"},
+      {at1 + "STATUS -timeOut soon", "invalid time-out: soon"},
+      {at1 + "STATUS -target /tmp", "-target only goes with RETRIEVE"},
       {tooMany, "more than 16 parameters"},
-      {line({"LABEL", "-par", "slot_id"}), "LABEL needs -par slot_id"},
-      {line({"OFFLINE", "-par", "force", "-val", "yes"}), "parameter force: not a number: yes"},
-      {line({"RETRIEVE", "-par", "file_version", "-val", "2"}), "RETRIEVE needs -par file_id"},
+      {at1 + "LABEL -par slot_id", "LABEL needs -par slot_id"},
+      {at1 + "OFFLINE -par force -val yes", "parameter force: not a number: yes"},
+      {at1 + "RETRIEVE -par file_version -val 2", "RETRIEVE needs -par file_id"},
   };
   for (const auto& [args, message] : wrong) {
     ToolRun r = tool(args);
@@ -142,70 +125,40 @@ TEST(TobasToolUsage, InformationAndWrongCommandLines) {
 TEST_F(TobasTool, CommandsAndTheirRequests) {
   using archivetest::statusReply;
   struct Case {
-    std::vector<std::string> args;
-    std::string reply;
+    std::string args, reply;
     int status;
     std::string path, shown;  // shown: on standard output or error
   };
   const Case cases[] = {
-      {{"-cmd", "status", "-status", "-auth", "c2VjcmV0"},
-       statusReply("SUCCESS", "all well"),
-       0,
-       "STATUS",
+      {"-cmd status -status -auth c2VjcmV0", statusReply("SUCCESS", "all well"), 0, "STATUS",
        "Message:        all well"},
       // A command's own parameters take its own path; -noWait asks for an early reply.
-      {{"-cmd", "CLONE", "-noWait", "-par", "file_id", "-val", "f", "-par", "disk_id", "-val", "d=1"},
-       statusReply("SUCCESS", "cloned"),
-       0,
-       "CLONE?wait=\"0\"&file_id=\"f\"&disk_id=\"d=1\"",
-       ""},
-      // Other parameters, and INIT, go in the generic form.
-      {{"-cmd", "INIT", "-par", "a", "-val", "b=c", "-par", "flag", "-d"},
-       statusReply("SUCCESS", "ok"),
-       0,
-       "INIT&a=\"b%3Dc\"&flag",
+      {"-cmd CLONE -noWait -par file_id -val f -par disk_id -val d=1", statusReply("SUCCESS", "cloned"), 0,
+       "CLONE?wait=\"0\"&file_id=\"f\"&disk_id=\"d=1\"", ""},
+      {"-cmd ARCHIVE -timeOut 2.5 -par filename -val file:x -par mime_type -val a/b",
+       statusReply("SUCCESS", ""), 0,
+       "ARCHIVE?filename=\"file:x\"&mime_type=\"a/b\"&no_versioning=\"0\"&wait=\"1\"&time_out=\"3\"", ""},
+      // Other parameters, and INIT, go in the generic form; an archive request takes them along.
+      {"-cmd INIT -par a -val b=c -par flag -d", statusReply("SUCCESS", "ok"), 0, "INIT&a=\"b%3Dc\"&flag",
        "<Status Date="},
-      // An archive request carries further parameters after its own.
-      {{"-cmd", "ARCHIVE", "-par", "filename", "-val", "file:/d/x.fits", "-par", "tag", "-val", "t:1"},
-       statusReply("SUCCESS", "archived"),
-       0,
-       "ARCHIVE?filename=\"file:/d/x.fits\"&mime_type=\"\"&no_versioning=\"0\"&wait=\"1\"&time_out=\"5\"&tag="
-       "\"t%3A1\"",
+      {"-cmd ARCHIVE -timeOut 2.5 -par filename -val file:x -par tag -val t:1", statusReply("SUCCESS", ""), 0,
+       "ARCHIVE?filename=\"file:x\"&mime_type=\"\"&no_versioning=\"0\"&wait=\"1\"&time_out=\"3\"&tag=\"t%"
+       "3A1\"",
        ""},
       // A failure: the status text on standard error, exit status 1.
-      {{"-cmd", "REGISTER", "-par", "path", "-val", "/data"},
-       statusReply("FAILURE", "disk is full"),
-       1,
-       "REGISTER?wait=\"1\"&path=\"/data\"",
-       "REGISTER failed: disk is full"},
-      {{"-cmd", "ONLINE"},
-       archivetest::httpReply(400, "no such command"),
-       1,
-       "ONLINE?wait=\"1\"",
+      {"-cmd REGISTER -par path -val /data", statusReply("FAILURE", "disk is full"), 1,
+       "REGISTER?wait=\"1\"&path=\"/data\"", "REGISTER failed: disk is full"},
+      {"-cmd ONLINE", archivetest::httpReply(400, "no such command"), 1, "ONLINE?wait=\"1\"",
        "ONLINE failed"},
   };
   for (const Case& c : cases) {
     srv.push(c.reply);
-    ToolRun r = tool(at(c.args));
-    EXPECT_EQ(c.status, r.status) << c.path << r.err;
-    EXPECT_EQ(c.path, pathOf(lastRequest()));
+    ToolRun r = run(c.args);
+    EXPECT_EQ(c.status, r.status) << c.args << ": " << r.err;
+    EXPECT_EQ(c.path, pathOf(srv.requests().back()));
     EXPECT_NE(std::string::npos, (r.out + r.err).find(c.shown)) << r.out << r.err;
   }
   EXPECT_NE(std::string::npos, srv.requests().front().find("Authorization: Basic%20c2VjcmV0"));
-}
-
-TEST_F(TobasTool, ArchivePush) {
-  ScratchDir dir;
-  const std::string content(300000, 'k');
-  archivetest::writeFile(dir.file("in.fits"), content);
-  srv.push(archivetest::statusReply("SUCCESS", "archived"));
-  ToolRun push = tool(at({"-cmd", "ARCHIVE", "-par", "filename", "-val", dir.file("in.fits"), "-par",
-                          "mime_type", "-val", "image/fits"}));
-  EXPECT_EQ(0, push.status) << push.err;
-  const std::string req = lastRequest();
-  EXPECT_EQ(0u, req.rfind("POST /ARCHIVE HTTP/1.0\r\n", 0)) << req.substr(0, 80);
-  EXPECT_NE(std::string::npos, req.find("Content-type: image/fits"));
-  EXPECT_EQ(content, req.substr(req.size() - content.size()));
 }
 
 // Retrieval into a named file, a folder, and by default the working folder "work" (which holds
@@ -236,23 +189,18 @@ TEST_F(TobasTool, Retrieval) {
     archivetest::Reply reply{archivetest::fileReply(c.served, body)};
     if (c.sent != kWhole) reply.cutAfter = reply.bytes.size() - body.size() + c.sent;
     srv.push(reply);
-    std::vector<std::string> args = server();
-    args.insert(args.end(), {"-cmd", "RETRIEVE", "-par", "file_id", "-val", "X:1"});
-    if (!c.target.empty()) args.insert(args.end(), {"-target", root.file(c.target)});
-    ToolRun r = tool(args, root.file("work"));
+    const std::string target = c.target.empty() ? "" : " -target " + root.file(c.target);
+    ToolRun r = run("-cmd RETRIEVE -par file_id -val X:1" + target, root.file("work"));
 
     EXPECT_EQ(c.status, r.status) << c.served << ": " << r.err;
     EXPECT_EQ(c.written.empty() ? std::vector<std::string>{} : std::vector<std::string>{c.written},
               filesUnder(root.path()))
         << c.served;
-    if (c.status == 0) {
-      EXPECT_EQ(root.file(c.written) + "\n", r.out);
-      EXPECT_EQ(body, readFile(root.file(c.written)));
-    } else {
-      EXPECT_NE(std::string::npos, r.err.find("RETRIEVE failed: ")) << r.err;
-    }
+    EXPECT_EQ(c.status == 0 ? root.file(c.written) + "\n" : "", r.out);
+    EXPECT_EQ(c.status != 0, r.err.find("RETRIEVE failed: ") != std::string::npos) << r.err;
+    EXPECT_EQ(c.status == 0 ? body : "", c.written.empty() ? "" : readFile(root.file(c.written)));
   }
-  EXPECT_EQ("RETRIEVE?file_id=\"X%3A1\"", pathOf(lastRequest()));
+  EXPECT_EQ("RETRIEVE?file_id=\"X%3A1\"", pathOf(srv.requests().back()));
 }
 
 // With standard error on a terminal, a long retrieval shows its progress there.
@@ -271,7 +219,7 @@ TEST_F(TobasTool, ProgressLineOnATerminal) {
   drip.dripChunk = 256 << 10;
   drip.dripDelayMs = 110;  // about 1.3 s in all
   srv.push(drip);
-  ToolRun r = tool(at({"-cmd", "RETRIEVE", "-par", "file_id", "-val", "p", "-target", dir.path()}), "", tty);
+  ToolRun r = run("-cmd RETRIEVE -par file_id -val p -target " + dir.path(), "", tty);
   EXPECT_EQ(0, r.status);
   std::string shown;
   char buf[4096];
@@ -295,9 +243,8 @@ TEST_F(TobasTool, FailOverAcrossAServerList) {
     closedPort = gone.port();
   }
   srv.push(archivetest::statusReply("SUCCESS", "second server"));
-  ToolRun r = tool({"-servers",
-                    "127.0.0.1:" + std::to_string(closedPort) + ",127.0.0.1:" + std::to_string(srv.port()),
-                    "-cmd", "STATUS", "-status", "-timeOut", "5"});
+  ToolRun r = tool("-servers 127.0.0.1:" + std::to_string(closedPort) +
+                   ",127.0.0.1:" + std::to_string(srv.port()) + " -cmd STATUS -status");
   EXPECT_EQ(0, r.status) << r.err;
   EXPECT_NE(std::string::npos, r.out.find("second server"));
 }
