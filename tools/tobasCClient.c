@@ -365,38 +365,36 @@ static void stopProgress(Progress* p) {
 
 /* ------------------------------------------------------------------ commands */
 
-/* One run of a command: where it goes, and where its outcome lands. */
+/* One run of a command: what it was given, and where its outcome lands. */
 typedef struct {
   const Options* o;
-  const char* host;
-  int port;
-  float secs;
-  int wait;
   tobasSTATUS* st;
   char* finalTarget; /* tobasBIG_BUF: the file a retrieval wrote */
 } Call;
 
 /* The server and time-out arguments that every command function begins with. */
-#define SERVER(c) (c)->host, (c)->port, (c)->secs
+#define SERVER(c) (c)->o->host, (c)->o->port, (c)->o->timeOut
 
 static int runStatus(const Call* c) { return tobasStatus(SERVER(c), c->st); }
 
-static int runExit(const Call* c) { return tobasExit(SERVER(c), c->wait, c->st); }
+static int runExit(const Call* c) { return tobasExit(SERVER(c), c->o->wait, c->st); }
 
-static int runOnline(const Call* c) { return tobasOnline(SERVER(c), c->wait, c->st); }
+static int runOnline(const Call* c) { return tobasOnline(SERVER(c), c->o->wait, c->st); }
 
 static int runOffline(const Call* c) {
-  return tobasOffline(SERVER(c), intPar(c->o, "force", 0), c->wait, c->st);
+  return tobasOffline(SERVER(c), intPar(c->o, "force", 0), c->o->wait, c->st);
 }
 
 static int runClone(const Call* c) {
   return tobasClone(SERVER(c), par(c->o, "file_id"), intPar(c->o, "file_version", -1), par(c->o, "disk_id"),
-                    par(c->o, "target_disk_id"), c->wait, c->st);
+                    par(c->o, "target_disk_id"), c->o->wait, c->st);
 }
 
 static int runLabel(const Call* c) { return tobasLabel(SERVER(c), par(c->o, "slot_id"), c->st); }
 
-static int runRegister(const Call* c) { return tobasRegister(SERVER(c), par(c->o, "path"), c->wait, c->st); }
+static int runRegister(const Call* c) {
+  return tobasRegister(SERVER(c), par(c->o, "path"), c->o->wait, c->st);
+}
 
 static int runRemDisk(const Call* c) {
   return tobasRemDisk(SERVER(c), par(c->o, "disk_id"), intPar(c->o, "execute", 0), c->st);
@@ -420,7 +418,7 @@ static int runSubscribe(const Call* c) {
 static int runUnsubscribe(const Call* c) { return tobasUnsubscribe(SERVER(c), par(c->o, "url"), c->st); }
 
 static int runRetrieve(const Call* c) {
-  if (par(c->o, "file_id") == NULL && par(c->o, "internal") == NULL)
+  if (!given(par(c->o, "file_id")) && !given(par(c->o, "internal")))
     return refuse("RETRIEVE needs -par file_id -val <File Id>");
   return tobasGenRetrieve2File(SERVER(c), tobasCMD_RETRIEVE, &c->o->pars, c->o->target ? c->o->target : "",
                                c->finalTarget, c->st);
@@ -449,17 +447,18 @@ static int runArchive(const Call* c) {
   const char* mime = par(c->o, "mime_type");
   const int noVersioning = intPar(c->o, "no_versioning", 0);
   if (onlyKnown(c->o, kArchivePars))
-    return tobasArchive(SERVER(c), file, mime ? mime : "", noVersioning, c->wait, c->st);
+    return tobasArchive(SERVER(c), file, mime ? mime : "", noVersioning, c->o->wait, c->st);
   /* Further parameters travel with the archive request, after the ones tobasArchive sends. */
   tobasPAR_ARRAY all;
   tobasResetParArray(&all);
-  int rc = addIntPar(&all, "no_versioning", noVersioning) | addIntPar(&all, "wait", c->wait) |
-           addIntPar(&all, "time_out", wholeSeconds(c->secs));
+  int rc = addIntPar(&all, "no_versioning", noVersioning) | addIntPar(&all, "wait", c->o->wait) |
+           addIntPar(&all, "time_out", wholeSeconds(c->o->timeOut));
   for (int i = 0; i < c->o->pars.idx && rc == 0; ++i)
     if (!isArchivePar(c->o->pars.parArray[i]))
       rc = tobasAddParAndVal(&all, c->o->pars.parArray[i], c->o->pars.valArray[i]);
   if (rc != 0) return refuse("ARCHIVE: more than %d parameters with the 3 it adds", tobasMAX_PARS);
-  return tobasGenSendData(c->host, c->port, tobasCMD_ARCHIVE, c->secs, file, mime ? mime : "", &all, c->st);
+  return tobasGenSendData(c->o->host, c->o->port, tobasCMD_ARCHIVE, c->o->timeOut, file, mime ? mime : "",
+                          &all, c->st);
 }
 
 static const Param kNoPars[] = {END_OF_PARAMS};
@@ -574,7 +573,7 @@ int main(int argc, char** argv) {
   tobasSTATUS st;
   tobasInitStatus(&st);
   tobasBIG_BUF finalTarget = "";
-  const Call call = {&o, o.host, o.port, o.timeOut, o.wait, &st, finalTarget};
+  const Call call = {&o, &st, finalTarget};
   Progress progress;
   startProgress(&progress, code);
   rc = runCommand(&call, code);
