@@ -239,9 +239,10 @@ int _pollFd(int fd, float timeoutSecs);
 void _setReplyTimeoutFromFloat(float secs);
 float _getTimeOut(void);
 
-/* Reads one line (byte by byte) into buf of max bytes, NUL-terminated. */
+/* Reads one line, never past its newline, into buf of max bytes, NUL-terminated. */
 int tobasReadLine(int* fd, char* buf, int max);
-/* Reads status line and header lines; 0, an error, or 400 (body in repDataRef->pdata). */
+/* Reads status line and header lines, each wait bounded by the reply time-out; the body stays in
+ * the socket. 0, an error, or 400 (body in repDataRef->pdata). */
 int tobasRecvHttpHdr(int* sockFd, tobasHTTP_HDR httpHdr, tobasHTTP_RESP* httpResp, tobasHTTP_DATA* repDataRef,
                      long* dataLen);
 /* Value of a header field (and sub-field) into value (tobasMED_BUF). 0 or tobasERR_INV_REPLY. */

@@ -10,39 +10,85 @@
 extern "C" {
 #endif
 
+#if defined(__GNUC__)
+#define TOBAS_HIDDEN __attribute__((visibility("hidden")))
+#else
+#define TOBAS_HIDDEN
+#endif
+
+/* Result of the text helpers below when the text does not fit its buffer. */
+#define TOBAS_TRUNCATED (-1)
+/* Result of tobasSendAll when the peer no longer takes data. */
+#define TOBAS_SEND_FAILED (-1)
+
+/* Longest reply header line read in one piece (longer lines come in pieces of this size less 1). */
+#define TOBAS_LINE_MAX tobasHUGE_BUF_SIZE
+/* Piece in which a retrieved body moves from the socket into its file. */
+#define TOBAS_IO_CHUNK (1024 * 1024)
+/* Piece in which a file is read and sent. */
+#define TOBAS_SEND_PIECE (512 * 1024)
+
 /* 1 when a DEBUG line would be written somewhere (log or verbose level above 4). */
-int _tobasDebugOn(void);
+TOBAS_HIDDEN int tobasDebugOn(void);
 
-/* Entering and leaving traces of every function. */
-#define TOBAS_ENTER(fn)                                      \
-  do {                                                       \
-    if (_tobasDebugOn()) tobasLogDebug("Entering %s()", fn); \
-  } while (0)
-#define TOBAS_LEAVE(fn, stat)                                               \
-  do {                                                                      \
-    if (_tobasDebugOn()) {                                                  \
-      if ((stat) == 0)                                                      \
-        tobasLogDebug("Leaving %s()", fn);                                  \
-      else                                                                  \
-        tobasLogDebug("Leaving %s()/FAILURE. Status: %d", fn, (int)(stat)); \
-    }                                                                       \
-  } while (0)
+/* Entering and leaving traces of every function. tobasTraceLeave returns stat. */
+static inline void tobasTraceEnter(const char* fn) {
+  if (tobasDebugOn()) tobasLogDebug("Entering %s()", fn);
+}
+static inline int tobasTraceLeave(const char* fn, int stat) {
+  if (tobasDebugOn()) {
+    if (stat == tobasSTAT_SUCCESS)
+      tobasLogDebug("Leaving %s()", fn);
+    else
+      tobasLogDebug("Leaving %s()/FAILURE. Status: %d", fn, stat);
+  }
+  return stat;
+}
 
-/* Copies src into dst of size bytes; -1 (dst holds a truncated copy) if it does not fit. */
-int _tobasCopy(char* dst, size_t size, const char* src);
-/* Appends formatted text to the NUL-terminated buf of size bytes; -1 if it does not fit. */
-int _tobasAppendf(char* buf, size_t size, const char* format, ...) tobasPRINTF_LIKE(3, 4);
-/* Writes all len bytes to a socket (no SIGPIPE) or a file; 0 or -1. */
-int _tobasSendAll(int fd, const char* buf, size_t len);
-int _tobasWriteAll(int fd, const char* buf, size_t len);
+/* Copies src into dst of size bytes; TOBAS_TRUNCATED (dst holds a cut copy) if it does not fit. */
+TOBAS_HIDDEN int tobasCopyStr(char* dst, size_t size, const char* src);
+/* Appends formatted text to the NUL-terminated buf of size bytes; TOBAS_TRUNCATED if it does not fit. */
+TOBAS_HIDDEN int tobasAppendf(char* buf, size_t size, const char* format, ...) tobasPRINTF_LIKE(3, 4);
+/* Writes all len bytes to a file; 0 or -1. */
+TOBAS_HIDDEN int tobasWriteAll(int fd, const char* buf, size_t len);
 /* Seconds on the monotonic clock. */
-double _tobasNow(void);
+TOBAS_HIDDEN double tobasNow(void);
 
-/* Pieces in which body data moves: a received body is spliced (or read) up to this much at a
- * time, a file sent is read in pieces of this size, so that each call moves what the socket
- * holds or takes. */
-#define TOBAS_RECV_CHUNK (1024 * 1024)
-#define TOBAS_SEND_CHUNK (1024 * 1024)
+/* maxInterrupts of tobasWaitFd: a signal never ends the wait. */
+#define TOBAS_ANY_INTERRUPTS (-1)
+/* Waits until fd is ready for `events` or timeoutSecs have passed on the monotonic clock.
+ * Interrupted waits go on with the time left, at most maxInterrupts times.
+ * 0, tobasERR_TIMEOUT or tobasERR_COM. */
+TOBAS_HIDDEN int tobasWaitFd(int fd, short events, double timeoutSecs, int maxInterrupts);
+/* Connected non-blocking socket, as tobasPrepSock. */
+TOBAS_HIDDEN int tobasOpenSocket(const char* host, int port);
+/* Sends all len bytes on a non-blocking socket (no SIGPIPE), each wait bounded by the reply
+ * time-out; `more`: further bytes follow at once. 0, tobasERR_TIMEOUT, or TOBAS_SEND_FAILED. */
+TOBAS_HIDDEN int tobasSendAll(int fd, const char* buf, size_t len, int more);
+/* Sends len bytes of the file `file` from its current position, as tobasSendAll.
+ * 0, tobasERR_TIMEOUT, TOBAS_SEND_FAILED, tobasERR_ALLOC_MEM, or tobasERR_FILE when the file
+ * cannot be read or ends first. */
+TOBAS_HIDDEN int tobasSendFile(int sock, int file, long len);
+
+/* A command being built: its request path, a work buffer for one encoded value, and the first
+ * error met; once an error is set, the steps below leave the command as it is. */
+typedef struct {
+  const char* fn;
+  char* path; /* tobasHUGE_BUF */
+  char* enc;  /* tobasHUGE_BUF */
+  int stat;
+} tobasCommand;
+
+/* Writes the entering trace of fn, sets the reply time-out and clears the status. */
+TOBAS_HIDDEN void tobasCmdBegin(tobasCommand* c, const char* fn, float timeoutSecs, tobasSTATUS* status);
+TOBAS_HIDDEN void tobasCmdAppend(tobasCommand* c, const char* format, ...) tobasPRINTF_LIKE(2, 3);
+/* The encoded value (in c->enc, valid until the next call). */
+TOBAS_HIDDEN const char* tobasCmdEncode(tobasCommand* c, const char* value, int skipScheme);
+/* Sends the GET of c->path (or refuses a command that could not be built), fills status, frees
+ * the command and writes its leaving trace. Returns the transport's code. */
+TOBAS_HIDDEN int tobasCmdGet(tobasCommand* c, const char* host, int port, tobasSTATUS* status);
+/* Ends a command that failed before its request: status filled, command freed, leaving trace. */
+TOBAS_HIDDEN int tobasCmdRefuse(tobasCommand* c, int stat, tobasSTATUS* status);
 
 #ifdef __cplusplus
 }

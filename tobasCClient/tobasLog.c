@@ -15,69 +15,71 @@
 
 #include "tobasInternal.h"
 
-#define TOBAS_LOG_MSG_MAX tobasHUGE_BUF_SIZE
+/* The marker line reads "LOG-ROTATE: <time> - ...": the time starts this far into it. */
+#define MARKER_TIME_OFFSET (sizeof tobasLOG_ROTATE_TAG + 1)
 
-static pthread_mutex_t _logMutex = PTHREAD_MUTEX_INITIALIZER; /* guards _logFile */
-static tobasBIG_BUF _logFile = "";
-static atomic_int _logLevel = LEV0;
-static atomic_int _verboseLevel = -1; /* nothing echoed until asked for */
-static atomic_int _logRotate = -1;
-static atomic_int _logHistory = -1;
-static pthread_once_t _logCondsOnce = PTHREAD_ONCE_INIT;
+static pthread_mutex_t logMutex = PTHREAD_MUTEX_INITIALIZER; /* guards curLogFile */
+static tobasBIG_BUF curLogFile = "";
+static atomic_int curLogLevel = LEV0;
+static atomic_int curVerboseLevel = -1; /* nothing echoed until asked for */
+#define SETTING_OFF (-1)                /* rotation or clean-up disabled */
+static atomic_int curLogRotate = SETTING_OFF;
+static atomic_int curLogHistory = SETTING_OFF;
+static pthread_once_t logCondsOnce = PTHREAD_ONCE_INIT;
 
-static void _readLogEnv(void) {
+static void readLogEnv(void) {
   const char* file = getenv("TOBAS_LOG_FILE");
-  if (file != NULL && strlen(file) < sizeof _logFile) {
-    pthread_mutex_lock(&_logMutex);
-    strcpy(_logFile, file);
-    pthread_mutex_unlock(&_logMutex);
+  if (file != NULL && strlen(file) < sizeof curLogFile) {
+    pthread_mutex_lock(&logMutex);
+    strcpy(curLogFile, file);
+    pthread_mutex_unlock(&logMutex);
   }
   const char* level = getenv("TOBAS_LOG_LEVEL");
-  if (level != NULL && *level) atomic_store(&_logLevel, atoi(level));
+  if (level != NULL && *level) atomic_store(&curLogLevel, atoi(level));
   const char* verbose = getenv("TOBAS_VERBOSE_LEVEL");
-  if (verbose != NULL && *verbose) atomic_store(&_verboseLevel, atoi(verbose));
+  if (verbose != NULL && *verbose) atomic_store(&curVerboseLevel, atoi(verbose));
 }
 
-void tobasInitLogConds(void) { pthread_once(&_logCondsOnce, _readLogEnv); }
+void tobasInitLogConds(void) { pthread_once(&logCondsOnce, readLogEnv); }
 
-int _tobasDebugOn(void) {
+int tobasDebugOn(void) {
   tobasInitLogConds();
-  return atomic_load(&_logLevel) > 4 || atomic_load(&_verboseLevel) > 4;
+  return atomic_load(&curLogLevel) > 4 || atomic_load(&curVerboseLevel) > 4;
 }
 
-static void _currentLogFile(char* out) {
-  pthread_mutex_lock(&_logMutex);
-  strcpy(out, _logFile);
-  pthread_mutex_unlock(&_logMutex);
+static void currentLogFile(char* out) {
+  pthread_mutex_lock(&logMutex);
+  strcpy(out, curLogFile);
+  pthread_mutex_unlock(&logMutex);
 }
 
 void tobasGetLogSettings(char* logFile, int* logLevel, int* verboseLevel, int* logRotate, int* logHistory) {
   tobasInitLogConds();
-  if (logFile) _currentLogFile(logFile);
-  if (logLevel) *logLevel = atomic_load(&_logLevel);
-  if (verboseLevel) *verboseLevel = atomic_load(&_verboseLevel);
-  if (logRotate) *logRotate = atomic_load(&_logRotate);
-  if (logHistory) *logHistory = atomic_load(&_logHistory);
+  if (logFile) currentLogFile(logFile);
+  if (logLevel) *logLevel = atomic_load(&curLogLevel);
+  if (verboseLevel) *verboseLevel = atomic_load(&curVerboseLevel);
+  if (logRotate) *logRotate = atomic_load(&curLogRotate);
+  if (logHistory) *logHistory = atomic_load(&curLogHistory);
 }
 
 void tobasLog_v(const char* type, int level, const char* format, va_list args) {
   tobasInitLogConds();
-  int toFile = level <= atomic_load(&_logLevel);
-  int toStdout = level <= atomic_load(&_verboseLevel);
+  int toFile = level <= atomic_load(&curLogLevel);
+  int toStdout = level <= atomic_load(&curVerboseLevel);
   if (!toFile && !toStdout) return;
 
   char stamp[tobasSMALL_BUF_SIZE];
   tobasGenIsoTime(3, stamp);
-  char* msg = malloc(TOBAS_LOG_MSG_MAX);
+  char* msg = malloc(tobasHUGE_BUF_SIZE);
   if (msg == NULL) return;
-  vsnprintf(msg, TOBAS_LOG_MSG_MAX, format, args);
+  vsnprintf(msg, tobasHUGE_BUF_SIZE, format, args);
   char head[tobasSMALL_BUF_SIZE + 32], tail[48];
   snprintf(head, sizeof head, "%s [%s] ", stamp, type);
   snprintf(tail, sizeof tail, " [%lu]\n", (unsigned long)pthread_self());
 
   if (toFile) {
     tobasBIG_BUF file;
-    _currentLogFile(file);
+    currentLogFile(file);
     if (file[0] != '\0') {
       int fd = open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
       if (fd < 0) {
@@ -125,7 +127,7 @@ void tobasLogInfo(int level, const char* format, ...) {
 }
 
 void tobasLogDebug(const char* format, ...) {
-  if (!_tobasDebugOn()) return;
+  if (!tobasDebugOn()) return;
   va_list ap;
   va_start(ap, format);
   tobasLog_v(tobasLOG_DEBUG, LEV5, format, ap);
@@ -135,13 +137,13 @@ void tobasLogDebug(const char* format, ...) {
 int tobasPrepLog(const char* logFile, int logLevel, int logRotate, int logHistory) {
   tobasInitLogConds();
   if (logFile == NULL) logFile = "";
-  if (strlen(logFile) >= sizeof _logFile) return tobasERR_OPEN_LOG_FILE;
-  pthread_mutex_lock(&_logMutex);
-  strcpy(_logFile, logFile);
-  pthread_mutex_unlock(&_logMutex);
-  atomic_store(&_logLevel, logLevel);
-  atomic_store(&_logRotate, logRotate);
-  atomic_store(&_logHistory, logHistory);
+  if (strlen(logFile) >= sizeof curLogFile) return tobasERR_OPEN_LOG_FILE;
+  pthread_mutex_lock(&logMutex);
+  strcpy(curLogFile, logFile);
+  pthread_mutex_unlock(&logMutex);
+  atomic_store(&curLogLevel, logLevel);
+  atomic_store(&curLogRotate, logRotate);
+  atomic_store(&curLogHistory, logHistory);
   if (logFile[0] == '\0') return tobasSTAT_SUCCESS;
   int fd = open(logFile, O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
   if (fd < 0) return tobasERR_OPEN_LOG_FILE;
@@ -151,11 +153,11 @@ int tobasPrepLog(const char* logFile, int logLevel, int logRotate, int logHistor
 
 void tobasSetVerboseLevel(int level) {
   tobasInitLogConds();
-  atomic_store(&_verboseLevel, level);
+  atomic_store(&curVerboseLevel, level);
 }
 
 /* Time of the last rotation, from the marker line at the top of the log; 0 without one. */
-static long _lastRotation(const char* logFile) {
+static long lastRotation(const char* logFile) {
   char head[257];
   int fd = open(logFile, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return 0;
@@ -168,31 +170,29 @@ static long _lastRotation(const char* logFile) {
     char* tag = strstr(head + off, tobasLOG_ROTATE_TAG);
     if (tag != NULL) {
       size_t avail = strlen(tag);
-      return avail > 12 ? strtol(tag + 12, NULL, 10) : 0;
+      return avail > MARKER_TIME_OFFSET ? strtol(tag + MARKER_TIME_OFFSET, NULL, 10) : 0;
     }
   }
   return 0;
 }
 
 int tobasLogFileRotate(int tmpLogLevel, const char* systemId, char* rotatedLogFile) {
-  TOBAS_ENTER("tobasLogFileRotate");
-  int rotateAt = atomic_load(&_logRotate);
+  tobasTraceEnter("tobasLogFileRotate");
+  int rotateAt = atomic_load(&curLogRotate);
   if (rotatedLogFile) rotatedLogFile[0] = '\0';
-  if (rotateAt == -1) {
-    TOBAS_LEAVE("tobasLogFileRotate", 0);
-    return tobasSTAT_SUCCESS;
+  if (rotateAt == SETTING_OFF) {
+    return tobasTraceLeave("tobasLogFileRotate", tobasSTAT_SUCCESS);
   }
   tobasBIG_BUF logFile;
-  _currentLogFile(logFile);
+  currentLogFile(logFile);
   time_t now = time(NULL);
   struct tm local;
   tzset();
   localtime_r(&now, &local);
   long timeOfDay = local.tm_hour * 3600L + local.tm_min * 60L + local.tm_sec;
-  long last = _lastRotation(logFile);
+  long last = lastRotation(logFile);
   if (!((long)now - last > 86400 && timeOfDay >= rotateAt)) {
-    TOBAS_LEAVE("tobasLogFileRotate", 0);
-    return tobasSTAT_SUCCESS;
+    return tobasTraceLeave("tobasLogFileRotate", tobasSTAT_SUCCESS);
   }
   tobasLogInfo(tmpLogLevel, "Rotating log file ...");
   tobasBIG_BUF dir, name, rotated;
@@ -200,37 +200,32 @@ int tobasLogFileRotate(int tmpLogLevel, const char* systemId, char* rotatedLogFi
       snprintf(rotated, sizeof rotated, "%s/%s_%ld_%s", dir, tobasLOG_ROTATE_TAG, (long)now, name) >=
           (int)sizeof rotated) {
     tobasLogError("Serious error ocurred rotating log file: %s - rotated log file: %s!", logFile, "");
-    TOBAS_LEAVE("tobasLogFileRotate", 1);
-    return tobasSTAT_FAILURE;
+    return tobasTraceLeave("tobasLogFileRotate", tobasSTAT_FAILURE);
   }
   if (rotatedLogFile) strcpy(rotatedLogFile, rotated);
   if (rename(logFile, rotated) != 0) {
     tobasLogError("Serious error ocurred rotating log file: %s - rotated log file: %s!", logFile, rotated);
-    TOBAS_LEAVE("tobasLogFileRotate", 1);
-    return tobasSTAT_FAILURE;
+    return tobasTraceLeave("tobasLogFileRotate", tobasSTAT_FAILURE);
   }
-  tobasPrepLog(logFile, atomic_load(&_logLevel), rotateAt, atomic_load(&_logHistory));
+  tobasPrepLog(logFile, atomic_load(&curLogLevel), rotateAt, atomic_load(&curLogHistory));
   tobasLogInfo(tmpLogLevel, "%s: %ld - SYSTEM-ID: %s", tobasLOG_ROTATE_TAG, (long)now,
                systemId ? systemId : "");
-  TOBAS_LEAVE("tobasLogFileRotate", 0);
-  return tobasSTAT_SUCCESS;
+  return tobasTraceLeave("tobasLogFileRotate", tobasSTAT_SUCCESS);
 }
 
 int tobasCleanUpRotLogFiles(int tmpLogLevel) {
-  TOBAS_ENTER("tobasCleanUpRotLogFiles");
-  int history = atomic_load(&_logHistory);
-  if (history == -1) {
-    TOBAS_LEAVE("tobasCleanUpRotLogFiles", 0);
-    return tobasSTAT_SUCCESS;
+  tobasTraceEnter("tobasCleanUpRotLogFiles");
+  int history = atomic_load(&curLogHistory);
+  if (history == SETTING_OFF) {
+    return tobasTraceLeave("tobasCleanUpRotLogFiles", tobasSTAT_SUCCESS);
   }
   tobasBIG_BUF logFile, dirName, name;
-  _currentLogFile(logFile);
+  currentLogFile(logFile);
   tobasSplitFilename(logFile, dirName, name);
   DIR* dir = opendir(dirName);
   if (dir == NULL) {
     tobasLogError("Error opening Log Files Directory: %s", dirName);
-    TOBAS_LEAVE("tobasCleanUpRotLogFiles", 1);
-    return tobasSTAT_FAILURE;
+    return tobasTraceLeave("tobasCleanUpRotLogFiles", tobasSTAT_FAILURE);
   }
   time_t now = time(NULL);
   const size_t prefix = strlen(tobasLOG_ROTATE_TAG) + 1; /* the word and its '_' */
@@ -245,6 +240,5 @@ int tobasCleanUpRotLogFiles(int tmpLogLevel) {
     }
   }
   closedir(dir);
-  TOBAS_LEAVE("tobasCleanUpRotLogFiles", 0);
-  return tobasSTAT_SUCCESS;
+  return tobasTraceLeave("tobasCleanUpRotLogFiles", tobasSTAT_SUCCESS);
 }

@@ -7,37 +7,43 @@
 
 #include "tobasInternal.h"
 
-void tobasInitStatus(tobasSTATUS* status) { memset(status, 0, sizeof *status); }
+void tobasInitStatus(tobasSTATUS* status) {
+  tobasTraceEnter("tobasInitStatus");
+  memset(status, 0, sizeof *status);
+  tobasTraceLeave("tobasInitStatus", tobasSTAT_SUCCESS);
+}
 
 void tobasFreeStatus(tobasSTATUS* status) {
-  if (status->replyData[0] != NULL) {
-    free(status->replyData[0]);
-    status->replyData[0] = NULL;
-  }
+  tobasTraceEnter("tobasFreeStatus");
+  free(status->replyData[0]);
+  status->replyData[0] = NULL;
+  tobasTraceLeave("tobasFreeStatus", tobasSTAT_SUCCESS);
+}
+
+/* Where the value of attribute attr of the first element pt starts in xmlDoc (past its '"'), or NULL. */
+static const char* attrValue(const char* xmlDoc, const char* pt, const char* attr) {
+  char key[tobasMED_BUF_SIZE + 2];
+  if (xmlDoc == NULL || snprintf(key, sizeof key, "<%s", pt) >= (int)sizeof key) return NULL;
+  const char* p = strstr(xmlDoc, key);
+  if (p == NULL || snprintf(key, sizeof key, "%s=", attr) >= (int)sizeof key) return NULL;
+  p = strstr(p + strlen(pt) + 1, key);
+  if (p != NULL) p = strchr(p + strlen(key), '"');
+  return p != NULL ? p + 1 : NULL;
 }
 
 int tobasGetXmlAttr(const char* xmlDoc, const char* pt, const char* attr, int maxValLen, char* value) {
-  char key[tobasMED_BUF_SIZE + 2];
-  if (xmlDoc == NULL || maxValLen <= 0 || snprintf(key, sizeof key, "<%s", pt) >= (int)sizeof key)
-    return tobasERR_INV_REPLY;
-  const char* p = strstr(xmlDoc, key);
-  if (p == NULL) return tobasERR_INV_REPLY;
-  p += strlen(key);
-  if (snprintf(key, sizeof key, "%s=", attr) >= (int)sizeof key) return tobasERR_INV_REPLY;
-  p = strstr(p, key);
-  if (p == NULL) return tobasERR_INV_REPLY;
-  p = strchr(p + strlen(key), '"');
-  if (p == NULL) return tobasERR_INV_REPLY;
-  ++p;
-  const char* end = strchr(p, '"');
-  if (end == NULL || end - p >= maxValLen) return tobasERR_INV_REPLY;
+  tobasTraceEnter("tobasGetXmlAttr");
+  const char* p = attrValue(xmlDoc, pt, attr);
+  const char* end = p != NULL ? strchr(p, '"') : NULL;
+  if (end == NULL || maxValLen <= 0 || end - p >= maxValLen)
+    return tobasTraceLeave("tobasGetXmlAttr", tobasERR_INV_REPLY);
   memcpy(value, p, (size_t)(end - p));
   value[end - p] = '\0';
-  return tobasSTAT_SUCCESS;
+  return tobasTraceLeave("tobasGetXmlAttr", tobasSTAT_SUCCESS);
 }
 
 int tobasUnpackStatus(char* xmlDoc, tobasSTATUS* status) {
-  TOBAS_ENTER("tobasUnpackStatus");
+  tobasTraceEnter("tobasUnpackStatus");
   static const char* const el = "Status";
   int stat = tobasSTAT_SUCCESS;
   if (tobasGetXmlAttr(xmlDoc, el, "Date", tobasSMALL_BUF_SIZE, status->date) != 0 ||
@@ -77,12 +83,11 @@ int tobasUnpackStatus(char* xmlDoc, tobasSTATUS* status) {
   } else {
     status->replyData[0] = xmlDoc;
   }
-  TOBAS_LEAVE("tobasUnpackStatus", stat);
-  return stat;
+  return tobasTraceLeave("tobasUnpackStatus", stat);
 }
 
 int tobasHandleStatus(int retCode, tobasHTTP_DATA* repDataRef, tobasSTATUS* status) {
-  TOBAS_ENTER("tobasHandleStatus");
+  tobasTraceEnter("tobasHandleStatus");
   tobasInitStatus(status);
   char* doc = repDataRef ? repDataRef->pdata : NULL;
   if (doc == NULL) {
@@ -94,87 +99,65 @@ int tobasHandleStatus(int retCode, tobasHTTP_DATA* repDataRef, tobasSTATUS* stat
     if (tobasUnpackStatus(doc, status) != 0) status->replyData[0] = doc; /* still freed with the record */
   }
   if (status->errorCode == tobasERR_TIMEOUT)
-    _tobasAppendf(status->message, sizeof status->message, ". Timeout: %.3fs", _getTimeOut());
-  TOBAS_LEAVE("tobasHandleStatus", 0);
-  return tobasSTAT_SUCCESS;
+    tobasAppendf(status->message, sizeof status->message, ". Timeout: %.3fs", _getTimeOut());
+  return tobasTraceLeave("tobasHandleStatus", tobasSTAT_SUCCESS);
 }
+
+/* Texts of the status codes; the spelling of "sucessfully" is required. */
+static const struct {
+  int code;
+  const char* text;
+} statTexts[] = {
+    {tobasSTAT_SUCCESS, "Status OK"},
+    {tobasERR_HOST, "No such host"},
+    {tobasERR_SOCK, "Cannot create socket"},
+    {tobasERR_CON, "Cannot connect to host/server"},
+    {tobasERR_COM, "Problem communicating with server"},
+    {tobasERR_TIMEOUT, "Timeout encountered while communicating with server"},
+    {tobasERR_WR_HD, "Write error on socket while writing header"},
+    {tobasERR_WR_DATA, "Write error on socket while writing data"},
+    {tobasERR_RD_DATA, "Read error while reading data"},
+    {tobasERR_INV_REPLY, "Invalid reply from data server"},
+    {tobasERR_FILE, "Invalid filename specified"},
+    {tobasERR_ALLOC_MEM, "Cannot allocate memory"},
+    {tobasERR_UNKNOWN_STAT, "Unknown status code"},
+    {tobasERR_UNKNOWN_CMD, "Unknown command issued"},
+    {tobasERR_INV_TARG_FILE, "Invalid target filename specified"},
+    {tobasERR_INV_PARS, "Illegal parameters given"},
+    {tobasERR_OPEN_LOG_FILE, "Could not open specified log file"},
+    {tobasSRV_OK, "Request sucessfully handled by server"},
+    {tobasSRV_INV_QUERY, "Invalid query"},
+};
 
 int tobasStat2Str(int statusCode, char* buf) {
-  const char* text = NULL;
-  switch (statusCode) {
-    case tobasSTAT_SUCCESS:
-      text = "Status OK";
-      break;
-    case tobasERR_HOST:
-      text = "No such host";
-      break;
-    case tobasERR_SOCK:
-      text = "Cannot create socket";
-      break;
-    case tobasERR_CON:
-      text = "Cannot connect to host/server";
-      break;
-    case tobasERR_COM:
-      text = "Problem communicating with server";
-      break;
-    case tobasERR_TIMEOUT:
-      text = "Timeout encountered while communicating with server";
-      break;
-    case tobasERR_WR_HD:
-      text = "Write error on socket while writing header";
-      break;
-    case tobasERR_WR_DATA:
-      text = "Write error on socket while writing data";
-      break;
-    case tobasERR_RD_DATA:
-      text = "Read error while reading data";
-      break;
-    case tobasERR_INV_REPLY:
-      text = "Invalid reply from data server";
-      break;
-    case tobasERR_FILE:
-      text = "Invalid filename specified";
-      break;
-    case tobasERR_ALLOC_MEM:
-      text = "Cannot allocate memory";
-      break;
-    case tobasERR_UNKNOWN_STAT:
-      text = "Unknown status code";
-      break;
-    case tobasERR_UNKNOWN_CMD:
-      text = "Unknown command issued";
-      break;
-    case tobasERR_INV_TARG_FILE:
-      text = "Invalid target filename specified";
-      break;
-    case tobasERR_INV_PARS:
-      text = "Illegal parameters given";
-      break;
-    case tobasERR_OPEN_LOG_FILE:
-      text = "Could not open specified log file";
-      break;
-    case tobasSRV_OK:
-      text = "Request sucessfully handled by server";
-      break;
-    case tobasSRV_INV_QUERY:
-      text = "Invalid query";
-      break;
-    default:
-      return tobasERR_UNKNOWN_STAT;
+  tobasTraceEnter("tobasStat2Str");
+  for (size_t i = 0; i < sizeof statTexts / sizeof statTexts[0]; ++i) {
+    if (statTexts[i].code == statusCode) {
+      strcpy(buf, statTexts[i].text);
+      return tobasTraceLeave("tobasStat2Str", tobasSTAT_SUCCESS);
+    }
   }
-  strcpy(buf, text);
-  return tobasSTAT_SUCCESS;
+  return tobasTraceLeave("tobasStat2Str", tobasERR_UNKNOWN_STAT);
 }
 
-int tobasSuccess(const tobasSTATUS* status) { return strcmp(status->status, "SUCCESS") == 0 ? 1 : 0; }
+int tobasSuccess(const tobasSTATUS* status) {
+  tobasTraceEnter("tobasSuccess");
+  int success = strcmp(status->status, "SUCCESS") == 0;
+  tobasTraceLeave("tobasSuccess", tobasSTAT_SUCCESS);
+  return success;
+}
 
 int tobasLogCodeInStatus(const tobasSTATUS* status, const char* errId) {
+  tobasTraceEnter("tobasLogCodeInStatus");
   char key[tobasMED_BUF_SIZE + 2];
-  if (snprintf(key, sizeof key, "%s:", errId) >= (int)sizeof key) return 0;
-  return strstr(status->message, key) != NULL ? 1 : 0;
+  int found =
+      snprintf(key, sizeof key, "%s:", errId) < (int)sizeof key && strstr(status->message, key) != NULL;
+  tobasTraceLeave("tobasLogCodeInStatus", tobasSTAT_SUCCESS);
+  return found;
 }
 
 void tobasDumpStatStdout(const tobasSTATUS* status) {
+  tobasTraceEnter("tobasDumpStatStdout");
   if (status->date[0]) printf("\nDate:           %s", status->date);
   printf("\nError Code:     %d", (int)status->errorCode);
   if (status->hostId[0]) printf("\nHost ID:        %s", status->hostId);
@@ -184,25 +167,28 @@ void tobasDumpStatStdout(const tobasSTATUS* status) {
   if (status->subState[0]) printf("\nSub-State:      %s", status->subState);
   if (status->version[0]) printf("\nTOB/AS Version: %s", status->version);
   puts("\n");
+  tobasTraceLeave("tobasDumpStatStdout", tobasSTAT_SUCCESS);
 }
 
-static const char* const _cmdNames[] = {
+static const char* const cmdNames[] = {
     "ARCHIVE",  "CHECKFILE", "CLONE",   "DISCARD", "EXIT",     "INIT",   "LABEL",     "ONLINE",     "OFFLINE",
     "REGISTER", "REMDISK",   "REMFILE", "RESTORE", "RETRIEVE", "STATUS", "SUBSCRIBE", "UNSUBSCRIBE"};
-#define TOBAS_CMD_COUNT ((int)(sizeof _cmdNames / sizeof _cmdNames[0]))
+#define CMD_COUNT ((int)(sizeof cmdNames / sizeof cmdNames[0]))
 
 int tobasCmd2No(const char* cmdStr, int* code) {
-  for (int i = 0; cmdStr != NULL && i < TOBAS_CMD_COUNT; ++i) {
-    if (strcmp(cmdStr, _cmdNames[i]) == 0) {
+  tobasTraceEnter("tobasCmd2No");
+  for (int i = 0; cmdStr != NULL && i < CMD_COUNT; ++i) {
+    if (strcmp(cmdStr, cmdNames[i]) == 0) {
       *code = i;
-      return tobasSTAT_SUCCESS;
+      return tobasTraceLeave("tobasCmd2No", tobasSTAT_SUCCESS);
     }
   }
-  return tobasERR_UNKNOWN_CMD;
+  return tobasTraceLeave("tobasCmd2No", tobasERR_UNKNOWN_CMD);
 }
 
 int tobasCmd2Str(int code, char* buf) {
-  if (code < 0 || code >= TOBAS_CMD_COUNT) return tobasERR_UNKNOWN_CMD;
-  strcpy(buf, _cmdNames[code]);
-  return tobasSTAT_SUCCESS;
+  tobasTraceEnter("tobasCmd2Str");
+  if (code < 0 || code >= CMD_COUNT) return tobasTraceLeave("tobasCmd2Str", tobasERR_UNKNOWN_CMD);
+  strcpy(buf, cmdNames[code]);
+  return tobasTraceLeave("tobasCmd2Str", tobasSTAT_SUCCESS);
 }

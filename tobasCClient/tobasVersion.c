@@ -1,2 +1,8 @@
 /* Library version string, kept in the archive client library itself. */
-const char* tobasLibraryVersion(void) { return "libtobasCClient 0.1.0"; }
+#include "tobasInternal.h"
+
+const char* tobasLibraryVersion(void) {
+  tobasTraceEnter("tobasLibraryVersion");
+  tobasTraceLeave("tobasLibraryVersion", tobasSTAT_SUCCESS);
+  return "libtobasCClient 0.1.0";
+}

@@ -10,6 +10,8 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -146,6 +148,15 @@ void ArchiveServer::run() {
         off += static_cast<size_t>(n);
       }
     }
+    while (reply.holdOpen) {
+      pollfd h{fd, POLLIN, 0};
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        if (stop_) break;
+      }
+      char c;
+      if (poll(&h, 1, 50) > 0 && read(fd, &c, 1) <= 0) break;
+    }
     shutdown(fd, SHUT_WR);
     // Let the client read everything before the socket goes away.
     char sink[4096];
@@ -211,11 +222,37 @@ ScratchDir::~ScratchDir() {
   std::filesystem::remove_all(path_, ec);
 }
 
+HangGuard::HangGuard(int seconds)
+    : thread_([this, seconds] {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (!done_.wait_for(lock, std::chrono::seconds(seconds), [this] { return finished_; })) {
+          std::fprintf(stderr, "a call did not return within %d s\n", seconds);
+          std::_Exit(1);
+        }
+      }) {}
+
+HangGuard::~HangGuard() {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    finished_ = true;
+  }
+  done_.notify_one();
+  thread_.join();
+}
+
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream s;
   s << in.rdbuf();
   return s.str();
+}
+
+std::vector<std::string> listDir(const std::string& dir) {
+  std::vector<std::string> names;
+  for (const auto& e : std::filesystem::directory_iterator(dir))
+    names.push_back(e.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 void writeFile(const std::string& path, const std::string& content) {

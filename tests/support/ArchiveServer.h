@@ -22,6 +22,7 @@ struct Reply {
   size_t cutAfter = std::string::npos;  // close after this many bytes of `bytes`
   size_t dripChunk = 0;                 // send in chunks of this size ...
   int dripDelayMs = 0;                  // ... with this pause between them
+  bool holdOpen = false;                // after the bytes, keep the connection open until the client closes
 };
 
 class ArchiveServer {
@@ -91,7 +92,25 @@ class ScratchDir {
   std::string path_;
 };
 
+// Ends the program with a message when it is not destroyed within `seconds`: a test of a call
+// that used to hang fails instead of waiting for ever.
+class HangGuard {
+ public:
+  explicit HangGuard(int seconds);
+  ~HangGuard();
+  HangGuard(const HangGuard&) = delete;
+  HangGuard& operator=(const HangGuard&) = delete;
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable done_;
+  bool finished_ = false;
+  std::thread thread_;
+};
+
 std::string readFile(const std::string& path);
+// Names in a folder (hidden ones too, not "." and ".."), sorted.
+std::vector<std::string> listDir(const std::string& dir);
 void writeFile(const std::string& path, const std::string& content);
 
 }  // namespace archivetest

@@ -22,20 +22,6 @@ int main(void) {
   CHECK(tobasPrepLog(logFile, LEV5, -1, -1) == 0);
   CHECK(_getTimeOut() == 100000.0f); /* never set */
 
-  tobasSMALL_BUF name;
-  CHECK(tobasCmd2Str(tobasCMD_RETRIEVE, name) == 0 && strcmp(name, "RETRIEVE") == 0);
-  tobasBIG_BUF text;
-  CHECK(tobasStat2Str(tobasERR_TIMEOUT, text) == 0);
-
-  tobasPAR_ARRAY pars;
-  tobasResetParArray(&pars);
-  CHECK(tobasAddParAndVal(&pars, "file_id", "x") == 0);
-  CHECK(strcmp(tobasGetParVal(&pars, "file_id"), "x") == 0);
-
-  tobasHUGE_BUF enc;
-  CHECK(tobasEncodeUrlVal("a=b", 0, enc) == 0 && strcmp(enc, "a%3Db") == 0);
-
-  CHECK(tobasParseSrvListId("c-list", "127.0.0.1:1,localhost:2") == 0);
   tobasSTATUS st;
   tobasInitStatus(&st);
   /* An IPv6 literal has no IPv4 address: the lookup fails without asking any resolver. */
