@@ -120,9 +120,9 @@ typedef struct {
   OptionKind kind;
   size_t field;        /* offset of the field in Options */
   const char* invalid; /* what a refused value is called */
-} OptionSpec;
+} OptionDef;
 
-static const OptionSpec kOptions[] = {
+static const OptionDef kOptions[] = {
     {"-host", OPT_TEXT, offsetof(Options, host), NULL},
     {"-port", OPT_PORT, offsetof(Options, port), "invalid port"},
     {"-servers", OPT_TEXT, offsetof(Options, servers), NULL},
@@ -136,17 +136,17 @@ static const OptionSpec kOptions[] = {
     {"-noWait", OPT_CLEAR, offsetof(Options, wait), NULL},
 };
 
-/* Sets the option `spec` from argv[*i] (and the value after it, *i then moved on to it). */
-static int setOption(Options* o, const OptionSpec* spec, int argc, char** argv, int* i) {
-  void* field = (char*)o + spec->field;
-  if (spec->kind == OPT_SET || spec->kind == OPT_CLEAR) {
-    *(int*)field = spec->kind == OPT_SET;
+/* Sets the option `opt` from argv[*i] (and the value after it, *i then moved on to it). */
+static int setOption(Options* o, const OptionDef* opt, int argc, char** argv, int* i) {
+  void* field = (char*)o + opt->field;
+  if (opt->kind == OPT_SET || opt->kind == OPT_CLEAR) {
+    *(int*)field = opt->kind == OPT_SET;
     return KEEP_GOING;
   }
   if (*i + 1 >= argc) return usage("%s needs a value", argv[*i]);
   const char* value = argv[++*i];
   int ok = 1;
-  switch (spec->kind) {
+  switch (opt->kind) {
     case OPT_PORT:
       ok = parseInt(value, 1, MAX_PORT, field) == 0;
       break;
@@ -160,7 +160,7 @@ static int setOption(Options* o, const OptionSpec* spec, int argc, char** argv, 
       *(const char**)field = value;
       break;
   }
-  return ok ? KEEP_GOING : usage("%s: %s", spec->invalid, value);
+  return ok ? KEEP_GOING : usage("%s: %s", opt->invalid, value);
 }
 
 /* -par <Parameter> [-val <Val>] at argv[*i]. */
@@ -205,12 +205,12 @@ static int parseArgs(int argc, char** argv, Options* o) {
       kInfoOptions[k].print();
       return EXIT_SUCCESS;
     }
-    const OptionSpec* spec = NULL;
-    for (size_t k = 0; k < sizeof kOptions / sizeof kOptions[0] && spec == NULL; ++k)
-      if (strcmp(a, kOptions[k].name) == 0) spec = &kOptions[k];
+    const OptionDef* opt = NULL;
+    for (size_t k = 0; k < sizeof kOptions / sizeof kOptions[0] && opt == NULL; ++k)
+      if (strcmp(a, kOptions[k].name) == 0) opt = &kOptions[k];
     int rc;
-    if (spec != NULL)
-      rc = setOption(o, spec, argc, argv, &i);
+    if (opt != NULL)
+      rc = setOption(o, opt, argc, argv, &i);
     else if (strcmp(a, "-par") == 0)
       rc = addPar(o, argc, argv, &i);
     else if (strcmp(a, "-val") == 0)
