@@ -16,6 +16,8 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <pthread.h>
+#include <stdarg.h>
+#include <stddef.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -28,6 +30,15 @@
 #define TOOL "tobasCClient"
 #define EXIT_FAILED 1
 #define EXIT_USAGE 2
+#define KEEP_GOING (-1)         /* the command line is complete: run the command */
+#define WRONG_PARAMETER INT_MIN /* a command refused its parameters (reported) */
+
+#define MAX_PORT 65535
+#define MAX_VERBOSE_LEVEL 5
+#define NO_TIMEOUT (-1.0f)     /* the library's "wait as long as it takes" */
+#define MAX_TIMEOUT_SECS 1e8f  /* the library's longest reply time-out */
+#define PROGRESS_PERIOD_SECS 1 /* between two progress lines */
+#define BYTES_PER_MIB 1048576.0
 
 typedef struct {
   const char* host;
@@ -44,11 +55,27 @@ typedef struct {
   tobasPAR_ARRAY pars;
 } Options;
 
-static int usage(const char* fmt, const char* arg) {
+/* Every wrong command line or parameter is reported this way. */
+static void complain(const char* fmt, va_list ap) {
   fprintf(stderr, "%s: ", TOOL);
-  fprintf(stderr, fmt, arg);
+  vfprintf(stderr, fmt, ap);
   fprintf(stderr, "\n%s: try '%s -help'\n", TOOL, TOOL);
+}
+
+__attribute__((format(printf, 1, 2))) static int usage(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  complain(fmt, ap);
+  va_end(ap);
   return EXIT_USAGE;
+}
+
+__attribute__((format(printf, 1, 2))) static int refuse(const char* fmt, ...) {
+  va_list ap;
+  va_start(ap, fmt);
+  complain(fmt, ap);
+  va_end(ap);
+  return WRONG_PARAMETER;
 }
 
 /* A whole decimal int in [lo, hi]. */
@@ -65,127 +92,173 @@ static int parseSeconds(const char* text, float* out) {
   char* end = NULL;
   errno = 0;
   float v = strtof(text, &end);
-  if (errno != 0 || end == text || *end != '\0' || !(v == v) || v > 1e8f) return -1;
+  if (errno != 0 || end == text || *end != '\0' || !(v == v) || v > MAX_TIMEOUT_SECS) return -1;
   *out = v;
   return 0;
 }
 
-/* Reads the command line into `o`; returns -1 when the caller should exit 0 (help, version,
- * licence printed), EXIT_USAGE on a wrong line, 0 to go on. */
+/* ------------------------------------------------------------------ command line */
+
+static void printManPage(void) { fputs(tobasManPage(), stdout); }
+static void printVersion(void) { printf("%s %s (%s)\n", TOOL, tobasVersion(), tobasVersionDate()); }
+static void printLicense(void) { fputs(tobasLicense(), stdout); }
+
+/* Options that print something and end the tool. */
+static const struct {
+  const char* name;
+  void (*print)(void);
+} kInfoOptions[] = {{"-help", printManPage},
+                    {"-h", printManPage},
+                    {"--help", printManPage},
+                    {"-version", printVersion},
+                    {"-license", printLicense}};
+
+typedef enum { OPT_TEXT, OPT_PORT, OPT_LEVEL, OPT_SECONDS, OPT_SET, OPT_CLEAR } OptionKind;
+
+typedef struct {
+  const char* name;
+  OptionKind kind;
+  size_t field;        /* offset of the field in Options */
+  const char* invalid; /* what a refused value is called */
+} OptionDef;
+
+static const OptionDef kOptions[] = {
+    {"-host", OPT_TEXT, offsetof(Options, host), NULL},
+    {"-port", OPT_PORT, offsetof(Options, port), "invalid port"},
+    {"-servers", OPT_TEXT, offsetof(Options, servers), NULL},
+    {"-cmd", OPT_TEXT, offsetof(Options, cmd), NULL},
+    {"-auth", OPT_TEXT, offsetof(Options, auth), NULL},
+    {"-target", OPT_TEXT, offsetof(Options, target), NULL},
+    {"-v", OPT_LEVEL, offsetof(Options, verbose), "invalid verbose level (0-5)"},
+    {"-timeOut", OPT_SECONDS, offsetof(Options, timeOut), "invalid time-out"},
+    {"-d", OPT_SET, offsetof(Options, printDoc), NULL},
+    {"-status", OPT_SET, offsetof(Options, printStatus), NULL},
+    {"-noWait", OPT_CLEAR, offsetof(Options, wait), NULL},
+};
+
+/* Sets the option `opt` from argv[*i] (and the value after it, *i then moved on to it). */
+static int setOption(Options* o, const OptionDef* opt, int argc, char** argv, int* i) {
+  void* field = (char*)o + opt->field;
+  if (opt->kind == OPT_SET || opt->kind == OPT_CLEAR) {
+    *(int*)field = opt->kind == OPT_SET;
+    return KEEP_GOING;
+  }
+  if (*i + 1 >= argc) return usage("%s needs a value", argv[*i]);
+  const char* value = argv[++*i];
+  int ok = 1;
+  switch (opt->kind) {
+    case OPT_PORT:
+      ok = parseInt(value, 1, MAX_PORT, field) == 0;
+      break;
+    case OPT_LEVEL:
+      ok = parseInt(value, 0, MAX_VERBOSE_LEVEL, field) == 0;
+      break;
+    case OPT_SECONDS:
+      ok = parseSeconds(value, field) == 0;
+      break;
+    default:
+      *(const char**)field = value;
+      break;
+  }
+  return ok ? KEEP_GOING : usage("%s: %s", opt->invalid, value);
+}
+
+/* -par <Parameter> [-val <Val>] at argv[*i]. */
+static int addPar(Options* o, int argc, char** argv, int* i) {
+  if (*i + 1 >= argc) return usage("%s needs a value", argv[*i]);
+  const char* name = argv[++*i];
+  const char* val = "";
+  if (*i + 2 < argc && strcmp(argv[*i + 1], "-val") == 0) {
+    val = argv[*i + 2];
+    *i += 2;
+  }
+  if (o->pars.idx >= tobasMAX_PARS) return usage("more than %d parameters (at %s)", tobasMAX_PARS, name);
+  if (tobasAddParAndVal(&o->pars, name, val) != 0)
+    return usage("parameter or value too long: %.40s...", name);
+  return KEEP_GOING;
+}
+
+static int checkServer(const Options* o) {
+  if (o->cmd == NULL) return usage("no command given (-cmd)");
+  if (o->servers == NULL && (o->host == NULL || o->port < 0))
+    return usage("no server given: -host <Host> -port <Port>, or -servers <Host:Port>,...");
+  if (o->servers != NULL && o->host != NULL) return usage("-host and -servers exclude each other");
+  if (o->host != NULL && strlen(o->host) >= tobasMED_BUF_SIZE)
+    return usage("host name too long: %.40s...", o->host);
+  return KEEP_GOING;
+}
+
+/* Reads the command line into `o`. Returns KEEP_GOING, or the exit status: EXIT_SUCCESS after an
+ * option that only prints, EXIT_USAGE for a wrong line (reported). */
 static int parseArgs(int argc, char** argv, Options* o) {
   memset(o, 0, sizeof *o);
   o->port = -1;
-  o->timeOut = -1.0f;
+  o->timeOut = NO_TIMEOUT;
   o->wait = 1;
   o->verbose = -1;
   tobasResetParArray(&o->pars);
-  if (argc < 2) return usage("%sno command given", "");
+  if (argc < 2) return usage("no command given");
   for (int i = 1; i < argc; ++i) {
     const char* a = argv[i];
-    const char* next = i + 1 < argc ? argv[i + 1] : NULL;
-#define NEED_VALUE()                                       \
-  do {                                                     \
-    if (next == NULL) return usage("%s needs a value", a); \
-    ++i;                                                   \
-  } while (0)
-    if (strcmp(a, "-help") == 0 || strcmp(a, "-h") == 0 || strcmp(a, "--help") == 0) {
-      fputs(tobasManPage(), stdout);
-      return -1;
-    } else if (strcmp(a, "-version") == 0) {
-      printf("%s %s (%s)\n", TOOL, tobasVersion(), tobasVersionDate());
-      return -1;
-    } else if (strcmp(a, "-license") == 0) {
-      fputs(tobasLicense(), stdout);
-      return -1;
-    } else if (strcmp(a, "-host") == 0) {
-      NEED_VALUE();
-      if (strlen(next) >= tobasMED_BUF_SIZE) return usage("host name too long: %.40s...", next);
-      o->host = next;
-    } else if (strcmp(a, "-port") == 0) {
-      NEED_VALUE();
-      if (parseInt(next, 1, 65535, &o->port) != 0) return usage("invalid port: %s", next);
-    } else if (strcmp(a, "-servers") == 0) {
-      NEED_VALUE();
-      o->servers = next;
-    } else if (strcmp(a, "-cmd") == 0) {
-      NEED_VALUE();
-      o->cmd = next;
-    } else if (strcmp(a, "-auth") == 0) {
-      NEED_VALUE();
-      o->auth = next;
-    } else if (strcmp(a, "-target") == 0) {
-      NEED_VALUE();
-      o->target = next;
-    } else if (strcmp(a, "-v") == 0) {
-      NEED_VALUE();
-      if (parseInt(next, 0, 5, &o->verbose) != 0) return usage("invalid verbose level (0-5): %s", next);
-    } else if (strcmp(a, "-timeOut") == 0) {
-      NEED_VALUE();
-      if (parseSeconds(next, &o->timeOut) != 0) return usage("invalid time-out: %s", next);
-    } else if (strcmp(a, "-d") == 0) {
-      o->printDoc = 1;
-    } else if (strcmp(a, "-status") == 0) {
-      o->printStatus = 1;
-    } else if (strcmp(a, "-noWait") == 0) {
-      o->wait = 0;
-    } else if (strcmp(a, "-par") == 0) {
-      NEED_VALUE();
-      const char* par = next;
-      const char* val = "";
-      if (i + 2 < argc && strcmp(argv[i + 1], "-val") == 0) {
-        val = argv[i + 2];
-        i += 2;
-      }
-      if (o->pars.idx >= tobasMAX_PARS) return usage("more than 16 parameters (at %s)", par);
-      if (tobasAddParAndVal(&o->pars, par, val) != 0)
-        return usage("parameter or value too long: %.40s...", par);
-    } else if (strcmp(a, "-val") == 0) {
-      return usage("%s must follow -par <Parameter>", a);
-    } else {
-      return usage("unknown option: %s", a);
+    for (size_t k = 0; k < sizeof kInfoOptions / sizeof kInfoOptions[0]; ++k) {
+      if (strcmp(a, kInfoOptions[k].name) != 0) continue;
+      kInfoOptions[k].print();
+      return EXIT_SUCCESS;
     }
-#undef NEED_VALUE
+    const OptionDef* opt = NULL;
+    for (size_t k = 0; k < sizeof kOptions / sizeof kOptions[0] && opt == NULL; ++k)
+      if (strcmp(a, kOptions[k].name) == 0) opt = &kOptions[k];
+    int rc;
+    if (opt != NULL)
+      rc = setOption(o, opt, argc, argv, &i);
+    else if (strcmp(a, "-par") == 0)
+      rc = addPar(o, argc, argv, &i);
+    else if (strcmp(a, "-val") == 0)
+      rc = usage("%s must follow -par <Parameter>", a);
+    else
+      rc = usage("unknown option: %s", a);
+    if (rc != KEEP_GOING) return rc;
   }
-  if (o->cmd == NULL) return usage("%sno command given (-cmd)", "");
-  if (o->servers == NULL && (o->host == NULL || o->port < 0))
-    return usage("%sno server given: -host <Host> -port <Port>, or -servers <Host:Port>,...", "");
-  if (o->servers != NULL && o->host != NULL) return usage("%s-host and -servers exclude each other", "");
-  return 0;
+  return checkServer(o);
 }
 
 /* ------------------------------------------------------------------ parameters */
 
 static const char* par(const Options* o, const char* name) { return tobasGetParVal(&o->pars, name); }
 
-static int intPar(const Options* o, const char* name, int dflt, int* out) {
+static int given(const char* value) { return value != NULL && *value != '\0'; }
+
+/* The whole number a parameter holds (checked before the command runs), or `dflt`. */
+static int intPar(const Options* o, const char* name, int dflt) {
   const char* v = par(o, name);
-  if (v == NULL || *v == '\0') {
-    *out = dflt;
-    return 0;
-  }
-  if (parseInt(v, INT_MIN, INT_MAX, out) != 0) {
-    fprintf(stderr, "%s: parameter %s: not a number: %s\n", TOOL, name, v);
-    return -1;
-  }
-  return 0;
+  int n = dflt;
+  if (given(v)) parseInt(v, INT_MIN, INT_MAX, &n);
+  return n;
 }
 
-/* 1 when every given parameter is one of `known` (a NULL-terminated list). */
-static int onlyKnown(const Options* o, const char* const* known) {
+typedef struct {
+  const char* name;
+  const char* required; /* what its value is, when the command cannot go without it */
+  int isInt;
+} Param;
+
+#define TEXT_PAR(name) \
+  { name, NULL, 0 }
+#define INT_PAR(name) \
+  { name, NULL, 1 }
+#define NEEDED_PAR(name, what) \
+  { name, what, 0 }
+#define END_OF_PARAMS \
+  { NULL, NULL, 0 }
+
+/* 1 when every given parameter is one of `known`. */
+static int onlyKnown(const Options* o, const Param* known) {
   for (int i = 0; i < o->pars.idx; ++i) {
-    int found = 0;
-    for (const char* const* k = known; *k != NULL && !found; ++k)
-      found = strcmp(o->pars.parArray[i], *k) == 0;
-    if (!found) return 0;
+    const Param* k = known;
+    while (k->name != NULL && strcmp(o->pars.parArray[i], k->name) != 0) ++k;
+    if (k->name == NULL) return 0;
   }
   return 1;
-}
-
-static int require(const Options* o, const char* name, const char* what) {
-  const char* v = par(o, name);
-  if (v != NULL && *v != '\0') return 0;
-  fprintf(stderr, "%s: %s needs -par %s -val <%s>\n", TOOL, o->cmd, name, what);
-  return -1;
 }
 
 /* ------------------------------------------------------------------ progress */
@@ -198,6 +271,8 @@ typedef struct {
   pthread_mutex_t mutex;
   pthread_cond_t cond;
   int done;
+  int running;
+  pthread_t thread;
 } Progress;
 
 static long long writtenFileBytes(void) {
@@ -252,15 +327,15 @@ static void* progressLoop(void* arg) {
   pthread_mutex_lock(&p->mutex);
   while (!p->done) {
     clock_gettime(CLOCK_REALTIME, &until);
-    until.tv_sec += 1;
+    until.tv_sec += PROGRESS_PERIOD_SECS;
     pthread_cond_timedwait(&p->cond, &p->mutex, &until);
     if (p->done) break;
     clock_gettime(CLOCK_MONOTONIC, &now);
     double secs = (double)(now.tv_sec - t0.tv_sec) + (double)(now.tv_nsec - t0.tv_nsec) / 1e9;
     long long moved = movedBytes() - start;
     if (moved < 0 || secs <= 0) continue;
-    fprintf(stderr, "\r%s: %.1f MiB in %.0f s (%.1f MiB/s)   ", TOOL, (double)moved / 1048576.0, secs,
-            (double)moved / 1048576.0 / secs);
+    const double mib = (double)moved / BYTES_PER_MIB;
+    fprintf(stderr, "\r%s: %.1f MiB in %.0f s (%.1f MiB/s)   ", TOOL, mib, secs, mib / secs);
     shown = 1;
   }
   pthread_mutex_unlock(&p->mutex);
@@ -268,189 +343,242 @@ static void* progressLoop(void* arg) {
   return NULL;
 }
 
+static void startProgress(Progress* p, int code) {
+  pthread_mutex_init(&p->mutex, NULL);
+  pthread_cond_init(&p->cond, NULL);
+  p->done = 0;
+  p->running = (code == tobasCMD_ARCHIVE || code == tobasCMD_RETRIEVE) && isatty(STDERR_FILENO) &&
+               pthread_create(&p->thread, NULL, progressLoop, p) == 0;
+}
+
+static void stopProgress(Progress* p) {
+  if (p->running) {
+    pthread_mutex_lock(&p->mutex);
+    p->done = 1;
+    pthread_cond_signal(&p->cond);
+    pthread_mutex_unlock(&p->mutex);
+    pthread_join(p->thread, NULL);
+  }
+  pthread_cond_destroy(&p->cond);
+  pthread_mutex_destroy(&p->mutex);
+}
+
 /* ------------------------------------------------------------------ commands */
 
-static const char* const kNone[] = {NULL};
-static const char* const kArchive[] = {"filename", "mime_type", "no_versioning", NULL};
-static const char* const kClone[] = {"file_id", "file_version", "disk_id", "target_disk_id", NULL};
-static const char* const kOffline[] = {"force", NULL};
-static const char* const kLabel[] = {"slot_id", NULL};
-static const char* const kRegister[] = {"path", NULL};
-static const char* const kRemDisk[] = {"disk_id", "execute", NULL};
-static const char* const kRemFile[] = {"disk_id", "file_id", "file_version", "execute", NULL};
-static const char* const kRestore[] = {"filename", "file_id", "file_version", NULL};
-static const char* const kSubscribe[] = {"url",          "priority", "start_date", "filter_plug_in",
-                                         "plug_in_pars", NULL};
-static const char* const kUrl[] = {"url", NULL};
+/* One run of a command: what it was given, and where its outcome lands. */
+typedef struct {
+  const Options* o;
+  tobasSTATUS* st;
+  char* finalTarget; /* tobasBIG_BUF: the file a retrieval wrote */
+} Call;
 
-/* Runs the command; returns the library's result, or INT_MIN for a wrong parameter (reported). */
-static int runCommand(const Options* o, const char* h, int p, int code, tobasSTATUS* st, char* finalTarget) {
-  const float t = o->timeOut;
-  const int w = o->wait;
-  int v1 = 0, v2 = 0;
-  switch (code) {
-    case tobasCMD_STATUS:
-      if (onlyKnown(o, kNone)) return tobasStatus(h, p, t, st);
-      break;
-    case tobasCMD_EXIT:
-      if (onlyKnown(o, kNone)) return tobasExit(h, p, t, w, st);
-      break;
-    case tobasCMD_ONLINE:
-      if (onlyKnown(o, kNone)) return tobasOnline(h, p, t, w, st);
-      break;
-    case tobasCMD_OFFLINE:
-      if (onlyKnown(o, kOffline)) {
-        if (intPar(o, "force", 0, &v1) != 0) return INT_MIN;
-        return tobasOffline(h, p, t, v1, w, st);
-      }
-      break;
-    case tobasCMD_CLONE:
-      if (onlyKnown(o, kClone)) {
-        if (intPar(o, "file_version", -1, &v1) != 0) return INT_MIN;
-        return tobasClone(h, p, t, par(o, "file_id"), v1, par(o, "disk_id"), par(o, "target_disk_id"), w, st);
-      }
-      break;
-    case tobasCMD_LABEL:
-      if (onlyKnown(o, kLabel)) {
-        if (require(o, "slot_id", "Slot") != 0) return INT_MIN;
-        return tobasLabel(h, p, t, par(o, "slot_id"), st);
-      }
-      break;
-    case tobasCMD_REGISTER:
-      if (onlyKnown(o, kRegister)) {
-        if (require(o, "path", "Path") != 0) return INT_MIN;
-        return tobasRegister(h, p, t, par(o, "path"), w, st);
-      }
-      break;
-    case tobasCMD_REMDISK:
-      if (onlyKnown(o, kRemDisk)) {
-        if (require(o, "disk_id", "Disk") != 0 || intPar(o, "execute", 0, &v1) != 0) return INT_MIN;
-        return tobasRemDisk(h, p, t, par(o, "disk_id"), v1, st);
-      }
-      break;
-    case tobasCMD_REMFILE:
-      if (onlyKnown(o, kRemFile)) {
-        if (require(o, "disk_id", "Disk") != 0 || require(o, "file_id", "File Id") != 0 ||
-            intPar(o, "file_version", -1, &v1) != 0 || intPar(o, "execute", 0, &v2) != 0)
-          return INT_MIN;
-        return tobasRemFile(h, p, t, par(o, "disk_id"), par(o, "file_id"), v1, v2, st);
-      }
-      break;
-    case tobasCMD_RESTORE:
-      if (onlyKnown(o, kRestore)) {
-        if (require(o, "filename", "URI") != 0 || intPar(o, "file_version", -1, &v1) != 0) return INT_MIN;
-        return tobasRestore(h, p, t, par(o, "filename"), par(o, "file_id"), v1, st);
-      }
-      break;
-    case tobasCMD_SUBSCRIBE:
-      if (onlyKnown(o, kSubscribe)) {
-        if (require(o, "url", "URL") != 0 || intPar(o, "priority", 1, &v1) != 0) return INT_MIN;
-        return tobasSubscribe(h, p, t, par(o, "url"), v1, par(o, "start_date"), par(o, "filter_plug_in"),
-                              par(o, "plug_in_pars"), st);
-      }
-      break;
-    case tobasCMD_UNSUBSCRIBE:
-      if (onlyKnown(o, kUrl)) {
-        if (require(o, "url", "URL") != 0) return INT_MIN;
-        return tobasUnsubscribe(h, p, t, par(o, "url"), st);
-      }
-      break;
-    case tobasCMD_ARCHIVE: {
-      if (require(o, "filename", "File or URL") != 0 || intPar(o, "no_versioning", 0, &v1) != 0)
-        return INT_MIN;
-      const char* mime = par(o, "mime_type");
-      if (onlyKnown(o, kArchive))
-        return tobasArchive(h, p, t, par(o, "filename"), mime ? mime : "", v1, w, st);
-      /* Further parameters travel with the archive request, after the ones tobasArchive sends. */
-      tobasPAR_ARRAY extra;
-      tobasResetParArray(&extra);
-      char num[32];
-      snprintf(num, sizeof num, "%d", v1);
-      tobasAddParAndVal(&extra, "no_versioning", num);
-      snprintf(num, sizeof num, "%d", w);
-      tobasAddParAndVal(&extra, "wait", num);
-      snprintf(num, sizeof num, "%d", t == -1.0f ? -1 : (int)(t + 0.5f));
-      tobasAddParAndVal(&extra, "time_out", num);
-      for (int i = 0; i < o->pars.idx; ++i) {
-        if (strcmp(o->pars.parArray[i], "filename") == 0 || strcmp(o->pars.parArray[i], "mime_type") == 0 ||
-            strcmp(o->pars.parArray[i], "no_versioning") == 0)
-          continue;
-        if (tobasAddParAndVal(&extra, o->pars.parArray[i], o->pars.valArray[i]) != 0) {
-          fprintf(stderr, "%s: ARCHIVE: too many parameters\n", TOOL);
-          return INT_MIN;
-        }
-      }
-      return tobasGenSendData(h, p, tobasCMD_ARCHIVE, t, par(o, "filename"), mime ? mime : "", &extra, st);
-    }
-    case tobasCMD_RETRIEVE:
-      if (par(o, "file_id") == NULL && par(o, "internal") == NULL) {
-        fprintf(stderr, "%s: RETRIEVE needs -par file_id -val <File Id>\n", TOOL);
-        return INT_MIN;
-      }
-      return tobasGenRetrieve2File(h, p, t, code, &o->pars, o->target ? o->target : "", finalTarget, st);
-    default:
-      break;
+/* The server and time-out arguments that every command function begins with. */
+#define SERVER(c) (c)->o->host, (c)->o->port, (c)->o->timeOut
+
+static int runStatus(const Call* c) { return tobasStatus(SERVER(c), c->st); }
+
+static int runExit(const Call* c) { return tobasExit(SERVER(c), c->o->wait, c->st); }
+
+static int runOnline(const Call* c) { return tobasOnline(SERVER(c), c->o->wait, c->st); }
+
+static int runOffline(const Call* c) {
+  return tobasOffline(SERVER(c), intPar(c->o, "force", 0), c->o->wait, c->st);
+}
+
+static int runClone(const Call* c) {
+  return tobasClone(SERVER(c), par(c->o, "file_id"), intPar(c->o, "file_version", -1), par(c->o, "disk_id"),
+                    par(c->o, "target_disk_id"), c->o->wait, c->st);
+}
+
+static int runLabel(const Call* c) { return tobasLabel(SERVER(c), par(c->o, "slot_id"), c->st); }
+
+static int runRegister(const Call* c) {
+  return tobasRegister(SERVER(c), par(c->o, "path"), c->o->wait, c->st);
+}
+
+static int runRemDisk(const Call* c) {
+  return tobasRemDisk(SERVER(c), par(c->o, "disk_id"), intPar(c->o, "execute", 0), c->st);
+}
+
+static int runRemFile(const Call* c) {
+  return tobasRemFile(SERVER(c), par(c->o, "disk_id"), par(c->o, "file_id"), intPar(c->o, "file_version", -1),
+                      intPar(c->o, "execute", 0), c->st);
+}
+
+static int runRestore(const Call* c) {
+  return tobasRestore(SERVER(c), par(c->o, "filename"), par(c->o, "file_id"),
+                      intPar(c->o, "file_version", -1), c->st);
+}
+
+static int runSubscribe(const Call* c) {
+  return tobasSubscribe(SERVER(c), par(c->o, "url"), intPar(c->o, "priority", 1), par(c->o, "start_date"),
+                        par(c->o, "filter_plug_in"), par(c->o, "plug_in_pars"), c->st);
+}
+
+static int runUnsubscribe(const Call* c) { return tobasUnsubscribe(SERVER(c), par(c->o, "url"), c->st); }
+
+static int runRetrieve(const Call* c) {
+  if (!given(par(c->o, "file_id")) && !given(par(c->o, "internal")))
+    return refuse("RETRIEVE needs -par file_id -val <File Id>");
+  return tobasGenRetrieve2File(SERVER(c), tobasCMD_RETRIEVE, &c->o->pars, c->o->target ? c->o->target : "",
+                               c->finalTarget, c->st);
+}
+
+static const Param kArchivePars[] = {NEEDED_PAR("filename", "File or URL"), TEXT_PAR("mime_type"),
+                                     INT_PAR("no_versioning"), END_OF_PARAMS};
+
+static int addIntPar(tobasPAR_ARRAY* pars, const char* name, int value) {
+  char text[3 * sizeof(int) + 2];
+  snprintf(text, sizeof text, "%d", value);
+  return tobasAddParAndVal(pars, name, text);
+}
+
+static int isArchivePar(const char* name) {
+  for (const Param* k = kArchivePars; k->name != NULL; ++k)
+    if (strcmp(name, k->name) == 0) return 1;
+  return 0;
+}
+
+/* A time-out as tobasArchive sends it: whole seconds, rounded, or -1 for none. */
+static int wholeSeconds(float secs) { return secs == NO_TIMEOUT ? -1 : (int)(secs + 0.5f); }
+
+static int runArchive(const Call* c) {
+  const char* file = par(c->o, "filename");
+  const char* mime = par(c->o, "mime_type");
+  const int noVersioning = intPar(c->o, "no_versioning", 0);
+  if (onlyKnown(c->o, kArchivePars))
+    return tobasArchive(SERVER(c), file, mime ? mime : "", noVersioning, c->o->wait, c->st);
+  /* Further parameters travel with the archive request, after the ones tobasArchive sends. */
+  tobasPAR_ARRAY all;
+  tobasResetParArray(&all);
+  int rc = addIntPar(&all, "no_versioning", noVersioning) | addIntPar(&all, "wait", c->o->wait) |
+           addIntPar(&all, "time_out", wholeSeconds(c->o->timeOut));
+  for (int i = 0; i < c->o->pars.idx && rc == 0; ++i)
+    if (!isArchivePar(c->o->pars.parArray[i]))
+      rc = tobasAddParAndVal(&all, c->o->pars.parArray[i], c->o->pars.valArray[i]);
+  if (rc != 0) return refuse("ARCHIVE: more than %d parameters with the 3 it adds", tobasMAX_PARS);
+  return tobasGenSendData(c->o->host, c->o->port, tobasCMD_ARCHIVE, c->o->timeOut, file, mime ? mime : "",
+                          &all, c->st);
+}
+
+static const Param kNoPars[] = {END_OF_PARAMS};
+static const Param kClonePars[] = {TEXT_PAR("file_id"), INT_PAR("file_version"), TEXT_PAR("disk_id"),
+                                   TEXT_PAR("target_disk_id"), END_OF_PARAMS};
+static const Param kOfflinePars[] = {INT_PAR("force"), END_OF_PARAMS};
+static const Param kLabelPars[] = {NEEDED_PAR("slot_id", "Slot"), END_OF_PARAMS};
+static const Param kRegisterPars[] = {NEEDED_PAR("path", "Path"), END_OF_PARAMS};
+static const Param kRemDiskPars[] = {NEEDED_PAR("disk_id", "Disk"), INT_PAR("execute"), END_OF_PARAMS};
+static const Param kRemFilePars[] = {NEEDED_PAR("disk_id", "Disk"), NEEDED_PAR("file_id", "File Id"),
+                                     INT_PAR("file_version"), INT_PAR("execute"), END_OF_PARAMS};
+static const Param kRestorePars[] = {NEEDED_PAR("filename", "URI"), TEXT_PAR("file_id"),
+                                     INT_PAR("file_version"), END_OF_PARAMS};
+static const Param kRetrievePars[] = {
+    TEXT_PAR("file_id"),    TEXT_PAR("internal"),        INT_PAR("file_version"),
+    TEXT_PAR("processing"), TEXT_PAR("processing_pars"), TEXT_PAR("host_id"),
+    END_OF_PARAMS};
+static const Param kSubscribePars[] = {NEEDED_PAR("url", "URL"), INT_PAR("priority"),
+                                       TEXT_PAR("start_date"),   TEXT_PAR("filter_plug_in"),
+                                       TEXT_PAR("plug_in_pars"), END_OF_PARAMS};
+static const Param kUrlPars[] = {NEEDED_PAR("url", "URL"), END_OF_PARAMS};
+
+/* The commands that have a function of their own. With a parameter it does not know, a command
+ * goes through the generic sender, unless it takes other parameters along. */
+static const struct {
+  int code;
+  const Param* params;
+  int takesOthers;
+  int (*run)(const Call* c);
+} kCommands[] = {
+    {tobasCMD_STATUS, kNoPars, 0, runStatus},
+    {tobasCMD_EXIT, kNoPars, 0, runExit},
+    {tobasCMD_ONLINE, kNoPars, 0, runOnline},
+    {tobasCMD_OFFLINE, kOfflinePars, 0, runOffline},
+    {tobasCMD_CLONE, kClonePars, 0, runClone},
+    {tobasCMD_LABEL, kLabelPars, 0, runLabel},
+    {tobasCMD_REGISTER, kRegisterPars, 0, runRegister},
+    {tobasCMD_REMDISK, kRemDiskPars, 0, runRemDisk},
+    {tobasCMD_REMFILE, kRemFilePars, 0, runRemFile},
+    {tobasCMD_RESTORE, kRestorePars, 0, runRestore},
+    {tobasCMD_SUBSCRIBE, kSubscribePars, 0, runSubscribe},
+    {tobasCMD_UNSUBSCRIBE, kUrlPars, 0, runUnsubscribe},
+    {tobasCMD_ARCHIVE, kArchivePars, 1, runArchive},
+    {tobasCMD_RETRIEVE, kRetrievePars, 1, runRetrieve},
+};
+
+/* Runs the command; returns the library's result, or WRONG_PARAMETER (reported). */
+static int runCommand(const Call* c, int code) {
+  size_t k = 0;
+  const size_t count = sizeof kCommands / sizeof kCommands[0];
+  while (k < count && kCommands[k].code != code) ++k;
+  if (k == count || (!kCommands[k].takesOthers && !onlyKnown(c->o, kCommands[k].params)))
+    return tobasGenSendCmd(SERVER(c), code, &c->o->pars, c->st);
+  for (const Param* p = kCommands[k].params; p->name != NULL; ++p) {
+    const char* v = par(c->o, p->name);
+    int n;
+    if (p->required != NULL && !given(v))
+      return refuse("%s needs -par %s -val <%s>", c->o->cmd, p->name, p->required);
+    if (p->isInt && given(v) && parseInt(v, INT_MIN, INT_MAX, &n) != 0)
+      return refuse("parameter %s: not a number: %s", p->name, v);
   }
-  return tobasGenSendCmd(h, p, t, code, &o->pars, st);
+  return kCommands[k].run(c);
+}
+
+/* ------------------------------------------------------------------ main */
+
+/* The command's code, its name in upper case into `name` (tobasSMALL_BUF), and the settings it
+ * runs with. Returns KEEP_GOING or EXIT_USAGE (reported). */
+static int prepare(Options* o, char* name, int* code) {
+  if (strlen(o->cmd) >= tobasSMALL_BUF_SIZE) return usage("unknown command: %.40s...", o->cmd);
+  strcpy(name, o->cmd);
+  tobasToUpper(name);
+  if (tobasCmd2No(name, code) != 0) return usage("unknown command: %s", o->cmd);
+  o->cmd = name;
+  if (o->target != NULL && *code != tobasCMD_RETRIEVE) return usage("-target only goes with RETRIEVE");
+  if (o->servers != NULL) {
+    if (tobasParseSrvList(o->servers) != 0) return usage("invalid server list: %s", o->servers);
+    o->host = ""; /* the default list: fail-over across its servers */
+    o->port = 0;
+  }
+  if (o->verbose >= 0) tobasSetVerboseLevel(o->verbose);
+  if (o->auth != NULL) tobasSetAuthorization(o->auth);
+  return KEEP_GOING;
+}
+
+/* Prints the outcome; returns the exit status. */
+static int report(const Options* o, int code, int rc, const tobasSTATUS* st, const char* finalTarget) {
+  if (o->printStatus) tobasDumpStatStdout(st);
+  if (o->printDoc && st->replyData[0] != NULL) printf("%s\n", st->replyData[0]);
+  /* A retrieval reports "OK" on success. */
+  const int ok = rc == 0 && (tobasSuccess(st) || strcmp(st->status, "OK") == 0);
+  if (ok) {
+    if (code == tobasCMD_RETRIEVE) printf("%s\n", finalTarget);
+    return EXIT_SUCCESS;
+  }
+  char codeText[tobasHUGE_BUF_SIZE];
+  const char* why = st->message[0] ? st->message : (tobasStat2Str(rc, codeText) == 0 ? codeText : "failed");
+  fprintf(stderr, "%s: %s failed: %s (status %s, code %d)\n", TOOL, o->cmd, why,
+          st->status[0] ? st->status : "-", rc != 0 ? rc : (int)st->errorCode);
+  return EXIT_FAILED;
 }
 
 int main(int argc, char** argv) {
   Options o;
   int rc = parseArgs(argc, argv, &o);
-  if (rc < 0) return 0;
-  if (rc != 0) return rc;
-
-  char cmd[tobasSMALL_BUF_SIZE];
-  if (strlen(o.cmd) >= sizeof cmd) return usage("unknown command: %.40s...", o.cmd);
-  strcpy(cmd, o.cmd);
-  tobasToUpper(cmd);
+  if (rc != KEEP_GOING) return rc;
+  char name[tobasSMALL_BUF_SIZE];
   int code = 0;
-  if (tobasCmd2No(cmd, &code) != 0) return usage("unknown command: %s", o.cmd);
-  o.cmd = cmd;
-  if (o.target != NULL && code != tobasCMD_RETRIEVE) return usage("-target only goes with RETRIEVE%s", "");
-
-  if (o.verbose >= 0) tobasSetVerboseLevel(o.verbose);
-  if (o.auth != NULL) tobasSetAuthorization(o.auth);
-  const char* host = o.host;
-  int port = o.port;
-  if (o.servers != NULL) {
-    if (tobasParseSrvList(o.servers) != 0) return usage("invalid server list: %s", o.servers);
-    host = ""; /* the default list: fail-over across its servers */
-    port = 0;
-  }
-
-  Progress progress = {PTHREAD_MUTEX_INITIALIZER, PTHREAD_COND_INITIALIZER, 0};
-  pthread_t progressThread;
-  int showProgress = (code == tobasCMD_ARCHIVE || code == tobasCMD_RETRIEVE) && isatty(STDERR_FILENO) &&
-                     pthread_create(&progressThread, NULL, progressLoop, &progress) == 0;
+  rc = prepare(&o, name, &code);
+  if (rc != KEEP_GOING) return rc;
 
   tobasSTATUS st;
   tobasInitStatus(&st);
   tobasBIG_BUF finalTarget = "";
-  rc = runCommand(&o, host, port, code, &st, finalTarget);
-
-  if (showProgress) {
-    pthread_mutex_lock(&progress.mutex);
-    progress.done = 1;
-    pthread_cond_signal(&progress.cond);
-    pthread_mutex_unlock(&progress.mutex);
-    pthread_join(progressThread, NULL);
-  }
-  if (rc == INT_MIN) {
-    tobasFreeStatus(&st);
-    return EXIT_USAGE;
-  }
-
-  if (o.printStatus) tobasDumpStatStdout(&st);
-  if (o.printDoc && st.replyData[0] != NULL) printf("%s\n", st.replyData[0]);
-  const int ok = rc == 0 && (tobasSuccess(&st) || strcmp(st.status, "OK") == 0);
-  if (ok && code == tobasCMD_RETRIEVE) printf("%s\n", finalTarget);
-  if (!ok) {
-    char codeText[tobasHUGE_BUF_SIZE];
-    const char* why = st.message[0] ? st.message : (tobasStat2Str(rc, codeText) == 0 ? codeText : "failed");
-    fprintf(stderr, "%s: %s failed: %s (status %s, code %d)\n", TOOL, cmd, why,
-            st.status[0] ? st.status : "-", rc != 0 ? rc : (int)st.errorCode);
-  }
+  const Call call = {&o, &st, finalTarget};
+  Progress progress;
+  startProgress(&progress, code);
+  rc = runCommand(&call, code);
+  stopProgress(&progress);
+  rc = rc == WRONG_PARAMETER ? EXIT_USAGE : report(&o, code, rc, &st, finalTarget);
   tobasFreeStatus(&st);
-  return ok ? 0 : EXIT_FAILED;
+  return rc;
 }
