@@ -19,6 +19,16 @@ inline int columnPosition(const std::map<std::string, int>& fields, const std::s
   return it == fields.end() ? 0 : it->second;
 }
 
+// Runs a select through the connection's select-list map; a failed one is
+// logged with its statement. Returns what executeSelect returned.
+template <class Conn>
+int selectLogged(const Conn& conn, const std::string& sql, typename Conn::ResultSet& res,
+                 typename Conn::ListOfFieldIndex& fields) {
+  const int selected = conn.executeSelect(sql, res, fields);
+  if (selected < 0) DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
+  return selected;
+}
+
 // A select whose rows stopped coming part-way (a lock, an I/O error) has
 // failed like one that never ran: the records it appended are taken back, the
 // statement is logged, and the DAO returns -1.

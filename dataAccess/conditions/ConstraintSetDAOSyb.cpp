@@ -41,10 +41,7 @@ int ConstraintSetDAOSyb::find(int obsId, std::vector<ConstraintSet>& constraintS
 
   typename Conn::ResultSet res;
   typename Conn::ListOfFieldIndex fields;
-  if (conn.executeSelect(sql, res, fields) == -1) {
-    DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
-    return -1;
-  }
+  if (dataAccess::selectLogged(conn, sql, res, fields) < 0) return -1;
   const auto before = constraintSets.size();
   int count = 0;
   if (res.hasResultSet()) {

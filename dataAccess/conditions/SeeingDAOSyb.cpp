@@ -54,11 +54,8 @@ int SeeingDAOSyb::find(double startDate, double endDate, std::vector<Seeing>& se
 
   typename Conn::ResultSet res;
   typename Conn::ListOfFieldIndex fields;
-  const int selected = conn.executeSelect(sql, res, fields);
-  if (selected < 0) {
-    DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
-    return selected;
-  }
+  const int selected = dataAccess::selectLogged(conn, sql, res, fields);
+  if (selected < 0) return selected;
   const auto before = seeings.size();
   int count = 0;
   if (res.hasResultSet()) {

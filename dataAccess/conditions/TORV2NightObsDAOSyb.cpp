@@ -20,11 +20,8 @@ int TORV2NightObsDAOSyb::find(int obsId, std::vector<TORV2NightObs>& records, co
                           obsIdText + "'";
   typename Conn::ResultSet res;
   typename Conn::ListOfFieldIndex fields;
-  const int selected = conn.executeSelect(sql, res, fields);
-  if (selected < 0) {
-    DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
-    return selected;
-  }
+  const int selected = dataAccess::selectLogged(conn, sql, res, fields);
+  if (selected < 0) return selected;
   const auto before = records.size();
   int count = 0;
   if (res.hasResultSet()) {
