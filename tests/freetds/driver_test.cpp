@@ -85,6 +85,7 @@ TEST_P(FreeTdsDriverTest, LoginChecksThePassword) {
   EXPECT_FALSE(conn_.isConnected());
   EXPECT_TRUE(saw(sybase() ? 4002 : 18456));
   ASSERT_EQ(0, conn_.connect(server.address(), "alice", "s3cret"));
+  EXPECT_TRUE(conn_.isConnected());
   EXPECT_TRUE(saw(5701)) << "informational messages reach the handler too";
 }
 
