@@ -29,11 +29,9 @@ TEST_F(Parameters, WhichLineServesAnAlias) {
   };
   const std::string p = " " + pw_ + " ";
   const Case cases[] = {
-      // A default line serves every alias.
-      {"srv db usr" + p + "\n", "ANY", "srv", "db", "usr"},
       // The first matching alias line wins.
       {"srv1 db1 u1" + p + "A\nsrv2 db2 u2" + p + "A\n", "A", "srv1", "db1", "u1"},
-      // A line for another alias is skipped; a default line before or after applies.
+      // A line for another alias is skipped; a default line serves any alias, before or after.
       {"srv1 db1 u1" + p + "B\nsrv0 db0 u0" + p + "\n", "A", "srv0", "db0", "u0"},
       {"srv0 db0 u0" + p + "\nsrv1 db1 u1" + p + "A\n", "A", "srv1", "db1", "u1"},
       // A later default line replaces an earlier one; an alias line ends the search.

@@ -36,13 +36,6 @@ bool saw(int msgno) {
   return found;
 }
 
-void createIn(const std::string& file, const char* sql) {
-  sqlite3* db = nullptr;
-  ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &db));
-  ASSERT_EQ(SQLITE_OK, sqlite3_exec(db, sql, nullptr, nullptr, nullptr));
-  sqlite3_close(db);
-}
-
 class FreeTdsDriverTest : public ::testing::TestWithParam<const char*> {
  protected:
   void SetUp() override {
@@ -51,14 +44,20 @@ class FreeTdsDriverTest : public ::testing::TestWithParam<const char*> {
     sybconn::FreeTdsSettings::setQueryTimeout(5);
     previous_ = SybaseConnection::setErrorHandler(&collect);
     saw(0);
-    createIn(db_,
-             "create table t (id integer, name varchar(40), score float, stamp datetime);"
-             "insert into t values (1, 'one', 1.5, '2026-11-22 23:59:59.998');"
-             "insert into t values (2, 'Grüße ☃ 𝄞', null, '2026-11-22 12:00:00');"
-             "insert into t values (3, null, -2.25, null);"
-             "create table big (n integer, pad varchar(100));"
-             "with recursive c(x) as (select 1 union all select x + 1 from c where x < 5000)"
-             "  insert into big select x, 'row ' || x || ' padding padding padding padding' from c;");
+    sqlite3* db = nullptr;
+    ASSERT_EQ(SQLITE_OK, sqlite3_open(db_.c_str(), &db));
+    ASSERT_EQ(
+        SQLITE_OK,
+        sqlite3_exec(db,
+                     "create table t (id integer, name varchar(40), score float, stamp datetime);"
+                     "insert into t values (1, 'one', 1.5, '2026-11-22 23:59:59.998');"
+                     "insert into t values (2, 'Grüße ☃ 𝄞', null, '2026-11-22 12:00:00');"
+                     "insert into t values (3, null, -2.25, null);"
+                     "create table big (n integer, pad varchar(100));"
+                     "with recursive c(x) as (select 1 union all select x + 1 from c where x < 5000)"
+                     "  insert into big select x, 'row ' || x || ' padding padding padding padding' from c;",
+                     nullptr, nullptr, nullptr));
+    sqlite3_close(db);
   }
   void TearDown() override {
     SybaseConnection::setErrorHandler(previous_);
@@ -82,12 +81,11 @@ class FreeTdsDriverTest : public ::testing::TestWithParam<const char*> {
 TEST_P(FreeTdsDriverTest, LoginChecksThePassword) {
   tdstest::TdsServer server(db_, "alice", "s3cret");
   ASSERT_NE(0, server.start());
-  SybaseConnection c;
-  EXPECT_EQ(-1, c.connect(server.address(), "alice", "wrong"));
-  EXPECT_FALSE(c.isConnected());
+  EXPECT_EQ(-1, conn_.connect(server.address(), "alice", "wrong"));
+  EXPECT_FALSE(conn_.isConnected());
   EXPECT_TRUE(saw(sybase() ? 4002 : 18456));
-  ASSERT_EQ(0, c.connect(server.address(), "alice", "s3cret"));
-  EXPECT_TRUE(c.isConnected());
+  ASSERT_EQ(0, conn_.connect(server.address(), "alice", "s3cret"));
+  EXPECT_TRUE(conn_.isConnected());
   EXPECT_TRUE(saw(5701)) << "informational messages reach the handler too";
 }
 
@@ -208,41 +206,6 @@ TEST_P(FreeTdsDriverTest, LoginDroppedMidResult) {
   EXPECT_EQ(2, server.logins.load());
   EXPECT_EQ(1, pool->counts().records);
   pool->releaseConnection(second);
-}
-
-// X..table names the table in the sibling file X.db of the server's database
-// file, or in that file itself where X is its name.
-TEST_P(FreeTdsDriverTest, SiblingDatabases) {
-  createIn(dir_.file("obrep2.db"),
-           "create table obs_blocks (ob_id integer, cs_id integer); insert into obs_blocks values (42, 7);"
-           "create table constraint_sets (cs_id integer, user_id varchar(9));"
-           "insert into constraint_sets values (7, 'u7');");
-  createIn(dir_.file("ambient.db"),
-           "create table seeing_torvane (start_date datetime, interval integer, fwhm float, ra float,"
-           " dec float, airmass float, tau float, rfl float, tet float);"
-           "insert into seeing_torvane values ('20260102 03:04:05.000', 60, 0.8, 1, 2, 1.1, 0.2, 3, 4);");
-  createIn(dir_.file("D.db"),
-           "create table TORV2_NightObs (Request_ID integer, OB_ID varchar(9), Sky_Transparency varchar(9),"
-           " Transparency varchar(9));"
-           "insert into TORV2_NightObs values (5, '123', 'CLR', 'THN'), (5, '123', 'CLR', 'THN');");
-  login();
-  const char* cases[][2] = {
-      {"select obrep2..constraint_sets.cs_id,obrep2..constraint_sets.user_id from obrep2..constraint_sets,"
-       "obrep2..obs_blocks where obrep2..obs_blocks.ob_id=42 AND "
-       "obrep2..obs_blocks.cs_id=obrep2..constraint_sets.cs_id",
-       "7|u7|"},
-      {"select start_date,interval,fwhm,ra,dec,airmass,tau,rfl,tet from ambient..seeing_torvane where "
-       "start_date >= '20260101 00:00:00' and start_date < '20260103 00:00:00'",
-       "2026-01-02 03:04:05.000|60|0.8|1|2|1.1|0.2|3|4|"},
-      {"select distinct Request_ID,Sky_Transparency,Transparency from D..TORV2_NightObs where OB_ID='123'",
-       "5|CLR|THN|"},
-      {"select server..t.id from server..t where server..t.id = 1", "1|"}};
-  for (const auto& k : cases) {
-    std::string rows;
-    for (SybaseResultSet rs = conn_.execute(k[0]); rs.next();)
-      for (int col = 1; col <= rs.columnCount(); ++col) rows += rs.getStringValue(col) + "|";
-    EXPECT_EQ(k[1], rows) << k[0];
-  }
 }
 
 // Under TDS 7.x the numbered transactions take SQL Server's forms (the test
