@@ -304,17 +304,18 @@ std::string::size_type findIgnoringCase(const std::string& text, const char* wor
   return it == text.end() ? std::string::npos : static_cast<std::string::size_type>(it - text.begin());
 }
 
-// The n-th blank-separated word of `text` (from 0), in upper case.
-std::string upperWord(const std::string& text, int n) {
-  std::string::size_type pos = 0;
-  std::string word;
+// True when the n-th blank-separated word of `text` (from 0) is `upper`,
+// compared without regard to case.
+bool wordIs(const std::string& text, int n, const char* upper) {
+  std::string::size_type pos = 0, end = 0;
   for (int i = 0; i <= n; ++i) {
+    pos = end;
     while (pos < text.size() && std::isspace(static_cast<unsigned char>(text[pos]))) ++pos;
-    word.clear();
-    while (pos < text.size() && !std::isspace(static_cast<unsigned char>(text[pos])))
-      word += static_cast<char>(std::toupper(static_cast<unsigned char>(text[pos++])));
+    end = pos;
+    while (end < text.size() && !std::isspace(static_cast<unsigned char>(text[end]))) ++end;
   }
-  return word;
+  const size_t len = std::strlen(upper);
+  return end - pos == len && findIgnoringCase(text.substr(pos, len), upper) == 0;
 }
 
 }  // namespace
@@ -322,9 +323,9 @@ std::string upperWord(const std::string& text, int n) {
 int ServiceConnectionSyb::executeSelect(std::string sql, ResultSet& res, ListOfFieldIndex& fields) const {
   int result = -1;
   std::string::size_type listStart;
-  if (upperWord(sql, 1) == "DISTINCT") {
+  if (wordIs(sql, 1, "DISTINCT")) {
     listStart = findIgnoringCase(sql, "DISTINCT") + 8;
-  } else if (upperWord(sql, 0) == "SELECT") {
+  } else if (wordIs(sql, 0, "SELECT")) {
     listStart = findIgnoringCase(sql, "SELECT") + 6;
   } else {
     return result;
