@@ -195,6 +195,7 @@ TEST_P(FreeTdsDriverTest, LoginDroppedMidResult) {
   ASSERT_NE(first, nullptr);
   long rows = 0;
   for (SybaseResultSet rs = first->execute("select n from big"); rs.next();) ++rows;
+  EXPECT_GE(rows, 1L);  // the rows that came before the cut are read
   EXPECT_LE(rows, 101L);
   EXPECT_FALSE(first->isConnected());
   EXPECT_EQ(0, first->execute("select 1").commandSucceeded());
