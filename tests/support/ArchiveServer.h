@@ -16,9 +16,6 @@ namespace archivetest {
 
 struct Reply {
   std::string bytes;                    // sent as is
-  bool readRequest = true;              // read the request before answering
-  int delayMs = 0;                      // wait before answering
-  bool closeEarly = false;              // close without answering
   size_t cutAfter = std::string::npos;  // close after this many bytes of `bytes`
   size_t dripChunk = 0;                 // send in chunks of this size ...
   int dripDelayMs = 0;                  // ... with this pause between them
@@ -35,9 +32,8 @@ class ArchiveServer {
   int port() const { return port_; }
   void push(const Reply& r);
   void push(const std::string& bytes) { push(Reply{bytes}); }
-  // Requests received so far (each: header and body bytes as read).
+  // Requests received so far, one per connection (each: header and body bytes as read).
   std::vector<std::string> requests();
-  size_t connections();
 
  private:
   void run();
@@ -48,7 +44,6 @@ class ArchiveServer {
   std::mutex mutex_;
   std::deque<Reply> replies_;
   std::vector<std::string> requests_;
-  size_t connections_ = 0;
   bool stop_ = false;
   std::thread thread_;
 };
@@ -57,10 +52,6 @@ class ArchiveServer {
 std::string httpReply(int code, const std::string& body, const std::string& extraHeaders = "");
 // A status document with the seven attributes of the status element.
 std::string statusDoc(const std::string& status, const std::string& message);
-// A 200 reply carrying a status document.
-std::string statusReply(const std::string& status, const std::string& message);
-// A 303 reply that sends the client to `location` ("http://host:port/...").
-std::string redirectReply(const std::string& location);
 // A 200 reply whose body is a file named `fileName` in its content-disposition.
 std::string fileReply(const std::string& fileName, const std::string& content);
 
@@ -78,18 +69,6 @@ class FullBacklogListener {
   int listenFd_ = -1;
   int port_ = 0;
   std::vector<int> fillers_;
-};
-
-// A fresh folder removed with its contents at destruction.
-class ScratchDir {
- public:
-  ScratchDir();
-  ~ScratchDir();
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
 };
 
 // Ends the program with a message when it is not destroyed within `seconds`: a test of a call
@@ -111,7 +90,6 @@ class HangGuard {
 std::string readFile(const std::string& path);
 // Names in a folder (hidden ones too, not "." and ".."), sorted.
 std::vector<std::string> listDir(const std::string& dir);
-void writeFile(const std::string& path, const std::string& content);
 
 }  // namespace archivetest
 

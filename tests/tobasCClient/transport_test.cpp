@@ -16,6 +16,7 @@
 #include <tobasCClient/tobasCClientLib.h>
 
 #include "tests/support/ArchiveServer.h"
+#include "tests/support/TempDir.h"
 
 using archivetest::ArchiveServer;
 using archivetest::httpReply;
@@ -75,6 +76,13 @@ std::string logged(F f) {
   return archivetest::readFile(log).substr(before);
 }
 
+// Bytes the peer sends, whether it then closes, and the status expected.
+struct ReadCase {
+  std::string bytes;
+  bool closed;
+  int stat;
+};
+
 size_t count(const std::string& text, const std::string& what) {
   size_t n = 0;
   for (size_t p = text.find(what); p != std::string::npos; p = text.find(what, p + 1)) ++n;
@@ -86,11 +94,11 @@ size_t count(const std::string& text, const std::string& what) {
 TEST(TobasTransport, RequestBytesAndReplies) {
   _setReplyTimeoutFromFloat(5);
   ArchiveServer srv;
-  archivetest::ScratchDir dir;
+  testsupport::TempDir dir;
   std::string doc = statusDoc("SUCCESS", "fine"), bad = statusDoc("FAILURE", "X:4003:ERROR: bad");
   std::string content(3 * 1024 * 1024 + 17, '\0');
   for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7);
-  archivetest::writeFile(dir.file("big.fits"), content);
+  dir.write("big.fits", content);
   for (int i = 0; i < 5; ++i) srv.push(httpReply(200, doc));
   srv.push(httpReply(400, bad));
   Exchange a, b, c, d, e, f;
@@ -122,18 +130,14 @@ TEST(TobasTransport, RequestBytesAndReplies) {
   EXPECT_EQ(post + "0" + disp + "\r\nAuthorization: Basic c2VjcmV0\r\n\n", reqs[4]);
 }
 
-TEST(TobasTransport, ReplyHeaderReader) {
+TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
   const char nul[] = "HTTP/1.0 200 OK\r\nx: a\0b\r\n\r\n";
   const std::string manyRows = [] {
     std::string s = "HTTP/1.0 200 OK\r\n";
     for (int i = 0; i < 600; ++i) s += "x-row: " + std::to_string(i) + "\r\n";
     return s + "\r\n";
   }();
-  const struct {
-    std::string bytes;
-    bool closed;
-    int stat;
-  } cases[] = {
+  const ReadCase cases[] = {
       {"HTTP/1.0 200 OK Fine\r\nContent-Length: 12\r\nX-Mixed: Keep Case\r\n\r\nbody", true, 0},
       {std::string(130, 'x') + " 200 OK\r\n\r\n", true, tobasERR_INV_REPLY},  // first blank too far
       {manyRows, true, tobasERR_INV_REPLY},
@@ -161,21 +165,14 @@ TEST(TobasTransport, ReplyHeaderReader) {
   char buf[5];
   // Newline kept; one more than stored when stopped at the limit or by the end of the input.
   for (int n : {3, 5, 3, 0}) EXPECT_EQ(n, tobasReadLine(&lines.fds[0], buf, 5));
-}
 
-TEST(TobasTransport, BodyReader) {
-  const struct {
-    std::string bytes;
-    bool closed;
-    int stat;
-  } cases[] = {
+  const ReadCase bodies[] = {
       {"0123456789", true, 0},
       {"short", true, tobasERR_RD_DATA},   // closed before the announced length
       {"short", false, tobasERR_TIMEOUT},  // stops before it: one wait, not eleven
   };
-  archivetest::HangGuard guard(20);
   _setReplyTimeoutFromFloat(0.5f);
-  for (const auto& c : cases) {
+  for (const auto& c : bodies) {
     Feed f(c.bytes, c.closed);
     int fd = f.fds[0];
     char* data = nullptr;
@@ -318,7 +315,7 @@ struct Interrupter {
 };
 }  // namespace
 
-TEST(TobasTransport, ConnectBoundHoldsThroughSignals) {
+TEST(TobasTransport, TimeOutsHoldThroughSignals) {
   archivetest::FullBacklogListener full;
   _setReplyTimeoutFromFloat(100);
   for (bool signals : {false, true}) {
@@ -334,9 +331,7 @@ TEST(TobasTransport, ConnectBoundHoldsThroughSignals) {
   }
   // An IPv6 literal has no IPv4 address: the lookup fails without asking any resolver.
   EXPECT_EQ(tobasERR_HOST, tobasPrepSock("::1", 80));
-}
 
-TEST(TobasTransport, ReplyTimeoutSettingsAndPolling) {
   const std::pair<float, float> settings[] = {{0, 1e8f}, {-3, 1e8f}, {2.5f, 2.5f}};
   for (const auto& s : settings) {
     _setReplyTimeoutFromFloat(s.first);
