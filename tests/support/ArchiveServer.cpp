@@ -187,24 +187,6 @@ FullBacklogListener::~FullBacklogListener() {
   close(listenFd_);
 }
 
-HangGuard::HangGuard(int seconds)
-    : thread_([this, seconds] {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (!done_.wait_for(lock, std::chrono::seconds(seconds), [this] { return finished_; })) {
-          std::fprintf(stderr, "a call did not return within %d s\n", seconds);
-          std::_Exit(1);
-        }
-      }) {}
-
-HangGuard::~HangGuard() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    finished_ = true;
-  }
-  done_.notify_one();
-  thread_.join();
-}
-
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream s;

@@ -230,7 +230,7 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
   EXPECT_EQ(400, tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "", dir.path().c_str(), final, &st));
   EXPECT_EQ(TOBAS_WA_BUF_DATA, st.errorCode);
   tobasFreeStatus(&st);
-  srv.push(httpReply(200, "data"));  // no file name in the reply
+  srv.push(httpReply(200, "data", "Content-Disposition: attachment; size=4\r\n"));  // no file name
   EXPECT_EQ(tobasERR_INV_REPLY,
             tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "", dir.path().c_str(), final, &st));
   EXPECT_STREQ("FAILURE", st.status);

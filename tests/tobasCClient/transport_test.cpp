@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstring>
 #include <memory>
 #include <string>
 #include <thread>
@@ -183,33 +182,6 @@ TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
       EXPECT_STREQ("0123456789", data);
     }
     free(data);
-  }
-}
-
-TEST(TobasTransport, HeaderFieldLookup) {
-  Exchange ex;
-  memset(ex.hdr, 0, sizeof ex.hdr);
-  strcpy(ex.hdr[0], "http/1.0 200 ok\r\n");
-  strcpy(ex.hdr[1], "location: http://otherhost:8888/x\r\n");
-  strcpy(ex.hdr[2], "content-disposition: attachment; filename=\"x.fits\"\r\n");
-  strcpy(ex.hdr[3], "x-empty: filename=\"\"\r\n");
-  memcpy(ex.hdr[40], "late: x", 7);  // only the first 32 rows are searched
-  const struct {
-    const char *field, *sub;
-    int stat;
-    std::string value;
-  } cases[] = {{"location", "", 0, "http://otherhost:8888/x"},
-               {"content-disposition", "filename", 0, "x.fits"},
-               {"x-empty", "filename", 0, ""},
-               {"content-disposition", "size", tobasERR_INV_REPLY, ""},
-               {"missing", "", tobasERR_INV_REPLY, ""},
-               {"late", "", tobasERR_INV_REPLY, ""}};
-  for (const auto& c : cases) {
-    tobasMED_BUF v = "";
-    EXPECT_EQ(c.stat, tobasGetHttpHdrEntry(ex.hdr, c.field, c.sub, v)) << c.field;
-    if (c.stat == 0) {
-      EXPECT_EQ(c.value, v) << c.field;
-    }
   }
 }
 
