@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -160,43 +161,39 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
 
 TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
   TempDir dir;
-  std::string body(2 * 1024 * 1024 + 3, 'q');
-  body[5] = '\0';
-  std::string disp = "Content-Disposition: attachment; filename=\"x.fits\"\r\n";
-  tobasBIG_BUF final;
-
-  srv.push(httpReply(200, body, disp));
-  ASSERT_EQ(0,
-            tobasRetrieve2File(host, srv.port(), 5, "f:1", 2, "proc", "a=b", dir.path().c_str(), final, &st));
-  EXPECT_EQ(dir.file("x.fits"), final);
-  EXPECT_EQ(body, archivetest::readFile(final));
-  EXPECT_EQ("OK Successfully handled RETRIEVE command", std::string(st.status) + " " + st.message);
-  EXPECT_EQ("RETRIEVE?file_id=\"f%3A1\"&processing=\"proc\"&processing_pars=\"a%3Db\"&file_version=\"2\"",
-            pathOf(last()));
-
-  srv.push(httpReply(200, "abc", disp));
-  std::string target = dir.file("named.bin");
-  ASSERT_EQ(0,
-            tobasRetrieve2File(host, srv.port(), 5, "--TOB--LOG--", -1, "", "", target.c_str(), final, &st));
-  EXPECT_EQ(target, final);
-  EXPECT_EQ("abc", archivetest::readFile(target));
-  EXPECT_EQ("RETRIEVE?tob_log", pathOf(last()));
-
+  std::string big(2 * 1024 * 1024 + 3, 'q');
+  big[5] = '\0';
   setenv("PWD", dir.path().c_str(), 1);  // this program's working folder is not used otherwise
-  srv.push(archivetest::fileReply("w.fits", "pwd"));
-  ASSERT_EQ(0, tobasRetrieve2File(host, srv.port(), 5, "--CFG--", -1, nullptr, nullptr, "", final, &st));
-  EXPECT_EQ(dir.file("w.fits"), final);
-  EXPECT_EQ("pwd", archivetest::readFile(final));
-  EXPECT_EQ("RETRIEVE?cfg", pathOf(last()));
-
   tobasPAR_ARRAY pars;
   tobasResetParArray(&pars);
   tobasAddParAndVal(&pars, "internal", "ngas.xml");
   tobasAddParAndVal(&pars, "host_id", "h:1");
-  srv.push(httpReply(200, "int", disp));
-  ASSERT_EQ(0, tobasGenRetrieve2File(host, srv.port(), 5, tobasCMD_RETRIEVE, &pars, dir.path().c_str(), final,
-                                     &st));
-  EXPECT_EQ("RETRIEVE?internal=\"ngas.xml\"&host_id=h:1", pathOf(last()));
+  const std::string in = dir.path(), named = dir.file("named.bin");
+  const int p = srv.port();
+  tobasBIG_BUF final;
+  const struct {
+    std::function<int()> call;
+    std::string body, file, path;
+  } cases[] = {
+      {[&] { return tobasRetrieve2File(host, p, 5, "f:1", 2, "proc", "a=b", in.c_str(), final, &st); }, big,
+       "x.fits",
+       "RETRIEVE?file_id=\"f%3A1\"&processing=\"proc\"&processing_pars=\"a%3Db\"&file_version=\"2\""},
+      {[&] { return tobasRetrieve2File(host, p, 5, "--TOB--LOG--", -1, "", "", named.c_str(), final, &st); },
+       "abc", "named.bin", "RETRIEVE?tob_log"},
+      {[&] { return tobasRetrieve2File(host, p, 5, "--CFG--", -1, nullptr, nullptr, "", final, &st); }, "pwd",
+       "x.fits", "RETRIEVE?cfg"},
+      {[&] { return tobasGenRetrieve2File(host, p, 5, tobasCMD_RETRIEVE, &pars, in.c_str(), final, &st); },
+       "int", "x.fits", "RETRIEVE?internal=\"ngas.xml\"&host_id=h:1"},
+  };
+  for (const auto& c : cases) {
+    srv.push(archivetest::fileReply("x.fits", c.body));
+    tobasFreeStatus(&st);
+    ASSERT_EQ(0, c.call()) << c.path;
+    EXPECT_EQ(dir.file(c.file), final);
+    EXPECT_EQ(c.body, archivetest::readFile(final));
+    EXPECT_EQ(c.path, pathOf(last()));
+    EXPECT_EQ("OK Successfully handled RETRIEVE command", std::string(st.status) + " " + st.message);
+  }
 }
 
 // Names a reply may give that lead out of the target folder, or name no file at all.

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include <gtest/gtest.h>
 
@@ -55,12 +56,11 @@ struct Feed {
   explicit Feed(const std::string& bytes, bool closeWriter = true) {
     socketpair(AF_UNIX, SOCK_STREAM, 0, fds);
     EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(fds[1], bytes.data(), bytes.size()));
-    if (closeWriter) close(fds[1]);
-    if (closeWriter) fds[1] = -1;
+    if (closeWriter) close(std::exchange(fds[1], -1));
   }
-  ~Feed() {
-    if (fds[0] > 0) close(fds[0]);
-    if (fds[1] > 0) close(fds[1]);
+  ~Feed() {  // -1: already closed
+    close(fds[0]);
+    close(fds[1]);
   }
 };
 
