@@ -76,6 +76,17 @@ std::vector<std::string> ArchiveServer::requests() {
   return requests_;
 }
 
+std::string ArchiveServer::last() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return requests_.empty() ? std::string() : requests_.back();
+}
+
+std::string ArchiveServer::lastPath() {
+  const std::string r = last();
+  const size_t end = r.find(" HTTP/1.0");
+  return r.rfind("GET ", 0) == 0 && end != std::string::npos ? r.substr(4, end - 4) : r;
+}
+
 std::string ArchiveServer::readRequest(int fd) {
   std::string data;
   char buf[65536];

@@ -35,6 +35,9 @@ class ArchiveServer {
   void push(const std::string& bytes) { push(Reply{bytes}); }
   // Requests received so far, one per connection (each: header and body bytes as read).
   std::vector<std::string> requests();
+  // The last request, and the path of its GET line (the whole request when it is no GET).
+  std::string last();
+  std::string lastPath();
 
  private:
   void run();

@@ -24,27 +24,17 @@ namespace {
 
 const std::string kOk = httpReply(200, statusDoc("SUCCESS", "done"));
 
-// The request line of a GET ("GET <path> HTTP/1.0") reduced to its path.
-std::string pathOf(const std::string& request) {
-  size_t end = request.find(" HTTP/1.0\n");
-  return end == std::string::npos ? request : request.substr(4, end - 4);
-}
-
 struct Commands : ::testing::Test {
   ArchiveServer srv;
   tobasSTATUS st{};
   const char* host = "127.0.0.1";
   void TearDown() override { tobasFreeStatus(&st); }
-  std::string last() {
-    auto r = srv.requests();
-    return r.empty() ? std::string() : r.back();
-  }
   template <class F>
   std::string sent(F call) {
     srv.push(kOk);
     tobasFreeStatus(&st);
     EXPECT_EQ(0, call());
-    return pathOf(last());
+    return srv.lastPath();
   }
 };
 
@@ -89,8 +79,10 @@ TEST_F(Commands, RequestPaths) {
   EXPECT_EQ("REMDISK&disk_id=\"x%3Ay\"&flag&a%3Db=\"v\"",
             sent([&] { return tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st); }));
   tobasFreeStatus(&st);
-  EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, 17, &pars, &st));
-  tobasFreeStatus(&st);
+  for (int bad : {-1, 17}) {
+    EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, bad, &pars, &st));
+    tobasFreeStatus(&st);
+  }
 
   // A server's error document fills the status.
   srv.push(httpReply(400, statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file")));
@@ -137,7 +129,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
       "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: kest/archive-request\r\n"
       "Content-length: 11\r\nContent-disposition: attachment; filename=\"" +
           file + "\"; no_versioning=\"0\"; wait=\"1\"; time_out=\"-1\"\r\n\nSIMPLE  = T",
-      last());
+      srv.last());
   tobasFreeStatus(&st);
 
   srv.push(kOk);
@@ -146,7 +138,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
       "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: kest/archive-request\r\n"
       "Content-length: 5\r\nContent-disposition: attachment; filename=\"mem%3Ax.fits\"; wait=\"0\"; "
       "no_versioning=\"1\"; time_out\"3\"\r\n\n12345",
-      last());
+      srv.last());
   tobasFreeStatus(&st);
 
   EXPECT_EQ(
@@ -191,7 +183,7 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
     ASSERT_EQ(0, c.call()) << c.path;
     EXPECT_EQ(dir.file(c.file), final);
     EXPECT_EQ(c.body, archivetest::readFile(final));
-    EXPECT_EQ(c.path, pathOf(last()));
+    EXPECT_EQ(c.path, srv.lastPath());
     EXPECT_EQ("OK Successfully handled RETRIEVE command", std::string(st.status) + " " + st.message);
   }
 }

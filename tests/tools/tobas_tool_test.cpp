@@ -51,11 +51,6 @@ struct TobasTool : ::testing::Test {
   ToolRun run(const std::string& args, const std::string& cwd = "", const std::string& errTo = "") {
     return tool("-host 127.0.0.1 -port " + std::to_string(srv.port()) + " " + args, cwd, errTo);
   }
-  // The path of the last GET request line.
-  std::string lastPath() {
-    std::string r = srv.requests().back();
-    return r.rfind("GET ", 0) == 0 ? r.substr(4, r.find(" HTTP/1.0") - 4) : r;
-  }
 };
 
 TEST(TobasToolUsage, InformationAndWrongCommandLines) {
@@ -125,7 +120,7 @@ TEST_F(TobasTool, CommandsAndTheirRequests) {
     srv.push(c.reply);
     ToolRun r = run(c.args);
     EXPECT_EQ(c.status, r.status) << c.args << ": " << r.err;
-    EXPECT_EQ(c.path, lastPath());
+    EXPECT_EQ(c.path, srv.lastPath());
     EXPECT_NE(std::string::npos, (r.out + r.err).find(c.shown)) << r.out << r.err;
   }
   EXPECT_NE(std::string::npos, srv.requests().front().find("Authorization: Basic%20c2VjcmV0"));
@@ -174,7 +169,7 @@ TEST_F(TobasTool, Retrieval) {
     EXPECT_EQ(c.status != 0, r.err.find("RETRIEVE failed: ") != std::string::npos) << r.err;
     EXPECT_EQ(c.written.empty() ? "" : body, c.written.empty() ? "" : readFile(work + "/" + c.written));
   }
-  EXPECT_EQ("RETRIEVE?file_id=\"X%3A1\"", lastPath());
+  EXPECT_EQ("RETRIEVE?file_id=\"X%3A1\"", srv.lastPath());
 }
 
 // With standard error on a terminal, a long retrieval shows its progress there.
