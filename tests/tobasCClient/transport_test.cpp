@@ -301,8 +301,6 @@ TEST(TobasTransport, TimeOutsHoldThroughSignals) {
     EXPECT_GE(secs, 0.45) << (signals ? "with signals" : "");
     EXPECT_LT(secs, 3.0);
   }
-  // An IPv6 literal has no IPv4 address: the lookup fails without asking any resolver.
-  EXPECT_EQ(tobasERR_HOST, tobasPrepSock("::1", 80));
 
   const std::pair<float, float> settings[] = {{0, 1e8f}, {-3, 1e8f}, {2.5f, 2.5f}};
   for (const auto& s : settings) {
