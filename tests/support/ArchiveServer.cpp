@@ -76,9 +76,15 @@ std::vector<std::string> ArchiveServer::requests() {
   return requests_;
 }
 
-size_t ArchiveServer::connections() {
+std::string ArchiveServer::last() {
   std::lock_guard<std::mutex> lock(mutex_);
-  return connections_;
+  return requests_.empty() ? std::string() : requests_.back();
+}
+
+std::string ArchiveServer::lastPath() {
+  const std::string r = last();
+  const size_t end = r.find(" HTTP/1.0");
+  return r.rfind("GET ", 0) == 0 && end != std::string::npos ? r.substr(4, end - 4) : r;
 }
 
 std::string ArchiveServer::readRequest(int fd) {
@@ -117,36 +123,24 @@ void ArchiveServer::run() {
     if (poll(&p, 1, 20) <= 0) continue;
     int fd = accept(listenFd_, nullptr, nullptr);
     if (fd < 0) continue;
-    Reply reply;
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      ++connections_;
-      if (!replies_.empty()) {
-        reply = replies_.front();
-        replies_.pop_front();
-      } else {
-        reply.closeEarly = true;
-      }
-    }
-    std::string req = reply.readRequest ? readRequest(fd) : std::string();
+    std::string req = readRequest(fd);
+    Reply reply;  // none queued: closed unanswered
     {
       std::lock_guard<std::mutex> lock(mutex_);
       requests_.push_back(req);
-    }
-    if (reply.delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(reply.delayMs));
-    if (!reply.closeEarly) {
-      const size_t total = std::min(reply.bytes.size(), reply.cutAfter);
-      size_t off = 0;
-      while (off < total) {
-        size_t chunk = total - off;
-        if (reply.dripChunk > 0) {
-          chunk = std::min(chunk, reply.dripChunk);
-          if (off > 0) std::this_thread::sleep_for(std::chrono::milliseconds(reply.dripDelayMs));
-        }
-        ssize_t n = send(fd, reply.bytes.data() + off, chunk, MSG_NOSIGNAL);
-        if (n <= 0) break;
-        off += static_cast<size_t>(n);
+      if (!replies_.empty()) {
+        reply = replies_.front();
+        replies_.pop_front();
       }
+    }
+    const size_t total = std::min(reply.bytes.size(), reply.cutAfter);
+    for (size_t off = 0; off < total;) {
+      size_t chunk = reply.dripChunk > 0 ? std::min(total - off, reply.dripChunk) : total - off;
+      if (off > 0 && reply.dripChunk > 0)
+        std::this_thread::sleep_for(std::chrono::milliseconds(reply.dripDelayMs));
+      ssize_t n = send(fd, reply.bytes.data() + off, chunk, MSG_NOSIGNAL);
+      if (n <= 0) break;
+      off += static_cast<size_t>(n);
     }
     while (reply.holdOpen) {
       pollfd h{fd, POLLIN, 0};
@@ -181,14 +175,6 @@ std::string statusDoc(const std::string& status, const std::string& message) {
          message + "\" State=\"ONLINE\" SubState=\"IDLE\" Status=\"" + status + "\" Version=\"v3.1\"/>\n";
 }
 
-std::string statusReply(const std::string& status, const std::string& message) {
-  return httpReply(200, statusDoc(status, message));
-}
-
-std::string redirectReply(const std::string& location) {
-  return "HTTP/1.0 303 See other\r\nlocation: " + location + "\r\nContent-Length: 0\r\n\r\n";
-}
-
 std::string fileReply(const std::string& fileName, const std::string& content) {
   return httpReply(200, content, "content-disposition: attachment; filename=\"" + fileName + "\"\r\n");
 }
@@ -212,34 +198,6 @@ FullBacklogListener::~FullBacklogListener() {
   close(listenFd_);
 }
 
-ScratchDir::ScratchDir() {
-  char tmpl[] = "/tmp/tobas-test-XXXXXX";
-  path_ = mkdtemp(tmpl);
-}
-
-ScratchDir::~ScratchDir() {
-  std::error_code ec;
-  std::filesystem::remove_all(path_, ec);
-}
-
-HangGuard::HangGuard(int seconds)
-    : thread_([this, seconds] {
-        std::unique_lock<std::mutex> lock(mutex_);
-        if (!done_.wait_for(lock, std::chrono::seconds(seconds), [this] { return finished_; })) {
-          std::fprintf(stderr, "a call did not return within %d s\n", seconds);
-          std::_Exit(1);
-        }
-      }) {}
-
-HangGuard::~HangGuard() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    finished_ = true;
-  }
-  done_.notify_one();
-  thread_.join();
-}
-
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   std::ostringstream s;
@@ -253,11 +211,6 @@ std::vector<std::string> listDir(const std::string& dir) {
     names.push_back(e.path().filename().string());
   std::sort(names.begin(), names.end());
   return names;
-}
-
-void writeFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary);
-  out << content;
 }
 
 }  // namespace archivetest

@@ -5,7 +5,8 @@
 #ifndef TESTS_SUPPORT_ARCHIVESERVER_H
 #define TESTS_SUPPORT_ARCHIVESERVER_H
 
-#include <condition_variable>
+#include <unistd.h>
+
 #include <deque>
 #include <mutex>
 #include <string>
@@ -16,9 +17,6 @@ namespace archivetest {
 
 struct Reply {
   std::string bytes;                    // sent as is
-  bool readRequest = true;              // read the request before answering
-  int delayMs = 0;                      // wait before answering
-  bool closeEarly = false;              // close without answering
   size_t cutAfter = std::string::npos;  // close after this many bytes of `bytes`
   size_t dripChunk = 0;                 // send in chunks of this size ...
   int dripDelayMs = 0;                  // ... with this pause between them
@@ -35,9 +33,11 @@ class ArchiveServer {
   int port() const { return port_; }
   void push(const Reply& r);
   void push(const std::string& bytes) { push(Reply{bytes}); }
-  // Requests received so far (each: header and body bytes as read).
+  // Requests received so far, one per connection (each: header and body bytes as read).
   std::vector<std::string> requests();
-  size_t connections();
+  // The last request, and the path of its GET line (the whole request when it is no GET).
+  std::string last();
+  std::string lastPath();
 
  private:
   void run();
@@ -48,7 +48,6 @@ class ArchiveServer {
   std::mutex mutex_;
   std::deque<Reply> replies_;
   std::vector<std::string> requests_;
-  size_t connections_ = 0;
   bool stop_ = false;
   std::thread thread_;
 };
@@ -57,10 +56,6 @@ class ArchiveServer {
 std::string httpReply(int code, const std::string& body, const std::string& extraHeaders = "");
 // A status document with the seven attributes of the status element.
 std::string statusDoc(const std::string& status, const std::string& message);
-// A 200 reply carrying a status document.
-std::string statusReply(const std::string& status, const std::string& message);
-// A 303 reply that sends the client to `location` ("http://host:port/...").
-std::string redirectReply(const std::string& location);
 // A 200 reply whose body is a file named `fileName` in its content-disposition.
 std::string fileReply(const std::string& fileName, const std::string& content);
 
@@ -80,38 +75,16 @@ class FullBacklogListener {
   std::vector<int> fillers_;
 };
 
-// A fresh folder removed with its contents at destruction.
-class ScratchDir {
- public:
-  ScratchDir();
-  ~ScratchDir();
-  const std::string& path() const { return path_; }
-  std::string file(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
-};
-
-// Ends the program with a message when it is not destroyed within `seconds`: a test of a call
-// that used to hang fails instead of waiting for ever.
-class HangGuard {
- public:
-  explicit HangGuard(int seconds);
-  ~HangGuard();
-  HangGuard(const HangGuard&) = delete;
-  HangGuard& operator=(const HangGuard&) = delete;
-
- private:
-  std::mutex mutex_;
-  std::condition_variable done_;
-  bool finished_ = false;
-  std::thread thread_;
+// Ends the program by SIGALRM when not destroyed within `seconds`: a call that hangs fails the
+// test instead of stalling the suite.
+struct HangGuard {
+  explicit HangGuard(unsigned seconds) { alarm(seconds); }
+  ~HangGuard() { alarm(0); }
 };
 
 std::string readFile(const std::string& path);
 // Names in a folder (hidden ones too, not "." and ".."), sorted.
 std::vector<std::string> listDir(const std::string& dir);
-void writeFile(const std::string& path, const std::string& content);
 
 }  // namespace archivetest
 

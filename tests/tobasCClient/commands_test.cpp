@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -12,37 +13,28 @@
 #include <tobasCClient/tobasCClientLib.h>
 
 #include "tests/support/ArchiveServer.h"
+#include "tests/support/TempDir.h"
 
 using archivetest::ArchiveServer;
 using archivetest::httpReply;
-using archivetest::ScratchDir;
 using archivetest::statusDoc;
+using testsupport::TempDir;
 
 namespace {
 
 const std::string kOk = httpReply(200, statusDoc("SUCCESS", "done"));
-
-// The request line of a GET ("GET <path> HTTP/1.0") reduced to its path.
-std::string pathOf(const std::string& request) {
-  size_t end = request.find(" HTTP/1.0\n");
-  return end == std::string::npos ? request : request.substr(4, end - 4);
-}
 
 struct Commands : ::testing::Test {
   ArchiveServer srv;
   tobasSTATUS st{};
   const char* host = "127.0.0.1";
   void TearDown() override { tobasFreeStatus(&st); }
-  std::string last() {
-    auto r = srv.requests();
-    return r.empty() ? std::string() : r.back();
-  }
   template <class F>
   std::string sent(F call) {
     srv.push(kOk);
     tobasFreeStatus(&st);
     EXPECT_EQ(0, call());
-    return pathOf(last());
+    return srv.lastPath();
   }
 };
 
@@ -87,7 +79,18 @@ TEST_F(Commands, RequestPaths) {
   EXPECT_EQ("REMDISK&disk_id=\"x%3Ay\"&flag&a%3Db=\"v\"",
             sent([&] { return tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st); }));
   tobasFreeStatus(&st);
-  EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, 17, &pars, &st));
+  for (int bad : {-1, 17}) {
+    EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, bad, &pars, &st));
+    tobasFreeStatus(&st);
+  }
+
+  // A server's error document fills the status.
+  srv.push(httpReply(400, statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file")));
+  EXPECT_EQ(400, tobasStatus(host, p, 5, &st));
+  EXPECT_EQ(TOBAS_ER_DAPI_BAD_FILE, st.errorCode);
+  EXPECT_STREQ("FAILURE", st.status);
+  EXPECT_EQ(1, tobasLogCodeInStatus(&st, "TOBAS_ER_DAPI"));
+  EXPECT_EQ(0, tobasLogCodeInStatus(&st, "OTHER"));
 }
 
 TEST_F(Commands, ParameterArrayAndEncodingBounds) {
@@ -107,13 +110,12 @@ TEST_F(Commands, ParameterArrayAndEncodingBounds) {
   EXPECT_EQ(tobasERR_INV_PARS, tobasLabel(host, srv.port(), 5, std::string(6000, '=').c_str(), &st));
   EXPECT_EQ(tobasERR_INV_PARS, st.errorCode);
   EXPECT_STREQ("FAILURE", st.status);
-  EXPECT_EQ(0u, srv.connections());
+  EXPECT_TRUE(srv.requests().empty());
 }
 
 TEST_F(Commands, ArchivePullPushAndFromMemory) {
-  ScratchDir dir;
-  std::string file = dir.file("x.fits");
-  archivetest::writeFile(file, "SIMPLE  = T");
+  TempDir dir;
+  const std::string file = dir.write("x.fits", "SIMPLE  = T");
   int p = srv.port();
   EXPECT_EQ(
       "ARCHIVE?filename=\"file:/data/x%3A1.fits\"&mime_type=\"image/fits\"&no_versioning=\"1\"&wait=\"0\"&"
@@ -127,7 +129,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
       "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: kest/archive-request\r\n"
       "Content-length: 11\r\nContent-disposition: attachment; filename=\"" +
           file + "\"; no_versioning=\"0\"; wait=\"1\"; time_out=\"-1\"\r\n\nSIMPLE  = T",
-      last());
+      srv.last());
   tobasFreeStatus(&st);
 
   srv.push(kOk);
@@ -136,7 +138,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
       "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: kest/archive-request\r\n"
       "Content-length: 5\r\nContent-disposition: attachment; filename=\"mem%3Ax.fits\"; wait=\"0\"; "
       "no_versioning=\"1\"; time_out\"3\"\r\n\n12345",
-      last());
+      srv.last());
   tobasFreeStatus(&st);
 
   EXPECT_EQ(
@@ -149,59 +151,46 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
   EXPECT_STREQ("Invalid filename specified", st.message);
 }
 
-TEST_F(Commands, ServerErrorsFillTheStatus) {
-  srv.push(httpReply(400, statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file")));
-  EXPECT_EQ(400, tobasStatus(host, srv.port(), 5, &st));
-  EXPECT_EQ(TOBAS_ER_DAPI_BAD_FILE, st.errorCode);
-  EXPECT_STREQ("FAILURE", st.status);
-  EXPECT_EQ(1, tobasLogCodeInStatus(&st, "TOBAS_ER_DAPI"));
-  EXPECT_EQ(0, tobasLogCodeInStatus(&st, "OTHER"));
-}
-
 TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
-  ScratchDir dir;
-  std::string body(2 * 1024 * 1024 + 3, 'q');
-  body[5] = '\0';
-  std::string disp = "Content-Disposition: attachment; filename=\"x.fits\"\r\n";
-  tobasBIG_BUF final;
-
-  srv.push(httpReply(200, body, disp));
-  ASSERT_EQ(0,
-            tobasRetrieve2File(host, srv.port(), 5, "f:1", 2, "proc", "a=b", dir.path().c_str(), final, &st));
-  EXPECT_EQ(dir.file("x.fits"), final);
-  EXPECT_EQ(body, archivetest::readFile(final));
-  EXPECT_EQ("OK Successfully handled RETRIEVE command", std::string(st.status) + " " + st.message);
-  EXPECT_EQ("RETRIEVE?file_id=\"f%3A1\"&processing=\"proc\"&processing_pars=\"a%3Db\"&file_version=\"2\"",
-            pathOf(last()));
-
-  srv.push(httpReply(200, "abc", disp));
-  std::string target = dir.file("named.bin");
-  ASSERT_EQ(0,
-            tobasRetrieve2File(host, srv.port(), 5, "--TOB--LOG--", -1, "", "", target.c_str(), final, &st));
-  EXPECT_EQ(target, final);
-  EXPECT_EQ("abc", archivetest::readFile(target));
-  EXPECT_EQ("RETRIEVE?tob_log", pathOf(last()));
-
+  TempDir dir;
+  std::string big(2 * 1024 * 1024 + 3, 'q');
+  big[5] = '\0';
   setenv("PWD", dir.path().c_str(), 1);  // this program's working folder is not used otherwise
-  srv.push(archivetest::fileReply("w.fits", "pwd"));
-  ASSERT_EQ(0, tobasRetrieve2File(host, srv.port(), 5, "--CFG--", -1, nullptr, nullptr, "", final, &st));
-  EXPECT_EQ(dir.file("w.fits"), final);
-  EXPECT_EQ("pwd", archivetest::readFile(final));
-  EXPECT_EQ("RETRIEVE?cfg", pathOf(last()));
-
   tobasPAR_ARRAY pars;
   tobasResetParArray(&pars);
   tobasAddParAndVal(&pars, "internal", "ngas.xml");
   tobasAddParAndVal(&pars, "host_id", "h:1");
-  srv.push(httpReply(200, "int", disp));
-  ASSERT_EQ(0, tobasGenRetrieve2File(host, srv.port(), 5, tobasCMD_RETRIEVE, &pars, dir.path().c_str(), final,
-                                     &st));
-  EXPECT_EQ("RETRIEVE?internal=\"ngas.xml\"&host_id=h:1", pathOf(last()));
+  const std::string in = dir.path(), named = dir.file("named.bin");
+  const int p = srv.port();
+  tobasBIG_BUF final;
+  const struct {
+    std::function<int()> call;
+    std::string body, file, path;
+  } cases[] = {
+      {[&] { return tobasRetrieve2File(host, p, 5, "f:1", 2, "proc", "a=b", in.c_str(), final, &st); }, big,
+       "x.fits",
+       "RETRIEVE?file_id=\"f%3A1\"&processing=\"proc\"&processing_pars=\"a%3Db\"&file_version=\"2\""},
+      {[&] { return tobasRetrieve2File(host, p, 5, "--TOB--LOG--", -1, "", "", named.c_str(), final, &st); },
+       "abc", "named.bin", "RETRIEVE?tob_log"},
+      {[&] { return tobasRetrieve2File(host, p, 5, "--CFG--", -1, nullptr, nullptr, "", final, &st); }, "pwd",
+       "x.fits", "RETRIEVE?cfg"},
+      {[&] { return tobasGenRetrieve2File(host, p, 5, tobasCMD_RETRIEVE, &pars, in.c_str(), final, &st); },
+       "int", "x.fits", "RETRIEVE?internal=\"ngas.xml\"&host_id=h:1"},
+  };
+  for (const auto& c : cases) {
+    srv.push(archivetest::fileReply("x.fits", c.body));
+    tobasFreeStatus(&st);
+    ASSERT_EQ(0, c.call()) << c.path;
+    EXPECT_EQ(dir.file(c.file), final);
+    EXPECT_EQ(c.body, archivetest::readFile(final));
+    EXPECT_EQ(c.path, srv.lastPath());
+    EXPECT_EQ("OK Successfully handled RETRIEVE command", std::string(st.status) + " " + st.message);
+  }
 }
 
 // Names a reply may give that lead out of the target folder, or name no file at all.
 TEST_F(Commands, RetrievalRefusesFileNamesOutsideTheTargetFolder) {
-  ScratchDir dir;
+  TempDir dir;
   const std::string folder = dir.file("in");
   mkdir(folder.c_str(), 0755);
   const char nul[] = "a\0b";
@@ -224,13 +213,13 @@ TEST_F(Commands, RetrievalRefusesFileNamesOutsideTheTargetFolder) {
 }
 
 TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
-  ScratchDir dir;
+  TempDir dir;
   tobasBIG_BUF final;
   srv.push(httpReply(400, statusDoc("FAILURE", "TOBAS_ER_RETRIEVE:4022:WARNING: not here")));
   EXPECT_EQ(400, tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "", dir.path().c_str(), final, &st));
   EXPECT_EQ(TOBAS_WA_BUF_DATA, st.errorCode);
   tobasFreeStatus(&st);
-  srv.push(httpReply(200, "data"));  // no file name in the reply
+  srv.push(httpReply(200, "data", "Content-Disposition: attachment; size=4\r\n"));  // no file name
   EXPECT_EQ(tobasERR_INV_REPLY,
             tobasRetrieve2File(host, srv.port(), 5, "f", -1, "", "", dir.path().c_str(), final, &st));
   EXPECT_STREQ("FAILURE", st.status);
@@ -261,7 +250,7 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
                {full.size() - 99988, false, 0, tobasERR_RD_DATA},
                {full.size() - 99988, true, 0.3f, tobasERR_TIMEOUT}};
   archivetest::HangGuard guard(30);
-  archivetest::writeFile(dir.file("old"), "old");
+  dir.write("old", "old");
   for (const auto& s : stops) {
     archivetest::Reply cut{full};
     cut.cutAfter = s.cut;
