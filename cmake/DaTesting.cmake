@@ -19,17 +19,28 @@ function(da_add_gtest name)
   da_warnings(${name})
   # Sources find the tree through the compile definitions DA_SOURCE_DIR and
   # DA_BINARY_DIR of da_test_support.
-  if(ARG_LABELS)
-    gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} DISCOVERY_TIMEOUT 60
-      PROPERTIES LABELS "${ARG_LABELS}")
-  else()
-    gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} DISCOVERY_TIMEOUT 60)
-  endif()
+  gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} DISCOVERY_TIMEOUT 60
+    DISCOVERY_MODE PRE_TEST TEST_LIST ${name}_TESTS)
+  da_label_tests(${name}_TESTS "${ARG_LABELS}")
   if(ARG_ALL_BACKENDS)
     set(labels ${ARG_LABELS} freetds)
     foreach(backend tds50 tds74)
       gtest_discover_tests(${name} WORKING_DIRECTORY ${CMAKE_CURRENT_BINARY_DIR} DISCOVERY_TIMEOUT 60
-        TEST_PREFIX ${backend}. PROPERTIES LABELS "${labels}" ENVIRONMENT DA_TEST_BACKEND=${backend})
+        DISCOVERY_MODE PRE_TEST TEST_LIST ${name}_${backend}_TESTS TEST_PREFIX ${backend}.
+        PROPERTIES ENVIRONMENT DA_TEST_BACKEND=${backend})
+      da_label_tests(${name}_${backend}_TESTS "${labels}")
     endforeach()
   endif()
+endfunction()
+
+# Gives the tests that gtest_discover_tests listed in `list_var` all of
+# `labels`. Labels passed through its PROPERTIES lose every entry after the
+# first, so they are set by a script that CTest reads after the discovery.
+function(da_label_tests list_var labels)
+  if(NOT labels)
+    return()
+  endif()
+  set(script ${CMAKE_CURRENT_BINARY_DIR}/${list_var}_labels.cmake)
+  file(WRITE ${script} "if(${list_var})\n  set_tests_properties(\${${list_var}} PROPERTIES LABELS \"${labels}\")\nendif()\n")
+  set_property(DIRECTORY APPEND PROPERTY TEST_INCLUDE_FILES ${script})
 endfunction()

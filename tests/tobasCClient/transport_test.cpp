@@ -260,7 +260,8 @@ TEST(TobasTransport, ServerListBounds) {
 
   int added = 0;
   while (added < 40 && tobasParseSrvListId(("fill" + std::to_string(added)).c_str(), "a:1") == 0) ++added;
-  EXPECT_LT(added, 32);
+  EXPECT_GE(added, tobasMAX_SRV_LISTS / 2);  // the other tests of a run take a few slots at most
+  EXPECT_LT(added, tobasMAX_SRV_LISTS);
   std::string log = logged([] { EXPECT_EQ(1, tobasParseSrvListId("one-too-many", "a:1")); });
   EXPECT_NE(std::string::npos, log.find("[ERROR] Illegal Server List ID or no more free slots"));
   EXPECT_EQ(0, tobasParseSrvListId("partial", "a:1"));  // re-parsing a known list still works
