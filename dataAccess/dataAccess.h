@@ -2,8 +2,8 @@
 #define DATAACCESS_DATAACCESS_H
 
 // Umbrella header of libDataAccess: the database connection layer, the
-// catalogue DAOs and the observation-condition services, with the connection
-// library and password sealing they use.
+// catalogue DAOs, the observation-condition services and the Condor batch
+// submission, with the connection library and password sealing they use.
 
 #include <dataAccess/catalogue/KestFile.h>
 #include <dataAccess/catalogue/KestFileDAOSyb.h>
@@ -20,6 +20,9 @@
 #include <dataAccess/conditions/SeeingDAOSyb.h>
 #include <dataAccess/conditions/TORV2NightObs.h>
 #include <dataAccess/conditions/TORV2NightObsDAOSyb.h>
+#include <dataAccess/condor/CondorDag.h>
+#include <dataAccess/condor/CondorJob.h>
+#include <dataAccess/condor/CondorSubmit.h>
 #include <dataAccess/db/ConnectionPool.h>
 #include <dataAccess/db/ServiceConnectionStub.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>

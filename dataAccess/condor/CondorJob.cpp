@@ -1,0 +1,95 @@
+#include <daLog/Log.h>
+#include <dataAccess/condor/CondorJob.h>
+#include <dataAccess/condor/CondorSupport.h>
+
+#include <cstdlib>
+
+using namespace dataAccess::condor;
+
+CondorJob::CondorJob(const std::string& fileName) {
+  if (!validFileName(fileName)) {
+    DA_LOG_ERROR("CondorJob::CondorJob() - invalid job filename %s", fileName.c_str());
+    std::abort();
+  }
+  fileName_ = completePath(fileName);
+  id_ = leafName(fileName_);
+  submitCommand_ = "condor_submit";
+  universe_ = "vanilla";
+  output_ = id_ + ".out";
+  error_ = id_ + ".err";
+  log_ = id_ + ".log";
+  shouldTransferFiles_ = "NO";
+  initialDir_ = directoryName(fileName_);
+  notification_ = "NEVER";
+  DA_LOG_DEBUG("Job filename is %s", fileName_.c_str());
+}
+
+std::string CondorJob::saveRefusal() const {
+  if (executable_.empty()) return "CondorJob::save() - executable is not defined";
+  const std::pair<const char*, const std::string*> values[] = {
+      {"universe", &universe_},
+      {"executable", &executable_},
+      {"output", &output_},
+      {"error", &error_},
+      {"log", &log_},
+      {"arguments", &arguments_},
+      {"should_transfer_files", &shouldTransferFiles_},
+      {"initialdir", &initialDir_},
+      {"notification", &notification_}};
+  for (const auto& v : values)
+    if (v.second->find('\n') != std::string::npos)
+      return std::string("CondorJob::save() - line feed in the ") + v.first + " value of " + fileName_;
+  return std::string();
+}
+
+std::string CondorJob::contents() const {
+  std::string text;
+  text.reserve(250 + executable_.size() + arguments_.size() + 3 * id_.size() + initialDir_.size());
+  // Keys are left-aligned in 22 columns, as Condor's own tools write them.
+  text.append("universe              = ").append(universe_);
+  text.append("\nexecutable            = ").append(executable_);
+  text.append("\noutput                = ").append(output_);
+  text.append("\nerror                 = ").append(error_);
+  text.append("\nlog                   = ").append(log_);
+  text.append("\narguments             = ").append(arguments_);
+  text.append("\nshould_transfer_files = ").append(shouldTransferFiles_);
+  text.append("\ninitialdir            = ").append(initialDir_);
+  text.append("\nnotification          = ").append(notification_);
+  text.append("\nqueue\n");
+  return text;
+}
+
+int CondorJob::save() const {
+  const std::string refusal = saveRefusal();
+  if (!refusal.empty()) {
+    DA_LOG_ERROR("%s", refusal.c_str());
+    return -1;
+  }
+  return write();
+}
+
+int CondorJob::write() const {
+  bool existed = false;
+  const int fd = openForWriting(fileName_, existed);
+  if (existed) DA_LOG_INFO("Overwriting condor submit file %s", fileName_.c_str());
+  if (fd < 0) {
+    DA_LOG_ERROR("Can't open condor submit file %s for writing", fileName_.c_str());
+    return -1;
+  }
+  if (!writeAndClose(fd, contents())) {
+    DA_LOG_ERROR("Can't write condor submit file %s", fileName_.c_str());
+    return -1;
+  }
+  DA_LOG_DEBUG("Saved condor submit file %s", fileName_.c_str());
+  return 0;
+}
+
+int CondorJob::submit() const {
+  if (!pathExists(fileName_)) save();
+  if (!pathExists(fileName_)) {
+    DA_LOG_ERROR("Can't submit non-existent file %s", fileName_.c_str());
+    return -1;
+  }
+  DA_LOG_DEBUG("Submitting condor job %s", fileName_.c_str());
+  return runSubmitCommand(submitCommand_, fileName_);
+}

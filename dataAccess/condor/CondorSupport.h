@@ -1,0 +1,49 @@
+#ifndef DATAACCESS_CONDOR_CONDORSUPPORT_H
+#define DATAACCESS_CONDOR_CONDORSUPPORT_H
+
+// Pieces the Condor classes share: path names completed against the
+// process's initial working directory, file tests and shell quoting.
+
+#include <string>
+
+namespace dataAccess {
+namespace condor {
+
+// The working directory of the process when the library was loaded.
+const std::string& initialWorkingDirectory();
+
+// A usable path name: not empty and free of NUL bytes.
+bool validPathName(const std::string& name);
+// A usable file name: a valid path name whose last component is a name
+// (not empty, "." or "..").
+bool validFileName(const std::string& name);
+
+// `name` as it stands when absolute, else the initial working directory,
+// "/" and `name`.
+std::string completePath(const std::string& name);
+// The last component of a path ("x.cmd" of "/a/x.cmd").
+std::string leafName(const std::string& path);
+// Everything before the last component ("/a" of "/a/x.cmd", "/" of "/x.cmd").
+std::string directoryName(const std::string& path);
+
+bool pathExists(const std::string& path);
+
+// Opens `path` for writing with truncation (created with mode 0666 less the
+// umask); `existed` tells whether something was there. -1 when it cannot be
+// opened.
+int openForWriting(const std::string& path, bool& existed);
+// Writes all of `text` to `fd` and closes it; false on any error.
+bool writeAndClose(int fd, const std::string& text);
+
+// `word` for a shell command line: as it stands when it holds only letters,
+// digits and _ . / + - , : = @ %, else in single quotes.
+std::string shellWord(const std::string& word);
+
+// Logs the shell command and runs `command` + " " + the quoted `file`
+// through the shell; returns the result of system().
+int runSubmitCommand(const std::string& command, const std::string& file);
+
+}  // namespace condor
+}  // namespace dataAccess
+
+#endif
