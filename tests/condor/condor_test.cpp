@@ -1,0 +1,262 @@
+// Condor submit files, DAG files and association-block submission, run
+// against the stand-in submit commands of tests/support.
+#include <dataAccess/condor/CondorDag.h>
+#include <dataAccess/condor/CondorSubmit.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <map>
+#include <sstream>
+
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+const std::string kStartDir = fs::current_path().string();  // taken at load, like the library's
+const std::string kStandIn = std::string(DA_SOURCE_DIR) + "/tests/support/condor_submit";
+
+std::string slurp(const std::string& path) {
+  std::stringstream s;
+  s << std::ifstream(path).rdbuf();
+  return s.str();
+}
+
+std::string submitFile(const std::string& executable, const std::string& id, const std::string& dir,
+                       const std::string& arguments = "", std::string log = "") {
+  return "universe              = vanilla\nexecutable            = " + executable +
+         "\noutput                = " + id + ".out\nerror                 = " + id +
+         ".err\nlog                   = " + (log.empty() ? id : log) +
+         ".log\narguments             = " + arguments +
+         "\nshould_transfer_files = NO\ninitialdir            = " + dir +
+         "\nnotification          = NEVER\nqueue\n";
+}
+
+class Condor : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    setenv("CONDOR_STANDIN_LOG", dir_.file("record").c_str(), 1);
+    setenv("CONDOR_STANDIN_STATUS", "0", 1);
+    CondorSubmit::setSubmitCommands(kStandIn, kStandIn + "_dag");
+  }
+  void TearDown() override { ASSERT_EQ(::chdir(kStartDir.c_str()), 0); }
+  CondorJob job(const std::string& name) const {
+    CondorJob j(dir_.file(name));
+    j.setExecutable("/bin/true");
+    j.setSubmitCommand(kStandIn);
+    return j;
+  }
+  size_t files() const { return static_cast<size_t>(std::distance(fs::directory_iterator(dir_.path()), {})); }
+
+  testsupport::TempDir dir_;
+  testsupport::LogCapture log_;
+};
+
+TEST_F(Condor, SubmitFileBytesAndDefaultsFromARelativeNameAfterChdir) {
+  const std::string rel = fs::relative(dir_.path(), kStartDir).string();
+  ASSERT_EQ(::chdir("/"), 0);
+  CondorJob byDefault(rel + "/x.cmd");
+  byDefault.setExecutable("/bin/true");
+  EXPECT_EQ(byDefault.getFileName(), kStartDir + "/" + rel + "/x.cmd");
+  EXPECT_EQ(byDefault.getId(), "x.cmd");
+  CondorJob set = job("y.cmd");
+  set.setUniverse("local");
+  set.setExecutable("/bin/echo");
+  set.setOutput("o");
+  set.setError("e");
+  set.setLog("l");
+  set.setArguments("-v 1");
+  set.setShouldTransferFiles("YES");
+  set.setInitialDir("/i");
+  set.setNotification("Always");
+  const struct {
+    const CondorJob& job;
+    std::string bytes;
+  } cases[] = {
+      {byDefault, submitFile("/bin/true", "x.cmd", kStartDir + "/" + rel)},
+      {set,
+       "universe              = local\nexecutable            = /bin/echo\noutput                = o\nerror"
+       "                 = e\nlog                   = l\narguments             = -v 1\nshould_transfer_files "
+       "= "
+       "YES\ninitialdir            = /i\nnotification          = Always\nqueue\n"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.job.save(), 0);
+    EXPECT_EQ(slurp(c.job.getFileName()), c.bytes);
+    EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Saved condor submit file " + c.job.getFileName() + "\n"));
+  }
+  EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Job filename is " + byDefault.getFileName() + "\n"));
+  EXPECT_EQ(set.save(), 0);
+  EXPECT_EQ(log_.count("<D> INFO  [ <t> ] Overwriting condor submit file " + set.getFileName() + "\n"), 1u);
+}
+
+TEST_F(Condor, DagBytesInIdOrderWithReplacedParents) {
+  CondorDag dag(dir_.file("g.dag"));
+  const CondorJob a = job("a.cmd"), b = job("b.cmd"), j = job("j.cmd");
+  dag.addJob(j, {a});
+  dag.addJob(b);
+  dag.addJob(a);
+  dag.addJob(j, {b, a});
+  ASSERT_EQ(dag.save(), 0);
+  const std::string sections = "JOB a.cmd " + a.getFileName() + "\nJOB b.cmd " + b.getFileName() +
+                               "\nJOB j.cmd " + j.getFileName() + "\nPARENT b.cmd a.cmd CHILD j.cmd\n";
+  EXPECT_EQ(slurp(dag.getFileName()), sections);
+  EXPECT_EQ(slurp(b.getFileName()), submitFile("/bin/true", "b.cmd", dir_.path()));
+  EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] File contents:\n" + sections + "\n"));
+  EXPECT_EQ(dag.save(), 0);
+  EXPECT_EQ(log_.count("<D> INFO  [ <t> ] Overwriting condor dag file " + dag.getFileName() + "\n"), 1u);
+}
+
+TEST_F(Condor, RefusalsLogTheCauseAndWriteNothing) {
+  CondorJob noExecutable(dir_.file("n.cmd")), lineFeed = job("lf.cmd");
+  lineFeed.setArguments("1\nqueue");
+  const CondorJob a = job("a"), b = job("b"), dotted = job("x.y");
+  const std::string a2 = dir_.file("sub/a");
+  const struct {
+    std::function<int()> save;
+    std::string error;
+  } cases[] = {
+      {[&] { return noExecutable.save(); }, "CondorJob::save() - executable is not defined"},
+      {[&] { return lineFeed.save(); },
+       "CondorJob::save() - line feed in the arguments value of " + lineFeed.getFileName()},
+      {[&] { return CondorDag(dir_.file("g")).save(); }, "CondorDag::save() - empty DAG"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(c.save(), -1) << c.error;
+    EXPECT_TRUE(log_.containsFragment("ERROR [ <t> ] " + c.error)) << c.error;
+  }
+  const struct {
+    std::vector<std::pair<std::string, std::vector<std::string>>> nodes;  // name, parents
+    std::string error;
+  } graphs[] = {
+      {{{"a b", {}}}, "invalid node name a b"},
+      {{{"a+b", {}}}, "invalid node name a+b"},
+      {{{"x.y", {}}, {"Parent", {}}}, "invalid node name Parent"},
+      {{{"chILD", {}}}, "invalid node name chILD"},
+      {{{"a", {}}, {"b", {"a", "c"}}}, "parent c of node b has no JOB line"},
+      {{{"a", {"b"}}, {"b", {"x.y"}}, {"x.y", {"a"}}}, "cycle through node a"},
+      {{{"a", {"a"}}}, "cycle through node a"},
+      {{{"a", {}}, {"sub/a", {}}}, "two jobs named a"},
+      {{{"a", {}}, {"n.cmd", {"a"}}}, "CondorJob::save() - executable is not defined"},
+  };
+  ::mkdir(dir_.file("sub").c_str(), 0700);
+  for (const auto& g : graphs) {
+    CondorDag dag(dir_.file("g.dag"));
+    for (const auto& node : g.nodes) {
+      std::list<CondorJob> parents;
+      for (const auto& p : node.second) parents.push_back(job(p));
+      dag.addJob(node.first == "n.cmd" ? noExecutable : job(node.first), parents);
+    }
+    EXPECT_EQ(dag.save(), -1) << g.error;
+    EXPECT_TRUE(log_.containsFragment("ERROR [ <t> ] CondorDag::save() - " + g.error) ||
+                log_.containsFragment(g.error))
+        << g.error;
+    EXPECT_EQ(files(), 1u) << g.error;  // the folder sub only
+  }
+  CondorDag fine(dir_.file("g.dag"));
+  fine.addJob(dotted);
+  EXPECT_EQ(fine.save(), 0);
+}
+
+TEST_F(Condor, SubmitSavesFirstQuotesTheNameAndPassesTheResultBack) {
+  const struct {
+    std::string name, status, command;
+  } cases[] = {
+      {"plain-1.cmd", "3", ""},
+      {"a b;touch gotcha;$(touch gotcha2).cmd", "0", ""},
+      {"it's.dag", "0", ""},
+  };
+  for (const auto& c : cases) {
+    setenv("CONDOR_STANDIN_STATUS", c.status.c_str(), 1);
+    fs::remove(dir_.file("record"));
+    const CondorJob j = job(c.name);
+    CondorDag dag(dir_.file(c.name + ".dag"));
+    dag.setSubmitCommand(kStandIn + "_dag");
+    dag.addJob(job("n.cmd"));
+    for (const int result : {j.submit(), dag.submit()}) {  // left to right
+
+      ASSERT_TRUE(WIFEXITED(result)) << c.name;
+      EXPECT_EQ(WEXITSTATUS(result), std::stoi(c.status)) << c.name;
+    }
+    EXPECT_EQ(slurp(dir_.file("record")),
+              "condor_submit [" + j.getFileName() + "]\n" + submitFile("/bin/true", c.name, dir_.path()) +
+                  "condor_submit_dag [" + dag.getFileName() + "]\n" + slurp(dag.getFileName()));
+  }
+  EXPECT_FALSE(fs::exists(kStartDir + "/gotcha") || fs::exists(kStartDir + "/gotcha2"));
+  EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Executing shell command: " + kStandIn + " " + dir_.path() +
+                            "/plain-1.cmd\n"));
+  CondorJob never(dir_.file("never.cmd"));
+  EXPECT_EQ(never.submit(), -1);
+  EXPECT_TRUE(
+      log_.contains("<D> ERROR [ <t> ] Can't submit non-existent file " + never.getFileName() + "\n"));
+}
+
+TEST_F(Condor, AssociationBlockRequests) {
+  for (const char* d : {"in", "out", "logs", "work"}) ::mkdir(dir_.file(d).c_str(), 0700);
+  const std::string ab = dir_.write("AB_7.xml", ""), exe = dir_.write("proc", ""), in = dir_.file("in");
+  const std::string work = dir_.file("work/AB_7"), head = "-a " + ab + " -u ops";
+  const std::string tail = " -i " + in + " -o " + dir_.file("out");
+  const struct {
+    int n;
+    std::string user, in, error;
+  } cases[] = {
+      {2, "", dir_.file("nowhere"), "CondorSubmit - non-existent path " + dir_.file("nowhere")},
+      {2, "ops", "", "CondorSubmit - invalid path \n"},
+      {-1, "", in, "submitAbToCondor - invalid number of extensions"},
+      {0, "", in, "submitAbToCondor - invalid user name"},
+      {0, "ops", in, ""},
+      {1, "ops", in, ""},
+      {2, "ops", in, ""},
+      {11, "ops", in, ""},
+  };
+  for (const auto& c : cases) {
+    log_.clear();
+    fs::remove_all(work);
+    fs::remove(dir_.file("record"));
+    const int result = CondorSubmit::submitAbToCondor(ab, c.n, c.user, exe, dir_.file("work"), c.in,
+                                                      dir_.file("out"), dir_.file("logs"));
+    EXPECT_EQ(result, c.error.empty() ? 0 : -1) << c.n;
+    EXPECT_EQ(log_.count("ERROR"), c.error.empty() ? 0u : 1u) << c.n;
+    EXPECT_TRUE(c.error.empty() || log_.containsFragment(c.error)) << c.error;
+    EXPECT_EQ(fs::exists(work), c.error.empty()) << c.n;
+    if (!c.error.empty()) continue;
+    auto expect = [&](const std::string& id, const std::string& arguments) {
+      EXPECT_EQ(slurp(work + "/" + id),
+                submitFile(exe, id, work, head + arguments + tail, dir_.file("logs/" + id)));
+      return "JOB " + id + " " + work + "/" + id + "\n";
+    };
+    if (c.n <= 1) {
+      expect("AB_7.cmd", "");
+      EXPECT_EQ(slurp(dir_.file("record")),
+                "condor_submit [" + work + "/AB_7.cmd]\n" + slurp(work + "/AB_7.cmd"));
+      continue;
+    }
+    std::map<std::string, std::string> jobs;  // id order
+    std::string parents;
+    for (int k = 1; k <= c.n; ++k) {
+      const std::string id = "AB_7_" + std::to_string(k) + ".cmd";
+      jobs[id] = " -e " + std::to_string(k);
+      parents += id + " ";
+    }
+    std::string dag;
+    for (const auto& j : jobs) dag += expect(j.first, j.second);
+    dag += expect("AB_7_join.cmd", " -j " + std::to_string(c.n));
+    dag += "PARENT " + parents + "CHILD AB_7_join.cmd\n";
+    EXPECT_EQ(slurp(dir_.file("record")), "condor_submit_dag [" + work + "/AB_7.dag]\n" + dag);
+  }
+}
+
+TEST(CondorDeath, InvalidNamesStopTheProcess) {
+  const std::string names[] = {"", std::string("a\0b", 3), "dir/", "x/..", "."};
+  for (const auto& name : names) {
+    EXPECT_DEATH(CondorJob{name}, "CondorJob::CondorJob\\(\\) - invalid job filename");
+    EXPECT_DEATH(CondorDag{name}, "CondorDag::CondorDag\\(\\) - invalid dag filename");
+  }
+}
+
+}  // namespace
