@@ -129,7 +129,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
       "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: kest/archive-request\r\n"
       "Content-length: 11\r\nContent-disposition: attachment; filename=\"" +
           file + "\"; no_versioning=\"0\"; wait=\"1\"; time_out=\"-1\"\r\n\nSIMPLE  = T",
-      srv.last());
+      srv.requests().back());
   tobasFreeStatus(&st);
 
   srv.push(kOk);
@@ -138,7 +138,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
       "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: kest/archive-request\r\n"
       "Content-length: 5\r\nContent-disposition: attachment; filename=\"mem%3Ax.fits\"; wait=\"0\"; "
       "no_versioning=\"1\"; time_out\"3\"\r\n\n12345",
-      srv.last());
+      srv.requests().back());
   tobasFreeStatus(&st);
 
   EXPECT_EQ(
@@ -228,10 +228,8 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
                                                        dir.file("no/such/dir/f").c_str(), final, &st));
 
   // A slow peer: the reply time-out runs from the last data received, not from the start.
-  archivetest::Reply drip{archivetest::fileReply("d", std::string(2000, 'd'))};
-  drip.dripChunk = 500;
-  drip.dripDelayMs = 300;
-  srv.push(drip);
+  srv.push(archivetest::Reply{archivetest::fileReply("d", std::string(2000, 'd')), std::string::npos,
+                              200});  // 1.5 s
   EXPECT_EQ(0, tobasRetrieve2File(host, srv.port(), 1, "f", -1, "", "", dir.path().c_str(), final, &st));
   EXPECT_EQ(std::string(2000, 'd'), archivetest::readFile(dir.file("d")));
   ASSERT_EQ(0, remove(final));

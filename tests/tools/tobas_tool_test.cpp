@@ -184,10 +184,8 @@ TEST_F(TobasTool, ProgressLineOnATerminal) {
     GTEST_SKIP() << "no pseudo-terminal: " << why;
   }
   TempDir dir;
-  archivetest::Reply drip{archivetest::fileReply("p.bin", std::string(3 << 20, 'p'))};
-  drip.dripChunk = 256 << 10;
-  drip.dripDelayMs = 110;  // about 1.3 s in all
-  srv.push(drip);
+  srv.push(archivetest::Reply{archivetest::fileReply("p.bin", std::string(3 << 20, 'p')), std::string::npos,
+                              256 << 10});
   ToolRun r = run("-cmd RETRIEVE -par file_id -val p -target " + dir.path(), "", ptsname(master));
   EXPECT_EQ(0, r.status);
   std::string shown;
