@@ -96,9 +96,6 @@ TEST(TobasStatus, HandleStatusAndTexts) {
 }
 
 TEST(TobasUtil, Helpers) {
-  char iso[tobasSMALL_BUF_SIZE];
-  tobasGenIsoTime(0, iso);  // whole seconds; milliseconds are seen on the log lines
-  EXPECT_EQ(19u, strlen(iso)) << iso;
   tobasBIG_BUF dir, name;
   EXPECT_EQ(0, tobasSplitFilename("plain", dir, name));
   EXPECT_STREQ(".", dir);
@@ -252,7 +249,6 @@ TEST(TobasLog, RotationDrivenByMarkerAndTimeOfDay) {
   unsetenv("TZ");
   tzset();
   std::string name = rotated;
-  EXPECT_EQ(0u, name.rfind(dir.path() + "/LOG-ROTATE_", 0)) << name;
   long stamp = std::atol(name.c_str() + dir.path().size() + 12);
   EXPECT_LE(std::labs(stamp - static_cast<long>(now)), 2);
   EXPECT_EQ(dir.path() + "/LOG-ROTATE_" + std::to_string(stamp) + "_client.log", name);
