@@ -10,7 +10,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
 #include <stdexcept>
+
+#include <gtest/gtest.h>
 
 #include "tests/support/TempDir.h"
 
@@ -27,11 +32,22 @@ struct LogEnv {
   }
 } logEnv;
 
+// At the end of each program: every function traced as entered is traced as left as often.
+struct TracesPair : testing::Environment {
+  void TearDown() override {
+    std::map<std::string, int> open;
+    std::istringstream log(readFile(getenv("TOBAS_LOG_FILE")));
+    const std::regex trace(R"(\] (Enter|Leav)ing (\w+)\(\))");
+    for (std::string l; std::getline(log, l);)
+      if (std::smatch m; std::regex_search(l, m, trace)) open[m[2]] += m[1] == "Enter" ? 1 : -1;
+    for (const auto& [fn, n] : open) EXPECT_EQ(0, n) << fn << " entered and left unequally often";
+  }
+};
+const auto* tracesPair = testing::AddGlobalTestEnvironment(new TracesPair);
+
 int listenLoopback(int backlog, sockaddr_in& addr, int& port) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
-  addr = sockaddr_in{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr = sockaddr_in{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t len = sizeof addr;
   if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, backlog) != 0 ||
       getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
@@ -124,19 +140,19 @@ std::string fileReply(const std::string& fileName, const std::string& content) {
 
 FullBacklogListener::FullBacklogListener() {
   sockaddr_in addr;
-  listenFd_ = listenLoopback(0, addr, port_);
+  listenFd = listenLoopback(0, addr, port);
   // A backlog of 0 still queues a connection or two: fill it, then wait until a further
   // connect no longer completes.
   for (int i = 0; i < 8; ++i) {
-    fillers_.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
-    connect(fillers_.back(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+    connect(fillers.back(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
 }
 
 FullBacklogListener::~FullBacklogListener() {
-  for (int c : fillers_) close(c);
-  close(listenFd_);
+  for (int c : fillers) close(c);
+  close(listenFd);
 }
 
 std::string readFile(const std::string& path) {

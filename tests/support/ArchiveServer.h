@@ -45,15 +45,11 @@ std::string statusDoc(const std::string& status, const std::string& message);
 std::string fileReply(const std::string& fileName, const std::string& content);
 
 // A loopback listener whose backlog is full: a connect to it hangs until the client's time-out.
-class FullBacklogListener {
- public:
+struct FullBacklogListener {
   FullBacklogListener();
   ~FullBacklogListener();
-  int port() const { return port_; }
-
- private:
-  int listenFd_ = -1, port_ = 0;
-  std::vector<int> fillers_;
+  int listenFd = -1, port = 0;
+  std::vector<int> fillers;
 };
 
 // Ends the program by SIGALRM when not destroyed within `seconds`: a hang fails, not stalls.

@@ -303,7 +303,7 @@ TEST(TobasTransport, TimeOutsHoldThroughSignals) {
     auto start = std::chrono::steady_clock::now();
     {
       Interrupter alarms(signals ? 60 : 0);
-      EXPECT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", full.port()));
+      EXPECT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", full.port));
     }
     // Not accepted within the bound, whatever the reply time-out; a signal does not end it early.
     double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
