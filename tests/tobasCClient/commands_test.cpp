@@ -37,39 +37,33 @@ struct Commands : ::testing::Test {
     return srv.lastPath();
   }
 };
+#define SENT(call) sent([&] { return call; })
 
 }  // namespace
 
 TEST_F(Commands, RequestPaths) {
   int p = srv.port();
-  EXPECT_EQ("STATUS", sent([&] { return tobasStatus(host, p, 5, &st); }));
+  EXPECT_EQ("STATUS", SENT(tobasStatus(host, p, 5, &st)));
   EXPECT_EQ(1, tobasSuccess(&st));
   EXPECT_STREQ("done", st.message);
   EXPECT_STREQ("arcsrv1", st.hostId);
-  EXPECT_EQ("CLONE?wait=\"1\"&file_id=\"f\"",
-            sent([&] { return tobasClone(host, p, 5, "f", -1, "", "", 1, &st); }));
+  EXPECT_EQ("CLONE?wait=\"1\"&file_id=\"f\"", SENT(tobasClone(host, p, 5, "f", -1, "", "", 1, &st)));
   EXPECT_EQ("CLONE?wait=\"0\"&file_id=\"a:b\"&file_version=3&disk_id=\"d=1\"&target_disk_id=\"t\"",
-            sent([&] { return tobasClone(host, p, 5, "a:b", 3, "d=1", "t", 0, &st); }));
-  EXPECT_EQ("EXIT?wait=\"1\"", sent([&] { return tobasExit(host, p, 5, 1, &st); }));
-  EXPECT_EQ("LABEL?slot_id=\"s%3A1\"", sent([&] { return tobasLabel(host, p, 5, "s:1", &st); }));
-  EXPECT_EQ("ONLINE?wait=\"0\"", sent([&] { return tobasOnline(host, p, 5, 0, &st); }));
-  EXPECT_EQ("OFFLINE?wait=\"1\"&force=1", sent([&] { return tobasOffline(host, p, 5, 1, 1, &st); }));
-  EXPECT_EQ("REGISTER?wait=\"1\"&path=\"/a?b=c\"",
-            sent([&] { return tobasRegister(host, p, 5, "/a?b=c", 1, &st); }));
-  EXPECT_EQ("REMDISK?disk_id=\"d%261\"&execute=0",
-            sent([&] { return tobasRemDisk(host, p, 5, "d&1", 0, &st); }));
+            SENT(tobasClone(host, p, 5, "a:b", 3, "d=1", "t", 0, &st)));
+  EXPECT_EQ("EXIT?wait=\"1\"", SENT(tobasExit(host, p, 5, 1, &st)));
+  EXPECT_EQ("LABEL?slot_id=\"s%3A1\"", SENT(tobasLabel(host, p, 5, "s:1", &st)));
+  EXPECT_EQ("ONLINE?wait=\"0\"", SENT(tobasOnline(host, p, 5, 0, &st)));
+  EXPECT_EQ("OFFLINE?wait=\"1\"&force=1", SENT(tobasOffline(host, p, 5, 1, 1, &st)));
+  EXPECT_EQ("REGISTER?wait=\"1\"&path=\"/a?b=c\"", SENT(tobasRegister(host, p, 5, "/a?b=c", 1, &st)));
+  EXPECT_EQ("REMDISK?disk_id=\"d%261\"&execute=0", SENT(tobasRemDisk(host, p, 5, "d&1", 0, &st)));
   EXPECT_EQ("REMFILE?disk_id=\"d\"&file_id=\"a%3Db\"&file_version=2&execute=1",
-            sent([&] { return tobasRemFile(host, p, 5, "d", "a=b", 2, 1, &st); }));
-  EXPECT_EQ("UNSUBSCRIBE?url=\"http%3A//h%3A1/x\"",
-            sent([&] { return tobasUnsubscribe(host, p, 5, "http://h:1/x", &st); }));
-  EXPECT_EQ("SUBSCRIBE?url=\"u\"&priority=3",
-            sent([&] { return tobasSubscribe(host, p, 5, "u", 3, "", nullptr, "", &st); }));
+            SENT(tobasRemFile(host, p, 5, "d", "a=b", 2, 1, &st)));
+  EXPECT_EQ("UNSUBSCRIBE?url=\"http%3A//h%3A1/x\"", SENT(tobasUnsubscribe(host, p, 5, "http://h:1/x", &st)));
+  EXPECT_EQ("SUBSCRIBE?url=\"u\"&priority=3", SENT(tobasSubscribe(host, p, 5, "u", 3, "", nullptr, "", &st)));
   // Each optional parameter given replaces what was built before.
-  EXPECT_EQ("&start_date=\"2007-07-12T10%3A30\"", sent([&] {
-              return tobasSubscribe(host, p, 5, "u", 3, "2007-07-12T10:30", nullptr, nullptr, &st);
-            }));
-  EXPECT_EQ("&plug_in_pars=\"a%3Db\"",
-            sent([&] { return tobasSubscribe(host, p, 5, "u", 3, "d", "f", "a=b", &st); }));
+  EXPECT_EQ("&start_date=\"2007-07-12T10%3A30\"",
+            SENT(tobasSubscribe(host, p, 5, "u", 3, "2007-07-12T10:30", nullptr, nullptr, &st)));
+  EXPECT_EQ("&plug_in_pars=\"a%3Db\"", SENT(tobasSubscribe(host, p, 5, "u", 3, "d", "f", "a=b", &st)));
 
   tobasPAR_ARRAY pars;
   tobasResetParArray(&pars);
@@ -77,7 +71,7 @@ TEST_F(Commands, RequestPaths) {
   tobasAddParAndVal(&pars, "flag", "");
   tobasAddParAndVal(&pars, "a=b", "v");
   EXPECT_EQ("REMDISK&disk_id=\"x%3Ay\"&flag&a%3Db=\"v\"",
-            sent([&] { return tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st); }));
+            SENT(tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st)));
   tobasFreeStatus(&st);
   for (int bad : {-1, 17}) {
     EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, bad, &pars, &st));
@@ -120,7 +114,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
   EXPECT_EQ(
       "ARCHIVE?filename=\"file:/data/x%3A1.fits\"&mime_type=\"image/fits\"&no_versioning=\"1\"&wait=\"0\"&"
       "time_out=\"2\"",
-      sent([&] { return tobasArchive(host, p, 2.4f, "file:/data/x:1.fits", "image/fits", 1, 0, &st); }));
+      SENT(tobasArchive(host, p, 2.4f, "file:/data/x:1.fits", "image/fits", 1, 0, &st)));
 
   tobasFreeStatus(&st);
   srv.push(kOk);
@@ -144,7 +138,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
   EXPECT_EQ(
       "RESTORE?filename=\"http://h/x%3Fy\"&mime_type=\"\"&filename=\"http%3A//h/x%3Fy\"&file_id=\"id\"&"
       "file_version=\"4\"&time_out=\"-1\"",
-      sent([&] { return tobasRestore(host, p, -1.0f, "http://h/x?y", "id", 4, &st); }));
+      SENT(tobasRestore(host, p, -1.0f, "http://h/x?y", "id", 4, &st)));
 
   tobasFreeStatus(&st);
   EXPECT_EQ(tobasERR_FILE, tobasArchive(host, p, 5, dir.file("missing").c_str(), "", 0, 0, &st));
