@@ -1,4 +1,5 @@
 // Server commands of the archive client: request paths, archiving and retrieval.
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -171,6 +172,7 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
       {[&] { return tobasGenRetrieve2File(host, p, 5, tobasCMD_RETRIEVE, &pars, in.c_str(), final, &st); },
        "int", "x.fits", "RETRIEVE?internal=\"ngas.xml\"&host_id=h:1"},
   };
+  [[maybe_unused]] const size_t inUse = mallinfo2().uordblks;
   for (const auto& c : cases) {
     srv.push(archivetest::fileReply("x.fits", c.body));
     tobasFreeStatus(&st);
@@ -180,6 +182,9 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
     EXPECT_EQ(c.path, srv.lastPath());
     EXPECT_EQ("OK Successfully handled RETRIEVE command", std::string(st.status) + " " + st.message);
   }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // these check leaks themselves
+  EXPECT_LT(mallinfo2().uordblks, inUse + 65536);                    // a retrieval holds no memory after it
+#endif
 }
 
 // Names a reply may give that lead out of the target folder, or name no file at all.
