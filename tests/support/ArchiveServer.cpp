@@ -1,67 +1,85 @@
 #include "tests/support/ArchiveServer.h"
 
 #include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
-#include <stdlib.h>
+#include <string.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
+#include <regex>
 #include <sstream>
 #include <stdexcept>
+
+#include <gtest/gtest.h>
+
+#include "tests/support/TempDir.h"
 
 namespace archivetest {
 
 namespace {
 // Every test program logs into a private folder, never the tree or the home folder.
 struct LogEnv {
-  std::string dir;
+  testsupport::TempDir dir;
   LogEnv() {
-    char tmpl[] = "/tmp/tobas-log-XXXXXX";
-    dir = mkdtemp(tmpl);
-    setenv("TOBAS_LOG_FILE", (dir + "/tobas.log").c_str(), 1);
+    setenv("TOBAS_LOG_FILE", dir.file("tobas.log").c_str(), 1);
     setenv("TOBAS_LOG_LEVEL", "5", 1);
     unsetenv("TOBAS_VERBOSE_LEVEL");
   }
-  ~LogEnv() {
-    std::error_code ec;
-    std::filesystem::remove_all(dir, ec);
-  }
 } logEnv;
 
-// A listening socket on 127.0.0.1, port chosen by the system; fills `addr`.
-int listenLoopback(int backlog, sockaddr_in& addr) {
+// At the end of each program: every function traced as entered is traced as left as often.
+struct TracesPair : testing::Environment {
+  void TearDown() override {
+    std::map<std::string, int> open;
+    std::istringstream log(readFile(getenv("TOBAS_LOG_FILE")));
+    const std::regex trace(R"(\] (Enter|Leav)ing (\w+)\(\))");
+    for (std::string l; std::getline(log, l);)
+      if (std::smatch m; std::regex_search(l, m, trace)) open[m[2]] += m[1] == "Enter" ? 1 : -1;
+    for (const auto& [fn, n] : open) EXPECT_EQ(0, n) << fn << " entered and left unequally often";
+  }
+};
+const auto* tracesPair = testing::AddGlobalTestEnvironment(new TracesPair);
+
+int listenLoopback(int backlog, sockaddr_in& addr, int& port) {
   int fd = socket(AF_INET, SOCK_STREAM, 0);
-  addr = sockaddr_in{};
-  addr.sin_family = AF_INET;
-  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  addr = sockaddr_in{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   socklen_t len = sizeof addr;
   if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 || listen(fd, backlog) != 0 ||
       getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
     throw std::runtime_error("cannot listen on loopback");
+  port = ntohs(addr.sin_port);
   return fd;
+}
+
+// The header, then as many body bytes as its content length announces.
+std::string readRequest(int fd) {
+  std::string data;
+  char buf[65536];
+  for (pollfd p{fd, POLLIN, 0}; poll(&p, 1, 5000) > 0;) {
+    ssize_t n = read(fd, buf, sizeof buf);
+    if (n <= 0) break;
+    data.append(buf, static_cast<size_t>(n));
+    size_t end = data.find("\r\n\n");
+    const char* cl = strcasestr(data.c_str(), "content-length:");
+    if (end != std::string::npos && data.size() >= end + 3 + (cl ? std::atol(cl + 15) : 0)) break;
+  }
+  return data;
 }
 }  // namespace
 
 ArchiveServer::ArchiveServer() {
   sockaddr_in addr;
-  listenFd_ = listenLoopback(16, addr);
-  port_ = ntohs(addr.sin_port);
+  listenFd_ = listenLoopback(16, addr, port_);
   thread_ = std::thread([this] { run(); });
 }
 
 ArchiveServer::~ArchiveServer() {
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    stop_ = true;
-  }
+  stop_ = true;
   thread_.join();
   close(listenFd_);
 }
@@ -76,98 +94,39 @@ std::vector<std::string> ArchiveServer::requests() {
   return requests_;
 }
 
-std::string ArchiveServer::last() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return requests_.empty() ? std::string() : requests_.back();
-}
-
 std::string ArchiveServer::lastPath() {
-  const std::string r = last();
+  const std::string r = requests().back();
   const size_t end = r.find(" HTTP/1.0");
   return r.rfind("GET ", 0) == 0 && end != std::string::npos ? r.substr(4, end - 4) : r;
 }
 
-std::string ArchiveServer::readRequest(int fd) {
-  std::string data;
-  char buf[65536];
-  size_t headerEnd = std::string::npos;
-  long bodyLen = 0;
-  for (;;) {
-    pollfd p{fd, POLLIN, 0};
-    if (poll(&p, 1, 5000) <= 0) break;
-    ssize_t n = read(fd, buf, sizeof buf);
-    if (n <= 0) break;
-    data.append(buf, static_cast<size_t>(n));
-    if (headerEnd == std::string::npos) {
-      size_t e = data.find("\r\n\n");
-      if (e == std::string::npos) continue;
-      headerEnd = e + 3;
-      std::string lower = data.substr(0, headerEnd);
-      std::transform(lower.begin(), lower.end(), lower.begin(),
-                     [](unsigned char c) { return std::tolower(c); });
-      size_t cl = lower.find("content-length:");
-      if (cl != std::string::npos) bodyLen = std::atol(lower.c_str() + cl + 15);
-    }
-    if (data.size() >= headerEnd + static_cast<size_t>(bodyLen)) break;
-  }
-  return data;
-}
-
 void ArchiveServer::run() {
-  for (;;) {
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      if (stop_) return;
-    }
-    pollfd p{listenFd_, POLLIN, 0};
-    if (poll(&p, 1, 20) <= 0) continue;
-    int fd = accept(listenFd_, nullptr, nullptr);
-    if (fd < 0) continue;
-    std::string req = readRequest(fd);
+  while (!stop_) {
     Reply reply;  // none queued: closed unanswered
+    pollfd p{listenFd_, POLLIN, 0};
+    int fd = poll(&p, 1, 20) > 0 ? accept(listenFd_, nullptr, nullptr) : -1;
+    if (fd < 0) continue;
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      requests_.push_back(req);
-      if (!replies_.empty()) {
-        reply = replies_.front();
-        replies_.pop_front();
-      }
+      requests_.push_back(readRequest(fd));
+      if (!replies_.empty()) reply = replies_.front(), replies_.pop_front();
     }
     const size_t total = std::min(reply.bytes.size(), reply.cutAfter);
-    for (size_t off = 0; off < total;) {
-      size_t chunk = reply.dripChunk > 0 ? std::min(total - off, reply.dripChunk) : total - off;
-      if (off > 0 && reply.dripChunk > 0)
-        std::this_thread::sleep_for(std::chrono::milliseconds(reply.dripDelayMs));
-      ssize_t n = send(fd, reply.bytes.data() + off, chunk, MSG_NOSIGNAL);
-      if (n <= 0) break;
-      off += static_cast<size_t>(n);
+    const size_t chunk = reply.dripChunk > 0 ? reply.dripChunk : total;
+    for (size_t off = 0; off < total; off += chunk) {
+      if (off > 0) std::this_thread::sleep_for(std::chrono::milliseconds(150));
+      if (send(fd, reply.bytes.data() + off, std::min(chunk, total - off), MSG_NOSIGNAL) <= 0) break;
     }
-    while (reply.holdOpen) {
-      pollfd h{fd, POLLIN, 0};
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        if (stop_) break;
-      }
-      char c;
+    char c;
+    for (pollfd h{fd, POLLIN, 0}; reply.holdOpen && !stop_;)
       if (poll(&h, 1, 50) > 0 && read(fd, &c, 1) <= 0) break;
-    }
-    shutdown(fd, SHUT_WR);
-    // Let the client read everything before the socket goes away.
-    char sink[4096];
-    pollfd q{fd, POLLIN, 0};
-    while (poll(&q, 1, 200) > 0 && read(fd, sink, sizeof sink) > 0) {
-    }
     close(fd);
   }
 }
 
 std::string httpReply(int code, const std::string& body, const std::string& extraHeaders) {
-  std::ostringstream out;
-  out << "HTTP/1.0 " << code << " Reply text\r\n"
-      << "Content-Type: text/xml\r\n"
-      << extraHeaders << "Content-Length: " << body.size() << "\r\n\r\n"
-      << body;
-  return out.str();
+  return "HTTP/1.0 " + std::to_string(code) + " Reply text\r\nContent-Type: text/xml\r\n" + extraHeaders +
+         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
 }
 
 std::string statusDoc(const std::string& status, const std::string& message) {
@@ -181,34 +140,29 @@ std::string fileReply(const std::string& fileName, const std::string& content) {
 
 FullBacklogListener::FullBacklogListener() {
   sockaddr_in addr;
-  listenFd_ = listenLoopback(0, addr);
-  port_ = ntohs(addr.sin_port);
-  // A backlog of 0 still queues a connection or two: fill it, then wait until
-  // a further connect no longer completes.
+  listenFd = listenLoopback(0, addr, port);
+  // A backlog of 0 still queues a connection or two: fill it, then wait until a further
+  // connect no longer completes.
   for (int i = 0; i < 8; ++i) {
-    int c = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-    connect(c, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    fillers_.push_back(c);
+    fillers.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+    connect(fillers.back(), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
   }
   std::this_thread::sleep_for(std::chrono::milliseconds(50));
 }
 
 FullBacklogListener::~FullBacklogListener() {
-  for (int c : fillers_) close(c);
-  close(listenFd_);
+  for (int c : fillers) close(c);
+  close(listenFd);
 }
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
-  std::ostringstream s;
-  s << in.rdbuf();
-  return s.str();
+  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 std::vector<std::string> listDir(const std::string& dir) {
   std::vector<std::string> names;
-  for (const auto& e : std::filesystem::directory_iterator(dir))
-    names.push_back(e.path().filename().string());
+  for (const auto& e : std::filesystem::directory_iterator(dir)) names.push_back(e.path().filename());
   std::sort(names.begin(), names.end());
   return names;
 }

@@ -1,4 +1,5 @@
 // Server commands of the archive client: request paths, archiving and retrieval.
+#include <malloc.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,39 +38,33 @@ struct Commands : ::testing::Test {
     return srv.lastPath();
   }
 };
+#define SENT(call) sent([&] { return call; })
 
 }  // namespace
 
 TEST_F(Commands, RequestPaths) {
   int p = srv.port();
-  EXPECT_EQ("STATUS", sent([&] { return tobasStatus(host, p, 5, &st); }));
+  EXPECT_EQ("STATUS", SENT(tobasStatus(host, p, 5, &st)));
   EXPECT_EQ(1, tobasSuccess(&st));
   EXPECT_STREQ("done", st.message);
   EXPECT_STREQ("arcsrv1", st.hostId);
-  EXPECT_EQ("CLONE?wait=\"1\"&file_id=\"f\"",
-            sent([&] { return tobasClone(host, p, 5, "f", -1, "", "", 1, &st); }));
+  EXPECT_EQ("CLONE?wait=\"1\"&file_id=\"f\"", SENT(tobasClone(host, p, 5, "f", -1, "", "", 1, &st)));
   EXPECT_EQ("CLONE?wait=\"0\"&file_id=\"a:b\"&file_version=3&disk_id=\"d=1\"&target_disk_id=\"t\"",
-            sent([&] { return tobasClone(host, p, 5, "a:b", 3, "d=1", "t", 0, &st); }));
-  EXPECT_EQ("EXIT?wait=\"1\"", sent([&] { return tobasExit(host, p, 5, 1, &st); }));
-  EXPECT_EQ("LABEL?slot_id=\"s%3A1\"", sent([&] { return tobasLabel(host, p, 5, "s:1", &st); }));
-  EXPECT_EQ("ONLINE?wait=\"0\"", sent([&] { return tobasOnline(host, p, 5, 0, &st); }));
-  EXPECT_EQ("OFFLINE?wait=\"1\"&force=1", sent([&] { return tobasOffline(host, p, 5, 1, 1, &st); }));
-  EXPECT_EQ("REGISTER?wait=\"1\"&path=\"/a?b=c\"",
-            sent([&] { return tobasRegister(host, p, 5, "/a?b=c", 1, &st); }));
-  EXPECT_EQ("REMDISK?disk_id=\"d%261\"&execute=0",
-            sent([&] { return tobasRemDisk(host, p, 5, "d&1", 0, &st); }));
+            SENT(tobasClone(host, p, 5, "a:b", 3, "d=1", "t", 0, &st)));
+  EXPECT_EQ("EXIT?wait=\"1\"", SENT(tobasExit(host, p, 5, 1, &st)));
+  EXPECT_EQ("LABEL?slot_id=\"s%3A1\"", SENT(tobasLabel(host, p, 5, "s:1", &st)));
+  EXPECT_EQ("ONLINE?wait=\"0\"", SENT(tobasOnline(host, p, 5, 0, &st)));
+  EXPECT_EQ("OFFLINE?wait=\"1\"&force=1", SENT(tobasOffline(host, p, 5, 1, 1, &st)));
+  EXPECT_EQ("REGISTER?wait=\"1\"&path=\"/a?b=c\"", SENT(tobasRegister(host, p, 5, "/a?b=c", 1, &st)));
+  EXPECT_EQ("REMDISK?disk_id=\"d%261\"&execute=0", SENT(tobasRemDisk(host, p, 5, "d&1", 0, &st)));
   EXPECT_EQ("REMFILE?disk_id=\"d\"&file_id=\"a%3Db\"&file_version=2&execute=1",
-            sent([&] { return tobasRemFile(host, p, 5, "d", "a=b", 2, 1, &st); }));
-  EXPECT_EQ("UNSUBSCRIBE?url=\"http%3A//h%3A1/x\"",
-            sent([&] { return tobasUnsubscribe(host, p, 5, "http://h:1/x", &st); }));
-  EXPECT_EQ("SUBSCRIBE?url=\"u\"&priority=3",
-            sent([&] { return tobasSubscribe(host, p, 5, "u", 3, "", nullptr, "", &st); }));
+            SENT(tobasRemFile(host, p, 5, "d", "a=b", 2, 1, &st)));
+  EXPECT_EQ("UNSUBSCRIBE?url=\"http%3A//h%3A1/x\"", SENT(tobasUnsubscribe(host, p, 5, "http://h:1/x", &st)));
+  EXPECT_EQ("SUBSCRIBE?url=\"u\"&priority=3", SENT(tobasSubscribe(host, p, 5, "u", 3, "", nullptr, "", &st)));
   // Each optional parameter given replaces what was built before.
-  EXPECT_EQ("&start_date=\"2007-07-12T10%3A30\"", sent([&] {
-              return tobasSubscribe(host, p, 5, "u", 3, "2007-07-12T10:30", nullptr, nullptr, &st);
-            }));
-  EXPECT_EQ("&plug_in_pars=\"a%3Db\"",
-            sent([&] { return tobasSubscribe(host, p, 5, "u", 3, "d", "f", "a=b", &st); }));
+  EXPECT_EQ("&start_date=\"2007-07-12T10%3A30\"",
+            SENT(tobasSubscribe(host, p, 5, "u", 3, "2007-07-12T10:30", nullptr, nullptr, &st)));
+  EXPECT_EQ("&plug_in_pars=\"a%3Db\"", SENT(tobasSubscribe(host, p, 5, "u", 3, "d", "f", "a=b", &st)));
 
   tobasPAR_ARRAY pars;
   tobasResetParArray(&pars);
@@ -77,7 +72,7 @@ TEST_F(Commands, RequestPaths) {
   tobasAddParAndVal(&pars, "flag", "");
   tobasAddParAndVal(&pars, "a=b", "v");
   EXPECT_EQ("REMDISK&disk_id=\"x%3Ay\"&flag&a%3Db=\"v\"",
-            sent([&] { return tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st); }));
+            SENT(tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st)));
   tobasFreeStatus(&st);
   for (int bad : {-1, 17}) {
     EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, bad, &pars, &st));
@@ -120,7 +115,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
   EXPECT_EQ(
       "ARCHIVE?filename=\"file:/data/x%3A1.fits\"&mime_type=\"image/fits\"&no_versioning=\"1\"&wait=\"0\"&"
       "time_out=\"2\"",
-      sent([&] { return tobasArchive(host, p, 2.4f, "file:/data/x:1.fits", "image/fits", 1, 0, &st); }));
+      SENT(tobasArchive(host, p, 2.4f, "file:/data/x:1.fits", "image/fits", 1, 0, &st)));
 
   tobasFreeStatus(&st);
   srv.push(kOk);
@@ -129,7 +124,7 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
       "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: kest/archive-request\r\n"
       "Content-length: 11\r\nContent-disposition: attachment; filename=\"" +
           file + "\"; no_versioning=\"0\"; wait=\"1\"; time_out=\"-1\"\r\n\nSIMPLE  = T",
-      srv.last());
+      srv.requests().back());
   tobasFreeStatus(&st);
 
   srv.push(kOk);
@@ -138,13 +133,13 @@ TEST_F(Commands, ArchivePullPushAndFromMemory) {
       "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: kest/archive-request\r\n"
       "Content-length: 5\r\nContent-disposition: attachment; filename=\"mem%3Ax.fits\"; wait=\"0\"; "
       "no_versioning=\"1\"; time_out\"3\"\r\n\n12345",
-      srv.last());
+      srv.requests().back());
   tobasFreeStatus(&st);
 
   EXPECT_EQ(
       "RESTORE?filename=\"http://h/x%3Fy\"&mime_type=\"\"&filename=\"http%3A//h/x%3Fy\"&file_id=\"id\"&"
       "file_version=\"4\"&time_out=\"-1\"",
-      sent([&] { return tobasRestore(host, p, -1.0f, "http://h/x?y", "id", 4, &st); }));
+      SENT(tobasRestore(host, p, -1.0f, "http://h/x?y", "id", 4, &st)));
 
   tobasFreeStatus(&st);
   EXPECT_EQ(tobasERR_FILE, tobasArchive(host, p, 5, dir.file("missing").c_str(), "", 0, 0, &st));
@@ -177,6 +172,7 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
       {[&] { return tobasGenRetrieve2File(host, p, 5, tobasCMD_RETRIEVE, &pars, in.c_str(), final, &st); },
        "int", "x.fits", "RETRIEVE?internal=\"ngas.xml\"&host_id=h:1"},
   };
+  [[maybe_unused]] const size_t inUse = mallinfo2().uordblks;
   for (const auto& c : cases) {
     srv.push(archivetest::fileReply("x.fits", c.body));
     tobasFreeStatus(&st);
@@ -186,6 +182,9 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
     EXPECT_EQ(c.path, srv.lastPath());
     EXPECT_EQ("OK Successfully handled RETRIEVE command", std::string(st.status) + " " + st.message);
   }
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // these check leaks themselves
+  EXPECT_LT(mallinfo2().uordblks, inUse + 65536);                    // a retrieval holds no memory after it
+#endif
 }
 
 // Names a reply may give that lead out of the target folder, or name no file at all.
@@ -228,10 +227,8 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
                                                        dir.file("no/such/dir/f").c_str(), final, &st));
 
   // A slow peer: the reply time-out runs from the last data received, not from the start.
-  archivetest::Reply drip{archivetest::fileReply("d", std::string(2000, 'd'))};
-  drip.dripChunk = 500;
-  drip.dripDelayMs = 300;
-  srv.push(drip);
+  srv.push(archivetest::Reply{archivetest::fileReply("d", std::string(2000, 'd')), std::string::npos,
+                              200});  // 1.5 s
   EXPECT_EQ(0, tobasRetrieve2File(host, srv.port(), 1, "f", -1, "", "", dir.path().c_str(), final, &st));
   EXPECT_EQ(std::string(2000, 'd'), archivetest::readFile(dir.file("d")));
   ASSERT_EQ(0, remove(final));
