@@ -372,14 +372,12 @@ class TdsServer::Wire {
     if (tds5_) {
       std::string v = t ? t : "";
       if (t && v.empty()) v = " ";
-      if (v.size() > kMaxText5) v.resize(kMaxText5);
       o.u32(static_cast<uint32_t>(v.size()));
       o.raw(v);
     } else if (!t) {
       o.u16(0xffff);
     } else {
       Bytes u = toUcs2(t);
-      if (u.size() > kMaxText7) u.resize(kMaxText7);
       o.u16(static_cast<unsigned>(u.size()));
       o.raw(u);
     }
@@ -667,9 +665,7 @@ bool TdsServer::command(int fd, uint8_t type, const Bytes& msg, Session& s) {
     if (skip > msg.size()) skip = 0;
     sql = fromUcs2(msg.substr(skip));
   } else {
-    w.message(4002, 16, "Unexpected packet");
-    w.done(kDoneError, false, 0);
-    return w.send(fd);
+    return false;
   }
   if (mode_ == Mode::SilentAfterLogin) return true;
   std::vector<std::string> stmts = splitStatements(sql);
