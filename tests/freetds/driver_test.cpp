@@ -78,30 +78,27 @@ class FreeTdsDriverTest : public ::testing::TestWithParam<const char*> {
   SybaseConnection::ErrorHandler previous_ = nullptr;
 };
 
-TEST_P(FreeTdsDriverTest, LoginChecksThePassword) {
+// A wrong password is refused with the server's message; a server that is
+// gone or never answers fails the login or the command within its time-out,
+// reported as a client error.
+TEST_P(FreeTdsDriverTest, Logins) {
   tdstest::TdsServer server(db_, "alice", "s3cret");
   ASSERT_NE(0, server.start());
   EXPECT_EQ(-1, conn_.connect(server.address(), "alice", "wrong"));
   EXPECT_FALSE(conn_.isConnected());
   EXPECT_TRUE(saw(sybase() ? 4002 : 18456));
   ASSERT_EQ(0, conn_.connect(server.address(), "alice", "s3cret"));
-  EXPECT_TRUE(conn_.isConnected());
   EXPECT_TRUE(saw(5701)) << "informational messages reach the handler too";
-}
-
-// A server that is gone or never answers fails the login or the command
-// within its time-out, reported as a client error.
-TEST_P(FreeTdsDriverTest, UnansweringServersFailInBoundedTime) {
   int closedPort;
   {
     tdstest::TdsServer gone(db_, "u", "p");
     closedPort = gone.start();
   }
+  sybconn::FreeTdsSettings::setLoginTimeout(1);
+  sybconn::FreeTdsSettings::setQueryTimeout(1);
   for (Mode mode : {Mode::Normal, Mode::Silent, Mode::SilentAfterLogin}) {
     tdstest::TdsServer server(db_, "u", "p", mode);
     ASSERT_NE(0, server.start());
-    sybconn::FreeTdsSettings::setLoginTimeout(1);
-    sybconn::FreeTdsSettings::setQueryTimeout(1);
     SybaseConnection c;
     const auto t0 = std::chrono::steady_clock::now();
     if (mode == Mode::SilentAfterLogin) {
