@@ -580,18 +580,13 @@ bool TdsServer::credentials(int fd, uint8_t type, Bytes msg, bool tds5, std::str
     return true;
   }
   if (type == kPrelogin) {
-    // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS.
+    // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS: offsets
+    // and lengths, then the values.
     Wire w(false);
-    const unsigned char opts[][2] = {{0, 6}, {1, 1}, {2, 1}, {3, 4}, {4, 1}};
-    unsigned off = 5 * 5 + 1;
-    for (auto& op : opts) {
-      w.o.u8(op[0]);
-      w.o.u16((off >> 8) | ((off & 0xff) << 8));
-      w.o.u16(op[1] << 8);
-      off += op[1];
-    }
-    w.o.u8(0xff);
-    w.o.raw(Bytes("\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00", 13));
+    w.o.raw(
+        Bytes("\x00\x00\x1a\x00\x06\x01\x00\x20\x00\x01\x02\x00\x21\x00\x01\x03\x00\x22\x00\x04"
+              "\x04\x00\x26\x00\x01\xff\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00",
+              39));
     if (!w.send(fd) || !readMessage(fd, type, msg)) return false;
   }
   if (type != kLogin7) return false;
