@@ -100,6 +100,7 @@ TEST_F(ReplicationDAO, RoundTrips) {
 
   std::vector<RR> found{RR("kept")};
   EXPECT_EQ(dao_.find("F1", found, *conn_), 2);  // the rows read, not the vector's size
+  EXPECT_TRUE(log.containsFragment("DEBUG [ <t> ] select file_id, file_version, disk_id, submitter_id"));
   ASSERT_EQ(found.size(), 3u);
   EXPECT_EQ(found[1].fileId_, "F1");
   EXPECT_EQ(found[1].diskId_, "D1");

@@ -3,6 +3,9 @@
 #include <dataAccess/db/ServiceConnectionStub.h>
 
 #include <gtest/gtest.h>
+#include <sybconn/SybaseConnection.h>
+
+#include "tests/support/TempDir.h"
 
 namespace {
 
@@ -26,6 +29,23 @@ TEST(Stub, KeepsTransactionBookkeeping) {
   EXPECT_EQ(stub.release(), 0);
   EXPECT_EQ(stub.transactionNumber(), 0);
   EXPECT_EQ(stub.rowCount(), -1);
+}
+
+// Given a result that succeeded, the stub maps the select list of either case.
+TEST(Stub, MapsTheSelectList) {
+  testsupport::TempDir dir;
+  SybaseConnection conn;
+  ASSERT_EQ(conn.connect("sqlite:" + dir.file("x.db"), "u", "p"), 0);
+  ServiceConnectionStub stub("srv", "usr", "pw");
+  ASSERT_EQ(stub.acquire(), 0);
+  for (const char* sql : {"select a, b from T", "SELECT a, b FROM T"}) {
+    ServiceConnectionStub::ResultSet ok = conn.execute("select 1");
+    ServiceConnectionStub::ListOfFieldIndex map;
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(stub.executeSelect(sql, ok, map), 0) << sql;
+    testing::internal::GetCapturedStdout();
+    EXPECT_EQ(map, (ServiceConnectionStub::ListOfFieldIndex{{"a", 1}, {"b", 2}})) << sql;
+  }
 }
 
 }  // namespace
