@@ -89,6 +89,7 @@ TEST_P(FreeTdsDriverTest, Logins) {
   EXPECT_TRUE(saw(sybase() ? 4002 : 18456));
   ASSERT_EQ(0, conn_.connect(server.address(), "alice", "s3cret"));
   EXPECT_TRUE(saw(5701)) << "informational messages reach the handler too";
+  EXPECT_EQ(server.tdsVersion.load(), sybase() ? 0u : 0x74000004u);
   int closedPort;
   {
     tdstest::TdsServer gone(db_, "u", "p");

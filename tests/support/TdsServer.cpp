@@ -589,7 +589,10 @@ bool TdsServer::credentials(int fd, uint8_t type, Bytes msg, bool tds5, std::str
               39));
     if (!w.send(fd) || !readMessage(fd, type, msg)) return false;
   }
-  if (type != kLogin7) return false;
+  if (type != kLogin7 || msg.size() < 8) return false;
+  uint32_t version = 0;
+  for (size_t k = 8; k-- > 4;) version = (version << 8) | static_cast<unsigned char>(msg[k]);
+  tdsVersion = version;
   auto field = [&msg](size_t pos) {
     if (msg.size() < pos + 4) return Bytes();
     const size_t off = static_cast<unsigned char>(msg[pos]) | (static_cast<unsigned char>(msg[pos + 1]) << 8);
