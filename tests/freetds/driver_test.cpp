@@ -195,6 +195,10 @@ TEST_P(FreeTdsDriverTest, LoginDroppedMidResult) {
   for (SybaseResultSet rs = first->execute("select n from big"); rs.next();) ++rows;
   EXPECT_GE(rows, 1L);  // the rows that came before the cut are read
   EXPECT_LE(rows, 101L);
+  {
+    std::lock_guard<std::mutex> lock(g_seenMutex);
+    for (const auto& s : g_seen) EXPECT_NE(s.dberr, 20047) << "the dead login is not read off again";
+  }
   EXPECT_FALSE(first->isConnected());
   EXPECT_EQ(0, first->execute("select 1").commandSucceeded());
   EXPECT_TRUE(saw(0));
