@@ -38,44 +38,42 @@ TEST_F(KestFileDAO, ExactStatements) {
   bare.fileStatus_ = 'X';
   bare.ingestionDate_ = {1700000000, 123000};
   const std::string date = SybUtils::convertFromUnixTimeval(bare.ingestionDate_);
-  EXPECT_EQ(
-      printed([&] { dao_.insert(bare, stub_); }),
-      "EXECUTE : insert into kest_files (file_id,file_version,file_size,uncompressed_file_size,file_status,"
-      "ingestion_date) values ('F',1,0,0,'X','" +
-          date + "')\n");
-  EXPECT_EQ(
-      printed([&] { dao_.insert(file("F", 2, "D"), stub_); }),
-      "EXECUTE : insert into kest_files (file_id,file_version,file_name,disk_id,format,file_size,"
-      "uncompressed_file_size,file_status,ingestion_date) values ('F',2,'F.fits','D','FITS',1000,4000,'S','" +
-          date + "')\n");
-  EXPECT_EQ(
-      printed([&] { dao_.insert("D1", "F", 2, "D2", stub_); }),
-      "EXECUTE : INSERT INTO kest_files (file_id, file_name, file_version, disk_id, format, file_size, "
-      "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
-      "creation_date) SELECT file_id, file_name, file_version, disk_id='D2', format, file_size, "
-      "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
-      "creation_date=getdate() FROM kest_files WHERE disk_id='D1' AND file_id='F' AND file_version=2\n");
-  EXPECT_EQ(printed([&] { dao_.update("F", 'X', stub_); }),
-            "EXECUTE : update kest_files set file_status = 'X' where file_id='F'\n");
-  EXPECT_EQ(printed([&] { dao_.update("F", 1, "D", 'X', stub_); }),
-            "EXECUTE : update kest_files set file_status = 'X' where file_id='F' and file_version=1 and "
-            "disk_id='D'\n");
-  EXPECT_EQ(printed([&] { dao_.remove("O'Neil", 0, "", stub_); }),
-            "EXECUTE : delete kest_files where file_id='O''Neil'\n");
   const std::string select =
       "select file_id, file_name, file_version, disk_id, format, file_size, uncompressed_file_size, "
-      "compression, "
-      "ingestion_date, ignore, checksum, checksum_plugin, file_status, creation_date from kest_files";
+      "compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, creation_date from "
+      "kest_files";
   std::vector<KestFile> out;
-  EXPECT_EQ(printed([&] { dao_.find("F", 3, "D", out, stub_); }),
-            "EXECUTE : " + select +
-                " where file_id='F' AND file_version=3 AND disk_id='D' order by ingestion_date\n");
-  EXPECT_EQ(printed([&] { dao_.find('S', out, stub_); }),
-            "EXECUTE : " + select + " where file_status='S' order by ingestion_date\n");
   KestFilesSafeDAOSyb safe("kest_files_safe");
-  EXPECT_EQ(
-      printed([&] { EXPECT_EQ(safe.find("F", 2, stub_), -1); }),
-      "EXECUTE : select file_id, file_version from kest_files_safe where file_id='F' AND file_version=2\n");
+  const struct {
+    std::function<void()> call;
+    std::string sql;
+  } cases[] = {
+      {[&] { dao_.insert(bare, stub_); },
+       "insert into kest_files (file_id,file_version,file_size,uncompressed_file_size,file_status,"
+       "ingestion_date) values ('F',1,0,0,'X','" +
+           date + "')"},
+      {[&] { dao_.insert(file("F", 2, "D"), stub_); },
+       "insert into kest_files (file_id,file_version,file_name,disk_id,format,file_size,"
+       "uncompressed_file_size,file_status,ingestion_date) values "
+       "('F',2,'F.fits','D','FITS',1000,4000,'S','" +
+           date + "')"},
+      {[&] { dao_.insert("D1", "F", 2, "D2", stub_); },
+       "INSERT INTO kest_files (file_id, file_name, file_version, disk_id, format, file_size, "
+       "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
+       "creation_date) SELECT file_id, file_name, file_version, disk_id='D2', format, file_size, "
+       "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
+       "creation_date=getdate() FROM kest_files WHERE disk_id='D1' AND file_id='F' AND file_version=2"},
+      {[&] { dao_.update("F", 'X', stub_); }, "update kest_files set file_status = 'X' where file_id='F'"},
+      {[&] { dao_.update("F", 1, "D", 'X', stub_); },
+       "update kest_files set file_status = 'X' where file_id='F' and file_version=1 and disk_id='D'"},
+      {[&] { dao_.remove("O'Neil", 0, "", stub_); }, "delete kest_files where file_id='O''Neil'"},
+      {[&] { dao_.find("F", 3, "D", out, stub_); },
+       select + " where file_id='F' AND file_version=3 AND disk_id='D' order by ingestion_date"},
+      {[&] { dao_.find('S', out, stub_); }, select + " where file_status='S' order by ingestion_date"},
+      {[&] { EXPECT_EQ(safe.find("F", 2, stub_), -1); },
+       "select file_id, file_version from kest_files_safe where file_id='F' AND file_version=2"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(printed(c.call), "EXECUTE : " + c.sql + "\n");
 
   // Refusals run nothing; the status texts follow the replication wording.
   testsupport::LogCapture log;
@@ -129,6 +127,9 @@ TEST_F(KestFileDAO, RoundTripsAndTheCopyToAnotherDisk) {
   std::vector<KestFile> stored;
   EXPECT_EQ(dao_.find('S', stored, *conn_), 4);
   EXPECT_EQ(KestFilesSafeDAOSyb("missing_view").find("F1", 1, *conn_), -1);
+  // A select the server refuses fails, whatever was in the vector.
+  EXPECT_EQ(KestFileDAOSyb("missing").find("F1", 1, "D2", copies, *conn_), -1);
+  EXPECT_EQ(KestFileDAOSyb("missing").find("F1", mine, *conn_), -1);
 
   EXPECT_EQ(dao_.remove("F1", 2, "", *conn_), 1);
   EXPECT_EQ(dao_.remove("F1", 0, "D2", *conn_), 1);

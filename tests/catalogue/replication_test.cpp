@@ -2,6 +2,8 @@
 // through a real SQLite table.
 #include <dataAccess/catalogue/ReplicationRequestDAOSyb.h>
 
+#include <functional>
+
 #include "tests/catalogue/CatalogueFixture.h"
 #include "tests/support/LogCapture.h"
 
@@ -52,34 +54,32 @@ class ReplicationDAO : public CatalogueFixture {
 };
 
 TEST_F(ReplicationDAO, ExactStatements) {
-  EXPECT_EQ(printed([&] { dao_.insert(request("F", 1, ""), stub_); }),
-            "EXECUTE : insert into repl_queue (file_id,file_version,submitter_id,priority,status_id) values "
-            "('F',1,'ops',5,0)\n");
-  EXPECT_EQ(printed([&] { dao_.insert(request("F", 1, "D", "O'Brien's"), stub_); }),
-            "EXECUTE : insert into repl_queue "
-            "(file_id,file_version,disk_id,submitter_id,priority,status_id,message) "
-            "values ('F',1,'D','ops',5,0,'O''Brien''s')\n");
-  EXPECT_EQ(
-      printed([&] { dao_.update("F", RR::Replicated, "", stub_); }),
-      "EXECUTE : update repl_queue set status_id = 5, last_update_time = getdate() where file_id='F'\n");
-  EXPECT_EQ(
-      printed([&] { dao_.update("F", 2, "D", RR::Error, "bad", stub_); }),
-      "EXECUTE : update repl_queue set status_id = -1, last_update_time = getdate(), message = 'bad' where "
-      "file_id='F' and file_version=2 and disk_id='D'\n");
-  EXPECT_EQ(printed([&] { dao_.remove("F", 0, "", stub_); }),
-            "EXECUTE : delete repl_queue where file_id='F'\n");
-  EXPECT_EQ(printed([&] { dao_.remove("F", -3, "D", stub_); }),
-            "EXECUTE : delete repl_queue where file_id='F' and disk_id='D'\n");
   std::vector<RR> out;
   const std::string select =
       "select file_id, file_version, disk_id, submitter_id, submission_time, priority, status_id, "
       "last_update_time, message from repl_queue";
-  EXPECT_EQ(printed([&] { dao_.find(RR::Pending, out, stub_); }),
-            "EXECUTE : " + select + " where status_id=1 order by submission_time\n");
-  EXPECT_EQ(printed([&] { dao_.find("a'b", out, stub_); }),
-            "EXECUTE : " + select + " where file_id='a''b' order by submission_time\n");
-  EXPECT_EQ(printed([&] { EXPECT_EQ(dao_.loadAll(out, stub_), -1); }),
-            "EXECUTE : " + select + " order by submission_time\n");
+  const struct {
+    std::function<void()> call;
+    std::string sql;
+  } cases[] = {
+      {[&] { dao_.insert(request("F", 1, ""), stub_); },
+       "insert into repl_queue (file_id,file_version,submitter_id,priority,status_id) values "
+       "('F',1,'ops',5,0)"},
+      {[&] { dao_.insert(request("F", 1, "D", "O'Brien's"), stub_); },
+       "insert into repl_queue (file_id,file_version,disk_id,submitter_id,priority,status_id,message) "
+       "values ('F',1,'D','ops',5,0,'O''Brien''s')"},
+      {[&] { dao_.update("F", RR::Replicated, "", stub_); },
+       "update repl_queue set status_id = 5, last_update_time = getdate() where file_id='F'"},
+      {[&] { dao_.update("F", 2, "D", RR::Error, "bad", stub_); },
+       "update repl_queue set status_id = -1, last_update_time = getdate(), message = 'bad' where "
+       "file_id='F' and file_version=2 and disk_id='D'"},
+      {[&] { dao_.remove("F", 0, "", stub_); }, "delete repl_queue where file_id='F'"},
+      {[&] { dao_.remove("F", -3, "D", stub_); }, "delete repl_queue where file_id='F' and disk_id='D'"},
+      {[&] { dao_.find(RR::Pending, out, stub_); }, select + " where status_id=1 order by submission_time"},
+      {[&] { dao_.find("a'b", out, stub_); }, select + " where file_id='a''b' order by submission_time"},
+      {[&] { EXPECT_EQ(dao_.loadAll(out, stub_), -1); }, select + " order by submission_time"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(printed(c.call), "EXECUTE : " + c.sql + "\n");
 
   // Log texts of the write paths, and a refused insert that runs nothing.
   testsupport::LogCapture log;
@@ -100,6 +100,7 @@ TEST_F(ReplicationDAO, RoundTrips) {
 
   std::vector<RR> found{RR("kept")};
   EXPECT_EQ(dao_.find("F1", found, *conn_), 2);  // the rows read, not the vector's size
+  EXPECT_TRUE(log.containsFragment("DEBUG [ <t> ] select file_id, file_version, disk_id, submitter_id"));
   ASSERT_EQ(found.size(), 3u);
   EXPECT_EQ(found[1].fileId_, "F1");
   EXPECT_EQ(found[1].diskId_, "D1");

@@ -69,6 +69,7 @@ TEST_F(Parameters, FailuresAreLoggedAndMakeAcquireFail) {
     testsupport::LogCapture log;
     ServiceConnectionSyb conn("A");
     EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not get all connection parameters\n")) << file;
+    EXPECT_EQ(log.count("ERROR"), 1u) << file;
   }
   // A password sealed under another key, or not sealed at all, is refused.
   dbrc(server() + " db usr plaintext A\n");

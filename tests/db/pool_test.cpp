@@ -122,9 +122,12 @@ TEST_F(Pool, ReaperThreadRunsRoundsAndStopsPromptly) {
   EXPECT_TRUE(waitForRecords(0));
   EXPECT_TRUE(log.containsFragment("DEBUG [ <t> ] Reaper: looking for disused connections"));
 
+  // Stopped while it waits out its interval, it runs no further round.
   const auto start = std::chrono::steady_clock::now();
   pool()->setReaperSleepTime(5);
+  const size_t rounds = log.count("looking for disused connections");
   pool()->shutdownReaper();
+  EXPECT_EQ(log.count("looking for disused connections"), rounds);
   EXPECT_FALSE(pool()->reaperRunning());
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
   EXPECT_TRUE(log.contains("<D> INFO  [ <t> ] Reaper exit\n"));

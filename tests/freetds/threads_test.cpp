@@ -1,6 +1,6 @@
-// Threads over the FreeTDS driver (also run under ThreadSanitizer): logins of
-// their own, and a login that passes from one thread to the next through the
-// pool while the first still holds a result set.
+// Threads over the FreeTDS driver (also run under ThreadSanitizer): a login
+// that passes from one thread to the next through the pool while the first
+// still holds a result set.
 #include <dataAccess/db/ConnectionPool.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>
 #include <gtest/gtest.h>
@@ -37,28 +37,6 @@ class FreeTdsThreads : public ::testing::TestWithParam<const char*> {
   testsupport::TempDir dir_;
   std::string db_ = dir_.file("server.db");
 };
-
-// Each thread has its own login; DB-Library's process-wide state is shared.
-TEST_P(FreeTdsThreads, ThreadsWithTheirOwnLogins) {
-  tdstest::TdsServer server(db_, "u", "p");
-  ASSERT_NE(0, server.start());
-  std::vector<long> sums(4, 0);
-  std::vector<std::thread> threads;
-  for (size_t k = 0; k < sums.size(); ++k)
-    threads.emplace_back([&server, &sums, k] {
-      SybaseConnection c;
-      if (c.connect(server.address(), "u", "p") != 0) return;
-      for (int round = 0; round < 5; ++round)
-        for (SybaseResultSet rs = c.execute("select n from big where n <= " + std::to_string(100 * (k + 1)));
-             rs.next();)
-          sums[k] += rs.getLongValue(1);
-    });
-  for (auto& t : threads) t.join();
-  for (size_t k = 0; k < sums.size(); ++k) {
-    const long n = 100L * static_cast<long>(k + 1);
-    EXPECT_EQ(5 * n * (n + 1) / 2, sums[k]) << "thread " << k;
-  }
-}
 
 // A result set kept after its connection went back to the pool never reaches
 // the login that another thread borrows next: at release its rest is read off

@@ -51,17 +51,6 @@ Backend& Backend::current() {
   return backend;
 }
 
-const char* Backend::name() const {
-  switch (kind_) {
-    case Kind::Tds50:
-      return "tds50";
-    case Kind::Tds74:
-      return "tds74";
-    default:
-      return "sqlite";
-  }
-}
-
 std::string Backend::server(const std::string& dbFile) {
   if (!isTds()) return "sqlite:" + dbFile;
   auto& s = servers_[dbFile];

@@ -20,9 +20,7 @@ class Backend {
   // The backend of this process.
   static Backend& current();
 
-  Kind kind() const { return kind_; }
   bool isTds() const { return kind_ != Kind::Sqlite; }
-  const char* name() const;
 
   // The server name under which `dbFile` is reached: "sqlite:FILE", or the
   // address of a TDS test server backed by FILE, started on first use.

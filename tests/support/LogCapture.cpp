@@ -28,6 +28,14 @@ Backend g_backend;
 ACE_Log_Msg_Backend* g_previousBackend = nullptr;
 unsigned long g_previousFlags = 0;
 
+// The time stamp becomes "<D>", the thread id between the brackets "<t>".
+std::string normalise(const std::string& raw) {
+  static const std::regex stamp(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{6})");
+  static const std::regex thread(R"(\[ \d+ \])");
+  std::string s = std::regex_replace(raw, stamp, "<D>", std::regex_constants::format_first_only);
+  return std::regex_replace(s, thread, "[ <t> ]", std::regex_constants::format_first_only);
+}
+
 }  // namespace
 
 // ACE takes its own lock around a log call and the backend then takes
@@ -50,13 +58,6 @@ LogCapture::~LogCapture() {
   ACE_LOG_MSG->clr_flags(ACE_LOG_MSG->flags());
   ACE_LOG_MSG->set_flags(g_previousFlags);
   ACE_Log_Msg::msg_backend(g_previousBackend);
-}
-
-std::string LogCapture::normalise(const std::string& raw) {
-  static const std::regex stamp(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{6})");
-  static const std::regex thread(R"(\[ \d+ \])");
-  std::string s = std::regex_replace(raw, stamp, "<D>", std::regex_constants::format_first_only);
-  return std::regex_replace(s, thread, "[ <t> ]", std::regex_constants::format_first_only);
 }
 
 void LogCapture::append(const std::string& raw) {
@@ -85,11 +86,6 @@ size_t LogCapture::count(const std::string& fragment) const {
   for (const auto& l : lines_)
     if (l.find(fragment) != std::string::npos) ++n;
   return n;
-}
-
-void LogCapture::clear() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  lines_.clear();
 }
 
 }  // namespace testsupport

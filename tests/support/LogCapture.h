@@ -26,10 +26,6 @@ class LogCapture {
   // True if any normalised line contains `fragment`.
   bool containsFragment(const std::string& fragment) const;
   size_t count(const std::string& fragment) const;
-  void clear();
-
-  // Normalises one raw line (exposed for tests of the normaliser itself).
-  static std::string normalise(const std::string& raw);
 
   void append(const std::string& raw);
 

@@ -372,14 +372,12 @@ class TdsServer::Wire {
     if (tds5_) {
       std::string v = t ? t : "";
       if (t && v.empty()) v = " ";
-      if (v.size() > kMaxText5) v.resize(kMaxText5);
       o.u32(static_cast<uint32_t>(v.size()));
       o.raw(v);
     } else if (!t) {
       o.u16(0xffff);
     } else {
       Bytes u = toUcs2(t);
-      if (u.size() > kMaxText7) u.resize(kMaxText7);
       o.u16(static_cast<unsigned>(u.size()));
       o.raw(u);
     }
@@ -582,21 +580,19 @@ bool TdsServer::credentials(int fd, uint8_t type, Bytes msg, bool tds5, std::str
     return true;
   }
   if (type == kPrelogin) {
-    // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS.
+    // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS: offsets
+    // and lengths, then the values.
     Wire w(false);
-    const unsigned char opts[][2] = {{0, 6}, {1, 1}, {2, 1}, {3, 4}, {4, 1}};
-    unsigned off = 5 * 5 + 1;
-    for (auto& op : opts) {
-      w.o.u8(op[0]);
-      w.o.u16((off >> 8) | ((off & 0xff) << 8));
-      w.o.u16(op[1] << 8);
-      off += op[1];
-    }
-    w.o.u8(0xff);
-    w.o.raw(Bytes("\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00", 13));
+    w.o.raw(
+        Bytes("\x00\x00\x1a\x00\x06\x01\x00\x20\x00\x01\x02\x00\x21\x00\x01\x03\x00\x22\x00\x04"
+              "\x04\x00\x26\x00\x01\xff\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00",
+              39));
     if (!w.send(fd) || !readMessage(fd, type, msg)) return false;
   }
-  if (type != kLogin7) return false;
+  if (type != kLogin7 || msg.size() < 8) return false;
+  uint32_t version = 0;
+  for (size_t k = 8; k-- > 4;) version = (version << 8) | static_cast<unsigned char>(msg[k]);
+  tdsVersion = version;
   auto field = [&msg](size_t pos) {
     if (msg.size() < pos + 4) return Bytes();
     const size_t off = static_cast<unsigned char>(msg[pos]) | (static_cast<unsigned char>(msg[pos + 1]) << 8);
@@ -667,9 +663,7 @@ bool TdsServer::command(int fd, uint8_t type, const Bytes& msg, Session& s) {
     if (skip > msg.size()) skip = 0;
     sql = fromUcs2(msg.substr(skip));
   } else {
-    w.message(4002, 16, "Unexpected packet");
-    w.done(kDoneError, false, 0);
-    return w.send(fd);
+    return false;
   }
   if (mode_ == Mode::SilentAfterLogin) return true;
   std::vector<std::string> stmts = splitStatements(sql);

@@ -43,6 +43,8 @@ class TdsServer {
   int dropAfterRows = 10;
   // Number of logins accepted so far.
   std::atomic<int> logins{0};
+  // The TDS version of the last TDS 7 login, as the client sent it.
+  std::atomic<uint32_t> tdsVersion{0};
 
  private:
   struct Session;

@@ -179,6 +179,14 @@ TEST_F(Connection, AStepThatFailsPartWayFailsTheResult) {
   }
 }
 
+// X..t lives in the sibling file X.db, attached once per login.
+TEST_F(Connection, SiblingFilesAreAttachedOnce) {
+  for (const char* sql : {"create table obrep2..s (a int)", "insert into obrep2..s values (4)"})
+    ASSERT_EQ(conn_.execute(sql).commandSucceeded(), 1) << sql;
+  EXPECT_EQ(firstRow(conn_, "select a from obrep2..s"), "4");
+  EXPECT_TRUE(g_seen.empty());
+}
+
 TEST_F(Connection, LoginFailuresAreReportedAsClientErrors) {
   for (const std::string& server : {"sqlite:" + dir_.file("no/such/dir/x.db"), std::string("sqlite:")}) {
     g_seen.clear();
