@@ -66,6 +66,11 @@ void LogCapture::append(const std::string& raw) {
   lines_.push_back(std::move(line));
 }
 
+void LogCapture::clear() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  lines_.clear();
+}
+
 std::vector<std::string> LogCapture::lines() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return lines_;

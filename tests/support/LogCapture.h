@@ -26,6 +26,7 @@ class LogCapture {
   // True if any normalised line contains `fragment`.
   bool containsFragment(const std::string& fragment) const;
   size_t count(const std::string& fragment) const;
+  void clear();
 
   void append(const std::string& raw);
 
