@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -53,8 +54,9 @@ std::string readHead(const char* path) {
   char buf[1024 + 1] = {};
   const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::string();
-  size_t got = 0;
-  for (ssize_t n; got < sizeof buf - 1 && (n = ::read(fd, buf + got, sizeof buf - 1 - got)) > 0;) got += n;
+  // A short read of a regular file means its end: one call suffices.
+  while (::read(fd, buf, sizeof buf - 1) < 0 && errno == EINTR) {
+  }
   ::close(fd);
   return std::string(buf);
 }
