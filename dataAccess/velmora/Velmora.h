@@ -25,8 +25,10 @@
 // into "_", so a key that already contains "&#95;" comes back with "_" there.
 // The derived directories are always built from the base directory, also
 // when only the three-argument constructor was used. Operations other than
-// the getters and getUniqueIndex return *this; only checkReqStatus and
-// checkReqErrorStatus report a failure, by throwing ArcSysEx.
+// the getters and getUniqueIndex return *this and report no failure, except
+// that a malformed error status file throws ArcSysEx (checkReqStatus,
+// checkReqErrorStatus) and a missing status directory ends checkArchStatus
+// with std::filesystem::filesystem_error.
 class Velmora {
  public:
   static inline const std::string LAB_FILE_VER = "2.0";
