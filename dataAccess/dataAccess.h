@@ -2,14 +2,16 @@
 #define DATAACCESS_DATAACCESS_H
 
 // Umbrella header of libDataAccess: the database connection layer, the
-// catalogue DAOs, the observation-condition services and the Condor batch
-// submission, with the connection library and password sealing they use.
+// catalogue DAOs, the observation-condition services, the request-file
+// interface and the Condor batch submission, with the connection library and
+// password sealing they use.
 
 #include <dataAccess/catalogue/KestFile.h>
 #include <dataAccess/catalogue/KestFileDAOSyb.h>
 #include <dataAccess/catalogue/KestFilesSafeDAOSyb.h>
 #include <dataAccess/catalogue/ReplicationRequest.h>
 #include <dataAccess/catalogue/ReplicationRequestDAOSyb.h>
+#include <dataAccess/common/ArcSysEx.h>
 #include <dataAccess/common/Version.h>
 #include <dataAccess/conditions/ARSystemService.h>
 #include <dataAccess/conditions/AmbientService.h>
@@ -26,6 +28,10 @@
 #include <dataAccess/db/ConnectionPool.h>
 #include <dataAccess/db/ServiceConnectionStub.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>
+#include <dataAccess/velmora/Velmora.h>
+#include <dataAccess/velmora/VelmoraArchReqsMap.h>
+#include <dataAccess/velmora/VelmoraArchiveRequest.h>
+#include <dataAccess/velmora/VelmoraFileRequest.h>
 #include <stcrypt/stcrypt.h>
 #include <sybconn/ArcSysUtils.h>
 #include <sybconn/FreeTdsSettings.h>

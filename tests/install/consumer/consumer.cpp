@@ -26,6 +26,8 @@ int main(int argc, char** argv) {
   ServiceConnectionStub stub("srv", "usr", "pw");
   stub.acquire();
   if (ReplicationRequestDAOSyb("queue").update("F", ReplicationRequest::Replicated, "", stub) != -1) return 3;
+  // The request-file interface reaches tobasCClient through DataAccess.
+  if (Velmora::encodeGlobalKey("A_B") != "A&#95;B" || Velmora().getUniqueIndex() != 1) return 4;
   std::printf("DataAccess %s, %s: ok\n", dataAccess::version(), tobasLibraryVersion());
   return 0;
 }

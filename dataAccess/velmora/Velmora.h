@@ -1,0 +1,155 @@
+#ifndef DATAACCESS_VELMORA_VELMORA_H
+#define DATAACCESS_VELMORA_VELMORA_H
+
+#include <dataAccess/velmora/VelmoraArchReqsMap.h>
+#include <dataAccess/velmora/VelmoraArchiveRequest.h>
+#include <dataAccess/velmora/VelmoraFileRequest.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+// The library's side of the request-file tool vel_mora, which works on a
+// directory tree under a base directory:
+//
+//   <base>/in/<file>.lab             label files: files handed over for archiving
+//   <base>/in/.usr/<file>.lab.OK|ERR status files the tool writes when done with one
+//   <base>/request/<name>_<time>_<n>.req       request files: files wanted back
+//   <base>/request/<name>_<time>_<n>.req.ERR   the tool's list of failed deliveries
+//   <base>/out/<name>/<link name>    the delivered files (links)
+//
+// Every file the tool watches for is written under the name + ".tmp" and then
+// renamed into place, so the tool never reads half a file. Global keys are
+// written encoded: every "_" becomes "&#95;". Decoding turns every "&#95;"
+// into "_", so a key that already contains "&#95;" comes back with "_" there.
+// The derived directories are always built from the base directory, also
+// when only the three-argument constructor was used. Operations other than
+// the getters and getUniqueIndex return *this and report no failure, except
+// that a malformed error status file throws ArcSysEx (checkReqStatus,
+// checkReqErrorStatus) and a missing status directory ends checkArchStatus
+// with std::filesystem::filesystem_error.
+class Velmora {
+ public:
+  static inline const std::string LAB_FILE_VER = "2.0";
+  static inline const std::string IN_DIR = "in";
+  static inline const std::string LAB_EXT = "lab";
+  static inline const std::string GLOB_KEY_DELIM = "##";
+  static inline const std::string GLOB_KEY_UNDERSCORE = "&#95;";
+  static inline const std::string USR_DIR = ".usr";
+  static inline const std::string OUT_DIR = "out";
+  static inline const std::string REQ_DIR = "request";
+  static inline const std::string REQ_EXT = "req";
+  static inline const std::string TMP_EXT = "tmp";
+  static inline const std::string DONE_EXT = "done";
+  static inline const std::string ARCH_STAT_OK_EXT = "OK";
+  static inline const std::string ARCH_STAT_ERR_EXT = "ERR";
+  static inline const std::string LABEL_FILE_TPL =
+      "[LABELFILE]\nlabelfile_version | %s\n[CONTEXT]\ntop_level | %s\n[ARCHIVE_OBJECT]\nobject | %s\n"
+      "time_duration | %s | %s\nglobal_key | %s\n[ARCHIVE_OBJECT_ATTRIBUTES]\nfilename | %s\n"
+      "virtual_volume | %s\n";
+  static inline const std::string REQ_FILE_TPL = "global_key | %s\nlink_name | %s\n";
+
+  // Files wanted back, keyed twice per file (see request()).
+  using PendingMap = std::map<std::string, VelmoraFileRequest>;
+
+  Velmora() = default;
+  // Stores the three strings; the derived directories stay empty until setPars.
+  Velmora(const std::string& clientId, const std::string& sysId, const std::string& baseDir);
+  Velmora(const Velmora&) = delete;
+  Velmora& operator=(const Velmora&) = delete;
+
+  // Stores the three strings and derives <base>/in and <base>/request.
+  Velmora& setPars(const std::string& clientId, const std::string& sysId, const std::string& baseDir);
+  const std::string& getClientId() const { return clientId_; }
+  const std::string& getSysId() const { return sysId_; }
+  const std::string& getBaseDir() const { return baseDir_; }
+  const std::string& getInputStagingDir() const { return inputStagingDir_; }
+  const std::string& getRequestDir() const { return requestDir_; }
+  // 1, 2, 3, ... per object; thread-safe.
+  unsigned int getUniqueIndex();
+
+  static std::string encodeGlobalKey(const std::string& key);
+  static std::string decodeGlobalKey(const std::string& key);
+
+  // ------------------------------------------------------------ archiving
+  // Writes <base>/in/<leaf of dataFile>.lab and fills `req`: label file
+  // dataFile + ".lab", status files <dir of dataFile>/.usr/<leaf>.lab.OK and
+  // .ERR (found by checkArchStatus only for data files in <base>/in). The
+  // label text has no length limit. Names are written byte for byte, blanks
+  // and non-ASCII bytes included. A label file that cannot be written is
+  // not written; nothing is reported.
+  Velmora& archive(const std::string& context, const std::string& duration, const std::string& globalKey,
+                   const std::string& dataFile, const std::string& virtualVolId, VelmoraArchiveRequest& req);
+  // As above, and registers the request in `map`.
+  Velmora& archive(const std::string& context, const std::string& duration, const std::string& globalKey,
+                   const std::string& dataFile, const std::string& virtualVolId, VelmoraArchReqsMap& map);
+  // One pass over <base>/in/.usr (at most 100,000 entries, the rest wait for
+  // the next call). A status file of a pending request: its first 1,024
+  // bytes, up to a NUL, become the request's status (empty when the file is
+  // empty or unreadable); a copy goes to okReqs when the name ends in ".OK",
+  // else to errReqs, and for errors the label file is deleted. removeFiles
+  // deletes every file seen, pending or not. The map is not changed: the
+  // caller removes finished requests. A missing status directory throws
+  // std::filesystem::filesystem_error and changes nothing.
+  Velmora& checkArchStatus(bool removeFiles, VelmoraArchReqsMap& map,
+                           std::vector<VelmoraArchiveRequest>& okReqs,
+                           std::vector<VelmoraArchiveRequest>& errReqs);
+  // Deletes label, data and both status files of each request; failures ignored.
+  Velmora& removeArchStatusFiles(std::vector<VelmoraArchiveRequest>& reqs);
+
+  // ------------------------------------------------------------ retrieval
+  // Writes the request file <base>/request/<reqName>_<UTC time, 6 decimals>_<index>.req
+  // for the files of `reqs` and registers each in `pending` under two keys:
+  // the path its link will have, <base>/out/<reqName>/<link name>, and its
+  // plain global key (the tool's error lines name files by global key).
+  // A key already present keeps its entry. A file whose key is empty or has
+  // blanks or control characters, or whose link name is empty, ".", "..", or
+  // has "/" or control characters, is refused: it gets a status text
+  // starting with "refused", is neither written nor registered. With no file
+  // left, no request file is written and reqFileName is empty.
+  Velmora& request(const std::string& reqName, std::vector<VelmoraFileRequest>& reqs,
+                   std::string& reqFileName, PendingMap& pending);
+  // One poll: deliveries, then the error status file reqFileName + ".ERR".
+  // Each file is reported once: a copy is appended to `delivered` the first
+  // time its link is seen (at most 1,000 entries of the output directory are
+  // looked at per poll) and to `failed` when an error line names it, so a
+  // caller keeps both vectors across polls. `done` is whether both together
+  // cover half of `pending` (one request per pending map). An error line is
+  // "<encoded key> <text>" (blanks between; text to the end of the line);
+  // blank lines are skipped, a line without key and text is malformed: it is
+  // logged at ERROR and thrown as ArcSysEx, and the file stays in place.
+  // Once read, the error file becomes <request>.req.done and the request
+  // file <request>.done, so neither side handles them again. A missing
+  // output directory or error file means nothing delivered or failed yet.
+  Velmora& checkReqStatus(const std::string& reqName, const std::string& reqFileName, PendingMap& pending,
+                          std::vector<VelmoraFileRequest>& delivered, std::vector<VelmoraFileRequest>& failed,
+                          bool& done);
+  Velmora& checkReqDelivStatus(const std::string& reqName, PendingMap& pending,
+                               std::vector<VelmoraFileRequest>& delivered);
+  // The error half for every error file <reqName>_<time>_<n>.req.ERR of the request.
+  Velmora& checkReqErrorStatus(const std::string& reqName, PendingMap& pending,
+                               std::vector<VelmoraFileRequest>& failed);
+  // Drops both entries of `req` from `pending` and deletes its link.
+  Velmora& removeFileRequest(const std::string& reqName, VelmoraFileRequest& req, PendingMap& pending);
+
+ private:
+  Velmora& createLabelFile_(const std::string& context, const std::string& duration,
+                            const std::string& globalKey, const std::string& dataFile,
+                            const std::string& virtualVolId, std::string& labelFileName);
+  Velmora& createReqFile_(const std::string& reqName, std::vector<VelmoraFileRequest>& reqs,
+                          std::string& reqFileName);
+  std::string linkPath_(const std::string& reqName, const std::string& linkName) const;
+  void handleErrorFile_(const std::string& reqName, const std::string& errFile, PendingMap& pending,
+                        std::vector<VelmoraFileRequest>& failed);
+
+  std::string clientId_;
+  std::string sysId_;
+  std::string baseDir_;
+  std::string inputStagingDir_;
+  std::string requestDir_;
+  unsigned int uniqueCount_ = 0;
+  std::mutex uniqueCountMutex_;
+};
+
+#endif

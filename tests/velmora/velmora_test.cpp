@@ -1,0 +1,184 @@
+#include <dataAccess/dataAccess.h>
+#include <dataAccess/velmora/VelmoraSupport.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <thread>
+#include <tuple>
+
+#include "tests/support/TempDir.h"
+#include "tests/support/VelmoraTool.h"
+
+namespace fs = std::filesystem;
+namespace {
+
+std::string slurp(const std::string& path) {
+  std::stringstream s;
+  s << std::ifstream(path, std::ios::binary).rdbuf();
+  return s.str();
+}
+
+struct VelmoraTest : ::testing::Test {
+  testsupport::TempDir dir;
+  std::string base = dir.path();
+  testsupport::VelmoraTool tool{base};
+  Velmora v;
+  VelmoraArchReqsMap map;
+  std::vector<VelmoraArchiveRequest> ok, err;
+  void SetUp() override { v.setPars("c", "s", base), tool.runOnce(); }  // the tool makes its folders
+  std::string in(const std::string& name) const { return base + "/in/" + name; }
+};
+
+TEST(VelmoraKeys, EncodingRoundTripsAndErrorLines) {
+  const char* keys[][3] = {{"A_B_C", "A&#95;B&#95;C", "A_B_C"}, {"a&#95;b_", "a&#95;b&#95;", "a_b_"}};
+  for (const auto& k : keys)
+    EXPECT_EQ(Velmora::encodeGlobalKey(k[0]) + Velmora::decodeGlobalKey(k[1]), std::string(k[1]) + k[2]);
+  const char* lines[][2] = {{"K&#95;1 no such file", "EK&#95;1|no such file"},
+                            {" K  two  words \r", "EK|two  words "},
+                            {"   \r", "B|"},
+                            {"K   ", "M|"},
+                            {"K \r", "M|"}};  // kind (Blank, Entry, Malformed)
+  for (const auto& l : lines) {
+    std::string key, text;
+    const velmora::ErrorLine kind = velmora::parseErrorLine(l[0], key, text);
+    EXPECT_EQ("BEM"[static_cast<int>(kind)] + key + "|" + text, l[1]) << l[0];
+  }
+}
+
+// Each map is destroyed still holding requests: every one must be freed once.
+TEST(VelmoraArchReqsMap, RemovalByAnyKeyAndSharedKeys) {
+  VelmoraArchiveRequest a, b;  // b shares a's global key
+  a.setAll("K", "vol", "/d/a", "/d/a.lab", "/d/.usr/a.OK", "/d/.usr/a.ERR");
+  b.setAll("K", "vol", "/d/b", "/d/b.lab", "/d/.usr/b.OK", "/d/.usr/b.ERR");
+  const std::string keys[] = {"K", a.getLabelFile(), a.getOkStatFile(), a.getErrStatFile(), "unknown"};
+  // second request, key removed, entries after adding and after removal, owner of "K" after
+  const std::tuple<VelmoraArchiveRequest, std::string, int, int, const char*> cases[] = {
+      {a, keys[0], 4, 0, ""},     {a, keys[1], 4, 0, ""},
+      {a, keys[2], 4, 0, ""},     {a, keys[3], 4, 0, ""},
+      {a, keys[4], 4, 4, "/d/a"}, {b, b.getLabelFile(), 7, 4, "/d/a"},
+      {b, "K", 7, 3, ""},         {b, b.getErrStatFile(), 7, 4, "/d/a"}};
+  for (const auto& [second, removeKey, added, left, ownerOfK] : cases) {
+    VelmoraArchReqsMap map;
+    map.addEntry(a);
+    map.addEntry(second);
+    EXPECT_EQ(map.size(), added);
+    for (const std::string& k : keys)
+      EXPECT_EQ(map.fileConcerned(k), k == "unknown" ? nullptr : map.fileConcerned("K"));
+    EXPECT_EQ(map.fileConcerned(a.getDataFile()), nullptr);
+    map.removeEntry(removeKey);
+    EXPECT_EQ(map.size(), left) << removeKey;
+    VelmoraArchiveRequest* owner = map.fileConcerned("K");
+    EXPECT_EQ(owner ? owner->getDataFile() : "", ownerOfK) << removeKey;
+  }
+}
+
+TEST_F(VelmoraTest, LabelFileAndStatusFiles) {
+  VelmoraArchiveRequest r;
+  v.archive("CTX", "3600", "K_1", base + "/elsewhere/y", std::string(3000, 'v'), r);  // beyond 2 KB
+  EXPECT_EQ(
+      slurp(in("y.lab")),
+      "[LABELFILE]\nlabelfile_version | 2.0\n[CONTEXT]\ntop_level | CTX\n[ARCHIVE_OBJECT]\nobject | CTX\n"
+      "time_duration | 3600 | 3600\nglobal_key | K&#95;1\n[ARCHIVE_OBJECT_ATTRIBUTES]\nfilename | " +
+          base + "/elsewhere/y\nvirtual_volume | " + std::string(3000, 'v') + "\n\n");
+  EXPECT_EQ(r.getLabelFile() + r.getOkStatFile() + r.getErrStatFile() + r.getGlobalKey(),
+            base + "/elsewhere/y.lab" + base + "/elsewhere/.usr/y.lab.OK" + base +
+                "/elsewhere/.usr/y.lab.ERR" + "K_1");
+  // key, status file, its text, status read, sorted as OK
+  const std::string cases[][5] = {{"a", "a.lab.OK", "fine", "fine", "1"},
+                                  {"b", "b.lab.ERR", "tape full", "tape full", ""},
+                                  {"c", "c.lab.OK", std::string(1500, 'x'), std::string(1024, 'x'), "1"},
+                                  {"d", "d.lab.ERR", "", "", ""},
+                                  {"e", "e.lab.OK", std::string("cut\0here", 8), "cut", "1"}};
+  for (const auto& c : cases)
+    v.archive("C", "1", c[0], in(c[0]), "V", map), dir.write("in/.usr/" + c[1], c[2]);
+  dir.write("in/.usr/stray.OK", "not pending");
+  v.checkArchStatus(true, map, ok, err);
+  EXPECT_TRUE(fs::is_empty(in(".usr")));
+  EXPECT_EQ(ok.size() * 10 + err.size() + map.size() * 100, 2032u);
+  for (const auto& c : cases) {
+    const auto& list = c[4].empty() ? err : ok;
+    auto hit = std::find_if(list.begin(), list.end(), [&](auto& r) { return r.getGlobalKey() == c[0]; });
+    ASSERT_NE(hit, list.end()) << c[1];
+    EXPECT_EQ(hit->getStatus(), c[3]) << c[1];
+    EXPECT_EQ(fs::exists(in(c[0] + ".lab")), !c[4].empty()) << c[1];  // a failure drops its label
+  }
+  fs::remove(in(".usr"));
+  EXPECT_THROW(v.checkArchStatus(false, map, ok, err), fs::filesystem_error);
+}
+
+// One thread submits; another runs the tool, polls and removes; both draw indices.
+TEST_F(VelmoraTest, SubmitterAndPollerShareMapAndIndex) {
+  const unsigned n = 150;
+  std::thread submitter([&] {
+    for (unsigned i = 0; i < n; ++i, v.getUniqueIndex())
+      v.archive("C", "1", "K" + std::to_string(i), dir.write("in/f" + std::to_string(i), "x"), "V", map);
+  });
+  unsigned polls = 0;
+  for (size_t finished = 0; finished < n; finished += ok.size(), ++polls, v.getUniqueIndex(), ok.clear()) {
+    tool.runOnce();
+    v.checkArchStatus(false, map, ok, err);
+    for (const auto& r : ok) map.removeEntry(r.getGlobalKey());
+    v.removeArchStatusFiles(ok);
+  }
+  submitter.join();
+  EXPECT_EQ(map.size() + err.size(), 0u);
+  EXPECT_EQ(v.getUniqueIndex(), n + polls + 1);
+}
+
+TEST_F(VelmoraTest, WholeCycleAgainstTheStandInTool) {
+  for (const std::string n : {"a", "b", "c"})  // c has no data file: the tool refuses it
+    v.archive("C", "1", "K_" + n, n == "c" ? in(n) : dir.write("in/" + n, n), "V", map);
+  tool.runOnce();
+  v.checkArchStatus(false, map, ok, err);
+  ASSERT_EQ(ok.size() * 10 + err.size(), 21u);
+  for (auto* list : {&ok, &err})
+    for (auto& r : *list) map.removeEntry(r.getOkStatFile());
+  EXPECT_EQ(err[0].getStatus() + std::to_string(map.size()), "no file K_c0");
+
+  std::vector<VelmoraFileRequest> wanted = {
+      {"K_a", "first"}, {"K_zz", "second"}, {"a b", "L"}, {"K", "../x"}};
+  std::vector<VelmoraFileRequest> none, delivered, failed;
+  Velmora::PendingMap pending;
+  std::string reqFile, empty = "x";
+  v.request("R", wanted, reqFile, pending).request("R", none, empty, pending);
+  EXPECT_EQ(slurp(reqFile),
+            "global_key | K&#95;a\nlink_name | first\nglobal_key | K&#95;zz\nlink_name | second\n");
+  EXPECT_EQ(pending.size() * 10 + pending.count(base + "/out/R/first") + pending.count("K_zz"), 42u);
+  EXPECT_EQ(wanted[2].getStatus().substr(0, 7) + wanted[3].getStatus().substr(0, 7) + empty,
+            "refusedrefused");
+  bool done = true;
+  v.checkReqStatus("R", reqFile, pending, delivered, failed, done);  // no output folder yet
+  EXPECT_FALSE(done);
+  tool.runOnce();
+  for (int poll = 0; poll < 2; ++poll) {  // a second poll reports nothing twice
+    v.checkReqStatus("R", reqFile, pending, delivered, failed, done);
+    ASSERT_EQ(delivered.size() * 10 + failed.size() + done * 100, 111u);
+  }
+  EXPECT_EQ(delivered[0].getLinkName() + failed[0].getStatus() + slurp(base + "/out/R/first"),
+            "firstunknown global keya");
+  EXPECT_TRUE(fs::exists(reqFile + ".done") && fs::exists(fs::path(reqFile).replace_extension("done")));
+  v.removeFileRequest("R", delivered[0], pending);
+  EXPECT_EQ(pending.size() * 10 + fs::exists(fs::symlink_status(base + "/out/R/first")), 20u);
+
+  wanted = {{"K_b", "x"}};
+  v.request("S", wanted, reqFile, pending);
+  // The index counts on per object: the first request file had 1.
+  EXPECT_TRUE(std::regex_match(
+      reqFile, std::regex(base + R"(/request/S_\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{6}_2\.req)")))
+      << reqFile;
+  std::ofstream(reqFile + ".ERR") << "K&#95;b lost\nbroken\n";
+  try {
+    v.checkReqErrorStatus("S", pending, failed);
+    ADD_FAILURE() << "no exception";
+  } catch (const ArcSysEx& e) {
+    EXPECT_STREQ(e.what(),
+                 "Velmora::checkReqFiles(): Illegal Error Status Message received from vel_mora: broken");
+  }
+  EXPECT_EQ(pending["K_b"].getStatus() + std::to_string(fs::exists(reqFile + ".ERR")), "lost1");
+}
+
+}  // namespace
