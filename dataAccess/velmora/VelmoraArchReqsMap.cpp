@@ -56,6 +56,10 @@ VelmoraArchiveRequest* VelmoraArchReqsMap::fileConcerned(const std::string& key)
 }
 
 void VelmoraArchReqsMap::removeEntry(const std::string& key) {
+  // fileConcerned writes the look-up lines of the removal's log. Its pointer is
+  // not used: another thread may remove the request before the lock below is
+  // taken, so the request is looked up again under the lock.
+  fileConcerned(key);
   std::lock_guard<std::mutex> lock(mutex_);
   auto hit = archReqMap_.find(key);
   if (hit == archReqMap_.end()) return;
