@@ -22,6 +22,8 @@ namespace benchutil {
 // benchmark, keyed by its name without the "/..." arguments part.
 class Collector : public benchmark::ConsoleReporter {
  public:
+  // Plain tables: bench/run.sh greps the output for lines that start with "ratio".
+  Collector() : ConsoleReporter(OO_Tabular) {}
   void ReportRuns(const std::vector<Run>& runs) override {
     for (const Run& r : runs) {
       if (r.run_type != Run::RT_Iteration || r.iterations == 0) continue;

@@ -112,8 +112,6 @@ int main(int argc, char** argv) {
   benchmark::RunSpecifiedBenchmarks(&collector);
   benchmark::Shutdown();
 
-  // The console reporter ends on a colour reset; the ratio line starts a line of its own.
-  std::printf("\n");
   benchutil::printRatio("velmora_arch_status_100k_logoff", collector.time("BM_status_ours"),
                         collector.time("BM_status_raw"), "1.25");
   g_map.reset();

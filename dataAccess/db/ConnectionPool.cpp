@@ -81,8 +81,10 @@ int ConnectionPool::Reaper::svc() {
         if (wake_.wait(&deadline) == -1 && errno != ETIME) break;
       }
       if (stop_) break;
+      // Logged before the lock is dropped: once setSleepTimeMs or stop has
+      // taken the lock, every round that started before has written its line.
+      DA_LOG_DEBUG("Reaper: looking for disused connections");
     }
-    DA_LOG_DEBUG("Reaper: looking for disused connections");
     pool_->reap(time(nullptr));
   }
   DA_LOG_INFO("Reaper exit");
