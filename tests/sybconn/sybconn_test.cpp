@@ -107,10 +107,12 @@ TEST_F(Connection, CopiesShareOneCursorThatEndsWithItsLogin) {
 
 TEST_F(Connection, ErrorsReachTheHandlerAndNeverThrow) {
   run("insert into t (id) values (1)");
+  std::filesystem::create_directory(dir_.file("bad.db"));  // a sibling file that cannot be opened
   // The last one is a batch, which stops at its first failing statement.
   const char* const cases[][2] = {
       {"insert into t (id) values (1)", "UNIQUE"},
       {"selec 1", "syntax error"},
+      {"select * from bad..t", "unable to open database"},
       {"insert into t (id) values (7); insert into nowhere values (1); insert into t (id) values (8)",
        "nowhere"}};
   for (const auto& [sql, fragment] : cases) {
