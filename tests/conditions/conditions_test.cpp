@@ -13,7 +13,6 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <sstream>
 #include <thread>
 
@@ -25,22 +24,23 @@ namespace {
 
 const double kS = 60000.0;  // MJD whose table key is -1361750400
 
+// Database files beside conditions.db; aliases OBREP, NIGHT, and EMPTY (a folder without them).
 class Conditions : public ::testing::Test {
  protected:
   void SetUp() override {
     savedHome_ = std::getenv("HOME") ? std::getenv("HOME") : "";
     setenv("HOME", dir_.path().c_str(), 1);
     setenv("STCRYPT_KEY_FILE", dir_.file("key").c_str(), 1);
-    ASSERT_EQ(stcreatekey(dir_.file("key").c_str()), 0);
     char sealed[STCRYPT_BUF_SIZE];
+    ASSERT_EQ(stcreatekey(dir_.file("key").c_str()), 0);
     ASSERT_EQ(stencrypt("pw", sealed), 0);
     pw_ = sealed;
     const char* const dbs[][3] = {
         {"obrep2", "observation_repository",
          "insert into constraint_sets values (1, 7, 'name', 'desc', 0.75, 'CLR', 1.5, 0.25, 30, 'LS1', "
-         "0.5, 9), (2, 8, 'bare', NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL), (3, 1, 'a', '', "
-         "1, '', 1, 1, 1, '', 1, 1), (4, 1, 'b', '', 1, '', 1, 1, 1, '', 1, 1); insert into obs_blocks "
-         "(ob_id, cs_id) values (42, 1), (43, 2), (44, 3), (44, 4)"},
+         "0.5, 9), (2, 8, 'bare', NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL, NULL); insert into "
+         "constraint_sets (cs_id) values (3), (4); insert into obs_blocks (ob_id, cs_id) values (42, 1), "
+         "(43, 2), (44, 3), (44, 4)"},
         {"ambient", "ambient_conditions",
          "insert into seeing_torvane values (-1361750339, 60, 50, 1, 2, 3, 4, 5, 6), (-1361750340, 60, "
          "80, 1, 2, 3, 4, 5, 6), (-1361750400, 60, 255, 1, 2, 3, 4, 5, 6), (-1361750430, 60, NULL, 1, 2, "
@@ -49,15 +49,15 @@ class Conditions : public ::testing::Test {
         {"nightlog", "ar_system",
          "insert into TORV2_NightObs values ('REQ1', '123', 'PHO', 1), ('REQ2', '124', NULL, NULL), "
          "('REQ3', '125', 'CLR', 2), ('REQ4', '125', 'THN', 3), ('REQ4', '125', 'THN', 3)"}};
-    for (const auto& db : dbs) {
+    for (const auto& [name, schema, rows] : dbs) {
+      std::stringstream sql;
+      sql << std::ifstream(std::string(DA_SOURCE_DIR) + "/examples/schema/" + schema + ".sqlite.sql").rdbuf()
+          << rows;
       SybaseConnection direct;
-      ASSERT_EQ(direct.connect("sqlite:" + dir_.file(std::string(db[0]) + ".db"), "u", "pw"), 0);
-      std::ifstream in(std::string(DA_SOURCE_DIR) + "/examples/schema/" + db[1] + ".sqlite.sql");
-      std::stringstream schema;
-      schema << in.rdbuf() << db[2];
-      ASSERT_EQ(direct.execute(schema.str()).commandSucceeded(), 1) << db[0];
+      ASSERT_EQ(direct.connect("sqlite:" + dir_.file(std::string(name) + ".db"), "u", "pw"), 0);
+      ASSERT_EQ(direct.execute(sql.str()).commandSucceeded(), 1) << name;
     }
-    ::mkdir(dir_.file("sub").c_str(), 0700);
+    std::filesystem::create_directory(dir_.file("sub"));
     server_ = backend().server(dir_.file("conditions.db"));
     dir_.write(".dbrc",
                server_ + " obrep2 u " + pw_ + " OBREP\n" + server_ + " nightlog u " + pw_ + " NIGHT\n" +
@@ -71,53 +71,33 @@ class Conditions : public ::testing::Test {
     unsetenv("STCRYPT_KEY_FILE");
   }
   static testsupport::Backend& backend() { return testsupport::Backend::current(); }
-  template <class F>
-  std::string printed(F f) {
-    testing::internal::CaptureStdout();
-    f();
-    return testing::internal::GetCapturedStdout();
-  }
 
   testsupport::TempDir dir_;
   std::string savedHome_, pw_, server_;
   ServiceConnectionStub stub_{"srv", "usr", "pw"};
+  std::vector<Seeing> seeings_;
 };
 
-std::string str(const ConstraintSet& c) {
-  std::ostringstream o;
-  o << c.csId_ << '|' << c.userId_ << '|' << c.itemName_ << '|' << c.itemDescription_ << '|' << c.seeing_
-    << '|' << c.skyTransparency_ << '|' << c.airMass_ << '|' << c.fli_ << '|' << c.moonDistance_ << '|'
-    << c.localStorageId_ << '|' << c.strehlRatio_ << '|' << c.baselineId_;
-  return o.str();
-}
-
 TEST_F(Conditions, StatementsAsTheStubPrintsThem) {
-  ConstraintSetDAOSyb sets(ObRep2Service::CONSTRAINT_SETS_TABLE, ObRep2Service::OBS_BLOCKS_TABLE);
-  std::vector<ConstraintSet> s;
-  std::vector<Seeing> seeings;
-  std::vector<TORV2NightObs> nights;
   const std::string cs = "obrep2..constraint_sets.", ob = "obrep2..obs_blocks";
-  const struct {
-    std::function<int()> call;
-    std::string sql;
-  } cases[] = {
-      {[&] { return sets.findByObsId(-7, s, stub_); },
-       "select " + cs + "cs_id," + cs + "user_id," + cs + "item_name," + cs + "item_description," + cs +
-           "seeing," + cs + "sky_transparency," + cs + "airmass," + cs + "fli," + cs + "moon_distance," + cs +
-           "local_storage_id," + cs + "strehl_ratio," + cs + "baseline_id from obrep2..constraint_sets," +
-           ob + " where " + ob + ".ob_id=-7 AND " + ob + ".cs_id=" + cs + "cs_id"},
-      {[&] { return SeeingDAOSyb("ambient..seeing_torvane").findByDate(44239.0, 44240.0, seeings, stub_); },
-       "select start_date,interval,fwhm,ra,dec,airmass,tau,rfl,tet from ambient..seeing_torvane where "
-       "start_date between -86400 AND 0 AND fwhm <> 255 AND fwhm IS NOT NULL"},
-      {[&] { return TORV2NightObsDAOSyb("D..TORV2_NightObs").findByObsId(123, nights, stub_); },
-       "select distinct Request_ID,Sky_Transparency,Transparency from D..TORV2_NightObs where OB_ID='123'"},
-  };
-  for (const auto& c : cases) {
-    testsupport::LogCapture log;
-    // The stub's selects fail: its line and the DAO's.
-    EXPECT_EQ(printed([&] { EXPECT_EQ(c.call(), -1); }), "EXECUTE : " + c.sql + "\n");
-    EXPECT_EQ(log.count("ERROR [ <t> ] Error executing SQL command " + c.sql + "\n"), 2u);
-  }
+  const std::string sql[] = {
+      "select " + cs + "cs_id," + cs + "user_id," + cs + "item_name," + cs + "item_description," + cs +
+          "seeing," + cs + "sky_transparency," + cs + "airmass," + cs + "fli," + cs + "moon_distance," + cs +
+          "local_storage_id," + cs + "strehl_ratio," + cs + "baseline_id from obrep2..constraint_sets," + ob +
+          " where " + ob + ".ob_id=-7 AND " + ob + ".cs_id=" + cs + "cs_id",
+      "select distinct Request_ID,Sky_Transparency,Transparency from D..TORV2_NightObs where OB_ID='123'"};
+  std::vector<ConstraintSet> sets;
+  std::vector<TORV2NightObs> nights;
+  testsupport::LogCapture log;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(ConstraintSetDAOSyb(ObRep2Service::CONSTRAINT_SETS_TABLE, ObRep2Service::OBS_BLOCKS_TABLE)
+                .findByObsId(-7, sets, stub_),
+            -1);
+  EXPECT_EQ(TORV2NightObsDAOSyb("D..TORV2_NightObs").findByObsId(123, nights, stub_), -1);
+  // The stub's selects fail: its line and the DAO's.
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "EXECUTE : " + sql[0] + "\nEXECUTE : " + sql[1] + "\n");
+  for (const std::string& s : sql)
+    EXPECT_EQ(log.count("ERROR [ <t> ] Error executing SQL command " + s + "\n"), 2u);
 }
 
 TEST_F(Conditions, DateKeysRoundToTheNearestSecondAndRefuseWhatIsNotADate) {
@@ -125,14 +105,15 @@ TEST_F(Conditions, DateKeysRoundToTheNearestSecondAndRefuseWhatIsNotADate) {
   const double keys[][3] = {
       {0, 0, 1},           {1, -86400, 1}, {1. / 256, -338, 1}, {-1. / 256, 337, 1}, {-1. / 512, 168, 1},
       {1. / 512, -169, 1}, {NAN, 0, 0},    {HUGE_VAL, 0, 0},    {-HUGE_VAL, 0, 0},   {1e300, 0, 0}};
-  for (const auto& c : keys) {
+  for (const auto& [days, want, valid] : keys) {
     long long key = 12345;
-    EXPECT_EQ(SeeingDAOSyb::dateKey(44239.0 + c[0], key), c[2] == 1) << c[0];
-    EXPECT_EQ(key, c[2] == 1 ? c[1] : 12345) << c[0];
+    EXPECT_EQ(SeeingDAOSyb::dateKey(44239.0 + days, key), valid == 1) << days;
+    EXPECT_EQ(key, valid == 1 ? want : 12345) << days;
   }
   testsupport::LogCapture log;
-  std::vector<Seeing> seeings;
-  EXPECT_EQ(printed([&] { EXPECT_EQ(SeeingDAOSyb("t").findByDate(NAN, 1.0, seeings, stub_), -1); }), "");
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(SeeingDAOSyb("t").findByDate(NAN, 1.0, seeings_, stub_), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
   EXPECT_TRUE(log.containsFragment("ERROR [ <t> ] Invalid period from nan to 1.000000"));
 }
 
@@ -150,7 +131,7 @@ TEST_F(Conditions, MeanSeeingOverAPeriod) {
       {torvane, kS, 60, 0.9, 0, "between -1361750460 AND -1361750340 ",
        "DEBUG [ <t> ] Mean value equal to 0.900000 between 59999.999306 and 60000.000694\n"},
       {torvane, kS, 180, 1.0, 0, "between -1361750580 AND -1361750400 ",
-       "DEBUG [ <t> ] 1 seeings successfully"},
+       "DEBUG [ <t> ] 1 seeings values where retrieved between 60000.000000 and 60000.002083\n"},
       {torvane, kS, -60, 0.65, 0, "between -1361750340 AND -1361750220 ",
        "DEBUG [ <t> ] 2 seeings successfully"},
       {torvane, 50000.0, 3600, -5, -1, "",
@@ -174,10 +155,10 @@ TEST_F(Conditions, MeanSeeingOverAPeriod) {
 
   // NULL columns read as 0; the DAO appends and counts only what it read.
   ServiceConnectionSyb conn(server_, "u", "pw", "ambient");
-  std::vector<Seeing> seeings(1);
   ASSERT_EQ(conn.acquire(), 0);
-  ASSERT_EQ(SeeingDAOSyb("ambient..seeing_torvane").findByDate(kS, kS + 60 / 86400.0, seeings, conn), 1);
-  const Seeing& r = seeings.at(1);
+  seeings_.resize(1);
+  ASSERT_EQ(SeeingDAOSyb("ambient..seeing_torvane").findByDate(kS, kS + 60 / 86400.0, seeings_, conn), 1);
+  const Seeing& r = seeings_.at(1);
   EXPECT_EQ(std::vector<int>(
                 {r.startDate_, r.interval_, r.fwhm_, r.ra_, r.dec_, r.airmass_, r.tau_, r.rfl_, r.tet_}),
             std::vector<int>({-1361750460, 60, 100, 0, 0, 0, 0, 0, 0}));
@@ -185,17 +166,17 @@ TEST_F(Conditions, MeanSeeingOverAPeriod) {
 
 TEST_F(Conditions, RowsThatStopPartWayFailTheSelect) {
   if (backend().isTds()) GTEST_SKIP() << "the fault is made on the embedded file";
-  {
-    SybaseConnection direct;
-    ASSERT_EQ(direct.connect("sqlite:" + dir_.file("ambient.db"), "u", "pw"), 0);
-    // Without the index the rows stream in the order they are stored.
-    ASSERT_EQ(direct
-                  .execute("drop index seeing_torvane_date; with recursive n(i) as (select 1 union all "
-                           "select i + 1 from n where i < 3000) "
-                           "insert into seeing_torvane select -i, 60, 80, 1, 2, 3, 4, 5, 6 from n")
-                  .commandSucceeded(),
-              1);
-  }
+  SybaseConnection direct;
+  ASSERT_EQ(direct.connect("sqlite:" + dir_.file("ambient.db"), "u", "pw"), 0);
+  // Without the index the rows stream in the order they are stored.
+  ASSERT_EQ(
+      direct
+          .execute("drop index seeing_torvane_date; with recursive n(i) as (select 1 union all select "
+                   "i + 1 from n where i < 3000) insert into seeing_torvane select -i, 60, 80, 1, 2, 3, "
+                   "4, 5, 6 from n")
+          .commandSucceeded(),
+      1);
+  direct.disconnect();
   // Damage the file's last pages, the table's last rows: the first rows stream out, then a step fails.
   const long size = static_cast<long>(std::filesystem::file_size(dir_.file("ambient.db")));
   ASSERT_GT(size, 16 * 4096);
@@ -203,10 +184,18 @@ TEST_F(Conditions, RowsThatStopPartWayFailTheSelect) {
   ServiceConnectionSyb conn(server_, "u", "pw", "ambient");
   ASSERT_EQ(conn.acquire(), 0);
   testsupport::LogCapture log;
-  std::vector<Seeing> seeings(1);
-  EXPECT_EQ(SeeingDAOSyb("ambient..seeing_torvane").findByDate(44239.0, 44240.0, seeings, conn), -1);
-  EXPECT_EQ(seeings.size(), 1u);
+  seeings_.resize(1);
+  EXPECT_EQ(SeeingDAOSyb("ambient..seeing_torvane").findByDate(44239.0, 44240.0, seeings_, conn), -1);
+  EXPECT_EQ(seeings_.size(), 1u);
   EXPECT_TRUE(log.containsFragment("ERROR [ <t> ] Error executing SQL command select start_date"));
+}
+
+std::string str(const ConstraintSet& c) {
+  std::ostringstream o;
+  o << c.csId_ << '|' << c.userId_ << '|' << c.itemName_ << '|' << c.itemDescription_ << '|' << c.seeing_
+    << '|' << c.skyTransparency_ << '|' << c.airMass_ << '|' << c.fli_ << '|' << c.moonDistance_ << '|'
+    << c.localStorageId_ << '|' << c.strehlRatio_ << '|' << c.baselineId_;
+  return o.str();
 }
 
 TEST_F(Conditions, ConstraintSetOfAnObservationBlock) {
@@ -231,7 +220,6 @@ TEST_F(Conditions, ConstraintSetOfAnObservationBlock) {
     EXPECT_EQ(ObRep2Service(c.alias).findConstraintSetByObsId(c.obsId, sets), c.result) << c.obsId;
     EXPECT_EQ(static_cast<int>(sets.size()), 1 + c.added) << c.obsId;
     EXPECT_TRUE(log.contains("<D> " + std::string(c.line))) << c.obsId;
-    EXPECT_EQ(log.containsFragment("Sql Statement"), std::string(c.alias) != "NOPE");
     EXPECT_EQ(log.contains("<D> DEBUG [ <t> ] " + std::to_string(c.added) +
                            " constraint set where retrieved for " + std::to_string(c.obsId) + "\n"),
               std::string(c.alias) == "OBREP");
@@ -269,7 +257,6 @@ TEST_F(Conditions, NightLogRecordOfAnObservationBlock) {
                               std::to_string(r.transparency_)
                         : "",
               c.record);
-    EXPECT_EQ(log.containsFragment("successfuly") || log.containsFragment(" ERROR "), c.result != 0);
   }
 }
 

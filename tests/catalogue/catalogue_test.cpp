@@ -1,0 +1,335 @@
+// Catalogue, safe-copies and queue DAOs: statements via the stub, round trips, failing selects.
+#include <dataAccess/catalogue/KestFileDAOSyb.h>
+#include <dataAccess/catalogue/KestFilesSafeDAOSyb.h>
+#include <dataAccess/catalogue/ReplicationRequestDAOSyb.h>
+#include <dataAccess/db/ConnectionPool.h>
+#include <dataAccess/db/ServiceConnectionStub.h>
+#include <dataAccess/db/ServiceConnectionSyb.h>
+#include <gtest/gtest.h>
+#include <sybconn/SybUtils.h>
+#include <sybconn/SybaseConnection.h>
+
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <sstream>
+
+#include "tests/support/Backend.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+using RR = ReplicationRequest;
+
+// The fields a round trip keeps: id|name|version|disk|format|size|unpacked|ignore|checksum|status|ingested.
+std::string str(const KestFile& f) {
+  std::ostringstream o;
+  o << f.fileId_ << '|' << f.fileName_ << '|' << f.fileVersion_ << '|' << f.diskId_ << '|' << f.format_ << '|'
+    << f.fileSize_ << '|' << f.uncompressedFileSize_ << '|' << f.ignore_ << '|' << f.checksum_ << '|'
+    << f.fileStatus_ << '|' << f.ingestionDate_.tv_sec << '.' << f.ingestionDate_.tv_usec;
+  return o.str();
+}
+
+RR request(const std::string& id, int version, const std::string& disk, const std::string& msg = "") {
+  RR r(id);
+  r.fileVersion_ = version;
+  r.diskId_ = disk;
+  r.submitterId_ = "ops";
+  r.priority_ = 5;
+  r.statusId(RR::Scheduled);
+  r.message_ = msg;
+  return r;
+}
+
+// The example schemas in one file, reached on the backend of the run; a stub that prints SQL.
+class Catalogue : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ConnectionPool::destroyInstance();
+    std::stringstream schema;
+    for (const char* name : {"replication_queue", "file_catalogue", "safe_copies"})
+      schema
+          << std::ifstream(std::string(DA_SOURCE_DIR) + "/examples/schema/" + name + ".sqlite.sql").rdbuf();
+    SybaseConnection direct;
+    ASSERT_EQ(direct.connect("sqlite:" + dir_.file("archive.db"), "ops", "pw"), 0);
+    ASSERT_EQ(direct.execute(schema.str()).commandSucceeded(), 1);
+    direct.disconnect();
+    conn_ = std::make_unique<ServiceConnectionSyb>(
+        testsupport::Backend::current().server(dir_.file("archive.db")), "ops", "pw", "archive");
+    ASSERT_EQ(conn_->acquire(), 0);
+    stub_.acquire();
+  }
+  void TearDown() override {
+    conn_.reset();
+    ConnectionPool::destroyInstance();
+    testsupport::Backend::current().stopServers();
+  }
+  static KestFile file(const std::string& id, int version, const std::string& disk, char status = 'S') {
+    KestFile f;
+    f.fileId_ = id;
+    f.fileName_ = id + ".fits";
+    f.fileVersion_ = version;
+    f.diskId_ = disk;
+    f.format_ = "FITS";
+    f.fileSize_ = 1000;
+    f.uncompressedFileSize_ = 4000;
+    f.fileStatus_ = static_cast<KestFileStatus>(status);
+    f.ingestionDate_ = {1700000000, 123000};
+    return f;
+  }
+
+  testsupport::TempDir dir_;
+  std::unique_ptr<ServiceConnectionSyb> conn_;
+  ServiceConnectionStub stub_{"srv", "usr", "pw"};
+  KestFileDAOSyb kest_{"kest_files"};
+  KestFilesSafeDAOSyb safe_{"kest_files_safe"};
+  ReplicationRequestDAOSyb queue_{"repl_queue"};
+  std::vector<KestFile> files_;
+  std::vector<RR> requests_;
+};
+
+TEST(ReplicationRequestRecord, StatusKeyAndDescription) {
+  RR r("F1");
+  EXPECT_EQ(r.genKey("/"), "F1");
+  r.fileVersion_ = -1;
+  EXPECT_EQ(r.genKey("/"), "F1");
+  r = request("F1", 2, "D9", "m");
+  EXPECT_EQ(r.genKey(":"), "D9:F1:2");
+  r.statusId(-5);
+  EXPECT_EQ(r.statusId_, RR::Error);
+  r.statusId(6);
+  EXPECT_EQ(r.statusId_, RR::Reported);
+  EXPECT_EQ(RR::statusAsString(RR::Error), "Error");
+  EXPECT_EQ(RR::statusAsString(static_cast<RR::RequestStatus>(7)), "UNKNOWN");
+  r.submissionTime_ = {1500, 500000};
+  r.lastUpdateTime_ = {1600, 0};
+  EXPECT_EQ(
+      r.toString(),
+      "file_id = \"F1\"; file_version = \"2\"; disk_id = \"D9\"; submitter_id = \"ops\"; submission_time = "
+      "1500.5 priority = \"5\"; status_id = \"6\"; last_update_time = 1600 message = \"m\"; ");
+}
+
+// An empty `sql` means the call is refused before anything runs.
+TEST_F(Catalogue, ExactStatements) {
+  KestFile bare = file("F", 1, "", 'X');
+  bare.fileName_ = bare.format_ = "";
+  bare.fileSize_ = bare.uncompressedFileSize_ = 0;
+  const std::string date = SybUtils::convertFromUnixTimeval(bare.ingestionDate_);
+  const std::string kestSelect =
+      "select file_id, file_name, file_version, disk_id, format, file_size, uncompressed_file_size, "
+      "compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, creation_date from "
+      "kest_files";
+  const std::string queueSelect =
+      "select file_id, file_version, disk_id, submitter_id, submission_time, priority, status_id, "
+      "last_update_time, message from repl_queue";
+  testsupport::LogCapture log;
+  const struct {
+    std::function<int()> call;
+    std::string sql;
+  } cases[] = {
+      {[&] { return kest_.insert(bare, stub_); },
+       "insert into kest_files (file_id,file_version,file_size,uncompressed_file_size,file_status,"
+       "ingestion_date) values ('F',1,0,0,'X','" +
+           date + "')"},
+      {[&] { return kest_.insert(file("F", 2, "D"), stub_); },
+       "insert into kest_files (file_id,file_version,file_name,disk_id,format,file_size,"
+       "uncompressed_file_size,file_status,ingestion_date) values "
+       "('F',2,'F.fits','D','FITS',1000,4000,'S','" +
+           date + "')"},
+      {[&] { return kest_.insert("D1", "F", 2, "D2", stub_); },
+       "INSERT INTO kest_files (file_id, file_name, file_version, disk_id, format, file_size, "
+       "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
+       "creation_date) SELECT file_id, file_name, file_version, disk_id='D2', format, file_size, "
+       "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
+       "creation_date=getdate() FROM kest_files WHERE disk_id='D1' AND file_id='F' AND file_version=2"},
+      {[&] { return kest_.update("F", 'X', stub_); },
+       "update kest_files set file_status = 'X' where file_id='F'"},
+      {[&] { return kest_.update("F", 1, "D", 'X', stub_); },
+       "update kest_files set file_status = 'X' where file_id='F' and file_version=1 and disk_id='D'"},
+      {[&] { return kest_.remove("O'Neil", 0, "", stub_); }, "delete kest_files where file_id='O''Neil'"},
+      {[&] { return kest_.find("F", 3, "D", files_, stub_); },
+       kestSelect + " where file_id='F' AND file_version=3 AND disk_id='D' order by ingestion_date"},
+      {[&] { return kest_.find('S', files_, stub_); },
+       kestSelect + " where file_status='S' order by ingestion_date"},
+      {[&] { return safe_.find("F", 2, stub_); },
+       "select file_id, file_version from kest_files_safe where file_id='F' AND file_version=2"},
+      {[&] { return kest_.insert(KestFile(), stub_); }, ""},
+      {[&] { return kest_.insert("", "F", 1, "D", stub_); }, ""},
+      {[&] { return kest_.insert("D", "", 1, "D", stub_); }, ""},
+      {[&] { return queue_.insert(request("F", 1, ""), stub_); },
+       "insert into repl_queue (file_id,file_version,submitter_id,priority,status_id) values "
+       "('F',1,'ops',5,0)"},
+      {[&] { return queue_.insert(request("F", 1, "D", "O'Brien's"), stub_); },
+       "insert into repl_queue (file_id,file_version,disk_id,submitter_id,priority,status_id,message) "
+       "values ('F',1,'D','ops',5,0,'O''Brien''s')"},
+      {[&] { return queue_.update("F", RR::Replicated, "", stub_); },
+       "update repl_queue set status_id = 5, last_update_time = getdate() where file_id='F'"},
+      {[&] { return queue_.update("F", 2, "D", RR::Error, "bad", stub_); },
+       "update repl_queue set status_id = -1, last_update_time = getdate(), message = 'bad' where "
+       "file_id='F' and file_version=2 and disk_id='D'"},
+      {[&] { return queue_.remove("F", 0, "", stub_); }, "delete repl_queue where file_id='F'"},
+      {[&] { return queue_.remove("F", -3, "D", stub_); },
+       "delete repl_queue where file_id='F' and disk_id='D'"},
+      {[&] { return queue_.find(RR::Pending, requests_, stub_); },
+       queueSelect + " where status_id=1 order by submission_time"},
+      {[&] { return queue_.find("a'b", requests_, stub_); },
+       queueSelect + " where file_id='a''b' order by submission_time"},
+      {[&] { return queue_.loadAll(requests_, stub_); }, queueSelect + " order by submission_time"},
+      {[&] { return queue_.insert(request("", 1, ""), stub_); }, ""},
+  };
+  // The stub prints what it is given and runs nothing: every call fails.
+  for (const auto& c : cases) {
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(c.call(), -1) << c.sql;
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.sql.empty() ? "" : "EXECUTE : " + c.sql + "\n");
+  }
+  EXPECT_EQ(log.count("Can't insert kest file with empty fields"), 2u);
+  for (const char* line :
+       {"ERROR [ <t> ] Can't insert kest file with empty fileId\n",
+        "ERROR [ <t> ] Can't insert replication request with empty fileId\n",
+        "DEBUG [ <t> ] Could not update replication request file=F version=1 disk=D to status X\n",
+        "DEBUG [ <t> ] Could not update replication request file=F version=2 disk=D to status "
+        "Error\n"})
+    EXPECT_TRUE(log.contains(std::string("<D> ") + line)) << line;
+}
+
+TEST_F(Catalogue, KestFileRoundTripsAndTheCopyToAnotherDisk) {
+  testsupport::LogCapture log;
+  for (const KestFile& f : {file("F1", 1, "D1"), file("F1", 2, "D1", 'N'), file("O'Brien", 1, "D1")})
+    EXPECT_EQ(kest_.insert(f, *conn_), 1) << f.fileId_;
+  const time_t before = time(nullptr);
+  EXPECT_EQ(kest_.insert("D1", "F1", 1, "D2", *conn_), 1);
+  EXPECT_EQ(kest_.insert("D1", "F1", 9, "D3", *conn_), 0);  // no such source row
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Successfully submitted replication request for file F1\n"));
+  files_.resize(3);  // appended to: the result counts these too
+  EXPECT_EQ(kest_.find("F1", 1, "D2", files_, *conn_), 4);
+  EXPECT_EQ(str(files_.back()), "F1|F1.fits|1|D2|FITS|1000|4000|0||S|1700000000.123000");
+  EXPECT_GE(files_.back().creationDate_.tv_sec, before - 1);  // stamped by the server now
+  EXPECT_EQ(kest_.find("O'Brien", files_ = {}, *conn_), 1);
+  EXPECT_EQ(files_[0].fileId_, "O'Brien");
+
+  // Safe copies: 'S' rows not ignored.
+  EXPECT_EQ(safe_.find("F1", 1, *conn_), 2);
+  EXPECT_EQ(safe_.find("F1", 2, *conn_), 0);
+  EXPECT_EQ(safe_.find("", 1, *conn_), 0);
+  EXPECT_EQ(kest_.update("F1", 1, "D2", 'X', *conn_), 1);
+  EXPECT_EQ(safe_.find("F1", 1, *conn_), 1);
+  EXPECT_EQ(kest_.update("F1", 'S', *conn_), 3);
+  EXPECT_EQ(safe_.find("F1", 1, *conn_), 2);
+  EXPECT_EQ(kest_.find('S', files_ = {}, *conn_), 4);
+  EXPECT_EQ(KestFilesSafeDAOSyb("missing_view").find("F1", 1, *conn_), -1);
+  // A select the server refuses fails, whatever was in the vector.
+  EXPECT_EQ(KestFileDAOSyb("missing").find("F1", 1, "D2", files_, *conn_), -1);
+  EXPECT_EQ(KestFileDAOSyb("missing").find("F1", files_, *conn_), -1);
+
+  EXPECT_EQ(kest_.remove("F1", 2, "", *conn_), 1);
+  EXPECT_EQ(kest_.remove("F1", 0, "D2", *conn_), 1);
+  EXPECT_EQ(kest_.loadAll(files_ = {}, *conn_), 2);
+}
+
+TEST_F(Catalogue, KestFileNullsAndSizesBeyondThirtyTwoBits) {
+  ASSERT_EQ(conn_
+                ->execute("insert into kest_files (file_id, file_version, disk_id, file_size, "
+                          "uncompressed_file_size) values ('big', 1, 'D', 3221225472, -3221225472), "
+                          "('frac', 1, 'D', 3.9, -3.9)")
+                .commandSucceeded(),
+            1);
+  ASSERT_EQ(kest_.find("big", files_, *conn_), 1);
+  ASSERT_EQ(kest_.find("frac", files_, *conn_), 2);
+  // NULL columns leave the defaults.
+  EXPECT_EQ(str(files_[0]), "big||1|D||2147483647|-2147483648|0|| |0.0");
+  EXPECT_EQ(str(files_[1]), "frac||1|D||3|-3|0|| |0.0");
+}
+
+TEST_F(Catalogue, ReplicationRoundTrips) {
+  testsupport::LogCapture log;
+  for (const RR& r : {request("F1", 1, "D1"), request("F1", 2, "D1"), request("F2", 1, "", "it's queued")})
+    EXPECT_EQ(queue_.insert(r, *conn_), 1) << r.fileId_;
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Successfully submitted replication request for file F1\n"));
+  requests_.emplace_back("kept");
+  EXPECT_EQ(queue_.find("F1", requests_, *conn_), 2);  // the rows read, not the vector's size
+  EXPECT_TRUE(log.containsFragment("DEBUG [ <t> ] select file_id, file_version, disk_id, submitter_id"));
+  ASSERT_EQ(requests_.size(), 3u);
+  const RR r = requests_[1];
+  EXPECT_EQ(r.fileId_ + "|" + std::to_string(r.fileVersion_) + "|" + r.diskId_ + "|" + r.submitterId_ + "|" +
+                std::to_string(r.priority_),
+            "F1|1|D1|ops|5");
+  EXPECT_GT(r.submissionTime_.tv_sec, 0);  // stamped by the table
+
+  // Status moves: one version and disk, then every row of the file.
+  EXPECT_EQ(queue_.update("F1", 2, "D1", RR::Replicating, "", *conn_), 1);
+  EXPECT_EQ(queue_.update("F1", RR::Replicated, "done", *conn_), 2);
+  EXPECT_TRUE(log.contains(
+      "<D> DEBUG [ <t> ] Successfully updated replication request file=F1 to status Replicated\n"));
+  EXPECT_EQ(queue_.update("nope", RR::Replicated, "", *conn_), 0);
+  EXPECT_EQ(queue_.find(RR::Replicated, requests_ = {}, *conn_), 2);
+  EXPECT_EQ(requests_[0].message_, "done");
+
+  // NULL columns read as defaults; an unknown status id reads as Error.
+  ASSERT_EQ(queue_.find("F2", requests_ = {}, *conn_), 1);
+  EXPECT_EQ(requests_[0].diskId_ + "|" + requests_[0].message_, "|it's queued");
+  conn_->execute("insert into repl_queue (file_id, submitter_id, status_id) values ('F3', 'x', 9)");
+  EXPECT_EQ(queue_.loadAll(requests_ = {}, *conn_), 4);
+  EXPECT_EQ(requests_.back().fileId_, "F3");
+  EXPECT_EQ(requests_.back().statusId_, RR::Error);
+
+  EXPECT_EQ(queue_.remove("F1", 1, "D1", *conn_), 1);
+  EXPECT_EQ(queue_.remove("F1", 0, "", *conn_), 1);
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Successfully removed replication request file=F1\n"));
+  EXPECT_EQ(queue_.loadAll(requests_ = {}, *conn_), 2);
+
+  // A failing statement gives -1 and the failure texts.
+  ReplicationRequestDAOSyb missing("no_such_table");
+  EXPECT_EQ(missing.insert(request("F", 1, ""), *conn_), -1);
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Could not submit replication request for file F\n"));
+  EXPECT_EQ(missing.loadAll(requests_, *conn_), -1);
+  EXPECT_TRUE(log.containsFragment("ERROR [ <t> ] Error executing SQL command select file_id"));
+}
+
+TEST_F(Catalogue, FindersFailWhenTheDatabaseFailsThem) {
+  if (testsupport::Backend::current().isTds()) GTEST_SKIP() << "the faults are made on the embedded file";
+  constexpr int kRows = 300;
+  const std::string rows = " with recursive n(i) as (select 1 union all select i + 1 from n where i < " +
+                           std::to_string(kRows) + ") select 'F', 'D' || i, ";
+  // The date index lets the catalogue's finders stream their rows.
+  ASSERT_EQ(conn_
+                ->execute("create index kest_date on kest_files (ingestion_date); insert into kest_files "
+                          "(file_id, disk_id, file_status, checksum)" +
+                          rows +
+                          "'S', printf('%0150d', i) from n; insert into repl_queue (file_id, disk_id, "
+                          "file_version, submitter_id, status_id, message)" +
+                          rows + "1, 'ops', 1, printf('%0150d', i) from n")
+                .commandSucceeded(),
+            1);
+  // Each finder reads into an emptied vector.
+  const std::function<int()> finders[] = {
+      [&] { return safe_.find("F", 1, *conn_); },
+      [&] { return kest_.find("F", files_ = {}, *conn_); },
+      [&] { return kest_.find('S', files_ = {}, *conn_); },
+      [&] { return kest_.loadAll(files_ = {}, *conn_); },
+      [&] { return queue_.find(RR::Pending, requests_ = {}, *conn_); },
+      [&] { return queue_.find("F", requests_ = {}, *conn_); },
+  };
+  for (size_t i = 0; i < std::size(finders); ++i) EXPECT_EQ(finders[i](), kRows) << i;
+  // The pages that hold the last rows of both tables, to be damaged below.
+  std::vector<long> lastPages;
+  for (const char* table : {"kest_files", "repl_queue"}) {
+    auto rs = conn_->execute(std::string("select pageno from dbstat where name = '") + table +
+                             "' and pagetype = 'leaf' order by path desc limit 1");
+    lastPages.push_back(rs.next() ? rs.getLongValue(1) : -999);
+  }
+  // Streamed rows fail part-way; sorted ones before the first row.
+  conn_.reset();
+  ConnectionPool::destroyInstance();  // the last login closes the file
+  for (long page : lastPages) dir_.scribble("archive.db", (page - 1) * 4096, 4096);
+  conn_ = std::make_unique<ServiceConnectionSyb>("sqlite:" + dir_.file("archive.db"), "ops", "pw", "");
+  ASSERT_EQ(conn_->acquire(), 0);
+  for (size_t i = 0; i < std::size(finders); ++i) {
+    testsupport::LogCapture log;
+    EXPECT_EQ(finders[i](), -1) << i;
+    EXPECT_TRUE(log.containsFragment("malformed")) << i;
+  }
+}
+
+}  // namespace

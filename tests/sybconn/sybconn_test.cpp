@@ -1,0 +1,282 @@
+// SybaseConnection on real SQLite files (rows, counts, copies, errors, dates) and the SQL rewriter.
+#include <gtest/gtest.h>
+#include <sybconn/ArcSysUtils.h>
+#include <sybconn/SqliteSettings.h>
+#include <sybconn/SybUtils.h>
+#include <sybconn/SybaseConnection.h>
+
+#include <ctime>
+#include <filesystem>
+#include <vector>
+
+#include "sybconn/drivers/SqliteDialect.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+std::vector<SybaseStatus> g_seen;
+void record(const SybaseStatus& s) { g_seen.push_back(s); }
+
+class Connection : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    g_seen.clear();
+    previous_ = SybaseConnection::setErrorHandler(&record);
+    ASSERT_EQ(conn_.connect(server_, "user", "pw"), 0);
+    ASSERT_EQ(run("create table t (id int primary key, name varchar(20), size float, ignore int)"), 1);
+  }
+  void TearDown() override { SybaseConnection::setErrorHandler(previous_); }
+  int run(const std::string& sql) { return conn_.execute(sql).commandSucceeded(); }
+  // The first column of the first row.
+  static std::string first(SybaseConnection& conn, const std::string& sql) {
+    SybaseResultSet rs = conn.execute(sql);
+    return rs.next() ? rs.getStringValue(1) : "no row";
+  }
+  // The one server error that reached the handler since the last call.
+  void expectOneError(const std::string& fragment, int severity) {
+    ASSERT_EQ(g_seen.size(), 1u) << fragment;
+    EXPECT_EQ(g_seen[0].srvSeverity, severity) << fragment;
+    EXPECT_EQ(g_seen[0].srvname, server_);
+    EXPECT_NE(g_seen[0].msgtext.find(fragment), std::string::npos) << g_seen[0].msgtext;
+    g_seen.clear();
+  }
+
+  testsupport::TempDir dir_;
+  const std::string server_ = "sqlite:" + dir_.file("main.db");
+  SybaseConnection conn_;
+  SybaseConnection::ErrorHandler previous_ = nullptr;
+};
+
+TEST_F(Connection, ReadsTypedColumnsAndNulls) {
+  run("insert into t (id, name, size, ignore) values (1, 'O''Brien', 3.9, NULL)");
+  SybaseResultSet rs = conn_.execute("select id, name, size, ignore from t");
+  ASSERT_TRUE(rs.hasResultSet());
+  EXPECT_EQ(rs.columnName(4), "ignore");
+  ASSERT_TRUE(rs.next());
+  EXPECT_EQ(rs.getLongValue(1), 1);
+  EXPECT_EQ(rs.getStringValue(2), "O'Brien");
+  EXPECT_DOUBLE_EQ(rs.getDoubleValue(3), 3.9);
+  // Columns out of range read as NULL, never crash.
+  EXPECT_EQ(std::vector<bool>({rs.isNull(4), rs.isNull(1), rs.isNull(0)}), std::vector<bool>({1, 0, 1}));
+  EXPECT_EQ(rs.getStringValue(9), "");
+  EXPECT_FALSE(rs.next());
+  EXPECT_FALSE(rs.next());
+}
+
+TEST_F(Connection, RowCountsFollowTheCurrentCommand) {
+  run("insert into t (id) values (1), (2), (3), (4), (5)");
+  const std::pair<const char*, long> writes[] = {{"update t set name = 'x' where id > 2", 3},
+                                                 {"update t set name = 'x' where id > 99", 0},
+                                                 {"delete t where id = 5", 1}};
+  for (const auto& [sql, count] : writes) {
+    run(sql);
+    EXPECT_EQ(conn_.rowCount(), count) << sql;
+  }
+  // A select counts rows as they are read, and all of them once released.
+  SybaseResultSet rs = conn_.execute("select id from t");
+  EXPECT_EQ(conn_.rowCount(), 0);
+  ASSERT_TRUE(rs.next());
+  EXPECT_EQ(conn_.rowCount(), 1);
+  rs.releaseResults();
+  EXPECT_EQ(conn_.rowCount(), 4);
+  EXPECT_FALSE(rs.next());
+  EXPECT_EQ(run("select id from t where id > 99"), 1);
+  EXPECT_EQ(conn_.rowCount(), 0);
+}
+
+TEST_F(Connection, CopiesShareOneCursorThatEndsWithItsLogin) {
+  run("insert into t (id) values (1), (2), (3)");
+  SybaseResultSet a = conn_.execute("select id from t order by id");
+  SybaseResultSet b = a;
+  ASSERT_TRUE(a.next());
+  ASSERT_TRUE(b.next());
+  EXPECT_EQ(a.getLongValue(1), 2);
+  // The next statement, or the end of the login, ends what is left.
+  run("select 1");
+  EXPECT_FALSE(a.next());
+  EXPECT_FALSE(b.next());
+  {
+    SybaseConnection other;
+    ASSERT_EQ(other.connect(server_, "u", "p"), 0);
+    a = other.execute("select id from t");
+    ASSERT_TRUE(a.next());
+  }
+  EXPECT_FALSE(a.next());
+  EXPECT_EQ(a.getStringValue(1), "");
+}
+
+TEST_F(Connection, ErrorsReachTheHandlerAndNeverThrow) {
+  run("insert into t (id) values (1)");
+  std::filesystem::create_directory(dir_.file("bad.db"));  // a sibling file that cannot be opened
+  // The last one is a batch, which stops at its first failing statement.
+  const char* const cases[][2] = {
+      {"insert into t (id) values (1)", "UNIQUE"},
+      {"selec 1", "syntax error"},
+      {"select * from bad..t", "unable to open database"},
+      {"insert into t (id) values (7); insert into nowhere values (1); insert into t (id) values (8)",
+       "nowhere"}};
+  for (const auto& [sql, fragment] : cases) {
+    EXPECT_EQ(run(sql), 0) << sql;
+    expectOneError(fragment, 16);
+  }
+  EXPECT_EQ(first(conn_, "select count(*) from t where id in (7, 8)"), "1");
+}
+
+TEST_F(Connection, ALockedFileIsAnErrorNotAHang) {
+  const int saved = sybconn::sqliteBusyTimeoutMs();
+  sybconn::setSqliteBusyTimeoutMs(20);
+  SybaseConnection other;
+  ASSERT_EQ(other.connect(server_, "u", "p"), 0);
+  sybconn::setSqliteBusyTimeoutMs(saved);
+  // This connection holds the write lock; the other gives up after its time-out.
+  ASSERT_EQ(run("begin Tran A1; insert into t (id) values (1)"), 1);
+  EXPECT_EQ(other.execute("insert into t (id) values (2)").commandSucceeded(), 0);
+  expectOneError("locked", 17);
+  // Readers still see the last committed state meanwhile.
+  EXPECT_EQ(first(other, "select count(*) from t"), "0");
+  ASSERT_EQ(run("commit A1"), 1);
+  EXPECT_EQ(other.execute("insert into t (id) values (2)").commandSucceeded(), 1);
+}
+
+TEST_F(Connection, AStepThatFailsPartWayFailsTheResult) {
+  ASSERT_EQ(run("insert into t (id, name) with recursive n(i) as (select 1 union all select i + 1 from n "
+                "where i < 2000) select i, printf('%0200d', i) from n"),
+            1);
+  conn_.disconnect();
+  // The last page holds the last rows.
+  dir_.scribble("main.db", static_cast<long>(std::filesystem::file_size(dir_.file("main.db"))) - 4096, 4096);
+  // Rows read to the end, or the rest discarded after the first.
+  for (const bool readAll : {true, false}) {
+    ASSERT_EQ(conn_.connect(server_, "u", "p"), 0);
+    SybaseResultSet rs = conn_.execute("select id, name from t");
+    ASSERT_TRUE(rs.next());
+    while (readAll && rs.next()) {
+    }
+    if (!readAll) rs.releaseResults();
+    EXPECT_EQ(rs.commandSucceeded(), 0) << readAll;
+    EXPECT_GT(conn_.rowCount(), 1) << readAll;  // failed past the first row, before the last
+    EXPECT_LT(conn_.rowCount(), 2000) << readAll;
+    expectOneError("malformed", 23);
+  }
+}
+
+TEST_F(Connection, LoginFailuresAreReportedAsClientErrors) {
+  for (const std::string& server : {"sqlite:" + dir_.file("no/such/dir/x.db"), std::string("sqlite:")}) {
+    SybaseConnection bad;
+    EXPECT_EQ(bad.connect(server, "u", "p"), -1);
+    EXPECT_FALSE(bad.isConnected());
+    ASSERT_EQ(g_seen.size(), 1u) << server;
+    EXPECT_EQ(g_seen[0].msgno, 0);
+    EXPECT_EQ(g_seen[0].dbLibSeverity, 9);
+    EXPECT_EQ(bad.execute("select 1").commandSucceeded(), 0);
+    EXPECT_EQ(bad.rowCount(), -1);
+    g_seen.clear();
+  }
+}
+
+// Local time of "YYYY-MM-DD hh:mm:ss".
+timeval local(const char* text, long usec = 0) {
+  struct tm t {};
+  strptime(text, "%Y-%m-%d %H:%M:%S", &t);
+  t.tm_isdst = -1;
+  return {mktime(&t), usec};
+}
+
+TEST(Dates, TextFormAndParsing) {
+  const timeval tv = local("2026-11-22 13:05:09", 250999);
+  EXPECT_EQ(SybUtils::convertFromUnixTimeval(tv), "20261122 13:05:09.250");
+  // Microseconds out of range are carried into the seconds.
+  EXPECT_EQ(SybUtils::convertFromUnixTimeval(timeval{tv.tv_sec - 1, 1250999}), "20261122 13:05:09.250");
+  const std::pair<const char*, timeval> good[] = {
+      {"20261122 13:05:09.250", {tv.tv_sec, 250000}},
+      {"2026-11-22T13:05:09.123456789", {tv.tv_sec, 123456}},
+      {"2026-11-22 13:05:09:500", {tv.tv_sec, 500000}},  // Sybase's colon before milliseconds
+      {"2026-11-22", local("2026-11-22 00:00:00")}};
+  for (const auto& [text, want] : good) {
+    timeval t{};
+    EXPECT_TRUE(SybUtils::parseDate(text, t)) << text;
+    EXPECT_EQ(t.tv_sec, want.tv_sec) << text;
+    EXPECT_EQ(t.tv_usec, want.tv_usec) << text;
+  }
+  for (const char* bad : {"", "2026", "2026-13-01", "20261122 25:00:00", "20261122 13:05:09.", "x20261122",
+                          "20261122 13:05:09 junk", "2026-11-22 13"}) {
+    timeval t{7, 7};
+    EXPECT_FALSE(SybUtils::parseDate(bad, t)) << bad;
+    EXPECT_EQ(t.tv_sec, 7) << bad;
+  }
+}
+
+TEST_F(Connection, DatesRoundTripThroughStorageToTheMillisecond) {
+  run("create table d (id int, at datetime)");
+  const timeval cases[] = {local("2026-11-22 23:59:59", 999999), local("2026-11-23 00:00:00", 1000),
+                           local("2000-02-29 12:00:00", 5000), local("1999-12-31 23:59:59", 500)};
+  for (int i = 0; i < 4; ++i)
+    run("insert into d values (" + std::to_string(i) + ", '" + SybUtils::convertFromUnixTimeval(cases[i]) +
+        "')");
+  SybaseResultSet rs = conn_.execute("select at from d order by id");
+  for (const timeval& tv : cases) {
+    ASSERT_TRUE(rs.next());
+    EXPECT_EQ(rs.getDateAsTimevalValue(1).tv_sec, tv.tv_sec);
+    EXPECT_EQ(rs.getDateAsTimevalValue(1).tv_usec, tv.tv_usec / 1000 * 1000);
+  }
+  // getdate() is stored in that form and reads back as now; epoch numbers are dates; other text is 0.
+  const time_t before = time(nullptr);
+  run("insert into d values (99, getdate())");
+  rs = conn_.execute("select at, 1700000000, 1700000000.25, 'soon' from d where id = 99");
+  ASSERT_TRUE(rs.next());
+  EXPECT_EQ(rs.getStringValue(1).size(), 21u);
+  EXPECT_LE(std::labs(rs.getDateAsTimevalValue(1).tv_sec - before), 2);
+  EXPECT_EQ(rs.getDateAsTimevalValue(2).tv_sec, 1700000000);
+  EXPECT_EQ(rs.getDateAsTimevalValue(3).tv_usec, 250000);
+  EXPECT_EQ(rs.getDateAsTimevalValue(4).tv_sec, 0);
+}
+
+TEST(Dialect, Rewrites) {
+  const std::string now = "strftime('%Y%m%d %H:%M:%f','now','localtime')";
+  // An empty `out` means unchanged; `home`, the login's own database, needs no attaching.
+  const struct {
+    std::string in, out, home = "";
+    std::vector<std::string> databases = {};
+  } cases[] = {
+      {"insert into t values ('x'); delete T where a='delete T where'",
+       "insert into t values ('x'); delete from T where a='delete T where'"},
+      {"begin Tran A1", "SAVEPOINT A1"},
+      {"commit tran A2;", "RELEASE A2;"},
+      {"rollback", "ROLLBACK TO sybtran; RELEASE sybtran"},
+      {"select distinct x=a+1, b from t", "select distinct a+1 AS x, b from t"},
+      {"select @x = 1", ""},
+      {"update t set d = getdate() where x='getdate()'", "update t set d = " + now + " where x='getdate()'"},
+      {"insert into t values ('it''s a..b', \"delete T where\", 'x=getdate()') -- begin Tran A1\n/* commit "
+       "A1 */",
+       ""},
+      // A comment runs to the end of its line, and no further.
+      {"select 1 -- getdate() a..b\n", ""},
+      {"select 1 -- x\n, getdate()", "select 1 -- x\n, " + now},
+      {"select 'abc getdate()", ""},  // an unterminated literal runs to the end
+      {"select a from obrep2..cs c, ambient.dbo.s, obrep2..x",
+       "select a from obrep2.cs c, ambient.s, obrep2.x",
+       "",
+       {"obrep2", "ambient"}},
+      {"select obrep2..cs.cs_id from obrep2..cs, ambient..s",
+       "select main.cs.cs_id from main.cs, ambient.s",
+       "obrep2",
+       {"ambient"}},
+      {"select 'obrep2..t' from t -- a..b", ""},
+  };
+  for (const auto& c : cases) {
+    const auto r = sybconn::rewriteSybaseToSqlite(c.in, c.home);
+    EXPECT_EQ(r.sql, c.out.empty() ? c.in : c.out) << c.in;
+    EXPECT_EQ(r.databases, c.databases) << c.in;
+  }
+}
+
+TEST(Split, EveryOccurrenceAndAppends) {
+  std::vector<std::string> out{"kept"};
+  ArcSys::split("a|b||c|", "|", out);
+  ArcSys::split("k1 :: k2", " :: ", out);
+  ArcSys::split("", ",", out);
+  ArcSys::split("abc", "", out);
+  EXPECT_EQ(out, (std::vector<std::string>{"kept", "a", "b", "", "c", "", "k1", "k2", "", "abc"}));
+}
+
+}  // namespace
