@@ -2,9 +2,6 @@
 #ifndef TESTS_SUPPORT_ARCHIVESERVER_H
 #define TESTS_SUPPORT_ARCHIVESERVER_H
 
-#include <unistd.h>
-
-#include <atomic>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -26,37 +23,32 @@ class ArchiveServer {
   ~ArchiveServer();
   int port() const { return port_; }
   void push(const Reply& r);
-  void push(const std::string& bytes) { push(Reply{bytes}); }
   std::vector<std::string> requests();  // one per connection: header and body bytes
   std::string lastPath();               // of the last request's GET line (the whole request when no GET)
 
  private:
   void run();
-  int listenFd_ = -1, port_ = 0;
+  int port_ = 0, listenFd_ = -1;
   std::mutex mutex_;
   std::deque<Reply> replies_;
   std::vector<std::string> requests_;
-  std::atomic<bool> stop_{false};
   std::thread thread_;
 };
 
-std::string httpReply(int code, const std::string& body, const std::string& extraHeaders = "");
-std::string statusDoc(const std::string& status, const std::string& message);
-std::string fileReply(const std::string& fileName, const std::string& content);
+inline std::string httpReply(int code, const std::string& body, const std::string& extraHeaders = "") {
+  return "HTTP/1.0 " + std::to_string(code) + " Reply text\r\nContent-Type: text/xml\r\n" + extraHeaders +
+         "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+}
+inline std::string statusDoc(const std::string& status, const std::string& message) {
+  return "<?xml version=\"1.0\"?>\n<Status Date=\"2007-07-12T10:30:00.000\" HostId=\"arcsrv1\" Message=\"" +
+         message + "\" State=\"ONLINE\" SubState=\"IDLE\" Status=\"" + status + "\" Version=\"v3.1\"/>\n";
+}
+inline std::string fileReply(const std::string& fileName, const std::string& content) {
+  return httpReply(200, content, "content-disposition: attachment; filename=\"" + fileName + "\"\r\n");
+}
 
-// A loopback listener whose backlog is full: a connect to it hangs until the client's time-out.
-struct FullBacklogListener {
-  FullBacklogListener();
-  ~FullBacklogListener();
-  int listenFd = -1, port = 0;
-  std::vector<int> fillers;
-};
-
-// Ends the program by SIGALRM when not destroyed within `seconds`: a hang fails, not stalls.
-struct HangGuard {
-  explicit HangGuard(unsigned seconds) { alarm(seconds); }
-  ~HangGuard() { alarm(0); }
-};
+// The port of a loopback listener whose backlog is full: a connect to it hangs until the client's time-out.
+int fullBacklogPort();
 
 std::string readFile(const std::string& path);
 std::vector<std::string> listDir(const std::string& dir);  // sorted, hidden names too
