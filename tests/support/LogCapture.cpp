@@ -4,6 +4,7 @@
 #include <ace/Log_Msg_Backend.h>
 #include <ace/Log_Record.h>
 
+#include <algorithm>
 #include <regex>
 
 namespace testsupport {
@@ -11,9 +12,10 @@ namespace {
 
 LogCapture* g_active = nullptr;
 std::mutex g_activeMutex;
+ACE_Log_Msg_Backend* g_previousBackend = nullptr;
+unsigned long g_previousFlags = 0;
 
-class Backend : public ACE_Log_Msg_Backend {
- public:
+struct Sink : ACE_Log_Msg_Backend {
   int open(const ACE_TCHAR*) override { return 0; }
   int reset() override { return 0; }
   int close() override { return 0; }
@@ -22,27 +24,13 @@ class Backend : public ACE_Log_Msg_Backend {
     if (g_active) g_active->append(record.msg_data());
     return 0;
   }
-};
-
-Backend g_backend;
-ACE_Log_Msg_Backend* g_previousBackend = nullptr;
-unsigned long g_previousFlags = 0;
-
-// The time stamp becomes "<D>", the thread id between the brackets "<t>".
-std::string normalise(const std::string& raw) {
-  static const std::regex stamp(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{6})");
-  static const std::regex thread(R"(\[ \d+ \])");
-  std::string s = std::regex_replace(raw, stamp, "<D>", std::regex_constants::format_first_only);
-  return std::regex_replace(s, thread, "[ <t> ]", std::regex_constants::format_first_only);
-}
+} g_sink;
 
 }  // namespace
 
-// ACE takes its own lock around a log call and the backend then takes
-// g_activeMutex, so ACE's settings are changed outside g_activeMutex: the two
-// locks are never taken in the other order.
+// ACE's settings change outside g_activeMutex: ACE locks around a log call, then the backend takes it.
 LogCapture::LogCapture() {
-  g_previousBackend = ACE_Log_Msg::msg_backend(&g_backend);
+  g_previousBackend = ACE_Log_Msg::msg_backend(&g_sink);
   g_previousFlags = ACE_LOG_MSG->flags();
   ACE_LOG_MSG->set_flags(ACE_Log_Msg::CUSTOM);
   ACE_LOG_MSG->clr_flags(ACE_Log_Msg::STDERR);
@@ -51,17 +39,18 @@ LogCapture::LogCapture() {
 }
 
 LogCapture::~LogCapture() {
-  {
-    std::lock_guard<std::mutex> lock(g_activeMutex);
-    g_active = nullptr;
-  }
+  std::unique_lock<std::mutex> lock(g_activeMutex);
+  g_active = nullptr;
+  lock.unlock();
   ACE_LOG_MSG->clr_flags(ACE_LOG_MSG->flags());
   ACE_LOG_MSG->set_flags(g_previousFlags);
   ACE_Log_Msg::msg_backend(g_previousBackend);
 }
 
 void LogCapture::append(const std::string& raw) {
-  std::string line = normalise(raw);
+  static const std::regex stamp(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{6})"), thread(R"(\[ \d+ \])");
+  const auto once = std::regex_constants::format_first_only;
+  std::string line = std::regex_replace(std::regex_replace(raw, stamp, "<D>", once), thread, "[ <t> ]", once);
   std::lock_guard<std::mutex> lock(mutex_);
   lines_.push_back(std::move(line));
 }
@@ -71,26 +60,15 @@ void LogCapture::clear() {
   lines_.clear();
 }
 
-std::vector<std::string> LogCapture::lines() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return lines_;
-}
-
 bool LogCapture::contains(const std::string& line) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  for (const auto& l : lines_)
-    if (l == line) return true;
-  return false;
+  return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
 }
-
-bool LogCapture::containsFragment(const std::string& fragment) const { return count(fragment) > 0; }
 
 size_t LogCapture::count(const std::string& fragment) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  size_t n = 0;
-  for (const auto& l : lines_)
-    if (l.find(fragment) != std::string::npos) ++n;
-  return n;
+  return std::count_if(lines_.begin(), lines_.end(),
+                       [&](const std::string& l) { return l.find(fragment) != std::string::npos; });
 }
 
 }  // namespace testsupport

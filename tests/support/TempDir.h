@@ -5,8 +5,7 @@
 
 namespace testsupport {
 
-// A fresh folder under $TMPDIR (or /tmp), removed with its contents on
-// destruction.
+// A fresh folder under $TMPDIR (or /tmp), removed with its contents on destruction.
 class TempDir {
  public:
   TempDir();
@@ -14,12 +13,9 @@ class TempDir {
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
   const std::string& path() const { return path_; }
-  // path() + "/" + name
-  std::string file(const std::string& name) const;
-  // Writes `content` to file(name) and returns its path.
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
   std::string write(const std::string& name, const std::string& content, int mode = 0644) const;
-  // Overwrites `length` bytes of file(name) from `offset` with 0xFF bytes:
-  // a damaged file.
+  // Overwrites `length` bytes of file(name) from `offset` with 0xFF bytes: a damaged file.
   void scribble(const std::string& name, long offset, long length) const;
 
  private:

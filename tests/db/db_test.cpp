@@ -1,0 +1,424 @@
+// The parameters file $HOME/.dbrc, the service connection and its stub, the pool and its reaper.
+#include <dataAccess/db/ConnectionPool.h>
+#include <dataAccess/db/ServiceConnectionStub.h>
+#include <dataAccess/db/ServiceConnectionSyb.h>
+#include <gtest/gtest.h>
+#include <stcrypt/stcrypt.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/support/Backend.h"
+#include "tests/support/LogCapture.h"
+#include "tests/support/TempDir.h"
+
+namespace {
+
+// A fresh pool, a private HOME with a key file and "pw" sealed under it, the backend of the run.
+class DbFixture : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ConnectionPool::destroyInstance();
+    setenv("HOME", dir_.path().c_str(), 1);
+    setenv("STCRYPT_KEY_FILE", dir_.file("key").c_str(), 1);
+    ASSERT_EQ(stcreatekey(dir_.file("key").c_str()), 0);
+    char out[STCRYPT_BUF_SIZE];
+    ASSERT_EQ(stencrypt("pw", out), 0);
+    pw_ = out;
+  }
+  void TearDown() override {
+    ConnectionPool::instance()->setMaxPoolSize(20);
+    ConnectionPool::destroyInstance();
+    backend().stopServers();
+  }
+  static testsupport::Backend& backend() { return testsupport::Backend::current(); }
+  std::string server(const std::string& db = "main") const { return backend().server(dir_.file(db + ".db")); }
+
+  testsupport::TempDir dir_;
+  std::string pw_;
+};
+
+using Map = ServiceConnectionSyb::ListOfFieldIndex;
+
+// The next row of `rs` as "v1|v2|...", or "<none>".
+template <class ResultSet>
+std::string nextRow(ResultSet&& rs) {
+  if (!rs.next()) return "<none>";
+  std::string row;
+  for (int col = 1; col <= rs.columnCount(); ++col) row += (col > 1 ? "|" : "") + rs.getStringValue(col);
+  return row;
+}
+
+// On an acquired connection with none open: an inner transaction rolled back, an outer one committed.
+template <class Conn>
+void nestTransactions(Conn& c) {
+  EXPECT_EQ(c.commitTransaction(), -1);  // none open: nothing executed
+  ASSERT_EQ(c.beginTransaction(), 0);
+  c.execute("insert into t values (3, 'z', 30)");
+  ASSERT_EQ(c.beginTransaction(), 0);
+  c.execute("insert into t values (4, 'w', 40)");
+  ASSERT_EQ(c.rollbackTransaction(), 0);  // undoes row 4 only
+  EXPECT_EQ(c.transactionNumber(), 1);
+  ASSERT_EQ(c.commitTransaction(), 0);
+  EXPECT_EQ(c.transactionNumber(), 0);
+  EXPECT_EQ(c.rollbackTransaction(), -1);
+  ASSERT_EQ(c.beginTransaction(), 0);
+}
+
+TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
+  // An empty server name stands for FreeTDS's default server: one on loopback where nothing listens.
+  setenv("TDSQUERY", "127.0.0.1:1", 1);
+  const std::string p = " " + pw_ + " ", all = "get all connection parameters";
+  const struct {
+    std::string file, read;  // server, database, user and alias read for alias A, or "Could not <read>"
+  } cases[] = {
+      {"", "open " + dir_.file(".dbrc")},                                   // no file yet
+      {"srv1 db1 u1" + p + "A\nsrv2 db2 u2" + p + "A\n", "srv1 db1 u1 A"},  // the first alias line wins
+      {"srv1 db1 u1" + p + "B\nsrv0 db0 u0" + p + "\n", "srv0 db0 u0 A"},   // a default line serves any
+      {"srv0 db0 u0" + p + "\nsrv1 db1 u1" + p + "A\n", "srv1 db1 u1 A"},   // alias line after a default
+      {"s1 d1 u1" + p + "\ns2 d2 u2" + p + "\n", "s2 d2 u2 A"},             // the last default line wins
+      {"s1 d1 u1" + p + "A\ns2 d2 u2" + p + "\n", "s1 d1 u1 A"},            // an alias line ends the search
+      {"s1 d1 u1" + p + "a\ns2 d2 u2" + p + "\n", "s2 d2 u2 A"},            // aliases are case-sensitive
+      // Comments, short lines, blank lines, tabs, extra fields.
+      {"#srv db usr" + p + "A\n  # x y z w\n\nshort line\nsrv#1\tdb \t usr\t" + pw_ + "\tA extra\n",
+       "srv#1 db usr A"},
+      {"s1 d1 u1" + p + "B\n", all},  // another alias only
+      {"# s d u\n", all},             // a commented line of four fields
+      {"s d u\n", all},               // three fields
+      // A password sealed under another key, or not sealed at all, is refused.
+      {server() + " db usr plaintext A\n", "decipher the password for A in " + dir_.file(".dbrc")},
+  };
+  for (const auto& c : cases) {
+    if (!c.file.empty()) dir_.write(".dbrc", c.file, 0600);
+    testsupport::LogCapture log;
+    ServiceConnectionSyb conn("A");
+    if (log.contains("<D> DEBUG [ <t> ] Connection parameters successfully read\n")) {
+      EXPECT_EQ(conn.server() + " " + conn.dbName() + " " + conn.user() + " " + conn.alias(), c.read);
+      continue;
+    }
+    EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not " + c.read + "\n")) << c.file;
+    EXPECT_EQ(log.count("Could not"), 1u) << c.file;
+    EXPECT_EQ(conn.acquire(), -1);
+    EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not establish a connection\n"));
+  }
+}
+
+class Service : public DbFixture {
+ protected:
+  void SetUp() override {
+    DbFixture::SetUp();
+    ASSERT_EQ(conn_.acquire(), 0);
+    const char* setup =
+        "create table t (a int, b varchar(10), c int); insert into t values (1, 'x', 10), (2, 'y', 20)";
+    ASSERT_EQ(conn_.execute(setup).commandSucceeded(), 1);
+  }
+  void TearDown() override {
+    conn_.release();  // before the pool goes
+    DbFixture::TearDown();
+  }
+  ServiceConnectionSyb conn_{server(), "user", "pw", "db"};
+};
+
+TEST_F(Service, AcquireIsIdempotentAndReleaseOnlyOnce) {
+  EXPECT_EQ(conn_.acquire(), 0);
+  EXPECT_EQ(ConnectionPool::instance()->counts().records, 1);
+  EXPECT_EQ(conn_.release(), 0);
+  EXPECT_EQ(conn_.release(), -1);
+  {
+    ServiceConnectionSyb held(server(), "user", "pw", "db");  // without a login nothing runs
+    testsupport::LogCapture log;
+    EXPECT_EQ(held.release(), -1);
+    EXPECT_EQ(held.execute("select 1").commandSucceeded(), 0);
+    EXPECT_EQ(held.beginTransaction(), -1);
+    EXPECT_EQ(held.transactionNumber(), 0);
+    EXPECT_EQ(held.rowCount(), -1);
+    Map map;
+    ServiceConnectionSyb::ResultSet rs;
+    EXPECT_EQ(held.executeSelect("select a from t", rs, map), -1);
+    EXPECT_EQ(log.count("No connection available"), 3u);
+    EXPECT_EQ(log.count("<D> ERROR [ <t> ] Error executing SQL command select a from t\n"), 1u);
+    ASSERT_EQ(held.acquire(), 0);
+    EXPECT_EQ(ConnectionPool::instance()->counts().inUse, 1);
+  }
+  EXPECT_EQ(ConnectionPool::instance()->counts().inUse, 0);  // destruction gives a held login back
+}
+
+TEST_F(Service, SelectListMap) {
+  const struct {
+    std::string sql;
+    int result;
+    Map map;
+  } cases[] = {
+      {"select a, b, c from t", 0, {{"a", 1}, {"b", 2}, {"c", 3}}},
+      {"SELECT a, b FROM t", 0, {{"a", 1}, {"b", 2}}},
+      {"SELECT DISTINCT a , b FROM t", 0, {{"a", 1}, {"b", 2}}},
+      {"select t.a,b from t", 0, {{"t.a", 1}, {"b", 2}}},
+      {"select a, a from t", 0, {{"a", 1}}},
+      {"select a, from t", -1, {}},  // a syntax error: nothing mapped
+      {"select a,b From t", 0, {}},  // neither "from" nor "FROM"
+      {"select * from t", 0, {{"*", 1}}},
+      {"select a as x, max(a, c) from t", 0, {{"aasx", 1}, {"max(a", 2}, {"c)", 3}}},
+      {"update t set a = 1", -1, {}},  // not a select: neither executed nor logged
+  };
+  ServiceConnectionStub stub("srv", "usr", "pw");
+  ASSERT_EQ(stub.acquire(), 0);
+  testsupport::LogCapture log;
+  for (const auto& c : cases) {
+    Map map, stubMap;
+    ServiceConnectionSyb::ResultSet rs;
+    EXPECT_EQ(conn_.executeSelect(c.sql, rs, map), c.result) << c.sql;
+    EXPECT_EQ(map, c.map) << c.sql;
+    if (c.sql.find("DISTINCT") != std::string::npos) continue;  // the only form the stub does not know
+    EXPECT_EQ(stub.executeSelect(c.sql, rs, stubMap), c.result) << c.sql;  // given the same result
+    EXPECT_EQ(stubMap, c.map) << c.sql;
+  }
+  EXPECT_EQ(log.count("update"), 0u);
+  EXPECT_EQ(nextRow(conn_.execute("select sum(a) from t")), "3");
+  Map map{{"b", 7}};
+  ServiceConnectionSyb::ResultSet rs;
+  ASSERT_EQ(conn_.executeSelect("select a, b from t order by a", rs, map), 0);
+  EXPECT_EQ(map, (Map{{"a", 1}, {"b", 7}}));  // appended to, earlier positions kept
+}
+
+TEST_F(Service, ThreePartNamesReachSiblingFilesAndMapByPosition) {
+  // X..table lives in X.db beside the home file, whatever the backend of the run.
+  ServiceConnectionSyb maker("sqlite:" + dir_.file("home.db"), "maker", "p", "db");
+  ASSERT_EQ(maker.acquire(), 0);
+  const char* setup =
+      "create table obrep2..constraint_sets (cs_id int, user_id int); create table obrep2..obs_blocks "
+      "(ob_id int, cs_id int); create table ambient..seeing_torvane (fwhm float, dec float); create table "
+      "D..TORV2_NightObs (OB_ID varchar(9)); insert into obrep2..constraint_sets values (7, 70), (8, 80); "
+      "insert into obrep2..obs_blocks values (42, 8); insert into ambient..seeing_torvane values (0.5, -2), "
+      "(255, 2); insert into D..TORV2_NightObs values ('123'); create table t (id int, name varchar(9)); "
+      "insert into t values (42, 'main')";
+  ASSERT_EQ(maker.execute(setup).commandSucceeded(), 1);
+  const struct {
+    std::string sql, row, column, value;  // the row by position; `column` read through the map
+  } cases[] = {
+      {"select obrep2..constraint_sets.cs_id,obrep2..constraint_sets.user_id from obrep2..constraint_sets,"
+       "obrep2..obs_blocks where obrep2..obs_blocks.ob_id=42 AND "
+       "obrep2..obs_blocks.cs_id=obrep2..constraint_sets.cs_id",
+       "8|80", "obrep2..constraint_sets.user_id", "80"},
+      // Three sibling files and the home one in one statement.
+      {"select t.name, obrep2..obs_blocks.cs_id, ambient..seeing_torvane.dec, D..TORV2_NightObs.OB_ID from "
+       "t, obrep2..obs_blocks, ambient..seeing_torvane, D..TORV2_NightObs where "
+       "t.id = obrep2..obs_blocks.ob_id and ambient..seeing_torvane.fwhm < 1",
+       "main|8|-2.0|123", "ambient..seeing_torvane.dec", "-2.0"},
+  };
+  // Another login attaches each file on first use; one to obrep2.db reads its own tables by the same
+  // names (the first statement). Each logs in while the earlier ones still hold a result open.
+  ServiceConnectionSyb reader("sqlite:" + dir_.file("home.db"), "reader", "p", "db");
+  ServiceConnectionSyb own("sqlite:" + dir_.file("obrep2.db"), "reader", "p", "db");
+  testsupport::LogCapture log;
+  for (ServiceConnectionSyb* conn : {&maker, &reader, &own}) {
+    ASSERT_EQ(conn->acquire(), 0);
+    for (size_t i = 0; i < (conn == &own ? 1u : 2u); ++i) {
+      Map map;
+      ServiceConnectionSyb::ResultSet rs;
+      ASSERT_EQ(conn->executeSelect(cases[i].sql, rs, map), 0) << cases[i].sql;
+      EXPECT_EQ(nextRow(rs), cases[i].row) << cases[i].sql;
+      EXPECT_EQ(map.size(), static_cast<size_t>(rs.columnCount())) << cases[i].sql;
+      EXPECT_EQ(rs.getStringValue(map[cases[i].column]), cases[i].value) << cases[i].sql;
+    }
+  }
+  // There obrep2..x and x are one table: one transaction writes it both ways.
+  const char* both =
+      "begin Tran A1; insert into constraint_sets values (9, 90); insert into "
+      "obrep2..constraint_sets values (10, 100); commit A1";
+  EXPECT_EQ(own.execute(both).commandSucceeded(), 1);
+  EXPECT_FALSE(log.containsFragment("ERROR"));
+}
+
+TEST_F(Service, NumberedTransactionsAlikeOnTheStub) {
+  ServiceConnectionStub stub("srv", "usr", "pw");
+  testing::internal::CaptureStdout();  // before acquire the stub runs nothing
+  EXPECT_EQ(stub.execute("select 1").commandSucceeded(), 0);
+  EXPECT_EQ(stub.beginTransaction(), -1);
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  ASSERT_EQ(stub.acquire(), 0);
+  nestTransactions(stub);
+  EXPECT_EQ(stub.release(), 0);
+  EXPECT_EQ(stub.transactionNumber(), 0);
+  testsupport::LogCapture log;
+  nestTransactions(conn_);
+  EXPECT_EQ(log.count("Sql Statement : "), 7u);  // nothing else ran
+  for (const char* sql : {"begin Tran A1", "begin Tran A2", "rollback A2", "commit A1", "begin Tran A1"})
+    EXPECT_TRUE(log.contains(std::string("<D> DEBUG [ <t> ] Sql Statement : ") + sql + "\n")) << sql;
+  EXPECT_EQ(log.count("<D> ERROR [ <t> ] KestFileDAOSyb::executeQuery. No connection available\n"), 2u);
+  EXPECT_EQ(nextRow(conn_.execute("select sum(a) from t where a > 2")), "3");
+  // A commit that fails keeps the counter; release resets it.
+  conn_.execute("commit A1");  // closes the savepoint behind the counter's back
+  EXPECT_EQ(conn_.commitTransaction(), -1);
+  EXPECT_EQ(conn_.transactionNumber(), 1);
+  ASSERT_EQ(conn_.release(), 0);
+  EXPECT_EQ(conn_.transactionNumber(), 0);
+}
+
+TEST_F(Service, ErrorHandlerLogsServerAndClientErrors) {
+  testsupport::LogCapture log;
+  conn_.execute("select * from missing");
+  // Over DB-Library the client library adds its note that the server reported an error.
+  const bool tds = backend().isTds();
+  const std::string message = tds ? "tdstest Error number: 102" : server() + " Error number: 1";
+  EXPECT_EQ(log.count("ERROR [ <t> ] " + message + " no such table: missing Severity: 16"), 1u);
+  EXPECT_EQ(log.count("ERROR [ <t> ] " + server() + " Error number: 20018 "), tds ? 1u : 0u);
+  SybaseStatus info, client;
+  info.msgno = 5701;  // informational, severity 0: ignored
+  client.dbLibSeverity = 9;
+  client.dberr = 20009;
+  client.dberrstr = "Unable to connect";
+  client.srvname = "SYB";
+  for (const SybaseStatus& s : {info, client}) ArcSys::SimpleErrorHandler(s);
+  EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] SYB Error number: 20009 Unable to connect Severity: 9\n"));
+  EXPECT_EQ(log.count("Error number:"), tds ? 3u : 2u);
+}
+
+class Pool : public DbFixture {
+ protected:
+  ConnectionPool* pool() { return ConnectionPool::instance(); }
+  SybaseConnection* take(const std::string& user) { return pool()->acquireConnection(server(), user, "p"); }
+};
+
+TEST_F(Pool, ReuseLimitsAndFailures) {
+  testsupport::LogCapture log;
+  SybaseConnection* first = take("u");
+  SybaseConnection* second = take("u");
+  ASSERT_TRUE(first && second && first != second);
+  EXPECT_EQ(pool()->releaseConnection(second), 0);
+  EXPECT_EQ(pool()->releaseConnection(first), 0);
+  // The earlier-created one comes first; the password is not compared.
+  EXPECT_EQ(pool()->acquireConnection(server(), "u", "another password"), first);
+  EXPECT_NE(take("v"), second);  // another user never shares a login
+  for (int bad : {0, 21}) pool()->setMaxPoolSize(bad);
+  EXPECT_EQ(pool()->maxPoolSize(), 20);
+  pool()->setMaxPoolSize(3);
+  EXPECT_EQ(pool()->maxPoolSize(), 3);
+  EXPECT_EQ(take("w"), nullptr);  // two in use and one free: a third user finds the pool full
+  pool()->setMaxPoolSize(20);
+  const std::string nowhere = backend().unreachable(dir_.path());
+  EXPECT_EQ(pool()->acquireConnection(nowhere, "u", "p"), nullptr);
+  SybaseConnection foreign;
+  EXPECT_EQ(pool()->releaseConnection(&foreign), -1);
+  EXPECT_EQ(pool()->counts().records, 3);
+  EXPECT_EQ(pool()->counts().inUse, 2);
+  EXPECT_EQ(pool()->counts().free, 1);
+  pool()->setReaperSleepTimeMs(250);
+  pool()->setReaperSleepTime(-1);  // a reaper without a pause would spin: refused
+  pool()->setReaperSleepTimeMs(0);
+  EXPECT_EQ(pool()->reaperSleepTimeMs(), 250);
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Creating unique instance of ConnectionPool\n"));
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Allocated new connection. Pool size 2\n"));
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Acquiring available connection to server " + server() +
+                           " as user u\n"));
+  for (const std::string& line : std::vector<std::string>{
+           "Invalid maxPoolSize = 0", "Invalid maxPoolSize = 21", "Invalid reaper sleep time = -1000 ms",
+           "Invalid reaper sleep time = 0 ms", "Can't allocate new connection. Pool size 3",
+           "Could not connect to server " + nowhere + " as user u",
+           "Could not release connection. This should never happen!"})
+    EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] " + line + "\n")) << line;
+}
+
+TEST_F(Pool, ReaperRemovesIdleAndOldFreeLoginsOnly) {
+  pool()->shutdownReaper();  // rounds are run by hand here
+  ASSERT_EQ(pool()->releaseConnection(take("idle")), 0);
+  SybaseConnection* busy = take("busy");
+  ASSERT_NE(busy, nullptr);
+  EXPECT_EQ(pool()->reapNow(), 0);  // within both lifetimes nothing goes
+  testsupport::LogCapture log;
+  pool()->setMaxIdleLifeTime(-1);  // anything released before now is over it
+  EXPECT_EQ(pool()->reapNow(), 1);
+  EXPECT_TRUE(
+      log.containsFragment("<D> INFO  [ <t> ] Reaper: removing connection " + server() + "/idle. LifeTime "));
+  EXPECT_TRUE(log.containsFragment(" s. IdleLifeTime "));
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Connection removed. Pool size 1\n"));
+  // A login in use is never removed, however old; once released it goes.
+  pool()->setMaxIdleLifeTime(60);
+  pool()->setMaxLifeTime(-1);
+  EXPECT_EQ(pool()->reapNow(), 0);
+  pool()->releaseConnection(busy);
+  EXPECT_EQ(pool()->reapNow(), 1);
+  EXPECT_EQ(pool()->counts().records, 0);
+}
+
+TEST_F(Pool, ReaperThreadRunsRoundsAndStopsPromptly) {
+  testsupport::LogCapture log;
+  pool()->setMaxIdleLifeTime(-1);
+  ASSERT_EQ(pool()->releaseConnection(take("u")), 0);
+  pool()->setReaperSleepTimeMs(5);
+  for (int i = 0; i < 2000 && pool()->counts().records > 0; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  EXPECT_EQ(pool()->counts().records, 0);
+  EXPECT_TRUE(log.containsFragment("DEBUG [ <t> ] Reaper: looking for disused connections"));
+
+  // Stopped while it waits out its interval, it runs no further round.
+  const auto start = std::chrono::steady_clock::now();
+  pool()->setReaperSleepTime(5);
+  const size_t rounds = log.count("looking for disused connections");
+  pool()->shutdownReaper();
+  EXPECT_EQ(log.count("looking for disused connections"), rounds);
+  EXPECT_FALSE(pool()->reaperRunning());
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+
+  // The destructor ends the reaper and closes what is left.
+  ASSERT_NE(take("u"), nullptr);
+  ConnectionPool::destroyInstance();
+  EXPECT_TRUE(log.contains("<D> INFO  [ <t> ] Reaper exit\n"));
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Terminating reaper thread\n"));
+}
+
+// Many threads borrow and return logins through several aliases while the reaper runs short rounds:
+// no login is held twice, none in use is removed, none leaks, and every refusal is the full pool's.
+TEST_F(Pool, SixteenThreadsThreeServerUserPairsOneReaper) {
+  const std::string pairs[][2] = {{server("a"), "u1"}, {server("b"), "u2"}, {server("a"), "u3"}};
+  std::string dbrc;  // six aliases ALIAS0..5 over the three pairs
+  for (int i = 0; i < 6; ++i)
+    dbrc += pairs[i % 3][0] + " db " + pairs[i % 3][1] + " " + pw_ + " ALIAS" + std::to_string(i) + "\n";
+  dir_.write(".dbrc", dbrc, 0600);
+  pool()->setMaxIdleLifeTime(-1);  // every free login is fair game for the reaper
+  pool()->setReaperSleepTimeMs(1);
+
+  testsupport::LogCapture log;
+  std::atomic<int> failures{0}, acquired{0};
+  // Its own temporary table shows another thread holding the login meanwhile, or the reaper closing it.
+  const auto useAlone = [&](auto* conn, int t, auto giveBack) {
+    if (!conn) return;
+    ++acquired;
+    const std::string me = std::to_string(t);
+    conn->execute("create temp table if not exists holder (t int)");
+    if (conn->execute("insert into holder values (" + me + ")").commandSucceeded() != 1) ++failures;
+    auto others = conn->execute("select count(*) from holder where t <> " + me);
+    if (!others.next() || others.getLongValue(1) != 0) ++failures;
+    if (conn->execute("delete holder where t = " + me).commandSucceeded() != 1) ++failures;
+    if (giveBack() != 0) ++failures;
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 16; ++t) {
+    threads.emplace_back([&, t] {
+      for (int i = 0; i < 40; ++i) {
+        const auto& pair = pairs[(t + i) % 3];
+        if (i % 2 == 0) {  // through a service connection named by an alias
+          ServiceConnectionSyb conn("ALIAS" + std::to_string((t + i) % 6));
+          useAlone(conn.acquire() == 0 ? &conn : nullptr, t, [&] { return conn.release(); });
+        } else {
+          SybaseConnection* login = pool()->acquireConnection(pair[0], pair[1], "pw");
+          useAlone(login, t, [&] { return pool()->releaseConnection(login); });
+        }
+      }
+    });
+  }
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(failures.load(), 0);
+  EXPECT_GT(acquired.load(), 0);
+  // Free logins of other pairs can fill the pool faster than the reaper retires them: refused, logged.
+  EXPECT_EQ(log.count("Can't allocate new connection. Pool size 20"), 16u * 40 - acquired);
+  EXPECT_EQ(log.count("Could not connect"), 0u);
+  EXPECT_EQ(pool()->counts().inUse, 0);
+  pool()->reapNow();  // the reaper empties the pool; the fixture's destructor closes the rest
+  EXPECT_EQ(pool()->counts().records, 0);
+}
+
+}  // namespace
