@@ -217,12 +217,10 @@ struct TdsServer::Session {
     const Bytes data = cut ? out.substr(0, out.size() - 3) : out;
     out.clear();
     size_t off = 0;
-    char id = 1;
     do {
       const size_t n = std::min<size_t>(4096 - 8, data.size() - off);
       const bool eom = !cut && off + n == data.size();
-      const char h[] = {kReply, eom, static_cast<char>((n + 8) >> 8), static_cast<char>(n + 8), 0, 1,
-                        id++,   0};
+      const char h[] = {kReply, eom, static_cast<char>((n + 8) >> 8), static_cast<char>(n + 8), 0, 1, 0, 0};
       Bytes packet = Bytes(h, 8) + data.substr(off, n);
       if (!transfer(fd, &packet[0], packet.size(), false)) return false;
       off += n;
@@ -267,18 +265,14 @@ struct TdsServer::Session {
     const bool ok = (server.user_.empty() || (user == server.user_ && password == server.password_)) &&
                     sqlite3_open(server.dbPath_.c_str(), &db) == SQLITE_OK;
     if (ok) sqlite3_busy_timeout(db, 2000);
-    if (ok && !tds5) token(0xe3, "\x01"s + var16("main") + var16("master"));
-    message(ok     ? 5701
-            : tds5 ? 4002
-                   : 18456,
-            ok ? 0 : 14,
-            ok ? "Changed database context to 'main'." : "Login failed for user '" + user + "'.");
-    if (tds5) {
+    if (ok)
+      message(5701, 0, "Changed database context to 'main'.");
+    else
+      message(tds5 ? 4002 : 18456, 14, "Login failed for user '" + user + "'.");
+    if (tds5)
       token(0xad, (ok ? "\x05"s : "\x06"s) + "\x05\x00\x00\x00\x07tdstest\x01\x00\x00\x00"s);
-    } else if (ok) {
-      token(0xe3, "\x04"s + var16("4096") + var16("4096"));
+    else if (ok)
       token(0xad, "\x01\x74\x00\x00\x04"s + var16("tdstest") + "\x00\x00\x00\x01"s);
-    }
     done(ok ? 0 : kDoneError);
     if (ok) ++server.logins;
     return send() && ok;
@@ -313,7 +307,7 @@ struct TdsServer::Session {
     const std::vector<std::string> wd = words(stmt);
     std::string key;
     for (const std::string& w : wd) key += lower(w) + " ";
-    if (key.empty() || key.rfind("set ", 0) == 0 || key.rfind("use ", 0) == 0) {
+    if (key.empty()) {
       done(more);
       return true;
     }
