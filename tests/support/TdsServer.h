@@ -18,53 +18,32 @@ class TdsServer {
  public:
   enum class Mode {
     Normal,
-    // Accepts connections and never answers.
-    Silent,
-    // Logs in normally, then never answers a batch.
-    SilentAfterLogin,
-    // Logs in normally, then closes the connection after the first rows of
-    // any select that returns more than `dropAfterRows` rows.
-    DropMidResult,
+    Silent,            // accepts connections and never answers
+    SilentAfterLogin,  // logs in, then never answers a batch
+    DropMidResult,     // logs in, then cuts the connection inside any result of over dropAfterRows rows
   };
 
   // An empty `user` lets every user in, whatever the password.
-  TdsServer(std::string dbPath, std::string user, std::string password, Mode mode = Mode::Normal);
-  ~TdsServer();
-  TdsServer(const TdsServer&) = delete;
-  TdsServer& operator=(const TdsServer&) = delete;
+  TdsServer(std::string dbPath, std::string user, std::string password, Mode mode = Mode::Normal)
+      : dbPath_(std::move(dbPath)), user_(std::move(user)), password_(std::move(password)), mode_(mode) {}
+  ~TdsServer() { stop(); }
 
   // Listens on 127.0.0.1, port chosen by the system. Returns the port, 0 on failure.
   int start();
   void stop();
-  int port() const { return port_; }
-  // "127.0.0.1:PORT"
-  std::string address() const;
+  std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
-  int dropAfterRows = 10;
-  // Number of logins accepted so far.
-  std::atomic<int> logins{0};
-  // The TDS version of the last TDS 7 login, as the client sent it.
-  std::atomic<uint32_t> tdsVersion{0};
+  int dropAfterRows = 100;
+  std::atomic<int> logins{0};           // logins accepted so far
+  std::atomic<uint32_t> tdsVersion{0};  // the version the last TDS 7 login asked for
 
  private:
   struct Session;
-  class Wire;
-  void acceptLoop();
   void serve(int fd);
-  // Reads user and password from a login (after a TDS 7 pre-login).
-  bool credentials(int fd, uint8_t type, std::string msg, bool tds5, std::string& user,
-                   std::string& password);
-  // Answers the login; false when it failed.
-  bool login(int fd, uint8_t type, const std::string& msg, Session& s);
-  // Answers one client message; false when the connection is to end.
-  bool command(int fd, uint8_t type, const std::string& msg, Session& s);
-  // Runs one statement of a batch; false when the connection is to drop.
-  bool statement(const std::string& stmt, uint16_t more, Wire& w, Session& s);
 
   std::string dbPath_, user_, password_;
   Mode mode_;
-  int listenFd_ = -1;
-  int port_ = 0;
+  int listenFd_ = -1, port_ = 0;
   std::atomic<bool> stopping_{false};
   std::thread acceptThread_;
   std::mutex mutex_;
