@@ -10,6 +10,7 @@
 #include <thread>
 #include <tuple>
 
+#include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
 #include "tests/support/VelmoraTool.h"
 
@@ -96,7 +97,11 @@ TEST_F(VelmoraTest, LabelFileAndStatusFiles) {
   for (const auto& c : cases)
     v.archive("C", "1", c[0], in(c[0]), "V", map), dir.write("in/.usr/" + c[1], c[2]);
   dir.write("in/.usr/stray.OK", "not pending");
+  testsupport::LogCapture log;
   v.checkArchStatus(true, map, ok, err);
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Found matching status file: " + in(".usr/a.lab.OK") +
+                           ". Loading it.\n"));
+  EXPECT_EQ(log.count("Found matching status file"), 5u);  // not for the stray file
   EXPECT_TRUE(fs::is_empty(in(".usr")));
   EXPECT_EQ(ok.size() * 10 + err.size() + map.size() * 100, 2032u);
   for (const auto& c : cases) {
