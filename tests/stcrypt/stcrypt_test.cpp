@@ -44,7 +44,7 @@ TEST_F(Stcrypt, KeyFileRulesAndRefusalsThatLogOneErrorLineNamingTheKeyFile) {
   const std::string good = run(stencrypt, "secret");
   ASSERT_EQ(stcreatekey(dir_.file("other").c_str()), 0);
   const auto expectRefused = [](const std::string& text, const std::string& key, const std::string& why) {
-    setenv("STCRYPT_KEY_FILE", key.c_str(), 1);
+    key.empty() ? unsetenv("STCRYPT_KEY_FILE") : setenv("STCRYPT_KEY_FILE", key.c_str(), 1);
     testsupport::LogCapture log;
     EXPECT_EQ(run(stdecrypt, text), "<refused>") << text << " " << key;
     // One line, with ERROR, the key file and the reason.
@@ -69,6 +69,8 @@ TEST_F(Stcrypt, KeyFileRulesAndRefusalsThatLogOneErrorLineNamingTheKeyFile) {
   ASSERT_EQ(stkeyfile(path, sizeof path), 0);
   EXPECT_EQ(std::string(path), dir_.file(".dbrc.key"));
   EXPECT_EQ(stkeyfile(path, 4), -1);
+  unsetenv("HOME");
+  expectRefused(good, "", "neither STCRYPT_KEY_FILE nor HOME");
 }
 
 TEST_F(Stcrypt, ToolPrintsALineThatDeciphers) {
