@@ -15,9 +15,8 @@
 #include "tests/support/TdsServer.h"
 #include "tests/support/TempDir.h"
 
-// Runs each test on the TDS version of its parameter (74 or 50), with the server started on a database file
-// with the tables t (typed rows, NULLs, Unicode) and big (5000 numbered rows), collecting and logging the
-// messages.
+// Each test on TDS 7.4 and 5.0 (74, 50), with the server started on tables t (typed rows, NULLs, Unicode)
+// and big (5000 numbered rows); the messages are kept and logged.
 class FreeTdsTest : public ::testing::TestWithParam<int> {
  protected:
   void SetUp() override {
@@ -48,11 +47,10 @@ class FreeTdsTest : public ::testing::TestWithParam<int> {
   // A message or client error of that number (0: any client error) came since the last call.
   static bool saw(int number) {
     std::lock_guard<std::mutex> lock(seenMutex_);
-    const bool found = std::any_of(seen_.begin(), seen_.end(), [number](const SybaseStatus& s) {
+    const std::vector<SybaseStatus> seen = std::exchange(seen_, {});
+    return std::any_of(seen.begin(), seen.end(), [number](const SybaseStatus& s) {
       return number ? s.msgno == number || s.dberr == number : s.dberr != 0;
     });
-    seen_.clear();
-    return found;
   }
   // The next row as "a|b|...", a NULL as "NULL" after its text; "end" after the last row.
   static std::string nextRow(SybaseResultSet rs) {

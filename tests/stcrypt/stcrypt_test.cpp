@@ -22,8 +22,7 @@ class Stcrypt : public ::testing::Test {
   // What `fn` writes; "<refused>" when it fails and leaves an empty text.
   static std::string run(int (*fn)(const char*, char*), const std::string& in) {
     char out[STCRYPT_BUF_SIZE] = "junk";
-    if (fn(in.c_str(), out) == 0) return out;
-    return out[0] == '\0' ? "<refused>" : "<refused, text left>";
+    return fn(in.c_str(), out) == 0 ? out : out[0] == '\0' ? "<refused>" : "<refused, text left>";
   }
   testsupport::TempDir dir_;
   const std::string key_ = dir_.file("key");
@@ -40,14 +39,13 @@ TEST_F(Stcrypt, RoundTripsWithinTheBufferBound) {
   EXPECT_EQ(run(stencrypt, std::string(STCRYPT_MAX_PASSWORD + 1, 'z')), "<refused>");
 }
 
-TEST_F(Stcrypt, KeyFileRulesAndRefusalsThatLogOneErrorLineNamingTheKeyFile) {
+TEST_F(Stcrypt, KeyFileRulesAndRefusalsThatLogOneErrorLineNamingTheKeyFileAndReason) {
   const std::string good = run(stencrypt, "secret");
   ASSERT_EQ(stcreatekey(dir_.file("other").c_str()), 0);
   const auto expectRefused = [](const std::string& text, const std::string& key, const std::string& why) {
     key.empty() ? unsetenv("STCRYPT_KEY_FILE") : setenv("STCRYPT_KEY_FILE", key.c_str(), 1);
     testsupport::LogCapture log;
     EXPECT_EQ(run(stdecrypt, text), "<refused>") << text << " " << key;
-    // One line, with ERROR, the key file and the reason.
     for (const std::string& part : {std::string(), std::string("ERROR"), key, why})
       EXPECT_EQ(log.count(part), 1u) << text << " " << key << " " << part;
   };
