@@ -3,59 +3,54 @@
 
 #include <dataAccess/db/ConnectionPool.h>
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sybconn/FreeTdsSettings.h>
 #include <sybconn/SybaseConnection.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "tests/support/LogCapture.h"
 #include "tests/support/TdsServer.h"
 #include "tests/support/TempDir.h"
 
-// Runs each test on the TDS version of its parameter, on a database file with the tables t (typed rows,
-// NULLs, Unicode) and big (5000 numbered rows), collecting the driver's messages.
-class FreeTdsTest : public ::testing::TestWithParam<const char*> {
+// Each test on TDS 7.4 and 5.0 (74, 50), with the server started on tables t (typed rows, NULLs, Unicode)
+// and big (5000 numbered rows); the messages are kept and logged.
+class FreeTdsTest : public ::testing::TestWithParam<int> {
  protected:
   void SetUp() override {
-    sybconn::FreeTdsSettings::setTdsVersion(GetParam());
+    sybconn::FreeTdsSettings::setTdsVersion(sybase() ? "5.0" : "7.4");
     sybconn::FreeTdsSettings::setLoginTimeout(5);
     sybconn::FreeTdsSettings::setQueryTimeout(20);
     SybaseConnection::setErrorHandler([](const SybaseStatus& s) {
       std::lock_guard<std::mutex> lock(seenMutex_);
       seen_.push_back(s);
+      SybaseConnection::defaultErrorHandler(s);
     });
+    SybaseConnection setup;
+    ASSERT_EQ(0, setup.connect("sqlite:" + db_, "u", "p"));
+    ASSERT_EQ(1, setup
+                     .execute("create table t (id integer, name varchar(40), score float, stamp datetime);"
+                              "insert into t values (1, 'one', 1.5, '2026-11-22 23:59:59.998'),"
+                              "  (2, 'Grüße ☃ 𝄞', null, '2026-11-22 12:00:00'), (3, null, -2.25, null);"
+                              "create table big (n integer, pad varchar(100));"
+                              "with recursive c(x) as (select 1 union all select x + 1 from c where x < 5000)"
+                              "  insert into big select x, printf('row %d %40s', x, 'padding') from c;")
+                     .commandSucceeded());
+    ASSERT_NE(0, server_.start());
     saw(0);
-    sqlite3* db = nullptr;
-    ASSERT_EQ(SQLITE_OK, sqlite3_open(db_.c_str(), &db));
-    ASSERT_EQ(SQLITE_OK,
-              sqlite3_exec(db,
-                           "create table t (id integer, name varchar(40), score float, stamp datetime);"
-                           "insert into t values (1, 'one', 1.5, '2026-11-22 23:59:59.998'),"
-                           "  (2, 'Grüße ☃ 𝄞', null, '2026-11-22 12:00:00'), (3, null, -2.25, null);"
-                           "create table big (n integer, pad varchar(100));"
-                           "with recursive c(x) as (select 1 union all select x + 1 from c where x < 5000)"
-                           "  insert into big select x, printf('row %d %40s', x, 'padding') from c;",
-                           nullptr, nullptr, nullptr));
-    sqlite3_close(db);
   }
   void TearDown() override { ConnectionPool::destroyInstance(); }
-  bool sybase() const { return std::string(GetParam()) == "5.0"; }
-  // Starts the server on the fixture's database and logs in to it.
-  void login() {
-    ASSERT_NE(0, server_.start());
-    ASSERT_EQ(0, conn_.connect(server_.address(), "u", "p"));
-  }
+  bool sybase() const { return GetParam() == 50; }
 
-  // A message or client error of that number (0: any client error) came since the last clearing call.
-  static bool saw(int number, bool clear = true) {
+  // A message or client error of that number (0: any client error) came since the last call.
+  static bool saw(int number) {
     std::lock_guard<std::mutex> lock(seenMutex_);
-    bool found = false;
-    for (const SybaseStatus& s : seen_)
-      found = found || (number ? s.msgno == number || s.dberr == number : s.dberr != 0);
-    if (clear) seen_.clear();
-    return found;
+    const std::vector<SybaseStatus> seen = std::exchange(seen_, {});
+    return std::any_of(seen.begin(), seen.end(), [number](const SybaseStatus& s) {
+      return number ? s.msgno == number || s.dberr == number : s.dberr != 0;
+    });
   }
   // The next row as "a|b|...", a NULL as "NULL" after its text; "end" after the last row.
   static std::string nextRow(SybaseResultSet rs) {
@@ -73,9 +68,5 @@ class FreeTdsTest : public ::testing::TestWithParam<const char*> {
   static inline std::mutex seenMutex_;
   static inline std::vector<SybaseStatus> seen_;
 };
-
-inline std::string tdsVersionName(const ::testing::TestParamInfo<const char*>& i) {
-  return std::string(i.param) == "5.0" ? "Sybase50" : "SqlServer74";
-}
 
 #endif

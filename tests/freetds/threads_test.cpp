@@ -9,7 +9,6 @@
 namespace {
 
 TEST_P(FreeTdsTest, AResultSetKeptAfterReleaseLeavesTheLoginAlone) {
-  ASSERT_NE(0, server_.start());
   for (const std::string& address : {server_.address(), "sqlite:" + db_}) {
     for (int round = 0; round < 10; ++round) {
       ServiceConnectionSyb first(address, "u", "p", "");
@@ -36,6 +35,6 @@ TEST_P(FreeTdsTest, AResultSetKeptAfterReleaseLeavesTheLoginAlone) {
   EXPECT_EQ(2, ConnectionPool::instance()->counts().records);
 }
 
-INSTANTIATE_TEST_SUITE_P(Tds, FreeTdsTest, ::testing::Values("7.4", "5.0"), tdsVersionName);
+INSTANTIATE_TEST_SUITE_P(Tds, FreeTdsTest, ::testing::Values(74, 50), ::testing::PrintToStringParamName());
 
 }  // namespace

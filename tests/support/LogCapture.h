@@ -1,7 +1,6 @@
 #ifndef TESTS_SUPPORT_LOGCAPTURE_H
 #define TESTS_SUPPORT_LOGCAPTURE_H
 
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -19,10 +18,9 @@ class LogCapture {
   bool containsFragment(const std::string& fragment) const { return count(fragment) > 0; }
   size_t count(const std::string& fragment) const;  // lines that contain `fragment`
   void clear();
-  void append(const std::string& raw);
+  void append(const std::string& raw);  // called with the capture's lock held
 
  private:
-  mutable std::mutex mutex_;
   std::vector<std::string> lines_;
 };
 

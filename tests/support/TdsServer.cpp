@@ -11,8 +11,10 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
-#include <cstring>
 #include <ctime>
+#include <iterator>
+#include <memory>
+#include <sstream>
 
 #include "sybconn/drivers/SqliteDialect.h"
 
@@ -83,12 +85,8 @@ std::string lower(std::string s) {
 }
 
 std::vector<std::string> words(const std::string& s) {
-  std::vector<std::string> out;
-  for (size_t i = 0, e = 0; (i = s.find_first_not_of(" \t\r\n", i)) != std::string::npos; i = e) {
-    e = s.find_first_of(" \t\r\n", i);
-    out.push_back(s.substr(i, e - i));
-  }
-  return out;
+  std::istringstream in(s);
+  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
 // The statements of a batch, split at ';' outside quotes; blank ones dropped, but an empty batch is one.
@@ -106,8 +104,7 @@ std::vector<std::string> split(const std::string& sql) {
   return out;
 }
 
-// "YYYY-MM-DD[ HH:MM:SS[.fff]]" or "YYYYMMDD HH:MM:SS[.fff]" as a DATETIME value: days since 1900-01-01
-// and ticks of 1/300 s. Empty when `t` is no date.
+// "YYYY-MM-DD[ HH:MM:SS[.f]]" or "YYYYMMDD HH:MM:SS[.f]" as days since 1900 and 1/300 s ticks; "" if no date.
 Bytes dateValue(const char* t) {
   int y = 0, mo = 0, d = 0, h = 0, mi = 0;
   double s = 0;
@@ -125,8 +122,7 @@ Bytes dateValue(const char* t) {
 
 enum class Col { Int, Float, Date, Text };
 
-// How a column is described under 7.4 and under 5.0: INTN, FLTN and DATETIMN of 8 bytes; text as
-// NVARCHAR(4000) with its collation, or LONGCHAR.
+// Column types under 7.4 and 5.0: INTN, FLTN, DATETIMN of 8 bytes; NVARCHAR(4000) with collation, LONGCHAR.
 const Bytes kTypeInfo[][2] = {{"\x26\x08"s, "\x26\x08"s},
                               {"\x6d\x08"s, "\x6d\x08"s},
                               {"\x6f\x08"s, "\x6f\x08"s},
@@ -136,22 +132,20 @@ const Bytes kTypeInfo[][2] = {{"\x26\x08"s, "\x26\x08"s},
 Col typeOf(sqlite3_stmt* st, int i) {
   const char* decl = sqlite3_column_decltype(st, i);
   const std::string d = lower(decl ? decl : "");
-  const std::pair<const char*, Col> byName[] = {{"date", Col::Date},  {"time", Col::Date},
-                                                {"int", Col::Int},    {"real", Col::Float},
-                                                {"floa", Col::Float}, {"doub", Col::Float}};
-  for (const auto& k : byName)
-    if (d.find(k.first) != std::string::npos) return k.second;
+  const auto has = [&d](const char* word) { return d.find(word) != std::string::npos; };
+  if (has("date") || has("time")) return Col::Date;
+  if (has("int")) return Col::Int;
+  if (has("real") || has("floa") || has("doub")) return Col::Float;
   const int t = d.empty() ? sqlite3_column_type(st, i) : SQLITE_NULL;
   if (t == SQLITE_INTEGER || t == SQLITE_FLOAT) return t == SQLITE_INTEGER ? Col::Int : Col::Float;
   if (t != SQLITE_TEXT) return Col::Text;
   const char* v = reinterpret_cast<const char*>(sqlite3_column_text(st, i));
-  return std::strlen(v) >= 10 && !dateValue(v).empty() ? Col::Date : Col::Text;
+  return sqlite3_column_bytes(st, i) >= 10 && !dateValue(v).empty() ? Col::Date : Col::Text;
 }
 
 }  // namespace
 
-// One client's session: its SQLite connection, SQL Server's transaction state under TDS 7.x, and the
-// token stream of the reply under way.
+// One client's session: its SQLite file, SQL Server's transaction state and the reply under way.
 struct TdsServer::Session {
   TdsServer& server;
   const int fd;
@@ -187,45 +181,42 @@ struct TdsServer::Session {
     out += tds5 ? '\xee' + le(b.size(), 2) + b : '\x81' + b;
   }
 
-  // Each value after its length: text as UTF-16 under 7.4 (NULL as length 0xffff), under 5.0 as bytes with
-  // an empty string as one blank.
+  // Each value after its length; text as UTF-16 (NULL: length 0xffff) under 7.4, under 5.0 "" as " ".
   void row(sqlite3_stmt* st, const std::vector<Col>& types) {
     out += '\xd1';
-    for (size_t i = 0; i < types.size(); ++i) {
-      const int c = static_cast<int>(i);
-      const Col type = types[i];
+    for (int c = 0; c < static_cast<int>(types.size()); ++c) {
+      const Col type = types[c];
       const bool null = sqlite3_column_type(st, c) == SQLITE_NULL;
       const char* t = reinterpret_cast<const char*>(sqlite3_column_text(st, c));
-      const double f = sqlite3_column_double(st, c);
-      uint64_t bits = 0;
-      std::memcpy(&bits, &f, 8);
+      const double f = sqlite3_column_double(st, c);  // sent as it lies in memory: little-endian
       const Bytes v = null                 ? ""
                       : type == Col::Text  ? (tds5 ? (*t ? t : " ") : convert(t, true))
                       : type == Col::Int   ? le(static_cast<uint64_t>(sqlite3_column_int64(st, c)), 8)
-                      : type == Col::Float ? le(bits, 8)
+                      : type == Col::Float ? Bytes(reinterpret_cast<const char*>(&f), 8)
                                            : dateValue(t);
       const int width = type != Col::Text ? 1 : tds5 ? 4 : 2;
       out += (null && width == 2 ? "\xff\xff"s : le(v.size(), width)) + v;
     }
   }
 
-  // DONE: its status and the current command (0) in two bytes each, then the row count.
-  void done(unsigned status, uint64_t count = 0) { out += '\xfd' + le(status, 4) + le(count, tds5 ? 4 : 8); }
+  // Adds a DONE: its status and the current command (0) in two bytes each, then the row count. Returns true.
+  bool done(unsigned status, uint64_t count = 0) {
+    out += '\xfd' + le(status, 4) + le(count, tds5 ? 4 : 8);
+    return true;
+  }
 
-  // Sends the reply in packets and starts the next; with `cut`, without its last 3 bytes and its end.
+  // Sends the reply in packets; `cut` drops its last 3 bytes and end. False when the connection is to end.
   bool send(bool cut = false) {
     const Bytes data = cut ? out.substr(0, out.size() - 3) : out;
     out.clear();
-    size_t off = 0;
-    do {
-      const size_t n = std::min<size_t>(4096 - 8, data.size() - off);
+    for (size_t off = 0, n = 0; off < data.size(); off += n) {
+      n = std::min<size_t>(4096 - 8, data.size() - off);
       const bool eom = !cut && off + n == data.size();
       const char h[] = {kReply, eom, static_cast<char>((n + 8) >> 8), static_cast<char>(n + 8), 0, 1, 0, 0};
       Bytes packet = Bytes(h, 8) + data.substr(off, n);
       if (!transfer(fd, &packet[0], packet.size(), false)) return false;
-      off += n;
-    } while (off < data.size());
-    return true;
+    }
+    return !cut;
   }
 
   bool exec(const std::string& sql) { return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == 0; }
@@ -243,8 +234,8 @@ struct TdsServer::Session {
       if (type == kPrelogin) {
         // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS: offsets and lengths, then the values.
         out =
-            "\x00\x00\x1a\x00\x06\x01\x00\x20\x00\x01\x02\x00\x21\x00\x01\x03\x00\x22\x00\x04\x04\x00\x26"
-            "\x00\x01\xff\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00"s;
+            "\x00\x00\x1a\x00\x06\x01\x00\x20\x00\x01\x02\x00\x21\x00\x01\x03\x00\x22\x00\x04\x04"
+            "\x00\x26\x00\x01\xff\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00"s;
         if (!send() || !readMessage(fd, type, msg)) return false;
       }
       if (type != kLogin7 || msg.size() < 48) return false;
@@ -263,8 +254,7 @@ struct TdsServer::Session {
       password = convert(pw, false);
     }
     const bool ok = (server.user_.empty() || (user == server.user_ && password == server.password_)) &&
-                    sqlite3_open(server.dbPath_.c_str(), &db) == SQLITE_OK;
-    if (ok) sqlite3_busy_timeout(db, 2000);
+                    sqlite3_open(server.dbPath_.c_str(), &db) == SQLITE_OK && !sqlite3_busy_timeout(db, 2000);
     if (ok)
       message(5701, 0, "Changed database context to 'main'.");
     else
@@ -281,42 +271,27 @@ struct TdsServer::Session {
   // Answers one client message; false when the connection is to end.
   bool batch(uint8_t type, const Bytes& msg) {
     if (server.mode_ == Mode::Silent || server.mode_ == Mode::SilentAfterLogin) return true;
-    std::string sql;
-    if (type == kAttention) {
-      done(kDoneAttn);
-      return send();
-    }
-    if (tds5 && type == kNormal5 && msg.size() >= 6 && msg[0] == '\x21')
-      sql = msg.substr(6);  // a LANGUAGE token: its length and status first
-    else if (!tds5 && type == kBatch7 && msg.size() >= 4)
-      sql = convert(msg.substr(std::min<size_t>(get(msg, 0, 4), msg.size())), false);  // after the headers
-    else
-      return false;
-    const std::vector<std::string> stmts = split(sql);
-    for (size_t i = 0; i < stmts.size(); ++i) {
-      if (!statement(stmts[i], i + 1 < stmts.size() ? kDoneMore : 0)) {
-        send(true);
-        return false;
-      }
-    }
+    if (type == kAttention) return done(kDoneAttn) && send();
+    // 5.0: a LANGUAGE token, its length and status before the text; 7.4: the text after the headers.
+    const bool language = tds5 && type == kNormal5 && msg.size() >= 6 && msg[0] == '\x21';
+    if (!language && (tds5 || type != kBatch7 || msg.size() < 4)) return false;
+    const std::vector<std::string> stmts = split(
+        language ? msg.substr(6) : convert(msg.substr(std::min<size_t>(get(msg, 0, 4), msg.size())), false));
+    for (size_t i = 0; i < stmts.size(); ++i)
+      if (!statement(stmts[i], i + 1 < stmts.size() ? kDoneMore : 0)) return send(true);
     return send();
   }
 
   // Adds one statement's reply; false when the connection is to drop.
   bool statement(const std::string& stmt, unsigned more) {
     const std::vector<std::string> wd = words(stmt);
-    std::string key;
-    for (const std::string& w : wd) key += lower(w) + " ";
-    if (key.empty()) {
-      done(more);
-      return true;
-    }
+    if (wd.empty()) return done(more);
     if (!tds5 && transaction(wd, more)) return true;
-    const std::string sql = key == "select @@trancount "         ? "select " + std::to_string(trancount)
-                            : key.rfind("select @@spid", 0) == 0 ? "select 1"
-                                                                 : toSqlite(stmt);
+    const bool level = lower(stmt).find("@@trancount") != std::string::npos;
+    const std::string sql = level ? "select " + std::to_string(trancount) : toSqlite(stmt);
     sqlite3_stmt* st = nullptr;
     const bool ready = sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) == SQLITE_OK;
+    const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> finalize(st, &sqlite3_finalize);
     const int cols = sqlite3_column_count(st);
     int rc = ready ? sqlite3_step(st) : SQLITE_ERROR;
     uint64_t rows = 0;
@@ -326,37 +301,28 @@ struct TdsServer::Session {
       columns(st, types);
       for (; rc == SQLITE_ROW; rc = sqlite3_step(st)) {
         row(st, types);
-        if (++rows > static_cast<uint64_t>(server.dropAfterRows) && server.mode_ == Mode::DropMidResult) {
-          sqlite3_finalize(st);
+        if (++rows > static_cast<uint64_t>(server.dropAfterRows) && server.mode_ == Mode::DropMidResult)
           return false;
-        }
       }
     }
-    if (rc == SQLITE_DONE) {
-      done(more | kDoneCount, cols > 0 ? rows : static_cast<uint64_t>(sqlite3_changes(db)));
-    } else {
-      message(102, 16, sqlite3_errmsg(db));
-      done(more | kDoneError);
-    }
-    sqlite3_finalize(st);
-    return true;
+    if (rc == SQLITE_DONE)
+      return done(more | kDoneCount, cols > 0 ? rows : static_cast<uint64_t>(sqlite3_changes(db)));
+    message(102, 16, sqlite3_errmsg(db));
+    return done(more | kDoneError);
   }
 
-  // The statement in SQLite's dialect. A name X..table refers to the sibling file X.db of the server's
-  // database file, attached as X on first use; the server's own file answers to its name without extension.
+  // In SQLite's dialect: X..table lies in the sibling file X.db (attached as X), or in main if X is ours.
   std::string toSqlite(const std::string& stmt) {
     const std::string& path = server.dbPath_;
     const size_t slash = path.rfind('/'), dot = path.rfind('.');
     const auto r = sybconn::rewriteSybaseToSqlite(stmt, path.substr(slash + 1, dot - slash - 1));
     for (const std::string& name : r.databases)  // fails harmlessly when attached before
-      if (lower(name) != "main" && lower(name) != "temp")
-        exec("attach database '" + path.substr(0, slash + 1) + name + ".db' as \"" + name + "\"");
+      exec("attach database '" + path.substr(0, slash + 1) + name + ".db' as \"" + name + "\"");
     return r.sql;
   }
 
-  // SQL Server's BEGIN / SAVE / COMMIT / ROLLBACK TRAN and @@trancount: a transaction name needs the TRAN
-  // keyword; ROLLBACK TRAN names the outermost transaction or a savepoint. SQLite refuses a commit, rollback
-  // or savepoint that finds none. False when `wd` is none of these statements.
+  // SQL Server's BEGIN / SAVE / COMMIT / ROLLBACK TRAN: a name needs the TRAN keyword; ROLLBACK TRAN names
+  // the outermost transaction or a savepoint. False when `wd` is none of these statements.
   bool transaction(const std::vector<std::string>& wd, unsigned more) {
     const std::string verb = lower(wd[0]);
     const bool tran = wd.size() > 1 && (lower(wd[1]) == "tran" || lower(wd[1]) == "transaction");
@@ -364,8 +330,7 @@ struct TdsServer::Session {
     const std::string name = tran && wd.size() > 2 ? wd[2] : "";
     if (wd.size() > (tran ? 3u : 1u) || (verb == "save" && name.empty())) {
       message(102, 15, "Incorrect syntax near '" + wd.back() + "'.");
-      done(more | kDoneError);
-      return true;
+      return done(more | kDoneError);
     }
     std::string sql;
     if (verb == "begin" && trancount++ == 0) {
@@ -381,8 +346,7 @@ struct TdsServer::Session {
     }
     const bool ok = sql.empty() || exec(sql);
     if (!ok) message(3621, 16, sqlite3_errmsg(db));
-    done(more | (ok ? 0 : kDoneError));
-    return true;
+    return done(more | (ok ? 0 : kDoneError));
   }
 };
 
@@ -400,8 +364,7 @@ int TdsServer::start() {
     while (!stopping_) {
       const int fd = ::accept(listenFd_, nullptr, nullptr);
       if (fd < 0) continue;
-      // Replies go out in several writes: without this each waits for the client's delayed ACK.
-      int one = 1;
+      int one = 1;  // a reply goes out in several writes: none may wait for the client's delayed ACK
       ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
       std::lock_guard<std::mutex> lock(mutex_);
       clients_.push_back(fd);
@@ -416,10 +379,9 @@ void TdsServer::stop() {
   ::shutdown(listenFd_, SHUT_RDWR);  // ends the accept under way
   if (acceptThread_.joinable()) acceptThread_.join();
   ::close(listenFd_);
-  {
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (int fd : clients_) ::shutdown(fd, SHUT_RDWR);
-  }
+  std::unique_lock<std::mutex> lock(mutex_);
+  for (int fd : clients_) ::shutdown(fd, SHUT_RDWR);
+  lock.unlock();
   for (auto& t : workers_) t.join();  // no more are added once the accept thread is gone
 }
 
@@ -427,9 +389,8 @@ void TdsServer::serve(int fd) {
   uint8_t type = 0;
   Bytes msg;
   Session s(*this, fd);
-  if (readMessage(fd, type, msg) && s.login(type, msg))
-    while (!stopping_ && readMessage(fd, type, msg) && s.batch(type, msg)) {
-    }
+  for (bool open = readMessage(fd, type, msg) && s.login(type, msg); open && !stopping_;)
+    open = readMessage(fd, type, msg) && s.batch(type, msg);
   std::lock_guard<std::mutex> lock(mutex_);
   clients_.erase(std::find(clients_.begin(), clients_.end(), fd));
   ::close(fd);

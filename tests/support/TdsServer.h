@@ -10,20 +10,15 @@
 
 namespace tdstest {
 
-// A small TDS 7.4 and 5.0 server on a loopback port of its own, for tests of the
-// DB-Library driver. Logins are checked against one user and password; SQL
-// batches run on an SQLite file through the library's dialect rewriter, each
-// ';'-separated statement as one command.
+// A small TDS 7.4 and 5.0 server on a loopback port of its own, for tests of the DB-Library driver. Logins
+// are checked against one user and password (none when the user is empty); SQL batches run on an SQLite file
+// through the library's dialect rewriter, each ';'-separated statement as one command.
 class TdsServer {
  public:
-  enum class Mode {
-    Normal,
-    Silent,            // accepts connections and never answers
-    SilentAfterLogin,  // logs in, then never answers a batch
-    DropMidResult,     // logs in, then cuts the connection inside any result of over dropAfterRows rows
-  };
+  // Silent accepts connections and never answers; SilentAfterLogin logs in, then never answers a batch;
+  // DropMidResult logs in, then cuts the connection inside any result of over dropAfterRows rows.
+  enum class Mode { Normal, Silent, SilentAfterLogin, DropMidResult };
 
-  // An empty `user` lets every user in, whatever the password.
   TdsServer(std::string dbPath, std::string user, std::string password, Mode mode = Mode::Normal)
       : dbPath_(std::move(dbPath)), user_(std::move(user)), password_(std::move(password)), mode_(mode) {}
   ~TdsServer() { stop(); }

@@ -27,12 +27,10 @@ class Connection : public ::testing::Test {
   }
   void TearDown() override { SybaseConnection::setErrorHandler(previous_); }
   int run(const std::string& sql) { return conn_.execute(sql).commandSucceeded(); }
-  // The first column of the first row.
   static std::string first(SybaseConnection& conn, const std::string& sql) {
     SybaseResultSet rs = conn.execute(sql);
     return rs.next() ? rs.getStringValue(1) : "no row";
   }
-  // The one server error that reached the handler since the last call.
   void expectOneError(const std::string& fragment, int severity) {
     ASSERT_EQ(g_seen.size(), 1u) << fragment;
     EXPECT_EQ(g_seen[0].srvSeverity, severity) << fragment;
@@ -56,7 +54,6 @@ TEST_F(Connection, ReadsTypedColumnsAndNulls) {
   EXPECT_EQ(rs.getLongValue(1), 1);
   EXPECT_EQ(rs.getStringValue(2), "O'Brien");
   EXPECT_DOUBLE_EQ(rs.getDoubleValue(3), 3.9);
-  // Columns out of range read as NULL, never crash.
   EXPECT_EQ(std::vector<bool>({rs.isNull(4), rs.isNull(1), rs.isNull(0)}), std::vector<bool>({1, 0, 1}));
   EXPECT_EQ(rs.getStringValue(9), "");
   EXPECT_FALSE(rs.next());
@@ -91,8 +88,8 @@ TEST_F(Connection, CopiesShareOneCursorThatEndsWithItsLogin) {
   ASSERT_TRUE(a.next());
   ASSERT_TRUE(b.next());
   EXPECT_EQ(a.getLongValue(1), 2);
-  // The next statement, or the end of the login, ends what is left.
-  run("select 1");
+  // The next batch, or the end of the login, ends what is left.
+  EXPECT_EQ(run("-- any batch, even one of comments only"), 1);
   EXPECT_FALSE(a.next());
   EXPECT_FALSE(b.next());
   {
@@ -143,9 +140,8 @@ TEST_F(Connection, AStepThatFailsPartWayFailsTheResult) {
                 "where i < 2000) select i, printf('%0200d', i) from n"),
             1);
   conn_.disconnect();
-  // The last page holds the last rows.
+  // The last page, with the last rows, is damaged; rows are read to the end, or the rest dropped after one.
   dir_.scribble("main.db", static_cast<long>(std::filesystem::file_size(dir_.file("main.db"))) - 4096, 4096);
-  // Rows read to the end, or the rest discarded after the first.
   for (const bool readAll : {true, false}) {
     ASSERT_EQ(conn_.connect(server_, "u", "p"), 0);
     SybaseResultSet rs = conn_.execute("select id, name from t");
@@ -154,8 +150,7 @@ TEST_F(Connection, AStepThatFailsPartWayFailsTheResult) {
     }
     if (!readAll) rs.releaseResults();
     EXPECT_EQ(rs.commandSucceeded(), 0) << readAll;
-    EXPECT_GT(conn_.rowCount(), 1) << readAll;  // failed past the first row, before the last
-    EXPECT_LT(conn_.rowCount(), 2000) << readAll;
+    EXPECT_TRUE(conn_.rowCount() > 1 && conn_.rowCount() < 2000) << readAll;  // failed part-way
     expectOneError("malformed", 23);
   }
 }
@@ -166,15 +161,13 @@ TEST_F(Connection, LoginFailuresAreReportedAsClientErrors) {
     EXPECT_EQ(bad.connect(server, "u", "p"), -1);
     EXPECT_FALSE(bad.isConnected());
     ASSERT_EQ(g_seen.size(), 1u) << server;
-    EXPECT_EQ(g_seen[0].msgno, 0);
-    EXPECT_EQ(g_seen[0].dbLibSeverity, 9);
+    EXPECT_EQ(std::make_pair(g_seen[0].msgno, g_seen[0].dbLibSeverity), std::make_pair(0, 9));
     EXPECT_EQ(bad.execute("select 1").commandSucceeded(), 0);
     EXPECT_EQ(bad.rowCount(), -1);
     g_seen.clear();
   }
 }
 
-// Local time of "YYYY-MM-DD hh:mm:ss".
 timeval local(const char* text, long usec = 0) {
   struct tm t {};
   strptime(text, "%Y-%m-%d %H:%M:%S", &t);
@@ -195,14 +188,12 @@ TEST(Dates, TextFormAndParsing) {
   for (const auto& [text, want] : good) {
     timeval t{};
     EXPECT_TRUE(SybUtils::parseDate(text, t)) << text;
-    EXPECT_EQ(t.tv_sec, want.tv_sec) << text;
-    EXPECT_EQ(t.tv_usec, want.tv_usec) << text;
+    EXPECT_EQ(t.tv_sec * 1000000L + t.tv_usec, want.tv_sec * 1000000L + want.tv_usec) << text;
   }
   for (const char* bad : {"", "2026", "2026-13-01", "20261122 25:00:00", "20261122 13:05:09.", "x20261122",
                           "20261122 13:05:09 junk", "2026-11-22 13"}) {
     timeval t{7, 7};
-    EXPECT_FALSE(SybUtils::parseDate(bad, t)) << bad;
-    EXPECT_EQ(t.tv_sec, 7) << bad;
+    EXPECT_FALSE(SybUtils::parseDate(bad, t) || t.tv_sec != 7) << bad;  // refused, the value left alone
   }
 }
 
@@ -210,10 +201,9 @@ TEST_F(Connection, DatesRoundTripThroughStorageToTheMillisecond) {
   run("create table d (id int, at datetime)");
   const timeval cases[] = {local("2026-11-22 23:59:59", 999999), local("2026-11-23 00:00:00", 1000),
                            local("2000-02-29 12:00:00", 5000), local("1999-12-31 23:59:59", 500)};
-  for (int i = 0; i < 4; ++i)
-    run("insert into d values (" + std::to_string(i) + ", '" + SybUtils::convertFromUnixTimeval(cases[i]) +
-        "')");
-  SybaseResultSet rs = conn_.execute("select at from d order by id");
+  for (const timeval& tv : cases)
+    run("insert into d (at) values ('" + SybUtils::convertFromUnixTimeval(tv) + "')");
+  SybaseResultSet rs = conn_.execute("select at from d order by rowid");
   for (const timeval& tv : cases) {
     ASSERT_TRUE(rs.next());
     EXPECT_EQ(rs.getDateAsTimevalValue(1).tv_sec, tv.tv_sec);
@@ -246,22 +236,15 @@ TEST(Dialect, Rewrites) {
       {"select distinct x=a+1, b from t", "select distinct a+1 AS x, b from t"},
       {"select @x = 1", ""},
       {"update t set d = getdate() where x='getdate()'", "update t set d = " + now + " where x='getdate()'"},
-      {"insert into t values ('it''s a..b', \"delete T where\", 'x=getdate()') -- begin Tran A1\n/* commit "
-       "A1 */",
-       ""},
+      {"select 'it''s a..b', \"delete T where\", 'x=getdate()' -- begin Tran A1\n/* commit A1 */", ""},
       // A comment runs to the end of its line, and no further.
       {"select 1 -- getdate() a..b\n", ""},
-      {"select 1 -- x\n, getdate()", "select 1 -- x\n, " + now},
+      {"select '' -- x\n, getdate()", "select '' -- x\n, " + now},
       {"select 'abc getdate()", ""},  // an unterminated literal runs to the end
-      {"select a from obrep2..cs c, ambient.dbo.s, obrep2..x",
-       "select a from obrep2.cs c, ambient.s, obrep2.x",
-       "",
-       {"obrep2", "ambient"}},
-      {"select obrep2..cs.cs_id from obrep2..cs, ambient..s",
-       "select main.cs.cs_id from main.cs, ambient.s",
+      {"select x..cs.cs_id from obrep2..cs c, ambient.dbo.s, x..y, obrep2..z",
+       "select x.cs.cs_id from main.cs c, ambient.s, x.y, main.z",
        "obrep2",
-       {"ambient"}},
-      {"select 'obrep2..t' from t -- a..b", ""},
+       {"x", "ambient"}},
   };
   for (const auto& c : cases) {
     const auto r = sybconn::rewriteSybaseToSqlite(c.in, c.home);
