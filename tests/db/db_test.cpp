@@ -89,6 +89,7 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
     }
     EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not " + c.read + "\n")) << c.file;
     EXPECT_EQ(log.count("Could not"), 1u) << c.file;
+    EXPECT_EQ(conn.server() + conn.user(), "") << c.file;  // nothing left to log in with
     EXPECT_EQ(conn.acquire(), -1);
     EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not establish a connection\n"));
   }
