@@ -3,7 +3,6 @@
 #include <dataAccess/db/ServiceConnectionStub.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>
 #include <gtest/gtest.h>
-#include <stcrypt/stcrypt.h>
 
 #include <atomic>
 #include <chrono>
@@ -21,17 +20,7 @@ namespace {
 // A fresh pool, a private HOME with a key file and "pw" sealed under it, the backend of the run.
 class DbFixture : public ::testing::Test {
  protected:
-  void SetUp() override {
-    ConnectionPool::destroyInstance();
-    setenv("HOME", dir_.path().c_str(), 1);
-    setenv("STCRYPT_KEY_FILE", dir_.file("key").c_str(), 1);
-    ASSERT_EQ(stcreatekey(dir_.file("key").c_str()), 0);
-    char out[STCRYPT_BUF_SIZE];
-    ASSERT_EQ(stencrypt("pw", out), 0);
-    pw_ = out;
-  }
   void TearDown() override {
-    ConnectionPool::instance()->setMaxPoolSize(20);
     ConnectionPool::destroyInstance();
     backend().stopServers();
   }
@@ -39,7 +28,7 @@ class DbFixture : public ::testing::Test {
   std::string server(const std::string& db = "main") const { return backend().server(dir_.file(db + ".db")); }
 
   testsupport::TempDir dir_;
-  std::string pw_;
+  std::string pw_ = dir_.sealHome("pw");
 };
 
 using Map = ServiceConnectionSyb::ListOfFieldIndex;
@@ -87,8 +76,6 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
       {"#srv db usr" + p + "A\n  # x y z w\n\nshort line\nsrv#1\tdb \t usr\t" + pw_ + "\tA extra\n",
        "srv#1 db usr A"},
       {"s1 d1 u1" + p + "B\n", all},  // another alias only
-      {"# s d u\n", all},             // a commented line of four fields
-      {"s d u\n", all},               // three fields
       // A password sealed under another key, or not sealed at all, is refused.
       {server() + " db usr plaintext A\n", "decipher the password for A in " + dir_.file(".dbrc")},
   };
@@ -102,6 +89,7 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
     }
     EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not " + c.read + "\n")) << c.file;
     EXPECT_EQ(log.count("Could not"), 1u) << c.file;
+    EXPECT_EQ(conn.server() + conn.user(), "") << c.file;  // nothing left to log in with
     EXPECT_EQ(conn.acquire(), -1);
     EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not establish a connection\n"));
   }
@@ -151,7 +139,7 @@ TEST_F(Service, SelectListMap) {
   const struct {
     std::string sql;
     int result;
-    Map map;
+    Map map, before = {};  // `before`: what the map held; earlier positions are kept
   } cases[] = {
       {"select a, b, c from t", 0, {{"a", 1}, {"b", 2}, {"c", 3}}},
       {"SELECT a, b FROM t", 0, {{"a", 1}, {"b", 2}}},
@@ -163,12 +151,13 @@ TEST_F(Service, SelectListMap) {
       {"select * from t", 0, {{"*", 1}}},
       {"select a as x, max(a, c) from t", 0, {{"aasx", 1}, {"max(a", 2}, {"c)", 3}}},
       {"update t set a = 1", -1, {}},  // not a select: neither executed nor logged
+      {"select a, b from t order by a", 0, {{"a", 1}, {"b", 7}}, {{"b", 7}}},
   };
   ServiceConnectionStub stub("srv", "usr", "pw");
   ASSERT_EQ(stub.acquire(), 0);
   testsupport::LogCapture log;
   for (const auto& c : cases) {
-    Map map, stubMap;
+    Map map = c.before, stubMap = c.before;
     ServiceConnectionSyb::ResultSet rs;
     EXPECT_EQ(conn_.executeSelect(c.sql, rs, map), c.result) << c.sql;
     EXPECT_EQ(map, c.map) << c.sql;
@@ -178,10 +167,6 @@ TEST_F(Service, SelectListMap) {
   }
   EXPECT_EQ(log.count("update"), 0u);
   EXPECT_EQ(nextRow(conn_.execute("select sum(a) from t")), "3");
-  Map map{{"b", 7}};
-  ServiceConnectionSyb::ResultSet rs;
-  ASSERT_EQ(conn_.executeSelect("select a, b from t order by a", rs, map), 0);
-  EXPECT_EQ(map, (Map{{"a", 1}, {"b", 7}}));  // appended to, earlier positions kept
 }
 
 TEST_F(Service, ThreePartNamesReachSiblingFilesAndMapByPosition) {
@@ -189,30 +174,25 @@ TEST_F(Service, ThreePartNamesReachSiblingFilesAndMapByPosition) {
   ServiceConnectionSyb maker("sqlite:" + dir_.file("home.db"), "maker", "p", "db");
   ASSERT_EQ(maker.acquire(), 0);
   const char* setup =
-      "create table obrep2..constraint_sets (cs_id int, user_id int); create table obrep2..obs_blocks "
-      "(ob_id int, cs_id int); create table ambient..seeing_torvane (fwhm float, dec float); create table "
-      "D..TORV2_NightObs (OB_ID varchar(9)); insert into obrep2..constraint_sets values (7, 70), (8, 80); "
-      "insert into obrep2..obs_blocks values (42, 8); insert into ambient..seeing_torvane values (0.5, -2), "
-      "(255, 2); insert into D..TORV2_NightObs values ('123'); create table t (id int, name varchar(9)); "
-      "insert into t values (42, 'main')";
+      "create table rep..cs (id int, u int); create table rep..ob (ob int, cs int); create table amb..see "
+      "(fwhm float, dec float); create table D..N (OB varchar(9)); insert into rep..cs values (7, 70), (8, "
+      "80); insert into rep..ob values (42, 8); insert into amb..see values (0.5, -2), (255, 2); insert "
+      "into D..N values ('123'); create table t (id int, name varchar(9)); insert into t values (42, 'main')";
   ASSERT_EQ(maker.execute(setup).commandSucceeded(), 1);
   const struct {
     std::string sql, row, column, value;  // the row by position; `column` read through the map
   } cases[] = {
-      {"select obrep2..constraint_sets.cs_id,obrep2..constraint_sets.user_id from obrep2..constraint_sets,"
-       "obrep2..obs_blocks where obrep2..obs_blocks.ob_id=42 AND "
-       "obrep2..obs_blocks.cs_id=obrep2..constraint_sets.cs_id",
-       "8|80", "obrep2..constraint_sets.user_id", "80"},
+      {"select rep..cs.id,rep..cs.u from rep..cs,rep..ob where rep..ob.ob=42 AND rep..ob.cs=rep..cs.id",
+       "8|80", "rep..cs.u", "80"},
       // Three sibling files and the home one in one statement.
-      {"select t.name, obrep2..obs_blocks.cs_id, ambient..seeing_torvane.dec, D..TORV2_NightObs.OB_ID from "
-       "t, obrep2..obs_blocks, ambient..seeing_torvane, D..TORV2_NightObs where "
-       "t.id = obrep2..obs_blocks.ob_id and ambient..seeing_torvane.fwhm < 1",
-       "main|8|-2.0|123", "ambient..seeing_torvane.dec", "-2.0"},
+      {"select t.name, rep..ob.cs, amb..see.dec, D..N.OB from t, rep..ob, amb..see, D..N where t.id = "
+       "rep..ob.ob and amb..see.fwhm < 1",
+       "main|8|-2.0|123", "amb..see.dec", "-2.0"},
   };
-  // Another login attaches each file on first use; one to obrep2.db reads its own tables by the same
-  // names (the first statement). Each logs in while the earlier ones still hold a result open.
+  // Another login attaches each file on first use, one to rep.db reads its own tables by the same names
+  // (the first statement); each while the earlier ones hold a result open.
   ServiceConnectionSyb reader("sqlite:" + dir_.file("home.db"), "reader", "p", "db");
-  ServiceConnectionSyb own("sqlite:" + dir_.file("obrep2.db"), "reader", "p", "db");
+  ServiceConnectionSyb own("sqlite:" + dir_.file("rep.db"), "reader", "p", "db");
   testsupport::LogCapture log;
   for (ServiceConnectionSyb* conn : {&maker, &reader, &own}) {
     ASSERT_EQ(conn->acquire(), 0);
@@ -221,14 +201,12 @@ TEST_F(Service, ThreePartNamesReachSiblingFilesAndMapByPosition) {
       ServiceConnectionSyb::ResultSet rs;
       ASSERT_EQ(conn->executeSelect(cases[i].sql, rs, map), 0) << cases[i].sql;
       EXPECT_EQ(nextRow(rs), cases[i].row) << cases[i].sql;
-      EXPECT_EQ(map.size(), static_cast<size_t>(rs.columnCount())) << cases[i].sql;
       EXPECT_EQ(rs.getStringValue(map[cases[i].column]), cases[i].value) << cases[i].sql;
     }
   }
-  // There obrep2..x and x are one table: one transaction writes it both ways.
+  // There rep..x and x are one table: one transaction writes it both ways.
   const char* both =
-      "begin Tran A1; insert into constraint_sets values (9, 90); insert into "
-      "obrep2..constraint_sets values (10, 100); commit A1";
+      "begin Tran A1; insert into cs values (9, 90); insert into rep..cs values (10, 100); commit A1";
   EXPECT_EQ(own.execute(both).commandSucceeded(), 1);
   EXPECT_FALSE(log.containsFragment("ERROR"));
 }
@@ -265,7 +243,6 @@ TEST_F(Service, ErrorHandlerLogsServerAndClientErrors) {
   const bool tds = backend().isTds();
   const std::string message = tds ? "tdstest Error number: 102" : server() + " Error number: 1";
   EXPECT_EQ(log.count("ERROR [ <t> ] " + message + " no such table: missing Severity: 16"), 1u);
-  EXPECT_EQ(log.count("ERROR [ <t> ] " + server() + " Error number: 20018 "), tds ? 1u : 0u);
   SybaseStatus info, client;
   info.msgno = 5701;  // informational, severity 0: ignored
   client.dbLibSeverity = 9;
@@ -299,34 +276,33 @@ TEST_F(Pool, ReuseLimitsAndFailures) {
   EXPECT_EQ(pool()->maxPoolSize(), 3);
   EXPECT_EQ(take("w"), nullptr);  // two in use and one free: a third user finds the pool full
   pool()->setMaxPoolSize(20);
-  const std::string nowhere = backend().unreachable(dir_.path());
+  const std::string nowhere = backend().unreachable();
   EXPECT_EQ(pool()->acquireConnection(nowhere, "u", "p"), nullptr);
   SybaseConnection foreign;
   EXPECT_EQ(pool()->releaseConnection(&foreign), -1);
-  EXPECT_EQ(pool()->counts().records, 3);
-  EXPECT_EQ(pool()->counts().inUse, 2);
-  EXPECT_EQ(pool()->counts().free, 1);
+  const auto n = pool()->counts();
+  EXPECT_EQ(std::vector<int>({n.records, n.inUse, n.free}), std::vector<int>({3, 2, 1}));
   pool()->setReaperSleepTimeMs(250);
   pool()->setReaperSleepTime(-1);  // a reaper without a pause would spin: refused
   pool()->setReaperSleepTimeMs(0);
   EXPECT_EQ(pool()->reaperSleepTimeMs(), 250);
-  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Creating unique instance of ConnectionPool\n"));
-  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Allocated new connection. Pool size 2\n"));
-  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Acquiring available connection to server " + server() +
-                           " as user u\n"));
   for (const std::string& line : std::vector<std::string>{
-           "Invalid maxPoolSize = 0", "Invalid maxPoolSize = 21", "Invalid reaper sleep time = -1000 ms",
-           "Invalid reaper sleep time = 0 ms", "Can't allocate new connection. Pool size 3",
-           "Could not connect to server " + nowhere + " as user u",
-           "Could not release connection. This should never happen!"})
-    EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] " + line + "\n")) << line;
+           "DEBUG [ <t> ] Creating unique instance of ConnectionPool",
+           "DEBUG [ <t> ] Allocated new connection. Pool size 2",
+           "DEBUG [ <t> ] Acquiring available connection to server " + server() + " as user u",
+           "ERROR [ <t> ] Invalid maxPoolSize = 0", "ERROR [ <t> ] Invalid maxPoolSize = 21",
+           "ERROR [ <t> ] Invalid reaper sleep time = -1000 ms",
+           "ERROR [ <t> ] Invalid reaper sleep time = 0 ms",
+           "ERROR [ <t> ] Can't allocate new connection. Pool size 3",
+           "ERROR [ <t> ] Could not connect to server " + nowhere + " as user u",
+           "ERROR [ <t> ] Could not release connection. This should never happen!"})
+    EXPECT_TRUE(log.contains("<D> " + line + "\n")) << line;
 }
 
 TEST_F(Pool, ReaperRemovesIdleAndOldFreeLoginsOnly) {
   pool()->shutdownReaper();  // rounds are run by hand here
   ASSERT_EQ(pool()->releaseConnection(take("idle")), 0);
   SybaseConnection* busy = take("busy");
-  ASSERT_NE(busy, nullptr);
   EXPECT_EQ(pool()->reapNow(), 0);  // within both lifetimes nothing goes
   testsupport::LogCapture log;
   pool()->setMaxIdleLifeTime(-1);  // anything released before now is over it
@@ -341,7 +317,6 @@ TEST_F(Pool, ReaperRemovesIdleAndOldFreeLoginsOnly) {
   EXPECT_EQ(pool()->reapNow(), 0);
   pool()->releaseConnection(busy);
   EXPECT_EQ(pool()->reapNow(), 1);
-  EXPECT_EQ(pool()->counts().records, 0);
 }
 
 TEST_F(Pool, ReaperThreadRunsRoundsAndStopsPromptly) {
@@ -370,8 +345,7 @@ TEST_F(Pool, ReaperThreadRunsRoundsAndStopsPromptly) {
   EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Terminating reaper thread\n"));
 }
 
-// Many threads borrow and return logins through several aliases while the reaper runs short rounds:
-// no login is held twice, none in use is removed, none leaks, and every refusal is the full pool's.
+// Threads borrow logins through aliases and the pool while the reaper runs: none held twice or reaped in use.
 TEST_F(Pool, SixteenThreadsThreeServerUserPairsOneReaper) {
   const std::string pairs[][2] = {{server("a"), "u1"}, {server("b"), "u2"}, {server("a"), "u3"}};
   std::string dbrc;  // six aliases ALIAS0..5 over the three pairs
@@ -399,12 +373,12 @@ TEST_F(Pool, SixteenThreadsThreeServerUserPairsOneReaper) {
   for (int t = 0; t < 16; ++t) {
     threads.emplace_back([&, t] {
       for (int i = 0; i < 40; ++i) {
-        const auto& pair = pairs[(t + i) % 3];
         if (i % 2 == 0) {  // through a service connection named by an alias
           ServiceConnectionSyb conn("ALIAS" + std::to_string((t + i) % 6));
           useAlone(conn.acquire() == 0 ? &conn : nullptr, t, [&] { return conn.release(); });
         } else {
-          SybaseConnection* login = pool()->acquireConnection(pair[0], pair[1], "pw");
+          SybaseConnection* login =
+              pool()->acquireConnection(pairs[(t + i) % 3][0], pairs[(t + i) % 3][1], "pw");
           useAlone(login, t, [&] { return pool()->releaseConnection(login); });
         }
       }
@@ -417,8 +391,6 @@ TEST_F(Pool, SixteenThreadsThreeServerUserPairsOneReaper) {
   EXPECT_EQ(log.count("Can't allocate new connection. Pool size 20"), 16u * 40 - acquired);
   EXPECT_EQ(log.count("Could not connect"), 0u);
   EXPECT_EQ(pool()->counts().inUse, 0);
-  pool()->reapNow();  // the reaper empties the pool; the fixture's destructor closes the rest
-  EXPECT_EQ(pool()->counts().records, 0);
 }
 
 }  // namespace

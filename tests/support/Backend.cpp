@@ -1,9 +1,5 @@
 #include "tests/support/Backend.h"
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <cstdlib>
 #include <stdexcept>
 
@@ -33,20 +29,6 @@ std::string Backend::server(const std::string& dbFile) {
     if (s->start() == 0) throw std::runtime_error("cannot start the TDS test server");
   }
   return s->address();
-}
-
-std::string Backend::unreachable(const std::string& dir) const {
-  if (!isTds()) return "sqlite:" + dir + "/no/such/dir.db";
-  // A loopback port that was free a moment ago (0 if none could be had).
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-  ::bind(fd, reinterpret_cast<sockaddr*>(&a), len);
-  ::getsockname(fd, reinterpret_cast<sockaddr*>(&a), &len);
-  ::close(fd);
-  return "127.0.0.1:" + std::to_string(ntohs(a.sin_port));
 }
 
 }  // namespace testsupport

@@ -18,7 +18,7 @@ class Backend {
   // "sqlite:FILE", or the address of a TDS test server on FILE, started on first use.
   std::string server(const std::string& dbFile);
   // A server name whose logins fail at once: a missing folder, or a loopback port nobody listens on.
-  std::string unreachable(const std::string& dir) const;
+  std::string unreachable() const { return isTds() ? "127.0.0.1:1" : "sqlite:/no/such/dir.db"; }
   void stopServers() { servers_.clear(); }  // stops the test servers started so far (between tests)
 
  private:

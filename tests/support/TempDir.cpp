@@ -1,5 +1,6 @@
 #include "tests/support/TempDir.h"
 
+#include <stcrypt/stcrypt.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -28,6 +29,15 @@ std::string TempDir::write(const std::string& name, const std::string& content, 
 void TempDir::scribble(const std::string& name, long offset, long length) const {
   std::fstream io(file(name), std::ios::binary | std::ios::in | std::ios::out);
   io.seekp(offset).write(std::string(static_cast<size_t>(length), '\xff').data(), length);
+}
+
+std::string TempDir::sealHome(const std::string& password) const {
+  setenv("HOME", path_.c_str(), 1);
+  setenv("STCRYPT_KEY_FILE", file("key").c_str(), 1);
+  char sealed[STCRYPT_BUF_SIZE] = "";
+  if (stcreatekey(file("key").c_str()) != 0 || stencrypt(password.c_str(), sealed) != 0)
+    throw std::runtime_error("cannot seal a password under " + file("key"));
+  return sealed;
 }
 
 }  // namespace testsupport
