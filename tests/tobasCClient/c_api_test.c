@@ -8,6 +8,9 @@
 
 int main(void) {
   int failures = 0;
+  int level = -1;
+  tobasGetLogSettings(NULL, &level, NULL, NULL, NULL);
+  CHECK(level == 3);                 /* TOBAS_LOG_LEVEL, read on first use */
   CHECK(_getTimeOut() == 100000.0f); /* never set */
   tobasSTATUS st;
   tobasInitStatus(&st);

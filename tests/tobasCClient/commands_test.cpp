@@ -34,6 +34,7 @@ struct Commands : ::testing::Test {
 
 TEST_F(Commands, RequestPaths) {
   EXPECT_EQ("STATUS", SENT(tobasStatus(host, p, 5, &st)));
+  const size_t inUse = heapInUse();
   EXPECT_EQ("CLONE?wait=\"1\"&file_id=\"f\"", SENT(tobasClone(host, p, 5, "f", -1, "", "", 1, &st)));
   EXPECT_EQ("CLONE?wait=\"0\"&file_id=\"a:b\"&file_version=3&disk_id=\"d=1\"&target_disk_id=\"t\"",
             SENT(tobasClone(host, p, 5, "a:b", 3, "d=1", "t", 0, &st)));
@@ -91,6 +92,7 @@ TEST_F(Commands, RequestPaths) {
   EXPECT_STREQ("FAILURE", st.status);
   EXPECT_EQ(1, tobasLogCodeInStatus(&st, "TOBAS_ER_DAPI"));
   EXPECT_EQ(0, tobasLogCodeInStatus(&st, "OTHER"));
+  EXPECT_NO_GROWTH(inUse, 65536);  // a command holds no memory after it
 }
 
 TEST_F(Commands, ParameterArrayAndEncodingBounds) {

@@ -1,8 +1,12 @@
 // Status document, code texts, utilities and the client log with its rotation.
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <fstream>
 #include <regex>
+#include <thread>
 #include <tuple>
 
 #include "tests/tobasCClient/TobasTest.h"
@@ -85,6 +89,15 @@ TEST(TobasUtil, Helpers) {
   free(loaded);
   const size_t inUse = heapInUse();
   EXPECT_EQ(tobasERR_FILE, tobasLoadFile(tmp.path().c_str(), &loaded, &size));  // a folder: reading fails
+  rlimit was, low;  // an endless file beyond the address space left: refused, its buffer freed
+  size_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  getrlimit(RLIMIT_AS, &was);
+  low = {pages * 4096 + (64 << 20), was.rlim_max};
+  if (kPlainMalloc && setrlimit(RLIMIT_AS, &low) == 0) {
+    EXPECT_EQ(tobasERR_ALLOC_MEM, tobasLoadFile("/dev/zero", &loaded, &size));
+    setrlimit(RLIMIT_AS, &was);
+  }
   EXPECT_NO_GROWTH(inUse, 4096);
 
   EXPECT_HAS(logText(), "[DEBUG] Entering tobasSaveInFile() [");  // traced, with the thread
@@ -112,7 +125,9 @@ TEST(TobasLog, LineFormatLevelsAndSettings) {
   tzset();
   testing::internal::CaptureStdout();
   const time_t before = time(nullptr);
-  tobasLogError("disk %s is full", "d1");
+  std::thread other([] { tobasLogError("disk %s is full", "d1"); });  // its echo leaves stdout usable
+  const auto otherTid = static_cast<unsigned long>(other.native_handle());
+  other.join();
   tobasLogInfo(LEV3, "written %d", 3);
   tobasLogInfo(LEV4, "above the level");
   tobasLogDebug("not written");
@@ -132,8 +147,8 @@ TEST(TobasLog, LineFormatLevelsAndSettings) {
   char hour[32];
   strftime(hour, sizeof hour, "%Y-%m-%dT%H:", gmtime_r(&before, &utc));
   const std::string tid = " [" + std::to_string(static_cast<unsigned long>(pthread_self())) + "]\n";
-  EXPECT_EQ("T [ERROR] disk d1 is full" + tid + "T [INFO] written 3" + tid + "T [WARNING] w" + tid +
-                "T [DEBUG] d5" + tid + "T [EMERG] e" + tid,
+  EXPECT_EQ("T [ERROR] disk d1 is full [" + std::to_string(otherTid) + "]\n" + "T [INFO] written 3" + tid +
+                "T [WARNING] w" + tid + "T [DEBUG] d5" + tid + "T [EMERG] e" + tid,
             std::regex_replace(readFile(log), std::regex(hour + std::string(R"(\d\d:\d\d\.\d{3} )")), "T "));
 
   tobasBIG_BUF file;
