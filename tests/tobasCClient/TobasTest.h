@@ -8,8 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -20,6 +18,7 @@
 
 using namespace archivetest;
 using testsupport::TempDir;
+using namespace std::string_literals;
 
 inline const std::string kOk = httpReply(200, statusDoc("SUCCESS", "done"));
 
