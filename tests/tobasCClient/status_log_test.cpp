@@ -14,7 +14,6 @@
 TEST(TobasStatus, DocumentsAndCodes) {
   const std::string longest(16383, 'm'), invalid = "Invalid reply from data server";
   const std::tuple<std::string, int, int, std::string> cases[] = {
-      // document, status, code, message
       {statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file"), 0, 4003,
        "TOBAS_ER_DAPI:4003:ERROR: bad file"},
       {statusDoc("FAILURE", "disk full"), 0, 0, "disk full"},
@@ -151,13 +150,12 @@ TEST_F(TobasLog, LineFormatLevelsAndSettings) {
 
 TEST_F(TobasLog, RotationDrivenByMarkerAndTimeOfDay) {
   char rotated[tobasBIG_BUF_SIZE];
-  // Rotated 86000 s ago: not yet, whatever the time of day.
+  // Not yet: rotated 86000 s ago (whatever the time of day), or due but before the time of day set.
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, 0, -1));
   dir.write("client.log", "2007-07-12T10:30:00.000 [INFO] LOG-ROTATE: " +
                               std::to_string(time(nullptr) - 86000) + " - SYSTEM-ID: s [1]\n");
   EXPECT_EQ(0, tobasLogFileRotate(LEV3, "sys", rotated));
   EXPECT_STREQ("", rotated);
-  // Due, but before the configured time of day.
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, 3600, -1));
   dir.write("client.log", "no marker yet\n");
   setLocalTimeOfDay(1800);
