@@ -192,10 +192,14 @@ TEST(TobasTransport, ServerListsRoundRobinFailOverAndBounds) {
   EXPECT_EQ(1, tobasParseSrvListId("many", many.c_str()));
   EXPECT_EQ(32, servers("many"));
 
+  const size_t mark = logText().size();
+  EXPECT_EQ(1, tobasParseSrvListId(std::string(128, 'i').c_str(), "a:1"));  // too long an ID
   int added = 0;
   while (added < 40 && tobasParseSrvListId(("fill" + std::to_string(added)).c_str(), "a:1") == 0) ++added;
   EXPECT_GE(added, tobasMAX_SRV_LISTS / 2);  // the other tests of a run take a few slots at most
   EXPECT_LT(added, tobasMAX_SRV_LISTS);
+  EXPECT_HAS(logText().substr(mark), "[ERROR] Server list ID or server list too long");
+  EXPECT_HAS(logText().substr(mark), "[ERROR] Illegal Server List ID or no more free slots");
   EXPECT_EQ(0, tobasParseSrvListId("partial", "a:1"));  // re-parsing a known list still works
 }
 
