@@ -2,16 +2,12 @@
 
 #include <arpa/inet.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <regex>
-#include <stdexcept>
 
 #include <gtest/gtest.h>
 
@@ -44,10 +40,9 @@ const auto* traceLog = testing::AddGlobalTestEnvironment(new TraceLog);
 int listenLoopback(int backlog, int& port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+  auto* sa = reinterpret_cast<sockaddr*>(&addr);
   socklen_t len = sizeof addr;
-  if (bind(fd, reinterpret_cast<sockaddr*>(&addr), len) != 0 || listen(fd, backlog) != 0 ||
-      getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0)
-    throw std::runtime_error("cannot listen on loopback");
+  if (bind(fd, sa, len) != 0 || listen(fd, backlog) != 0 || getsockname(fd, sa, &len) != 0) abort();
   port = ntohs(addr.sin_port);
   return fd;
 }
@@ -56,28 +51,6 @@ int listenLoopback(int backlog, int& port) {
 
 ArchiveServer::ArchiveServer() : listenFd_(listenLoopback(16, port_)), thread_([this] { run(); }) {}
 
-ArchiveServer::~ArchiveServer() {
-  shutdown(listenFd_, SHUT_RDWR);
-  thread_.join();
-  close(listenFd_);
-}
-
-void ArchiveServer::push(const Reply& r) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  replies_.push_back(r);
-}
-
-std::vector<std::string> ArchiveServer::requests() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return requests_;
-}
-
-std::string ArchiveServer::lastPath() {
-  const std::string r = requests().back();
-  return r.rfind("GET ", 0) == 0 ? r.substr(4, r.find(" HTTP/1.0") - 4) : r;
-}
-
-// Serves one connection at a time until the destructor shuts the listening socket down.
 void ArchiveServer::run() {
   char buf[65536];
   for (int fd; (fd = accept(listenFd_, nullptr, nullptr)) >= 0; close(fd)) {
@@ -85,9 +58,8 @@ void ArchiveServer::run() {
     {
       std::lock_guard<std::mutex> lock(mutex_);
       std::string& req = requests_.emplace_back();  // the header, then the body its length announces
-      for (pollfd r{fd, POLLIN, 0}; poll(&r, 1, 5000) > 0;) {
-        const ssize_t n = read(fd, buf, sizeof buf);
-        if (n <= 0) break;
+      pollfd r{fd, POLLIN, 0};
+      for (ssize_t n; poll(&r, 1, 5000) > 0 && (n = read(fd, buf, sizeof buf)) > 0;) {
         req.append(buf, static_cast<size_t>(n));
         const size_t end = req.find("\r\n\n"), cl = req.find("Content-length: ");
         const size_t body = cl < end ? std::strtoul(req.c_str() + cl + 16, nullptr, 10) : 0;
@@ -95,14 +67,13 @@ void ArchiveServer::run() {
       }
       if (!replies_.empty()) reply = replies_.front(), replies_.pop_front();
     }
-    const size_t total = std::min(reply.bytes.size(), reply.cutAfter);
-    const size_t chunk = reply.dripChunk > 0 ? reply.dripChunk : total;
+    const size_t total = std::min(reply.bytes.size(), reply.cutAfter),
+                 chunk = reply.dripChunk ? reply.dripChunk : total;
     for (size_t off = 0; off < total; off += chunk) {
       if (off > 0) usleep(150000);
       if (send(fd, reply.bytes.data() + off, std::min(chunk, total - off), MSG_NOSIGNAL) <= 0) break;
     }
-    while (reply.holdOpen && read(fd, buf, sizeof buf) > 0) {
-    }
+    while (reply.holdOpen && read(fd, buf, sizeof buf) > 0) continue;
   }
 }
 
@@ -115,11 +86,6 @@ int fullBacklogPort() {
     connect(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0), reinterpret_cast<sockaddr*>(&addr), sizeof addr);
   usleep(50000);
   return port;
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 std::vector<std::string> listDir(const std::string& dir) {

@@ -2,7 +2,11 @@
 #ifndef TESTS_SUPPORT_ARCHIVESERVER_H
 #define TESTS_SUPPORT_ARCHIVESERVER_H
 
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <deque>
+#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -12,19 +16,31 @@ namespace archivetest {
 
 struct Reply {
   std::string bytes;
-  size_t cutAfter = std::string::npos;  // close after this many bytes
-  size_t dripChunk = 0;                 // send in chunks of this size, 150 ms apart
-  bool holdOpen = false;                // then keep the connection open until the client closes
+  size_t cutAfter = std::string::npos, dripChunk = 0;  // close after cutAfter bytes; drip chunks 150 ms apart
+  bool holdOpen = false;  // then keep the connection open until the client closes
 };
 
 class ArchiveServer {
  public:
   ArchiveServer();
-  ~ArchiveServer();
+  ~ArchiveServer() {
+    shutdown(listenFd_, SHUT_RDWR);
+    thread_.join();
+    close(listenFd_);
+  }
   int port() const { return port_; }
-  void push(const Reply& r);
-  std::vector<std::string> requests();  // one per connection: header and body bytes
-  std::string lastPath();               // of the last request's GET line (the whole request when no GET)
+  void push(const Reply& r) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    replies_.push_back(r);
+  }
+  std::vector<std::string> requests() {  // one per connection: header and body bytes
+    std::lock_guard<std::mutex> lock(mutex_);
+    return requests_;
+  }
+  std::string lastPath() {  // of the last request's GET line (the whole request when no GET)
+    const std::string r = requests().back();
+    return r.rfind("GET ", 0) == 0 ? r.substr(4, r.find(" HTTP/1.0") - 4) : r;
+  }
 
  private:
   void run();
@@ -50,7 +66,9 @@ inline std::string fileReply(const std::string& fileName, const std::string& con
 // The port of a loopback listener whose backlog is full: a connect to it hangs until the client's time-out.
 int fullBacklogPort();
 
-std::string readFile(const std::string& path);
+inline std::string readFile(const std::string& path) {
+  return std::string(std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {});
+}
 std::vector<std::string> listDir(const std::string& dir);  // sorted, hidden names too
 
 }  // namespace archivetest

@@ -8,8 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -18,13 +16,9 @@
 #include "tests/support/ArchiveServer.h"
 #include "tests/support/TempDir.h"
 
-using archivetest::ArchiveServer;
-using archivetest::fileReply;
-using archivetest::httpReply;
-using archivetest::listDir;
-using archivetest::readFile;
-using archivetest::statusDoc;
+using namespace archivetest;
 using testsupport::TempDir;
+using namespace std::string_literals;
 
 inline const std::string kOk = httpReply(200, statusDoc("SUCCESS", "done"));
 
@@ -32,11 +26,13 @@ inline std::string logText() { return readFile(getenv("TOBAS_LOG_FILE")); }
 
 #define EXPECT_HAS(text, part) EXPECT_NE(std::string::npos, std::string(text).find(part)) << (text)
 
-// Bytes in use on the main heap, for leak checks (the sanitizers check leaks themselves).
-inline size_t heapInUse() { return mallinfo2().uordblks; }
+// Bytes in use on the heap and in mapped blocks, for leak checks (the sanitizers check leaks themselves).
+inline size_t heapInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+constexpr bool kPlainMalloc = true;
 #define EXPECT_NO_GROWTH(before, bound) EXPECT_LT(heapInUse(), (before) + (bound))
 #else
+constexpr bool kPlainMalloc = false;
 #define EXPECT_NO_GROWTH(before, bound) (void)(before)
 #endif
 

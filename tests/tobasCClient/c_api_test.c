@@ -7,7 +7,9 @@
 #define CHECK(cond) failures += !(cond) && fprintf(stderr, "%s:%d: failed: %s\n", __FILE__, __LINE__, #cond)
 
 int main(void) {
-  int failures = 0;
+  int failures = 0, level = -1;
+  tobasGetLogSettings(NULL, &level, NULL, NULL, NULL);
+  CHECK(level == 3);                 /* TOBAS_LOG_LEVEL, read on first use */
   CHECK(_getTimeOut() == 100000.0f); /* never set */
   tobasSTATUS st;
   tobasInitStatus(&st);

@@ -3,8 +3,6 @@
 
 #include "tests/tobasCClient/TobasTest.h"
 
-using namespace std::string_literals;
-
 namespace {
 
 struct Commands : ::testing::Test {
@@ -34,6 +32,7 @@ struct Commands : ::testing::Test {
 
 TEST_F(Commands, RequestPaths) {
   EXPECT_EQ("STATUS", SENT(tobasStatus(host, p, 5, &st)));
+  const size_t inUse = heapInUse();
   EXPECT_EQ("CLONE?wait=\"1\"&file_id=\"f\"", SENT(tobasClone(host, p, 5, "f", -1, "", "", 1, &st)));
   EXPECT_EQ("CLONE?wait=\"0\"&file_id=\"a:b\"&file_version=3&disk_id=\"d=1\"&target_disk_id=\"t\"",
             SENT(tobasClone(host, p, 5, "a:b", 3, "d=1", "t", 0, &st)));
@@ -52,18 +51,17 @@ TEST_F(Commands, RequestPaths) {
             SENT(tobasSubscribe(host, p, 5, "u", 3, "2007-07-12T10:30", nullptr, nullptr, &st)));
   EXPECT_EQ("&plug_in_pars=\"a%3Db\"", SENT(tobasSubscribe(host, p, 5, "u", 3, "d", "f", "a=b", &st)));
   EXPECT_EQ(
-      "RESTORE?filename=\"http://h/x%3Fy\"&mime_type=\"\"&filename=\"http%3A//h/x%3Fy\"&file_id=\"id\"&"
-      "file_version=\"4\"&time_out=\"-1\"",
+      "RESTORE?filename=\"http://h/x%3Fy\"&mime_type=\"\"&filename=\"http%3A//h/x%3Fy\"&"
+      "file_id=\"id\"&file_version=\"4\"&time_out=\"-1\"",
       SENT(tobasRestore(host, p, -1.0f, "http://h/x?y", "id", 4, &st)));
   EXPECT_EQ(
-      "ARCHIVE?filename=\"file:/data/x%3A1.fits\"&mime_type=\"image/fits\"&no_versioning=\"1\"&wait=\"0\"&"
-      "time_out=\"2\"",
+      "ARCHIVE?filename=\"file:/data/x%3A1.fits\"&mime_type=\"image/fits\"&no_versioning=\"1\"&"
+      "wait=\"0\"&time_out=\"2\"",
       SENT(tobasArchive(host, p, 2.4f, "file:/data/x:1.fits", "image/fits", 1, 0, &st)));
-  // Archiving a local file or memory posts it.
-  const std::string file = dir.write("x.fits", "SIMPLE  = T"),
-                    post =
-                        "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: "
-                        "kest/archive-request\r\nContent-length: ";
+  const std::string file = dir.write("x.fits", "SIMPLE  = T");
+  const std::string post =
+      "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: "
+      "kest/archive-request\r\nContent-length: ";
   EXPECT_EQ(post + "11\r\nContent-disposition: attachment; filename=\"" + file +
                 "\"; no_versioning=\"0\"; wait=\"1\"; time_out=\"-1\"\r\n\nSIMPLE  = T",
             SENT(tobasArchive(host, p, -1.0f, file.c_str(), "", 0, 1, &st)));
@@ -79,22 +77,16 @@ TEST_F(Commands, RequestPaths) {
   tobasAddParAndVal(&pars, "a=b", "v");
   EXPECT_EQ("REMDISK&disk_id=\"x%3Ay\"&flag&a%3Db=\"v\"",
             SENT(tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st)));
-  for (int bad : {-1, 17}) {
-    tobasFreeStatus(&st);
-    EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, bad, &pars, &st));
-  }
-  // A server's error document fills the status.
   tobasFreeStatus(&st);
+  for (int bad : {-1, 17}) EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, bad, &pars, &st));
   srv.push({httpReply(400, statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file"))});
   EXPECT_EQ(400, tobasStatus(host, p, 5, &st));
   EXPECT_EQ(TOBAS_ER_DAPI_BAD_FILE, st.errorCode);
   EXPECT_STREQ("FAILURE", st.status);
   EXPECT_EQ(1, tobasLogCodeInStatus(&st, "TOBAS_ER_DAPI"));
   EXPECT_EQ(0, tobasLogCodeInStatus(&st, "OTHER"));
-}
+  EXPECT_NO_GROWTH(inUse, 65536);  // a command holds no memory after it
 
-TEST_F(Commands, ParameterArrayAndEncodingBounds) {
-  tobasPAR_ARRAY pars;
   tobasResetParArray(&pars);
   for (int i = 0; i < 16; ++i) EXPECT_EQ(0, tobasAddParAndVal(&pars, "p", "v"));
   EXPECT_EQ(tobasERR_INV_PARS, tobasAddParAndVal(&pars, "p", "v"));
@@ -103,30 +95,26 @@ TEST_F(Commands, ParameterArrayAndEncodingBounds) {
   tobasHUGE_BUF enc;
   EXPECT_EQ(0, tobasEncodeUrlVal("ftp://h/a b\"c?", 1, enc));
   EXPECT_STREQ("ftp://h/a b\"c%3F", enc);
-  EXPECT_EQ(tobasERR_INV_PARS, tobasEncodeUrlVal(std::string(6000, ':').c_str(), 0, enc));
   // A path or a local file that cannot be sent is refused without a request.
+  const size_t requests = srv.requests().size();
+  tobasFreeStatus(&st);
   EXPECT_EQ(tobasERR_INV_PARS, tobasLabel(host, p, 5, std::string(6000, '=').c_str(), &st));
   EXPECT_EQ(tobasERR_INV_PARS, st.errorCode);
   EXPECT_STREQ("FAILURE", st.status);
-  tobasFreeStatus(&st);
   EXPECT_EQ(tobasERR_FILE, tobasArchive(host, p, 5, dir.file("missing").c_str(), "", 0, 0, &st));
   EXPECT_STREQ("Invalid filename specified", st.message);
-  EXPECT_TRUE(srv.requests().empty());
+  EXPECT_EQ(requests, srv.requests().size());
 }
 
 TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
-  std::string big(2 * 1024 * 1024 + 3, 'q');
-  big[5] = '\0';
+  const std::string big = "bin\0"s + std::string(2 << 20, 'q');
   setenv("PWD", dir.path().c_str(), 1);  // this program's working folder is not used otherwise
   tobasPAR_ARRAY pars;
   tobasResetParArray(&pars);
   tobasAddParAndVal(&pars, "internal", "ngas.xml");
   tobasAddParAndVal(&pars, "host_id", "h:1");
   const std::string in = dir.path(), named = dir.file("named.bin");
-  const struct {
-    std::function<int()> call;
-    std::string body, file, path;
-  } cases[] = {
+  const std::tuple<std::function<int()>, std::string, std::string, std::string> cases[] = {
       {[&] { return tobasRetrieve2File(host, p, 5, "f:1", 2, "proc", "a=b", in.c_str(), final, &st); }, big,
        "x.fits",
        "RETRIEVE?file_id=\"f%3A1\"&processing=\"proc\"&processing_pars=\"a%3Db\"&file_version=\"2\""},
@@ -138,34 +126,29 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
        "int", "x.fits", "RETRIEVE?internal=\"ngas.xml\"&host_id=h:1"},
   };
   const size_t inUse = heapInUse();
-  for (const auto& c : cases) {
-    srv.push({fileReply("x.fits", c.body)});
+  for (const auto& [call, body, file, path] : cases) {
+    srv.push({fileReply("x.fits", body)});
     tobasFreeStatus(&st);
-    ASSERT_EQ(0, c.call()) << c.path;
-    EXPECT_EQ(dir.file(c.file), final);
-    EXPECT_EQ(c.body, readFile(final));
-    EXPECT_EQ(c.path, srv.lastPath());
+    ASSERT_EQ(0, call()) << path;
+    EXPECT_EQ(dir.file(file), final);
+    EXPECT_EQ(body, readFile(final));
+    EXPECT_EQ(path, srv.lastPath());
     EXPECT_EQ("OK Successfully handled RETRIEVE command", std::string(st.status) + " " + st.message);
   }
   EXPECT_NO_GROWTH(inUse, 65536);  // a retrieval holds no memory after it
 }
 
 TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
-  // File names a reply may give that lead out of the target folder, or no file name at all.
-  const std::string folder = dir.file("in");
+  const std::string folder = dir.file("in"), cd = "Content-Disposition: attachment; ";
   mkdir(folder.c_str(), 0755);
-  for (const std::string& disposition :
+  for (const std::string& d :
        {"filename=\"../out\""s, "filename=\"a/b\""s, "filename=\"/tmp/abs\""s, "filename=\"\""s,
         "filename=\".\""s, "filename=\"..\""s, "filename=\"a\0b\""s, "size=4"s}) {
-    EXPECT_EQ(tobasERR_INV_REPLY,
-              retrieve({httpReply(200, "data", "Content-Disposition: attachment; " + disposition + "\r\n")},
-                       folder))
-        << disposition;
+    EXPECT_EQ(tobasERR_INV_REPLY, retrieve({httpReply(200, "data", cd + d + "\r\n")}, folder)) << d;
     EXPECT_STREQ("", final);
     EXPECT_STREQ("FAILURE", st.status);
   }
   EXPECT_TRUE(listDir(folder).empty());
-  EXPECT_HAS(logText(), "[ERROR] Reply names an illegal file to write: \"../out\"");
   EXPECT_EQ(400, retrieve({httpReply(400, statusDoc("FAILURE", "TOBAS_ER_RETRIEVE:4022:WARNING: not here"))},
                           folder));
   EXPECT_EQ(TOBAS_WA_BUF_DATA, st.errorCode);
@@ -177,13 +160,12 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
   EXPECT_EQ(std::string(2000, 'd'), readFile(final));
   ASSERT_EQ(0, remove(final));
 
-  // Peers that stop within the header or the body, closing (no time-out needed) or holding the
-  // connection: no file is left, nor a temporary one, and an older file of that name stays as it was.
+  // Peers stopping in the header (30) or body (56), closing or holding on: no file left, an older one kept.
   const std::string full = "HTTP/1.0 200 OK\r\nContent-Length: 100000\r\n\r\n" + std::string(100000, 'x');
   const std::tuple<size_t, bool, float, int> stops[] = {{30, false, 0, tobasERR_INV_REPLY},
                                                         {30, true, 0.3f, tobasERR_TIMEOUT},
-                                                        {full.size() - 99988, false, 0, tobasERR_RD_DATA},
-                                                        {full.size() - 99988, true, 0.3f, tobasERR_TIMEOUT}};
+                                                        {56, false, 0, tobasERR_RD_DATA},
+                                                        {56, true, 0.3f, tobasERR_TIMEOUT}};
   dir.write("in/old", "old");
   for (const auto& [cut, hold, timeout, stat] : stops)
     for (const char* name : {"in/part", "in/old"})

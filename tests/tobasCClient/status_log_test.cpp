@@ -1,8 +1,12 @@
 // Status document, code texts, utilities and the client log with its rotation.
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <fstream>
 #include <regex>
+#include <thread>
 #include <tuple>
 
 #include "tests/tobasCClient/TobasTest.h"
@@ -10,7 +14,6 @@
 TEST(TobasStatus, DocumentsAndCodes) {
   const std::string longest(16383, 'm'), invalid = "Invalid reply from data server";
   const std::tuple<std::string, int, int, std::string> cases[] = {
-      // document, status, code, message
       {statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file"), 0, 4003,
        "TOBAS_ER_DAPI:4003:ERROR: bad file"},
       {statusDoc("FAILURE", "disk full"), 0, 0, "disk full"},
@@ -32,19 +35,15 @@ TEST(TobasStatus, DocumentsAndCodes) {
       EXPECT_EQ(message, st.message);
       EXPECT_EQ(stat == 0 ? doc : nullptr, st.replyData[0]);  // the record owns what it unpacked
       if (stat != 0) free(doc);
-      if (errorCode == 4003) {
-        EXPECT_EQ("2007-07-12T10:30:00.000|arcsrv1|ONLINE|IDLE|FAILURE|v3.1",
-                  std::string(st.date) + "|" + st.hostId + "|" + st.state + "|" + st.subState + "|" +
-                      st.status + "|" + st.version);
-      }
+      const std::string fields =
+          std::string(st.date) + "|" + st.hostId + "|" + st.state + "|" + st.subState + "|" + st.version;
+      EXPECT_TRUE(stat != 0 || fields == "2007-07-12T10:30:00.000|arcsrv1|ONLINE|IDLE|v3.1") << fields;
       tobasFreeStatus(&st);
     }
   }
   EXPECT_NO_GROWTH(inUse, 4096);
   char v[8];
-  EXPECT_EQ(0, tobasGetXmlAttr("<A b=\"1234567\"/>", "A", "b", 8, v));
-  EXPECT_STREQ("1234567", v);
-  for (const char* bad : {"<A b=\"12345678\"/>", "<A b=\"unterminated", "<A b=", "<B b=\"1\"/>"})
+  for (const char* bad : {"<A b=\"unterminated", "<A b=", "<B b=\"1\"/>"})  // the value's bound: in the table
     EXPECT_EQ(tobasERR_INV_REPLY, tobasGetXmlAttr(bad, "A", "b", 8, v)) << bad;
 
   tobasSTATUS st;
@@ -63,11 +62,8 @@ TEST(TobasStatus, DocumentsAndCodes) {
   tobasHandleStatus(0, &bad, &st);
   EXPECT_EQ(nullptr, bad.pdata);  // the record owns it now
   EXPECT_EQ(tobasERR_INV_REPLY, st.errorCode);
+  EXPECT_EQ(tobasERR_UNKNOWN_STAT, tobasStat2Str(1, st.message));
   tobasFreeStatus(&st);
-
-  char buf[tobasBIG_BUF_SIZE] = "untouched";
-  EXPECT_EQ(tobasERR_UNKNOWN_STAT, tobasStat2Str(1, buf));
-  EXPECT_STREQ("untouched", buf);
 }
 
 TEST(TobasUtil, Helpers) {
@@ -85,26 +81,34 @@ TEST(TobasUtil, Helpers) {
   free(loaded);
   const size_t inUse = heapInUse();
   EXPECT_EQ(tobasERR_FILE, tobasLoadFile(tmp.path().c_str(), &loaded, &size));  // a folder: reading fails
+  rlimit was, low;  // an endless file beyond the address space left: refused, its buffer freed
+  getrlimit(RLIMIT_AS, &was);
+  std::ifstream("/proc/self/statm") >> low.rlim_cur;  // pages mapped now
+  low = {low.rlim_cur * 4096 + (64 << 20), was.rlim_max};
+  if (kPlainMalloc && setrlimit(RLIMIT_AS, &low) == 0) {
+    EXPECT_EQ(tobasERR_ALLOC_MEM, tobasLoadFile("/dev/zero", &loaded, &size));
+    setrlimit(RLIMIT_AS, &was);
+  }
   EXPECT_NO_GROWTH(inUse, 4096);
 
   EXPECT_HAS(logText(), "[DEBUG] Entering tobasSaveInFile() [");  // traced, with the thread
 }
 
-namespace {
-// Local time-zone string that makes the local time of day `secs` now.
-void setLocalTimeOfDay(long secs) {
-  const long utcTod = static_cast<long>(time(nullptr) % 86400);
-  const long offset = ((utcTod - secs) % 86400 + 86400) % 86400;  // local = UTC - offset
+// Sets the time zone that makes the local time of day `secs` now.
+static void setLocalTimeOfDay(long secs) {
+  const long offset = (time(nullptr) - secs) % 86400;  // local = UTC - offset
   char tz[64];
   snprintf(tz, sizeof tz, "XXX+%ld:%02ld:%02ld", offset / 3600, (offset / 60) % 60, offset % 60);
   setenv("TZ", tz, 1);
   tzset();
 }
-}  // namespace
 
-TEST(TobasLog, LineFormatLevelsAndSettings) {
+struct TobasLog : testing::Test {
   TempDir dir;
   const std::string log = dir.file("client.log");
+};
+
+TEST_F(TobasLog, LineFormatLevelsAndSettings) {
   EXPECT_EQ(tobasERR_OPEN_LOG_FILE, tobasPrepLog(dir.file("no/dir/x.log").c_str(), LEV3, -1, -1));
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, -1));
   tobasSetVerboseLevel(LEV1);
@@ -112,10 +116,11 @@ TEST(TobasLog, LineFormatLevelsAndSettings) {
   tzset();
   testing::internal::CaptureStdout();
   const time_t before = time(nullptr);
-  tobasLogError("disk %s is full", "d1");
+  std::thread other([] { tobasLogError("disk %s is full", "d1"); });  // its echo leaves stdout usable
+  const auto otherTid = static_cast<unsigned long>(other.native_handle());
+  other.join();
   tobasLogInfo(LEV3, "written %d", 3);
   tobasLogInfo(LEV4, "above the level");
-  tobasLogDebug("not written");
   const std::string echoed = testing::internal::GetCapturedStdout(), first = readFile(log);
   EXPECT_EQ(first.substr(0, first.find('\n') + 1), echoed);  // only level 0 is echoed at verbose level 1
   tobasSetVerboseLevel(-1);
@@ -132,8 +137,8 @@ TEST(TobasLog, LineFormatLevelsAndSettings) {
   char hour[32];
   strftime(hour, sizeof hour, "%Y-%m-%dT%H:", gmtime_r(&before, &utc));
   const std::string tid = " [" + std::to_string(static_cast<unsigned long>(pthread_self())) + "]\n";
-  EXPECT_EQ("T [ERROR] disk d1 is full" + tid + "T [INFO] written 3" + tid + "T [WARNING] w" + tid +
-                "T [DEBUG] d5" + tid + "T [EMERG] e" + tid,
+  EXPECT_EQ("T [ERROR] disk d1 is full [" + std::to_string(otherTid) + "]\n" + "T [INFO] written 3" + tid +
+                "T [WARNING] w" + tid + "T [DEBUG] d5" + tid + "T [EMERG] e" + tid,
             std::regex_replace(readFile(log), std::regex(hour + std::string(R"(\d\d:\d\d\.\d{3} )")), "T "));
 
   tobasBIG_BUF file;
@@ -143,34 +148,28 @@ TEST(TobasLog, LineFormatLevelsAndSettings) {
   EXPECT_EQ((std::vector<int>{LEV5, -1, 7200, 3}), (std::vector<int>{level, verbose, rotate, history}));
 }
 
-TEST(TobasLog, RotationDrivenByMarkerAndTimeOfDay) {
-  TempDir dir;
-  const std::string log = dir.file("client.log");
+TEST_F(TobasLog, RotationDrivenByMarkerAndTimeOfDay) {
   char rotated[tobasBIG_BUF_SIZE];
-  // Rotated 86000 s ago: not yet, whatever the time of day.
+  // Not yet: rotated 86000 s ago (whatever the time of day), or due but before the time of day set.
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, 0, -1));
   dir.write("client.log", "2007-07-12T10:30:00.000 [INFO] LOG-ROTATE: " +
                               std::to_string(time(nullptr) - 86000) + " - SYSTEM-ID: s [1]\n");
   EXPECT_EQ(0, tobasLogFileRotate(LEV3, "sys", rotated));
   EXPECT_STREQ("", rotated);
-  EXPECT_EQ(1u, listDir(dir.path()).size());
-  // Due, but before the configured time of day.
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, 3600, -1));
   dir.write("client.log", "no marker yet\n");
   setLocalTimeOfDay(1800);
   EXPECT_EQ(0, tobasLogFileRotate(LEV3, "sys", rotated));
-  EXPECT_EQ(1u, listDir(dir.path()).size());
+  EXPECT_STREQ("", rotated);
   // At the configured time: rotated; the new log starts with the marker, which stops a second rotation.
   setLocalTimeOfDay(3605);
-  const time_t now = time(nullptr);
   ASSERT_EQ(0, tobasLogFileRotate(LEV3, "sys-7", rotated));
   unsetenv("TZ");
   tzset();
   const long stamp = std::atol(rotated + dir.path().size() + 12);
-  EXPECT_LE(std::labs(stamp - static_cast<long>(now)), 2);
+  EXPECT_LE(std::labs(stamp - static_cast<long>(time(nullptr))), 2);
   EXPECT_EQ(dir.path() + "/LOG-ROTATE_" + std::to_string(stamp) + "_client.log", rotated);
   EXPECT_EQ(0u, readFile(rotated).find("no marker yet\n"));
-  EXPECT_HAS(readFile(rotated), "[INFO] Rotating log file ...");
   const std::string fresh = readFile(log);
   EXPECT_EQ(1, std::count(fresh.begin(), fresh.end(), '\n'));
   EXPECT_HAS(fresh, "[INFO] LOG-ROTATE: " + std::to_string(stamp) + " - SYSTEM-ID: sys-7 [");
@@ -185,9 +184,7 @@ TEST(TobasLog, RotationDrivenByMarkerAndTimeOfDay) {
                                 " - rotated log file: " + rotated + "!");
 }
 
-TEST(TobasLog, CleanUpOfRotatedFiles) {
-  TempDir dir;
-  const std::string log = dir.file("client.log");
+TEST_F(TobasLog, CleanUpOfRotatedFiles) {
   const long now = static_cast<long>(time(nullptr));
   auto rotatedName = [&](long days) {
     return "LOG-ROTATE_" + std::to_string(now - days * 86400 - 5) + "_client.log";
@@ -202,7 +199,6 @@ TEST(TobasLog, CleanUpOfRotatedFiles) {
   EXPECT_EQ(0, tobasCleanUpRotLogFiles(LEV3));  // two days old and older go
   EXPECT_EQ((std::vector<std::string>{"LOG-ROTATE", rotatedName(1), "client.log", "other.txt"}),
             listDir(dir.path()));
-  EXPECT_HAS(readFile(log), "Removing rotated log file: " + dir.file(rotatedName(3)));
   ASSERT_EQ(0, rename(dir.path().c_str(), (dir.path() + "-moved").c_str()));
   EXPECT_EQ(1, tobasCleanUpRotLogFiles(LEV3));
   rename((dir.path() + "-moved").c_str(), dir.path().c_str());

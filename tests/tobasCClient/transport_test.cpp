@@ -1,10 +1,10 @@
 // Archive client transport: request bytes, reply readers, redirection, server lists, time-outs.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
 #include <chrono>
-#include <regex>
 #include <tuple>
 #include <utility>
 
@@ -54,15 +54,14 @@ TEST(TobasTransport, RequestBytes) {
   TempDir dir;
   std::string content(3 * 1024 * 1024 + 17, '\0');
   for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7);
-  const std::string auth(1500, 'k');  // beyond any fixed header buffer
-  const std::string get = "GET STATUS HTTP/1.0\nUser-Agent: TOB/AS C-API\r\n";
-  const std::string post =
-      "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: image/fits\r\nContent-length: ";
-  const std::string disp = "\r\nContent-disposition: attachment; filename=\"x\"";
+  const std::string auth(1500, 'k'),
+      get = "GET STATUS HTTP/1.0\nUser-Agent: TOB/AS C-API\r\n",
+      disp = "\r\nContent-disposition: attachment; filename=\"x\"",
+      post = "POST /ARCHIVE HTTP/1.0\r\nUser-agent: TOB/AS C-API\r\nContent-type: image/fits\r\n";
   for (int i = 0; i < 4; ++i) srv.push({kOk});
+  const size_t mark = logText().size();
   Exchange ex;
   ASSERT_EQ(0, ex.get("127.0.0.1", srv.port()));
-  EXPECT_EQ(statusDoc("SUCCESS", "done"), ex.data.pdata);
   ASSERT_EQ(0, ex.post("127.0.0.1", srv.port(), dir.write("big.fits", content), ""));
   tobasSetAuthorization(auth.c_str());
   ASSERT_EQ(0, ex.get("localhost", srv.port()));
@@ -71,23 +70,23 @@ TEST(TobasTransport, RequestBytes) {
   EXPECT_NO_GROWTH(inUse, 65536);  // sending a file leaves no buffer behind
   tobasSetAuthorization(nullptr);
   EXPECT_EQ(nullptr, tobasGetAuthorization());
-  const std::vector<std::string> sent{get + "\n",
-                                      post + std::to_string(content.size()) + disp + "\r\n\n" + content,
-                                      get + "Authorization: Basic%20" + auth + "\r\n\n",
-                                      post + "5" + disp + "\r\nAuthorization: Basic " + auth + "\r\n\nhello"};
+  const std::vector<std::string> sent{
+      get + "\n", post + "Content-length: " + std::to_string(content.size()) + disp + "\r\n\n" + content,
+      get + "Authorization: Basic%20" + auth + "\r\n\n",  // longer than any fixed buffer
+      post + "Content-length: 5" + disp + "\r\nAuthorization: Basic " + auth + "\r\n\nhello"};
   EXPECT_EQ(sent, srv.requests());
+  EXPECT_EQ(std::string::npos, logText().find("[ERROR]", mark));  // a clean exchange logs no error
 }
 
 TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
-  const char nul[] = "HTTP/1.0 200 OK\r\nx: a\0b\r\n\r\n";
   std::string manyRows = "HTTP/1.0 200 OK\r\n";
   for (int i = 0; i < 600; ++i) manyRows += "x-row: " + std::to_string(i) + "\r\n";
   const ReadCase cases[] = {
       {"HTTP/1.0 200 OK Fine\r\nContent-Length: 12\r\nX-Mixed: Keep Case\r\n\r\nbody", true, 0},
       {std::string(130, 'x') + " 200 OK\r\n\r\n", true, tobasERR_INV_REPLY},  // first blank too far
       {manyRows + "\r\n", true, tobasERR_INV_REPLY},
-      {std::string(nul, sizeof nul - 1), true, tobasERR_INV_REPLY},  // a NUL byte
-      {"", false, tobasERR_TIMEOUT},                                 // nothing arrives
+      {"HTTP/1.0 200 OK\r\nx: a\0b\r\n\r\n"s, true, tobasERR_INV_REPLY},  // a NUL byte
+      {"", false, tobasERR_TIMEOUT},                                      // nothing arrives
   };
   _setReplyTimeoutFromFloat(0.2f);
   for (const auto& [bytes, closed, stat] : cases) {
@@ -122,18 +121,22 @@ TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
       {"short", false, tobasERR_TIMEOUT},  // stops before it: one wait, not eleven
   };
   _setReplyTimeoutFromFloat(0.5f);
+  const size_t inUse = heapInUse();
   for (const auto& [bytes, closed, stat] : bodies) {
     Feed f(bytes, closed);
-    int fd = std::exchange(f.fds[0], -1);
+    const int sock = std::exchange(f.fds[0], -1);
+    int fd = sock;
     char* data = nullptr;
-    EXPECT_EQ(stat, tobasRecvData(&data, 10, &fd));
-    EXPECT_EQ(0, fd);  // closed by the reader
+    EXPECT_EQ(stat, tobasRecvData(&data, stat == 0 ? 10 : 1 << 20, &fd));  // a failed read frees its buffer
+    EXPECT_EQ(0, fd);
+    EXPECT_EQ(-1, fcntl(sock, F_GETFD));  // closed by the reader
     EXPECT_STREQ(stat == 0 ? "0123456789" : nullptr, data);
     free(data);
   }
+  EXPECT_NO_GROWTH(inUse, 65536);
 }
 
-TEST(TobasTransport, RedirectionKeepsThePathAndTracesEachHop) {
+TEST(TobasTransport, RedirectionKeepsThePath) {
   _setReplyTimeoutFromFloat(5);
   ArchiveServer first, second, bad;
   const std::string to2 = "Location: http://" + local(second.port()) + "/x\r\n";
@@ -142,16 +145,11 @@ TEST(TobasTransport, RedirectionKeepsThePathAndTracesEachHop) {
   first.push({httpReply(303, "", to2)});
   second.push({kOk});
   Exchange ex;
-  const size_t mark = logText().size();
   ASSERT_EQ(0, ex.get("127.0.0.1", first.port()));
   EXPECT_EQ(200, ex.resp.status);
-  const std::string log = logText().substr(mark);
-  const std::regex hop(R"(Entering _tobasHttpGet\(\))");  // each hop is traced
-  EXPECT_EQ(4, std::distance(std::sregex_iterator(log.begin(), log.end(), hop), std::sregex_iterator()));
-  for (auto* s : {&first, &second}) {
-    ASSERT_EQ(2u, s->requests().size());
-    for (const auto& r : s->requests()) EXPECT_EQ(0u, r.rfind("GET STATUS HTTP/1.0\n", 0)) << r;
-  }
+  const std::vector<std::string> twice(2, "GET STATUS HTTP/1.0\nUser-Agent: TOB/AS C-API\r\n\n");
+  EXPECT_EQ(twice, first.requests());
+  EXPECT_EQ(twice, second.requests());
   bad.push({httpReply(303, "", "Location: nowhere\r\n")});
   EXPECT_EQ(tobasERR_INV_REPLY, ex.get("127.0.0.1", bad.port()));
 }
@@ -162,17 +160,15 @@ TEST(TobasTransport, ServerListsRoundRobinFailOverAndBounds) {
   const int down = ArchiveServer().port();
   ASSERT_EQ(0, tobasParseSrvListId(
                    "rr", (local(h1.port()) + ",," + local(h2.port()) + "," + local(h3.port())).c_str()));
-  ASSERT_EQ(0, tobasParseSrvListId("fo", (local(down) + "," + local(h2.port())).c_str()));
   ASSERT_EQ(0, tobasParseSrvListId("down", local(down).c_str()));
   ASSERT_EQ(0, tobasParseSrvListId("post", (local(down) + "," + local(h1.port())).c_str()));
-  for (auto* s : {&h1, &h2, &h3, &h2, &h1}) s->push({kOk});
+  for (auto* s : {&h1, &h2, &h3, &h1}) s->push({kOk});
   Exchange ex;
   for (int i = 0; i < 3; ++i) ASSERT_EQ(0, ex.get("rr", 0));  // starts at h1, h2, h3
-  EXPECT_EQ(0, ex.get("fo", 0));                              // starts at the closed one, moves on
   EXPECT_EQ(tobasSTAT_FAILURE, ex.get("down", 0));
   EXPECT_EQ(tobasERR_CON, ex.get("127.0.0.1", down));  // a single host keeps its code
-  EXPECT_EQ(0, ex.post("post", 0, "", "abc"));
-  EXPECT_EQ((std::vector<size_t>{2, 2, 1}),
+  EXPECT_EQ(0, ex.post("post", 0, "", "abc"));         // starts at the closed one, moves on
+  EXPECT_EQ((std::vector<size_t>{2, 1, 1}),
             (std::vector<size_t>{h1.requests().size(), h2.requests().size(), h3.requests().size()}));
   EXPECT_HAS(h1.requests().back(), "\r\n\nabc");
 
@@ -196,12 +192,13 @@ TEST(TobasTransport, ServerListsRoundRobinFailOverAndBounds) {
   EXPECT_EQ(1, tobasParseSrvListId("many", many.c_str()));
   EXPECT_EQ(32, servers("many"));
 
+  const size_t mark = logText().size();
+  EXPECT_EQ(1, tobasParseSrvListId(std::string(128, 'i').c_str(), "a:1"));  // too long an ID
   int added = 0;
   while (added < 40 && tobasParseSrvListId(("fill" + std::to_string(added)).c_str(), "a:1") == 0) ++added;
   EXPECT_GE(added, tobasMAX_SRV_LISTS / 2);  // the other tests of a run take a few slots at most
   EXPECT_LT(added, tobasMAX_SRV_LISTS);
-  const size_t mark = logText().size();
-  EXPECT_EQ(1, tobasParseSrvListId("one-too-many", "a:1"));
+  EXPECT_HAS(logText().substr(mark), "[ERROR] Server list ID or server list too long");
   EXPECT_HAS(logText().substr(mark), "[ERROR] Illegal Server List ID or no more free slots");
   EXPECT_EQ(0, tobasParseSrvListId("partial", "a:1"));  // re-parsing a known list still works
 }
@@ -218,26 +215,21 @@ static void interruptEvery(int ms) {
 TEST(TobasTransport, TimeOutsHoldThroughSignals) {
   const int full = archivetest::fullBacklogPort();
   _setReplyTimeoutFromFloat(100);
-  for (bool signals : {false, true}) {
-    const auto start = std::chrono::steady_clock::now();
-    interruptEvery(signals ? 60 : 0);
-    EXPECT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", full));
-    interruptEvery(0);
-    // Not accepted within the bound, whatever the reply time-out; a signal does not end it early.
-    const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-    EXPECT_GE(secs, 0.45) << (signals ? "with signals" : "");
-    EXPECT_LT(secs, 3.0);
-  }
+  const auto start = std::chrono::steady_clock::now();
+  interruptEvery(60);
+  EXPECT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", full));
+  interruptEvery(0);
+  // Not accepted within the bound, whatever the reply time-out; a signal does not end it early.
+  const double secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_GE(secs, 0.45);
+  EXPECT_LT(secs, 3.0);
   for (const auto& [set, got] : {std::pair{0.0f, 1e8f}, {-3.0f, 1e8f}, {2.5f, 2.5f}}) {
     _setReplyTimeoutFromFloat(set);
     EXPECT_FLOAT_EQ(got, _getTimeOut());
   }
-  int p[2];
-  ASSERT_EQ(0, pipe(p));
+  Feed silent("", false);
   interruptEvery(60);
-  const int rc = _pollFd(p[0], 5.0f);
+  const int rc = _pollFd(silent.fds[0], 5.0f);
   interruptEvery(0);
   EXPECT_EQ(tobasERR_COM, rc);  // the fourth interrupted poll
-  close(p[0]);
-  close(p[1]);
 }

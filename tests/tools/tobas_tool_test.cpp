@@ -10,13 +10,9 @@
 
 namespace {
 
-struct ToolRun {
-  int status;  // -1: did not exit by itself
-  std::string out, err;
-};
+using ToolRun = std::tuple<int, std::string, std::string>;  // exit status (-1: killed), out, err
 
-// Runs the tool with `args` in `cwd` (PWD set to it), standard error into `errTo` if given; killed after 30
-// s.
+// Runs the tool with `args` in `cwd` (PWD set to it), standard error into `errTo` if given.
 ToolRun tool(const std::string& args, const std::string& cwd = "", const std::string& errTo = "") {
   TempDir io;
   const std::string cmd = (cwd.empty() ? "" : "cd " + cwd + " && PWD=" + cwd + " ") +
@@ -26,19 +22,11 @@ ToolRun tool(const std::string& args, const std::string& cwd = "", const std::st
   return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, readFile(io.file("out")), readFile(io.file("err"))};
 }
 
-std::string hostArgs(const ArchiveServer& srv) {
-  return "-host 127.0.0.1 -port " + std::to_string(srv.port()) + " ";
-}
-
 TEST(TobasToolUsage, InformationAndWrongCommandLines) {
   const std::string at1 = "-host 127.0.0.1 -port 1 -cmd ";
   std::string tooMany = at1 + "INIT";
   for (int i = 0; i < 17; ++i) tooMany += " -par p" + std::to_string(i);
-  const struct {
-    std::string args;
-    int status;
-    std::string message;
-  } cases[] = {
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"-help", 0, "-par <Parameter> [-val <Val>]"},
       {"-version", 0, ""},
       {"-license", 0, "Redistribution"},
@@ -57,19 +45,17 @@ TEST(TobasToolUsage, InformationAndWrongCommandLines) {
       {at1 + "OFFLINE -par force -val yes", 2, "parameter force: not a number: yes"},
       {at1 + "RETRIEVE -par file_version -val 2", 2, "RETRIEVE needs -par file_id"},
   };
-  for (const auto& c : cases) {
-    const ToolRun r = tool(c.args);
-    EXPECT_EQ(c.status, r.status) << c.args;
-    EXPECT_HAS(c.status ? r.err : r.out, c.message);
-    if (c.status) {
-      EXPECT_HAS(r.err, "try 'tobasCClient -help'");
-    }
+  for (const auto& [args, want, message] : cases) {
+    const auto [status, out, err] = tool(args);
+    EXPECT_EQ(want, status) << args;
+    EXPECT_HAS(want ? err : out, message);
+    EXPECT_EQ(want != 0, err.find("try 'tobasCClient -help'") != std::string::npos) << err;
   }
 }
 
 TEST(TobasTool, CommandsAndTheirRequests) {
   ArchiveServer srv;
-  const std::string at = hostArgs(srv);
+  const std::string at = "-host 127.0.0.1 -port " + std::to_string(srv.port()) + " ";
   auto status = [](const std::string& s, const std::string& m) { return httpReply(200, statusDoc(s, m)); };
   const struct {
     std::string args, reply;
@@ -79,59 +65,53 @@ TEST(TobasTool, CommandsAndTheirRequests) {
       {at + "-cmd status -status -auth c2VjcmV0", status("SUCCESS", "all well"), 0, "STATUS",
        "\nError Code:     0\nHost ID:        arcsrv1\nMessage:        all well\n"
        "Status:         SUCCESS\nState:          ONLINE\nSub-State:      IDLE\nTOB/AS Version: v3.1\n\n"},
-      // A command's own parameters take its own path; -noWait asks for an early reply.
+      // Own parameters take the command's path, others (and INIT) the generic form; failures exit 1.
       {at + "-cmd CLONE -noWait -par file_id -val f -par disk_id -val d=1", status("SUCCESS", "cloned"), 0,
        "CLONE?wait=\"0\"&file_id=\"f\"&disk_id=\"d=1\"", ""},
       {at + "-cmd ARCHIVE -timeOut 2.5 -par filename -val file:x -par mime_type -val a/b",
        status("SUCCESS", ""), 0,
        "ARCHIVE?filename=\"file:x\"&mime_type=\"a/b\"&no_versioning=\"0\"&wait=\"1\"&time_out=\"3\"", ""},
-      // Other parameters, and INIT, go in the generic form; an archive request takes them along.
       {at + "-cmd INIT -par a -val b=c -par flag -d", status("SUCCESS", "ok"), 0, "INIT&a=\"b%3Dc\"&flag",
        "<Status Date="},
-      {at + "-cmd ARCHIVE -timeOut 2.5 -par filename -val file:x -par tag -val t:1", status("SUCCESS", ""), 0,
-       "ARCHIVE?filename=\"file:x\"&mime_type=\"\"&no_versioning=\"0\"&wait=\"1\"&time_out=\"3\"&tag=\"t%"
-       "3A1\"",
+      {at + "-cmd ARCHIVE -timeOut 2.5 -par filename -val file:x -par tag -val t", status("SUCCESS", ""), 0,
+       "ARCHIVE?filename=\"file:x\"&mime_type=\"\"&no_versioning=\"0\"&wait=\"1\"&time_out=\"3\"&tag=\"t\"",
        ""},
-      // A failure: the status text on standard error, exit status 1.
       {at + "-cmd REGISTER -par path -val /data", status("FAILURE", "disk is full"), 1,
        "REGISTER?wait=\"1\"&path=\"/data\"", "REGISTER failed: disk is full"},
       {at + "-cmd ONLINE", httpReply(400, "no such command"), 1, "ONLINE?wait=\"1\"", "ONLINE failed"},
-      // -servers: the first server is closed, the second answers.
       {"-servers 127.0.0.1:" + std::to_string(ArchiveServer().port()) +
            ",127.0.0.1:" + std::to_string(srv.port()) + " -cmd STATUS -status",
        status("SUCCESS", "second server"), 0, "STATUS", "second server"},
   };
   for (const auto& c : cases) {
     srv.push({c.reply});
-    const ToolRun r = tool(c.args);
-    EXPECT_EQ(c.status, r.status) << c.args << ": " << r.err;
+    const auto [status, out, err] = tool(c.args);
+    EXPECT_EQ(c.status, status) << c.args << ": " << err;
     EXPECT_EQ(c.path, srv.lastPath());
-    EXPECT_HAS(r.out + r.err, c.shown);
+    EXPECT_HAS(out + err, c.shown);
   }
   EXPECT_HAS(srv.requests().front(), "Authorization: Basic%20c2VjcmV0");
 }
 
-// Retrieval into a named file, by default into the working folder "work", and into a folder given as
-// target with standard error on a terminal, where a long retrieval shows its progress. The path of the
-// file written goes to standard output.
+// Into a named file, the working folder, a target folder (on a terminal: with progress); the path is printed.
 TEST(TobasTool, Retrieval) {
   ArchiveServer srv;
   const int master = posix_openpt(O_RDWR | O_NOCTTY);
   if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0) GTEST_SKIP() << "no pseudo-terminal";
   const int tty = open(ptsname(master), O_RDWR | O_NOCTTY);  // keeps the terminal up between runs
-  const std::string body(3 << 20, 'r');
+  const std::string body(3 << 20, 'r'),
+      at = "-host 127.0.0.1 -port " + std::to_string(srv.port()) + " -cmd RETRIEVE -par file_id -val X:1";
   for (const auto& [target, written, onTty] :
        {std::tuple{"work/named", "named", false}, {"", "z.fits", false}, {"work", "z.fits", true}}) {
     TempDir root;
     const std::string work = root.file("work");
     ASSERT_EQ(0, mkdir(work.c_str(), 0700));
     srv.push({fileReply("z.fits", body), std::string::npos, onTty ? size_t{256} << 10 : 0});
-    const ToolRun r = tool(hostArgs(srv) + "-cmd RETRIEVE -par file_id -val X:1" +
-                               (*target ? " -target " + root.file(target) : ""),
-                           work, onTty ? ptsname(master) : "");
-    EXPECT_EQ(0, r.status) << r.err;
+    const auto [status, out, err] =
+        tool(at + (*target ? " -target " + root.file(target) : ""), work, onTty ? ptsname(master) : "");
+    EXPECT_EQ(0, status) << err;
     EXPECT_EQ(std::vector<std::string>{written}, listDir(work));
-    EXPECT_EQ(work + "/" + written + "\n", r.out);
+    EXPECT_EQ(work + "/" + written + "\n", out);
     EXPECT_EQ(body, readFile(work + "/" + written));
   }
   EXPECT_EQ("RETRIEVE?file_id=\"X%3A1\"", srv.lastPath());
