@@ -9,7 +9,6 @@
 #include <sybconn/SybUtils.h>
 #include <sybconn/SybaseConnection.h>
 
-#include <fstream>
 #include <functional>
 #include <memory>
 #include <sstream>
@@ -46,13 +45,13 @@ RR request(const std::string& id, int version, const std::string& disk, const st
 class Catalogue : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::stringstream schema;
+    std::string schema;
     for (const char* name : {"replication_queue", "file_catalogue", "safe_copies"})
-      schema
-          << std::ifstream(std::string(DA_SOURCE_DIR) + "/examples/schema/" + name + ".sqlite.sql").rdbuf();
+      schema +=
+          testsupport::readFile(std::string(DA_SOURCE_DIR) + "/examples/schema/" + name + ".sqlite.sql");
     SybaseConnection direct;
     ASSERT_EQ(direct.connect("sqlite:" + dir_.file("archive.db"), "ops", "pw"), 0);
-    ASSERT_EQ(direct.execute(schema.str()).commandSucceeded(), 1);
+    ASSERT_EQ(direct.execute(schema).commandSucceeded(), 1);
     conn_ = std::make_unique<ServiceConnectionSyb>(
         testsupport::Backend::current().server(dir_.file("archive.db")), "ops", "pw", "archive");
     ASSERT_EQ(conn_->acquire(), 0);
@@ -185,7 +184,7 @@ TEST_F(Catalogue, KestFileRoundTripsAndTheCopyToAnotherDisk) {
   const time_t before = time(nullptr);
   EXPECT_EQ(kest_.insert("D1", "F1", 1, "D2", *conn_), 1);
   EXPECT_EQ(kest_.insert("D1", "F1", 9, "D3", *conn_), 0);  // no such source row
-  files_.resize(3);  // appended to: the result counts these too
+  files_.resize(3);                                         // appended to: the result counts these too
   EXPECT_EQ(kest_.find("F1", 1, "D2", files_, *conn_), 4);
   EXPECT_EQ(str(files_.back()), "F1|F1.fits|1|D2|FITS|1000|4000|0||S|1700000000.123000");
   EXPECT_GE(files_.back().creationDate_.tv_sec, before - 1);  // stamped by the server now

@@ -9,7 +9,6 @@
 #include <chrono>
 #include <cmath>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <thread>
 
@@ -40,12 +39,12 @@ class Conditions : public ::testing::Test {
          "insert into TORV2_NightObs values ('REQ1', '123', 'PHO', 1), ('REQ2', '124', NULL, NULL), "
          "('REQ3', '125', 'CLR', 2), ('REQ4', '125', 'THN', 3), ('REQ4', '125', 'THN', 3)"}};
     for (const auto& [name, schema, rows] : dbs) {
-      std::stringstream sql;
-      sql << std::ifstream(std::string(DA_SOURCE_DIR) + "/examples/schema/" + schema + ".sqlite.sql").rdbuf()
-          << rows;
+      const std::string sql =
+          testsupport::readFile(std::string(DA_SOURCE_DIR) + "/examples/schema/" + schema + ".sqlite.sql") +
+          rows;
       SybaseConnection direct;
       ASSERT_EQ(direct.connect("sqlite:" + dir_.file(std::string(name) + ".db"), "u", "pw"), 0);
-      ASSERT_EQ(direct.execute(sql.str()).commandSucceeded(), 1) << name;
+      ASSERT_EQ(direct.execute(sql).commandSucceeded(), 1) << name;
     }
     std::filesystem::create_directory(dir_.file("sub"));
     server_ = backend().server(dir_.file("conditions.db"));

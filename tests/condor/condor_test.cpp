@@ -7,10 +7,8 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <map>
-#include <sstream>
 
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -20,12 +18,6 @@ namespace {
 namespace fs = std::filesystem;
 const std::string kStartDir = fs::current_path().string();  // taken at load, like the library's
 const std::string kStandIn = std::string(DA_SOURCE_DIR) + "/tests/support/condor_submit";
-
-std::string slurp(const std::string& path) {
-  std::stringstream s;
-  s << std::ifstream(path).rdbuf();
-  return s.str();
-}
 
 std::string submitFile(const std::string& executable, const std::string& id, const std::string& dir,
                        const std::string& arguments = "", std::string log = "") {
@@ -86,7 +78,7 @@ TEST_F(Condor, SubmitFileBytesAndDefaultsFromARelativeNameAfterChdir) {
   };
   for (const auto& c : cases) {
     EXPECT_EQ(c.job.save(), 0);
-    EXPECT_EQ(slurp(c.job.getFileName()), c.bytes);
+    EXPECT_EQ(testsupport::readFile(c.job.getFileName()), c.bytes);
     EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Saved condor submit file " + c.job.getFileName() + "\n"));
   }
   EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Job filename is " + byDefault.getFileName() + "\n"));
@@ -104,8 +96,8 @@ TEST_F(Condor, DagBytesInIdOrderWithReplacedParents) {
   ASSERT_EQ(dag.save(), 0);
   const std::string sections = "JOB a.cmd " + a.getFileName() + "\nJOB b.cmd " + b.getFileName() +
                                "\nJOB j.cmd " + j.getFileName() + "\nPARENT b.cmd a.cmd CHILD j.cmd\n";
-  EXPECT_EQ(slurp(dag.getFileName()), sections);
-  EXPECT_EQ(slurp(b.getFileName()), submitFile("/bin/true", "b.cmd", dir_.path()));
+  EXPECT_EQ(testsupport::readFile(dag.getFileName()), sections);
+  EXPECT_EQ(testsupport::readFile(b.getFileName()), submitFile("/bin/true", "b.cmd", dir_.path()));
   EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] File contents:\n" + sections + "\n"));
   EXPECT_EQ(dag.save(), 0);
   EXPECT_EQ(log_.count("<D> INFO  [ <t> ] Overwriting condor dag file " + dag.getFileName() + "\n"), 1u);
@@ -180,9 +172,10 @@ TEST_F(Condor, SubmitSavesFirstQuotesTheNameAndPassesTheResultBack) {
       ASSERT_TRUE(WIFEXITED(result)) << c.name;
       EXPECT_EQ(WEXITSTATUS(result), std::stoi(c.status)) << c.name;
     }
-    EXPECT_EQ(slurp(dir_.file("record")),
+    EXPECT_EQ(testsupport::readFile(dir_.file("record")),
               "condor_submit [" + j.getFileName() + "]\n" + submitFile("/bin/true", c.name, dir_.path()) +
-                  "condor_submit_dag [" + dag.getFileName() + "]\n" + slurp(dag.getFileName()));
+                  "condor_submit_dag [" + dag.getFileName() + "]\n" +
+                  testsupport::readFile(dag.getFileName()));
   }
   EXPECT_FALSE(fs::exists(kStartDir + "/gotcha") || fs::exists(kStartDir + "/gotcha2"));
   EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Executing shell command: " + kStandIn + " " + dir_.path() +
@@ -223,14 +216,14 @@ TEST_F(Condor, AssociationBlockRequests) {
     EXPECT_EQ(fs::exists(work), c.error.empty()) << c.n;
     if (!c.error.empty()) continue;
     auto expect = [&](const std::string& id, const std::string& arguments) {
-      EXPECT_EQ(slurp(work + "/" + id),
+      EXPECT_EQ(testsupport::readFile(work + "/" + id),
                 submitFile(exe, id, work, head + arguments + tail, dir_.file("logs/" + id)));
       return "JOB " + id + " " + work + "/" + id + "\n";
     };
     if (c.n <= 1) {
       expect("AB_7.cmd", "");
-      EXPECT_EQ(slurp(dir_.file("record")),
-                "condor_submit [" + work + "/AB_7.cmd]\n" + slurp(work + "/AB_7.cmd"));
+      EXPECT_EQ(testsupport::readFile(dir_.file("record")),
+                "condor_submit [" + work + "/AB_7.cmd]\n" + testsupport::readFile(work + "/AB_7.cmd"));
       continue;
     }
     std::map<std::string, std::string> jobs;  // id order
@@ -244,7 +237,8 @@ TEST_F(Condor, AssociationBlockRequests) {
     for (const auto& j : jobs) dag += expect(j.first, j.second);
     dag += expect("AB_7_join.cmd", " -j " + std::to_string(c.n));
     dag += "PARENT " + parents + "CHILD AB_7_join.cmd\n";
-    EXPECT_EQ(slurp(dir_.file("record")), "condor_submit_dag [" + work + "/AB_7.dag]\n" + dag);
+    EXPECT_EQ(testsupport::readFile(dir_.file("record")),
+              "condor_submit_dag [" + work + "/AB_7.dag]\n" + dag);
   }
 }
 

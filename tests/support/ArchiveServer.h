@@ -6,11 +6,12 @@
 #include <unistd.h>
 
 #include <deque>
-#include <fstream>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "tests/support/TempDir.h"
 
 namespace archivetest {
 
@@ -66,9 +67,7 @@ inline std::string fileReply(const std::string& fileName, const std::string& con
 // The port of a loopback listener whose backlog is full: a connect to it hangs until the client's time-out.
 int fullBacklogPort();
 
-inline std::string readFile(const std::string& path) {
-  return std::string(std::istreambuf_iterator<char>(std::ifstream(path).rdbuf()), {});
-}
+using testsupport::readFile;
 std::vector<std::string> listDir(const std::string& dir);  // sorted, hidden names too
 
 }  // namespace archivetest

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <stdexcept>
 
 namespace testsupport {
@@ -29,6 +30,10 @@ std::string TempDir::write(const std::string& name, const std::string& content, 
 void TempDir::scribble(const std::string& name, long offset, long length) const {
   std::fstream io(file(name), std::ios::binary | std::ios::in | std::ios::out);
   io.seekp(offset).write(std::string(static_cast<size_t>(length), '\xff').data(), length);
+}
+
+std::string readFile(const std::string& path) {
+  return std::string(std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {});
 }
 
 std::string TempDir::sealHome(const std::string& password) const {

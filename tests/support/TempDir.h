@@ -24,6 +24,8 @@ class TempDir {
   std::string path_;
 };
 
+std::string readFile(const std::string& path);  // the whole file; "" when it cannot be read
+
 }  // namespace testsupport
 
 #endif

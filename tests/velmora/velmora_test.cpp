@@ -6,7 +6,6 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
-#include <sstream>
 #include <thread>
 #include <tuple>
 
@@ -17,11 +16,7 @@
 namespace fs = std::filesystem;
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::stringstream s;
-  s << std::ifstream(path, std::ios::binary).rdbuf();
-  return s.str();
-}
+using testsupport::readFile;
 
 struct VelmoraTest : ::testing::Test {
   testsupport::TempDir dir;
@@ -81,7 +76,7 @@ TEST_F(VelmoraTest, LabelFileAndStatusFiles) {
   VelmoraArchiveRequest r;
   v.archive("CTX", "3600", "K_1", base + "/elsewhere/y", std::string(3000, 'v'), r);  // beyond 2 KB
   EXPECT_EQ(
-      slurp(in("y.lab")),
+      readFile(in("y.lab")),
       "[LABELFILE]\nlabelfile_version | 2.0\n[CONTEXT]\ntop_level | CTX\n[ARCHIVE_OBJECT]\nobject | CTX\n"
       "time_duration | 3600 | 3600\nglobal_key | K&#95;1\n[ARCHIVE_OBJECT_ATTRIBUTES]\nfilename | " +
           base + "/elsewhere/y\nvirtual_volume | " + std::string(3000, 'v') + "\n\n");
@@ -150,7 +145,7 @@ TEST_F(VelmoraTest, WholeCycleAgainstTheStandInTool) {
   Velmora::PendingMap pending;
   std::string reqFile, empty = "x";
   v.request("R", wanted, reqFile, pending).request("R", none, empty, pending);
-  EXPECT_EQ(slurp(reqFile),
+  EXPECT_EQ(readFile(reqFile),
             "global_key | K&#95;a\nlink_name | first\nglobal_key | K&#95;zz\nlink_name | second\n");
   EXPECT_EQ(pending.size() * 10 + pending.count(base + "/out/R/first") + pending.count("K_zz"), 42u);
   EXPECT_EQ(wanted[2].getStatus().substr(0, 7) + wanted[3].getStatus().substr(0, 7) + empty,
@@ -163,7 +158,7 @@ TEST_F(VelmoraTest, WholeCycleAgainstTheStandInTool) {
     v.checkReqStatus("R", reqFile, pending, delivered, failed, done);
     ASSERT_EQ(delivered.size() * 10 + failed.size() + done * 100, 111u);
   }
-  EXPECT_EQ(delivered[0].getLinkName() + failed[0].getStatus() + slurp(base + "/out/R/first"),
+  EXPECT_EQ(delivered[0].getLinkName() + failed[0].getStatus() + readFile(base + "/out/R/first"),
             "firstunknown global keya");
   EXPECT_TRUE(fs::exists(reqFile + ".done") && fs::exists(fs::path(reqFile).replace_extension("done")));
   v.removeFileRequest("R", delivered[0], pending);
