@@ -170,6 +170,7 @@ TEST_F(TobasLog, RotationDrivenByMarkerAndTimeOfDay) {
   EXPECT_LE(std::labs(stamp - static_cast<long>(time(nullptr))), 2);
   EXPECT_EQ(dir.path() + "/LOG-ROTATE_" + std::to_string(stamp) + "_client.log", rotated);
   EXPECT_EQ(0u, readFile(rotated).find("no marker yet\n"));
+  EXPECT_HAS(readFile(rotated), "[INFO] Rotating log file ...");
   const std::string fresh = readFile(log);
   EXPECT_EQ(1, std::count(fresh.begin(), fresh.end(), '\n'));
   EXPECT_HAS(fresh, "[INFO] LOG-ROTATE: " + std::to_string(stamp) + " - SYSTEM-ID: sys-7 [");
@@ -199,6 +200,7 @@ TEST_F(TobasLog, CleanUpOfRotatedFiles) {
   EXPECT_EQ(0, tobasCleanUpRotLogFiles(LEV3));  // two days old and older go
   EXPECT_EQ((std::vector<std::string>{"LOG-ROTATE", rotatedName(1), "client.log", "other.txt"}),
             listDir(dir.path()));
+  EXPECT_HAS(readFile(log), "Removing rotated log file: " + dir.file(rotatedName(3)));
   ASSERT_EQ(0, rename(dir.path().c_str(), (dir.path() + "-moved").c_str()));
   EXPECT_EQ(1, tobasCleanUpRotLogFiles(LEV3));
   rename((dir.path() + "-moved").c_str(), dir.path().c_str());
