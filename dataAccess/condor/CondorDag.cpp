@@ -107,21 +107,11 @@ int CondorDag::save() const {
     DA_LOG_ERROR("%s", refusal.c_str());
     return -1;
   }
-  bool existed = false;
-  const int fd = openForWriting(fileName_, existed);
-  if (existed) DA_LOG_INFO("Overwriting condor dag file %s", fileName_.c_str());
-  if (fd < 0) {
-    DA_LOG_ERROR("Can't open condor DAG file %s for writing", fileName_.c_str());
-    return -1;
-  }
+  if (pathExists(fileName_)) DA_LOG_INFO("Overwriting condor dag file %s", fileName_.c_str());
   std::string jobs, dependencies;
   for (const auto& node : dag_) {
     const CondorJob& job = node.first;
-    if (job.write() != 0) {
-      ::close(fd);
-      ::unlink(fileName_.c_str());
-      return -1;
-    }
+    if (job.write() != 0) return -1;
     jobs.append("JOB ").append(job.id_).append(" ").append(job.fileName_).append("\n");
   }
   for (const auto& node : dag_) {
@@ -130,11 +120,7 @@ int CondorDag::save() const {
     for (const CondorJob& p : node.second) dependencies.append(p.id_).append(" ");
     dependencies.append("CHILD ").append(node.first.id_).append("\n");
   }
-  if (!writeAndClose(fd, jobs + dependencies)) {
-    DA_LOG_ERROR("Can't write condor DAG file %s", fileName_.c_str());
-    ::unlink(fileName_.c_str());
-    return -1;
-  }
+  if (saveFile(fileName_, jobs + dependencies, "DAG") != 0) return -1;
   DA_LOG_DEBUG("Saved condor DAG submit file %s", fileName_.c_str());
   if (daLog::debugEnabled()) DA_LOG_DEBUG("File contents:\n%s%s", jobs.c_str(), dependencies.c_str());
   return 0;

@@ -69,17 +69,8 @@ int CondorJob::save() const {
 }
 
 int CondorJob::write() const {
-  bool existed = false;
-  const int fd = openForWriting(fileName_, existed);
-  if (existed) DA_LOG_INFO("Overwriting condor submit file %s", fileName_.c_str());
-  if (fd < 0) {
-    DA_LOG_ERROR("Can't open condor submit file %s for writing", fileName_.c_str());
-    return -1;
-  }
-  if (!writeAndClose(fd, contents())) {
-    DA_LOG_ERROR("Can't write condor submit file %s", fileName_.c_str());
-    return -1;
-  }
+  if (pathExists(fileName_)) DA_LOG_INFO("Overwriting condor submit file %s", fileName_.c_str());
+  if (saveFile(fileName_, contents(), "submit") != 0) return -1;
   DA_LOG_DEBUG("Saved condor submit file %s", fileName_.c_str());
   return 0;
 }

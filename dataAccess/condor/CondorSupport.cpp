@@ -1,4 +1,5 @@
 #include <daLog/Log.h>
+#include <dataAccess/common/FileReplace.h>
 #include <dataAccess/condor/CondorSupport.h>
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -64,23 +65,18 @@ bool pathExists(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0;
 }
 
-int openForWriting(const std::string& path, bool& existed) {
-  // O_EXCL first: the common case of a new file costs no extra stat.
-  int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-  existed = fd < 0 && errno == EEXIST;
-  if (existed) fd = ::open(path.c_str(), O_WRONLY | O_TRUNC | O_CLOEXEC);
-  return fd;
-}
-
-bool writeAndClose(int fd, const std::string& text) {
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += static_cast<size_t>(n);
+int saveFile(const std::string& path, const std::string& text, const char* kind) {
+  switch (replaceFile(path, text)) {
+    case FileReplace::Written:
+      return 0;
+    case FileReplace::CannotCreate:
+      DA_LOG_ERROR("Can't open condor %s file %s for writing", kind, path.c_str());
+      break;
+    case FileReplace::CannotWrite:
+      DA_LOG_ERROR("Can't write condor %s file %s", kind, path.c_str());
+      break;
   }
-  return ::close(fd) == 0 && done == text.size();
+  return -1;
 }
 
 std::string shellWord(const std::string& word) {

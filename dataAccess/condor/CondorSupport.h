@@ -28,12 +28,10 @@ std::string directoryName(const std::string& path);
 
 bool pathExists(const std::string& path);
 
-// Opens `path` for writing with truncation (created with mode 0666 less the
-// umask); `existed` tells whether something was there. -1 when it cannot be
-// opened.
-int openForWriting(const std::string& path, bool& existed);
-// Writes all of `text` to `fd` and closes it; false on any error.
-bool writeAndClose(int fd, const std::string& text);
+// Writes `text` as the file `path` through dataAccess::replaceFile (never
+// through a link). On failure logs "Can't open condor <kind> file <path> for
+// writing" or "Can't write condor <kind> file <path>" and returns -1.
+int saveFile(const std::string& path, const std::string& text, const char* kind);
 
 // `word` for a shell command line: as it stands when it holds only letters,
 // digits and _ . / + - , : = @ %, else in single quotes.

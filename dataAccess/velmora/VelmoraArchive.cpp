@@ -1,5 +1,6 @@
 // Velmora: construction, key encoding and archiving through label files.
 #include <daLog/Log.h>
+#include <dataAccess/common/FileReplace.h>
 #include <dataAccess/velmora/Velmora.h>
 #include <dataAccess/velmora/VelmoraSupport.h>
 #include <fcntl.h>
@@ -27,12 +28,7 @@ std::string fillTemplate(const std::string& tpl, const std::vector<std::string>&
 }
 
 bool writeThenRename(const std::string& path, const std::string& text) {
-  const std::string tmp = path + "." + Velmora::TMP_EXT;
-  {
-    std::ofstream out(tmp, std::ios::binary | std::ios::trunc);
-    if (!out || !(out << text).flush()) return false;
-  }
-  return std::rename(tmp.c_str(), path.c_str()) == 0;
+  return dataAccess::replaceFile(path, text) == dataAccess::FileReplace::Written;
 }
 
 }  // namespace velmora

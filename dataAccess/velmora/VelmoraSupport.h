@@ -11,7 +11,8 @@ namespace velmora {
 // Fills the "%s" placeholders of `tpl` in order with `args` (no length limit).
 std::string fillTemplate(const std::string& tpl, const std::vector<std::string>& args);
 
-// Writes `text` to path + ".tmp" and renames that to `path`. False on failure.
+// Writes `text` under a fresh temporary name created exclusively beside
+// `path` and renames it to `path` (dataAccess::replaceFile). False on failure.
 bool writeThenRename(const std::string& path, const std::string& text);
 
 enum class ErrorLine { Blank, Entry, Malformed };

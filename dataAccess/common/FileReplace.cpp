@@ -1,0 +1,63 @@
+// Exclusive creation of a temporary beside the target, then rename.
+#include <dataAccess/common/FileReplace.h>
+#include <fcntl.h>
+#include <sys/random.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+namespace dataAccess {
+namespace {
+
+// Twelve random lowercase letters and digits: 62 bits, so a name that an
+// attacker planted in advance is hit with negligible chance, and a retry on
+// EEXIST settles the rest.
+std::string randomTag() {
+  static const char alphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+  unsigned char bytes[12] = {};
+  size_t got = 0;
+  while (got < sizeof bytes) {
+    const ssize_t n = ::getrandom(bytes + got, sizeof bytes - got, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    got += static_cast<size_t>(n);
+  }
+  std::string tag;
+  for (const unsigned char b : bytes) tag += alphabet[b % (sizeof alphabet - 1)];
+  return tag;
+}
+
+bool writeAll(int fd, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = ::write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    done += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+}  // namespace
+
+FileReplace replaceFile(const std::string& path, const std::string& text) {
+  std::string tmp;
+  int fd = -1;
+  for (int attempt = 0; attempt < 16 && fd < 0; ++attempt) {
+    tmp = path + "." + randomTag() + ".tmp";
+    // O_NOFOLLOW adds nothing to O_EXCL (which already refuses a link) but
+    // states the intent.
+    fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (fd < 0 && errno != EEXIST) break;
+  }
+  if (fd < 0) return FileReplace::CannotCreate;
+  const bool written = writeAll(fd, text);
+  if (::close(fd) != 0 || !written || std::rename(tmp.c_str(), path.c_str()) != 0) {
+    ::unlink(tmp.c_str());
+    return FileReplace::CannotWrite;
+  }
+  return FileReplace::Written;
+}
+
+}  // namespace dataAccess
