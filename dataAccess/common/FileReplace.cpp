@@ -41,23 +41,38 @@ bool writeAll(int fd, const std::string& text) {
 
 }  // namespace
 
-FileReplace replaceFile(const std::string& path, const std::string& text) {
-  std::string tmp;
-  int fd = -1;
-  for (int attempt = 0; attempt < 16 && fd < 0; ++attempt) {
-    tmp = path + "." + randomTag() + ".tmp";
+FileReplacement::FileReplacement(const std::string& path) : path_(path) {
+  const std::string leaf = path.substr(path.rfind('/') + 1);
+  if (leaf.empty() || leaf == "." || leaf == "..") return;
+  for (int attempt = 0; attempt < 16 && fd_ < 0; ++attempt) {
+    tmp_ = path + "." + randomTag() + ".tmp";
     // O_NOFOLLOW adds nothing to O_EXCL (which already refuses a link) but
     // states the intent.
-    fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
-    if (fd < 0 && errno != EEXIST) break;
+    fd_ = ::open(tmp_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+    if (fd_ < 0 && errno != EEXIST) break;
   }
-  if (fd < 0) return FileReplace::CannotCreate;
-  const bool written = writeAll(fd, text);
-  if (::close(fd) != 0 || !written || std::rename(tmp.c_str(), path.c_str()) != 0) {
-    ::unlink(tmp.c_str());
+}
+
+FileReplacement::~FileReplacement() {
+  if (fd_ < 0) return;
+  ::close(fd_);
+  ::unlink(tmp_.c_str());
+}
+
+FileReplace FileReplacement::commit(const std::string& text) {
+  if (fd_ < 0) return FileReplace::CannotCreate;
+  const bool written = writeAll(fd_, text);
+  const bool closed = ::close(fd_) == 0;
+  fd_ = -1;
+  if (!closed || !written || std::rename(tmp_.c_str(), path_.c_str()) != 0) {
+    ::unlink(tmp_.c_str());
     return FileReplace::CannotWrite;
   }
   return FileReplace::Written;
+}
+
+FileReplace replaceFile(const std::string& path, const std::string& text) {
+  return FileReplacement(path).commit(text);
 }
 
 }  // namespace dataAccess

@@ -21,8 +21,32 @@ enum class FileReplace {
 // never opened, let alone written through; the rename then replaces whatever
 // stands at `path` (a link included) instead of following it. A watcher of
 // the folder sees either the old file or the whole new one. The file gets
-// mode 0666 less the umask, like any file the process creates.
+// mode 0666 less the umask, like any file the process creates. A path whose
+// last component is empty, "." or ".." names a folder: CannotCreate, and
+// nothing is created.
 FileReplace replaceFile(const std::string& path, const std::string& text);
+
+// replaceFile in two steps, for a writer that must know the file can be
+// created before it writes anything else: the constructor creates the
+// temporary, commit() writes and renames it. A temporary not committed is
+// removed by the destructor. One object belongs to one thread.
+class FileReplacement {
+ public:
+  explicit FileReplacement(const std::string& path);
+  ~FileReplacement();
+  FileReplacement(const FileReplacement&) = delete;
+  FileReplacement& operator=(const FileReplacement&) = delete;
+
+  bool created() const { return fd_ >= 0; }
+  // Writes `text` and renames the temporary to the path; CannotCreate when
+  // the temporary was not created (or was committed already).
+  FileReplace commit(const std::string& text);
+
+ private:
+  std::string path_;
+  std::string tmp_;
+  int fd_ = -1;
+};
 
 }  // namespace dataAccess
 

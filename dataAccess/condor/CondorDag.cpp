@@ -1,7 +1,6 @@
 #include <daLog/Log.h>
 #include <dataAccess/condor/CondorDag.h>
 #include <dataAccess/condor/CondorSupport.h>
-#include <unistd.h>
 
 #include <strings.h>
 #include <cstdlib>
@@ -24,7 +23,7 @@ bool validNodeName(const std::string& id) {
 }  // namespace
 
 CondorDag::CondorDag(const std::string& fileName) {
-  if (!validFileName(fileName)) {
+  if (!validPathName(fileName)) {
     DA_LOG_ERROR("CondorDag::CondorDag() - invalid dag filename %s", fileName.c_str());
     std::abort();
   }
@@ -107,7 +106,11 @@ int CondorDag::save() const {
     DA_LOG_ERROR("%s", refusal.c_str());
     return -1;
   }
-  if (pathExists(fileName_)) DA_LOG_INFO("Overwriting condor dag file %s", fileName_.c_str());
+  if (fileExists(fileName_)) DA_LOG_INFO("Overwriting condor dag file %s", fileName_.c_str());
+  // The DAG file's temporary is created before any job file is written, so
+  // that a DAG that cannot be written leaves no job files behind.
+  dataAccess::FileReplacement dagFile(fileName_);
+  if (!dagFile.created()) return reportSave(fileName_, dataAccess::FileReplace::CannotCreate, "DAG");
   std::string jobs, dependencies;
   for (const auto& node : dag_) {
     const CondorJob& job = node.first;
@@ -120,15 +123,15 @@ int CondorDag::save() const {
     for (const CondorJob& p : node.second) dependencies.append(p.id_).append(" ");
     dependencies.append("CHILD ").append(node.first.id_).append("\n");
   }
-  if (saveFile(fileName_, jobs + dependencies, "DAG") != 0) return -1;
+  if (reportSave(fileName_, dagFile.commit(jobs + dependencies), "DAG") != 0) return -1;
   DA_LOG_DEBUG("Saved condor DAG submit file %s", fileName_.c_str());
   if (daLog::debugEnabled()) DA_LOG_DEBUG("File contents:\n%s%s", jobs.c_str(), dependencies.c_str());
   return 0;
 }
 
 int CondorDag::submit() const {
-  if (!pathExists(fileName_)) save();
-  if (!pathExists(fileName_)) {
+  if (!fileExists(fileName_)) save();
+  if (!fileExists(fileName_)) {
     DA_LOG_ERROR("Can't submit non-existent file %s", fileName_.c_str());
     return -1;
   }

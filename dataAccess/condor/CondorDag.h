@@ -9,11 +9,15 @@
 
 // A graph of Condor jobs with parent-child dependencies, written as a DAG
 // file and submitted with condor_submit_dag, which runs each job once its
-// parents have finished. A graph is used by one thread at a time.
+// parents have finished.
+//
+// Thread safety: several threads may call the const methods of one graph at
+// once; a thread that calls addJob or a setter needs the graph to itself.
 class CondorDag {
  public:
   // `fileName` names the DAG file, completed and checked as CondorJob's
-  // submit-file name is (an invalid name aborts the process).
+  // submit-file name is (only an empty name or a NUL byte aborts the
+  // process; a name of a folder fails at save).
   explicit CondorDag(const std::string& fileName);
 
   const std::string& getFileName() const { return fileName_; }
@@ -33,15 +37,16 @@ class CondorDag {
   // Saves every job's submit file and writes the DAG file: a JOB line per job
   // in id order, then a PARENT ... CHILD line per job with parents. 0 on
   // success. -1, with nothing written, for an empty graph, a job that cannot
-  // be saved (see CondorJob::save), and a graph that condor_submit_dag would
-  // reject: a node name holding white space or '+' or spelling PARENT or
-  // CHILD in any case, two jobs of one name, a submit-file name holding white
-  // space, a parent that was not added, a cycle. -1 also when a file cannot
-  // be written.
+  // be saved (see CondorJob::save), a DAG file that cannot be created, and a
+  // graph that condor_submit_dag would reject: a node name holding white
+  // space or '+' or spelling PARENT or CHILD in any case, two jobs of one
+  // name, a submit-file name holding white space, a parent that was not
+  // added, a cycle. -1 also when a file cannot be written (job files written
+  // by then stay).
   int save() const;
-  // Saves the graph first if the DAG file does not exist, then runs the
-  // submit command. Returns what system() returned, or -1 when there is no
-  // file to submit.
+  // Saves the graph first if no regular file stands at the DAG file's name,
+  // then runs the submit command. Returns what system() returned, or -1 when
+  // there is no file to submit.
   int submit() const;
 
  private:

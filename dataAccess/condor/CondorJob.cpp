@@ -7,7 +7,7 @@
 using namespace dataAccess::condor;
 
 CondorJob::CondorJob(const std::string& fileName) {
-  if (!validFileName(fileName)) {
+  if (!validPathName(fileName)) {
     DA_LOG_ERROR("CondorJob::CondorJob() - invalid job filename %s", fileName.c_str());
     std::abort();
   }
@@ -69,15 +69,15 @@ int CondorJob::save() const {
 }
 
 int CondorJob::write() const {
-  if (pathExists(fileName_)) DA_LOG_INFO("Overwriting condor submit file %s", fileName_.c_str());
-  if (saveFile(fileName_, contents(), "submit") != 0) return -1;
+  if (fileExists(fileName_)) DA_LOG_INFO("Overwriting condor submit file %s", fileName_.c_str());
+  if (reportSave(fileName_, dataAccess::replaceFile(fileName_, contents()), "submit") != 0) return -1;
   DA_LOG_DEBUG("Saved condor submit file %s", fileName_.c_str());
   return 0;
 }
 
 int CondorJob::submit() const {
-  if (!pathExists(fileName_)) save();
-  if (!pathExists(fileName_)) {
+  if (!fileExists(fileName_)) save();
+  if (!fileExists(fileName_)) {
     DA_LOG_ERROR("Can't submit non-existent file %s", fileName_.c_str());
     return -1;
   }

@@ -5,7 +5,10 @@
 
 // One batch job for the Condor workload manager: writes its submit file and
 // submits it with condor_submit through the shell. Also the node type of a
-// CondorDag. A job is used by one thread at a time.
+// CondorDag.
+//
+// Thread safety: several threads may call the const methods of one job at
+// once; a thread that calls a setter needs the job to itself.
 class CondorJob {
  public:
   // `fileName` names the submit file; a relative name is completed against
@@ -13,9 +16,11 @@ class CondorJob {
   // later chdir of the host program does not move the job. The job's id is
   // the file's last component; output, error and log default to id + ".out",
   // ".err" and ".log", the initial directory to the submit file's folder.
-  // A name that is empty, holds a NUL byte, or whose last component is
-  // empty, "." or ".." is a bug of the caller: an ERROR line is logged and
-  // the process is aborted (in every build type).
+  // A name that is empty or holds a NUL byte is a bug of the caller: an
+  // ERROR line is logged and the process is aborted (in every build type).
+  // A name whose last component is empty, "." or ".." ("dir/", "x/..") is
+  // accepted here and fails at save with the "Can't open" line instead: a
+  // server that takes job names from requests must not die for one.
   explicit CondorJob(const std::string& fileName);
 
   const std::string& getId() const { return id_; }
@@ -38,9 +43,11 @@ class CondorJob {
   // Writes the ten-line submit file (an existing one is overwritten). 0 on
   // success; -1, with nothing written, when no executable is set, when a
   // value holds a line feed (it would add lines to the file) or when the file
-  // cannot be opened.
+  // cannot be created (its name names a folder, its folder is missing).
+  // Written under a temporary name and renamed, never through a link.
   int save() const;
-  // Saves the file first if it does not exist, then runs the submit command.
+  // Saves the file first if no regular file stands at its name, then runs
+  // the submit command.
   // Returns what system() returned (a wait status: WEXITSTATUS gives the
   // command's exit code), or -1 when there is no file to submit.
   int submit() const;

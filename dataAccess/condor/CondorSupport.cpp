@@ -1,7 +1,5 @@
 #include <daLog/Log.h>
-#include <dataAccess/common/FileReplace.h>
 #include <dataAccess/condor/CondorSupport.h>
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -37,12 +35,6 @@ const std::string& initialWorkingDirectory() {
 
 bool validPathName(const std::string& name) { return !name.empty() && name.find('\0') == std::string::npos; }
 
-bool validFileName(const std::string& name) {
-  if (!validPathName(name)) return false;
-  const std::string leaf = leafName(name);
-  return !leaf.empty() && leaf != "." && leaf != "..";
-}
-
 std::string completePath(const std::string& name) {
   if (!name.empty() && name[0] == '/') return name;
   const std::string& base = initialWorkingDirectory();
@@ -65,8 +57,13 @@ bool pathExists(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0;
 }
 
-int saveFile(const std::string& path, const std::string& text, const char* kind) {
-  switch (replaceFile(path, text)) {
+bool fileExists(const std::string& path) {
+  struct stat st {};
+  return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
+}
+
+int reportSave(const std::string& path, FileReplace result, const char* kind) {
+  switch (result) {
     case FileReplace::Written:
       return 0;
     case FileReplace::CannotCreate:

@@ -4,6 +4,8 @@
 // Pieces the Condor classes share: path names completed against the
 // process's initial working directory, file tests and shell quoting.
 
+#include <dataAccess/common/FileReplace.h>
+
 #include <string>
 
 namespace dataAccess {
@@ -14,9 +16,6 @@ const std::string& initialWorkingDirectory();
 
 // A usable path name: not empty and free of NUL bytes.
 bool validPathName(const std::string& name);
-// A usable file name: a valid path name whose last component is a name
-// (not empty, "." or "..").
-bool validFileName(const std::string& name);
 
 // `name` as it stands when absolute, else the initial working directory,
 // "/" and `name`.
@@ -27,11 +26,13 @@ std::string leafName(const std::string& path);
 std::string directoryName(const std::string& path);
 
 bool pathExists(const std::string& path);
+// True when a regular file (or a link to one) stands at `path`.
+bool fileExists(const std::string& path);
 
-// Writes `text` as the file `path` through dataAccess::replaceFile (never
-// through a link). On failure logs "Can't open condor <kind> file <path> for
-// writing" or "Can't write condor <kind> file <path>" and returns -1.
-int saveFile(const std::string& path, const std::string& text, const char* kind);
+// 0 when `result` is Written; else logs "Can't open condor <kind> file <path>
+// for writing" (CannotCreate) or "Can't write condor <kind> file <path>" and
+// returns -1.
+int reportSave(const std::string& path, FileReplace result, const char* kind);
 
 // `word` for a shell command line: as it stands when it holds only letters,
 // digits and _ . / + - , : = @ %, else in single quotes.

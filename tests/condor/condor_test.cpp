@@ -51,39 +51,15 @@ class Condor : public ::testing::Test {
 TEST_F(Condor, SubmitFileBytesAndDefaultsFromARelativeNameAfterChdir) {
   const std::string rel = fs::relative(dir_.path(), kStartDir).string();
   ASSERT_EQ(::chdir("/"), 0);
-  CondorJob byDefault(rel + "/x.cmd");
-  byDefault.setExecutable("/bin/true");
-  EXPECT_EQ(byDefault.getFileName(), kStartDir + "/" + rel + "/x.cmd");
-  EXPECT_EQ(byDefault.getId(), "x.cmd");
-  CondorJob set = job("y.cmd");
-  set.setUniverse("local");
-  set.setExecutable("/bin/echo");
-  set.setOutput("o");
-  set.setError("e");
-  set.setLog("l");
-  set.setArguments("-v 1");
-  set.setShouldTransferFiles("YES");
-  set.setInitialDir("/i");
-  set.setNotification("Always");
-  const struct {
-    const CondorJob& job;
-    std::string bytes;
-  } cases[] = {
-      {byDefault, submitFile("/bin/true", "x.cmd", kStartDir + "/" + rel)},
-      {set,
-       "universe              = local\nexecutable            = /bin/echo\noutput                = o\nerror"
-       "                 = e\nlog                   = l\narguments             = -v 1\nshould_transfer_files "
-       "= "
-       "YES\ninitialdir            = /i\nnotification          = Always\nqueue\n"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.job.save(), 0);
-    EXPECT_EQ(testsupport::readFile(c.job.getFileName()), c.bytes);
-    EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Saved condor submit file " + c.job.getFileName() + "\n"));
-  }
-  EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Job filename is " + byDefault.getFileName() + "\n"));
-  EXPECT_EQ(set.save(), 0);
-  EXPECT_EQ(log_.count("<D> INFO  [ <t> ] Overwriting condor submit file " + set.getFileName() + "\n"), 1u);
+  CondorJob j(rel + "/x.cmd");
+  j.setExecutable("/bin/true");
+  EXPECT_EQ(j.getFileName(), kStartDir + "/" + rel + "/x.cmd");
+  EXPECT_EQ(j.getId(), "x.cmd");
+  EXPECT_EQ(j.save() + j.save(), 0);
+  EXPECT_EQ(testsupport::readFile(j.getFileName()), submitFile("/bin/true", "x.cmd", kStartDir + "/" + rel));
+  EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Job filename is " + j.getFileName() + "\n"));
+  EXPECT_EQ(log_.count("<D> DEBUG [ <t> ] Saved condor submit file " + j.getFileName() + "\n"), 2u);
+  EXPECT_EQ(log_.count("<D> INFO  [ <t> ] Overwriting condor submit file " + j.getFileName() + "\n"), 1u);
 }
 
 TEST_F(Condor, DagBytesInIdOrderWithReplacedParents) {
@@ -93,7 +69,11 @@ TEST_F(Condor, DagBytesInIdOrderWithReplacedParents) {
   dag.addJob(b);
   dag.addJob(a);
   dag.addJob(j, {b, a});
+  for (const auto& name : {a.getFileName(), dag.getFileName()})  // dangling links: replaced, not followed
+    ASSERT_EQ(::symlink(dir_.file("gone").c_str(), name.c_str()), 0);
   ASSERT_EQ(dag.save(), 0);
+  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(a.getFileName())) && !fs::exists(dir_.file("gone")));
+  EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(dag.getFileName())));
   const std::string sections = "JOB a.cmd " + a.getFileName() + "\nJOB b.cmd " + b.getFileName() +
                                "\nJOB j.cmd " + j.getFileName() + "\nPARENT b.cmd a.cmd CHILD j.cmd\n";
   EXPECT_EQ(testsupport::readFile(dag.getFileName()), sections);
@@ -106,8 +86,12 @@ TEST_F(Condor, DagBytesInIdOrderWithReplacedParents) {
 TEST_F(Condor, RefusalsLogTheCauseAndWriteNothing) {
   CondorJob noExecutable(dir_.file("n.cmd")), lineFeed = job("lf.cmd");
   lineFeed.setArguments("1\nqueue");
-  const CondorJob a = job("a"), b = job("b"), dotted = job("x.y");
-  const std::string a2 = dir_.file("sub/a");
+  const CondorJob a = job("a"), dotted = job("x.y");
+  auto dagOf = [&](const std::string& name) {
+    CondorDag dag(dir_.file(name));
+    dag.addJob(a);
+    return dag;
+  };
   const struct {
     std::function<int()> save;
     std::string error;
@@ -116,10 +100,21 @@ TEST_F(Condor, RefusalsLogTheCauseAndWriteNothing) {
       {[&] { return lineFeed.save(); },
        "CondorJob::save() - line feed in the arguments value of " + lineFeed.getFileName()},
       {[&] { return CondorDag(dir_.file("g")).save(); }, "CondorDag::save() - empty DAG"},
+      {[&] { return job(".").save(); }, "Can't open condor submit file " + dir_.file(".") + " for writing"},
+      {[&] { return job("sub/").save(); },
+       "Can't open condor submit file " + dir_.file("sub/") + " for writing"},
+      {[&] { return job("sub").save(); }, "Can't write condor submit file " + dir_.file("sub")},
+      {[&] { return job(".").submit(); }, "Can't submit non-existent file " + dir_.file(".")},
+      {[&] { return dagOf("x/..").save(); },
+       "Can't open condor DAG file " + dir_.file("x/..") + " for writing"},
+      {[&] { return dagOf("no/g").save(); },
+       "Can't open condor DAG file " + dir_.file("no/g") + " for writing"},
   };
+  ::mkdir(dir_.file("sub").c_str(), 0700);
   for (const auto& c : cases) {
     EXPECT_EQ(c.save(), -1) << c.error;
     EXPECT_TRUE(log_.containsFragment("ERROR [ <t> ] " + c.error)) << c.error;
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 1) << c.error;  // the folder sub only
   }
   const struct {
     std::vector<std::pair<std::string, std::vector<std::string>>> nodes;  // name, parents
@@ -133,9 +128,10 @@ TEST_F(Condor, RefusalsLogTheCauseAndWriteNothing) {
       {{{"a", {"b"}}, {"b", {"x.y"}}, {"x.y", {"a"}}}, "cycle through node a"},
       {{{"a", {"a"}}}, "cycle through node a"},
       {{{"a", {}}, {"sub/a", {}}}, "two jobs named a"},
+      {{{"w x/a", {}}}, "white space in the submit file name of node a"},
+      {{{"a", {}}, {"x/..", {}}}, "Can't open condor submit file " + dir_.file("x/..") + " for writing"},
       {{{"a", {}}, {"n.cmd", {"a"}}}, "CondorJob::save() - executable is not defined"},
   };
-  ::mkdir(dir_.file("sub").c_str(), 0700);
   for (const auto& g : graphs) {
     CondorDag dag(dir_.file("g.dag"));
     for (const auto& node : g.nodes) {
@@ -243,7 +239,7 @@ TEST_F(Condor, AssociationBlockRequests) {
 }
 
 TEST(CondorDeath, InvalidNamesStopTheProcess) {
-  const std::string names[] = {"", std::string("a\0b", 3), "dir/", "x/..", "."};
+  const std::string names[] = {"", std::string("a\0b", 3)};
   for (const auto& name : names) {
     EXPECT_DEATH(CondorJob{name}, "CondorJob::CondorJob\\(\\) - invalid job filename");
     EXPECT_DEATH(CondorDag{name}, "CondorDag::CondorDag\\(\\) - invalid dag filename");
