@@ -17,13 +17,13 @@ std::mutex g_commandsMutex;
 std::string g_jobCommand = "condor_submit";
 std::string g_dagCommand = "condor_submit_dag";
 
-// mkdir -p; true when `dir` is a folder afterwards.
-bool makeDirectories(const std::string& dir) {
+// Creates the folder `dir` unless one is there; true when it is a folder
+// afterwards. Its parent is not created: that is a folder the caller named,
+// checked to exist.
+bool makeDirectory(const std::string& dir) {
   struct stat st {};
-  if (::stat(dir.c_str(), &st) == 0) return S_ISDIR(st.st_mode);
-  const std::string parent = directoryName(dir);
-  if (!parent.empty() && parent != dir && !makeDirectories(parent)) return false;
-  return ::mkdir(dir.c_str(), 0777) == 0 || errno == EEXIST;
+  return (::mkdir(dir.c_str(), 0777) == 0 || errno == EEXIST) && ::stat(dir.c_str(), &st) == 0 &&
+         S_ISDIR(st.st_mode);
 }
 
 // The layout of one association block's submission: every choice the
@@ -31,11 +31,11 @@ bool makeDirectories(const std::string& dir) {
 struct AbLayout {
   std::string block, user, executable, workDir, base, inputDir, outputDir, logDir;
 
-  std::string common() const { return " -i " + inputDir + " -o " + outputDir; }
+  std::string folders() const { return " -i " + inputDir + " -o " + outputDir; }
   CondorJob job(const std::string& suffix, const std::string& arguments, const std::string& command) const {
     CondorJob job(workDir + "/" + base + suffix);
     job.setExecutable(executable);
-    job.setArguments("-a " + block + " -u " + user + arguments + common());
+    job.setArguments("-a " + block + " -u " + user + arguments);
     job.setLog(logDir + "/" + job.getId() + ".log");
     job.setSubmitCommand(command);
     return job;
@@ -56,7 +56,7 @@ int CondorSubmit::checkPath(const std::string& path) {
     DA_LOG_ERROR("CondorSubmit - invalid path %s", path.c_str());
     return -1;
   }
-  if (!pathExists(completePath(path))) {
+  if (!pathExists(path)) {
     DA_LOG_ERROR("CondorSubmit - non-existent path %s", path.c_str());
     return -1;
   }
@@ -84,7 +84,7 @@ int CondorSubmit::submitAbToCondor(const std::string& path1, int nExtensions, co
     return -1;
   }
   AbLayout ab;
-  ab.block = completePath(path1);
+  ab.block = path1;
   ab.user = userName;
   ab.executable = completePath(path3);
   ab.base = baseName(ab.block);
@@ -92,7 +92,7 @@ int CondorSubmit::submitAbToCondor(const std::string& path1, int nExtensions, co
   ab.inputDir = completePath(path5);
   ab.outputDir = completePath(path6);
   ab.logDir = completePath(path7);
-  if (!makeDirectories(ab.workDir)) {
+  if (!makeDirectory(ab.workDir)) {
     DA_LOG_ERROR("submitAbToCondor - could not create directory %s", ab.workDir.c_str());
     return -1;
   }
@@ -102,12 +102,7 @@ int CondorSubmit::submitAbToCondor(const std::string& path1, int nExtensions, co
     jobCommand = g_jobCommand;
     dagCommand = g_dagCommand;
   }
-  // Saved before submitting, so that the files of an earlier request for
-  // the same block are replaced rather than submitted again.
-  if (nExtensions <= 1) {
-    const CondorJob job = ab.job(".cmd", "", jobCommand);
-    return job.save() == 0 ? job.submit() : -1;
-  }
+  if (nExtensions <= 1) return ab.job(".cmd", ab.folders(), jobCommand).submit();
 
   CondorDag dag(ab.workDir + "/" + ab.base + ".dag");
   dag.setSubmitCommand(dagCommand);
@@ -117,6 +112,7 @@ int CondorSubmit::submitAbToCondor(const std::string& path1, int nExtensions, co
     extensions.push_back(ab.job("_" + n + ".cmd", " -e " + n, jobCommand));
     dag.addJob(extensions.back());
   }
-  dag.addJob(ab.job("_join.cmd", " -j " + std::to_string(nExtensions), jobCommand), extensions);
-  return dag.save() == 0 ? dag.submit() : -1;
+  dag.addJob(ab.job("_join.cmd", " -j " + std::to_string(nExtensions) + ab.folders(), jobCommand),
+             extensions);
+  return dag.submit();
 }

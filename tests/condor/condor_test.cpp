@@ -185,39 +185,46 @@ TEST_F(Condor, SubmitSavesFirstQuotesTheNameAndPassesTheResultBack) {
 TEST_F(Condor, AssociationBlockRequests) {
   for (const char* d : {"in", "out", "logs", "work"}) ::mkdir(dir_.file(d).c_str(), 0700);
   const std::string ab = dir_.write("AB_7.xml", ""), exe = dir_.write("proc", ""), in = dir_.file("in");
-  const std::string work = dir_.file("work/AB_7"), head = "-a " + ab + " -u ops";
   const std::string tail = " -i " + in + " -o " + dir_.file("out");
   const struct {
     int n;
-    std::string user, in, error;
+    std::string user, in;
+    size_t errors;
+    std::string error, ab = "", root = "work";  // ab: relative to the current directory
   } cases[] = {
-      {2, "", dir_.file("nowhere"), "CondorSubmit - non-existent path " + dir_.file("nowhere")},
-      {2, "ops", "", "CondorSubmit - invalid path \n"},
-      {-1, "", in, "submitAbToCondor - invalid number of extensions"},
-      {0, "", in, "submitAbToCondor - invalid user name"},
-      {0, "ops", in, ""},
-      {1, "ops", in, ""},
-      {2, "ops", in, ""},
-      {11, "ops", in, ""},
+      {2, "", dir_.file("nowhere"), 1, "CondorSubmit - non-existent path " + dir_.file("nowhere")},
+      {2, "ops", "", 1, "CondorSubmit - invalid path \n"},
+      {-1, "", in, 1, "submitAbToCondor - invalid number of extensions"},
+      {0, "", in, 1, "submitAbToCondor - invalid user name"},
+      {0, "o\nq", in, 2, "Can't submit non-existent file " + dir_.file("work/AB_7/AB_7.cmd")},
+      {2, "o\nq", in, 2, "Can't submit non-existent file " + dir_.file("work/AB_7/AB_7.dag")},
+      {0, "ops", in, 0, ""},
+      {1, "ops", in, 0, ""},
+      {2, "ops", in, 0, "", "AB_7.xml"},
+      {11, "ops", in, 0, ""},
   };
   for (const auto& c : cases) {
     log_.clear();
+    const std::string work = dir_.file(c.root + "/AB_7"),
+                      head = "-a " + (c.ab.empty() ? ab : c.ab) + " -u ops";
     fs::remove_all(work);
     fs::remove(dir_.file("record"));
-    const int result = CondorSubmit::submitAbToCondor(ab, c.n, c.user, exe, dir_.file("work"), c.in,
-                                                      dir_.file("out"), dir_.file("logs"));
+    ASSERT_EQ(::chdir(c.ab.empty() ? kStartDir.c_str() : dir_.path().c_str()), 0);
+    const int result =
+        CondorSubmit::submitAbToCondor(c.ab.empty() ? ab : c.ab, c.n, c.user, exe, dir_.file(c.root), c.in,
+                                       dir_.file("out"), dir_.file("logs"));
     EXPECT_EQ(result, c.error.empty() ? 0 : -1) << c.n;
-    EXPECT_EQ(log_.count("ERROR"), c.error.empty() ? 0u : 1u) << c.n;
+    EXPECT_EQ(log_.count("ERROR"), c.errors) << c.n;
     EXPECT_TRUE(c.error.empty() || log_.containsFragment(c.error)) << c.error;
-    EXPECT_EQ(fs::exists(work), c.error.empty()) << c.n;
-    if (!c.error.empty()) continue;
+    EXPECT_EQ(fs::exists(work), c.errors != 1) << c.n;
+    if (c.errors > 0) continue;
     auto expect = [&](const std::string& id, const std::string& arguments) {
       EXPECT_EQ(testsupport::readFile(work + "/" + id),
-                submitFile(exe, id, work, head + arguments + tail, dir_.file("logs/" + id)));
+                submitFile(exe, id, work, head + arguments, dir_.file("logs/" + id)));
       return "JOB " + id + " " + work + "/" + id + "\n";
     };
     if (c.n <= 1) {
-      expect("AB_7.cmd", "");
+      expect("AB_7.cmd", tail);
       EXPECT_EQ(testsupport::readFile(dir_.file("record")),
                 "condor_submit [" + work + "/AB_7.cmd]\n" + testsupport::readFile(work + "/AB_7.cmd"));
       continue;
@@ -231,11 +238,16 @@ TEST_F(Condor, AssociationBlockRequests) {
     }
     std::string dag;
     for (const auto& j : jobs) dag += expect(j.first, j.second);
-    dag += expect("AB_7_join.cmd", " -j " + std::to_string(c.n));
+    dag += expect("AB_7_join.cmd", " -j " + std::to_string(c.n) + tail);
     dag += "PARENT " + parents + "CHILD AB_7_join.cmd\n";
     EXPECT_EQ(testsupport::readFile(dir_.file("record")),
               "condor_submit_dag [" + work + "/AB_7.dag]\n" + dag);
   }
+  dir_.write("work/AB_7/AB_7.cmd", "old\n");  // left by an earlier request: submitted as it stands
+  EXPECT_EQ(CondorSubmit::submitAbToCondor(ab, 0, "ops", exe, dir_.file("work"), in, dir_.file("out"),
+                                           dir_.file("logs")),
+            0);
+  EXPECT_TRUE(testsupport::readFile(dir_.file("record")).find("]\nold\n") != std::string::npos);
 }
 
 TEST(CondorDeath, InvalidNamesStopTheProcess) {
