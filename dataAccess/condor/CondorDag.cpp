@@ -46,12 +46,13 @@ std::string CondorDag::graphRefusal() const {
   index.reserve(dag_.size());
   std::vector<const std::list<CondorJob>*> parents;
   parents.reserve(dag_.size());
+  const std::string dir = submitDir();
   for (const auto& node : dag_) {
     const CondorJob& job = node.first;
     const std::string refusal = job.saveRefusal();
     if (!refusal.empty()) return refusal;
     if (!validNodeName(job.id_)) return "CondorDag::save() - invalid node name " + job.id_;
-    if (hasWhiteSpace(job.fileName_))
+    if (hasWhiteSpace(jobLineName(job, dir)))
       return "CondorDag::save() - white space in the submit file name of node " + job.id_;
     if (!index.emplace(job.id_, parents.size()).second)
       return "CondorDag::save() - two jobs named " + job.id_;
@@ -96,6 +97,15 @@ std::string CondorDag::graphRefusal() const {
   return std::string();
 }
 
+std::string CondorDag::submitDir() const {
+  const std::string dir = directoryName(fileName_);
+  return hasWhiteSpace(dir) ? dir : std::string();
+}
+
+const std::string& CondorDag::jobLineName(const CondorJob& job, const std::string& submitDir) {
+  return !submitDir.empty() && directoryName(job.fileName_) == submitDir ? job.id_ : job.fileName_;
+}
+
 int CondorDag::save() const {
   if (dag_.empty()) {
     DA_LOG_ERROR("CondorDag::save() - empty DAG");
@@ -111,11 +121,12 @@ int CondorDag::save() const {
   // that a DAG that cannot be written leaves no job files behind.
   dataAccess::FileReplacement dagFile(fileName_);
   if (!dagFile.created()) return reportSave(fileName_, dataAccess::FileReplace::CannotCreate, "DAG");
+  const std::string dir = submitDir();
   std::string jobs, dependencies;
   for (const auto& node : dag_) {
     const CondorJob& job = node.first;
     if (job.write() != 0) return -1;
-    jobs.append("JOB ").append(job.id_).append(" ").append(job.fileName_).append("\n");
+    jobs.append("JOB ").append(job.id_).append(" ").append(jobLineName(job, dir)).append("\n");
   }
   for (const auto& node : dag_) {
     if (node.second.empty()) continue;
@@ -136,5 +147,5 @@ int CondorDag::submit() const {
     return -1;
   }
   DA_LOG_DEBUG("Submitting DAG %s", fileName_.c_str());
-  return runSubmitCommand(submitCommand_, fileName_);
+  return runSubmitCommand(submitCommand_, fileName_, submitDir());
 }

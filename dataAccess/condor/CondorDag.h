@@ -43,13 +43,22 @@ class CondorDag {
   // name, a submit-file name holding white space, a parent that was not
   // added, a cycle. -1 also when a file cannot be written (job files written
   // by then stay).
+  // A JOB line names the job's absolute submit-file name, except when the
+  // DAG's folder holds white space, which condor_submit_dag cannot read in a
+  // JOB line: the jobs in that folder are then named by their last component
+  // (the job id), relative to the folder, and submit() runs from there.
   int save() const;
   // Saves the graph first if no regular file stands at the DAG file's name,
-  // then runs the submit command. Returns what system() returned, or -1 when
-  // there is no file to submit.
+  // then runs the submit command (from the DAG's folder when that holds
+  // white space, see save). Returns what system() returned, or -1 when there
+  // is no file to submit.
   int submit() const;
 
  private:
+  // The DAG's folder when its JOB lines name jobs relative to it, else empty.
+  std::string submitDir() const;
+  // The submit-file name of `job` on its JOB line.
+  static const std::string& jobLineName(const CondorJob& job, const std::string& submitDir);
   // The ERROR line save() would log for the graph, or empty.
   std::string graphRefusal() const;
 

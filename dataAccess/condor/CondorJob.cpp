@@ -82,5 +82,5 @@ int CondorJob::submit() const {
     return -1;
   }
   DA_LOG_DEBUG("Submitting condor job %s", fileName_.c_str());
-  return runSubmitCommand(submitCommand_, fileName_);
+  return runSubmitCommand(submitCommand_, fileName_, std::string());
 }

@@ -89,8 +89,9 @@ std::string shellWord(const std::string& word) {
   return quoted + "'";
 }
 
-int runSubmitCommand(const std::string& command, const std::string& file) {
-  const std::string line = command + " " + shellWord(file);
+int runSubmitCommand(const std::string& command, const std::string& file, const std::string& dir) {
+  const std::string line =
+      (dir.empty() ? "" : "cd " + shellWord(dir) + " && ") + command + " " + shellWord(file);
   DA_LOG_DEBUG("Executing shell command: %s", line.c_str());
   return std::system(line.c_str());
 }

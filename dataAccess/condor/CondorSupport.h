@@ -39,8 +39,9 @@ int reportSave(const std::string& path, FileReplace result, const char* kind);
 std::string shellWord(const std::string& word);
 
 // Logs the shell command and runs `command` + " " + the quoted `file`
-// through the shell; returns the result of system().
-int runSubmitCommand(const std::string& command, const std::string& file);
+// through the shell, from the folder `dir` when it is not empty; returns the
+// result of system().
+int runSubmitCommand(const std::string& command, const std::string& file, const std::string& dir);
 
 }  // namespace condor
 }  // namespace dataAccess

@@ -183,7 +183,7 @@ TEST_F(Condor, SubmitSavesFirstQuotesTheNameAndPassesTheResultBack) {
 }
 
 TEST_F(Condor, AssociationBlockRequests) {
-  for (const char* d : {"in", "out", "logs", "work"}) ::mkdir(dir_.file(d).c_str(), 0700);
+  for (const char* d : {"in", "out", "logs", "work", "wo rk"}) ::mkdir(dir_.file(d).c_str(), 0700);
   const std::string ab = dir_.write("AB_7.xml", ""), exe = dir_.write("proc", ""), in = dir_.file("in");
   const std::string tail = " -i " + in + " -o " + dir_.file("out");
   const struct {
@@ -201,6 +201,7 @@ TEST_F(Condor, AssociationBlockRequests) {
       {0, "ops", in, 0, ""},
       {1, "ops", in, 0, ""},
       {2, "ops", in, 0, "", "AB_7.xml"},
+      {2, "ops", in, 0, "", "", "wo rk"},
       {11, "ops", in, 0, ""},
   };
   for (const auto& c : cases) {
@@ -221,7 +222,7 @@ TEST_F(Condor, AssociationBlockRequests) {
     auto expect = [&](const std::string& id, const std::string& arguments) {
       EXPECT_EQ(testsupport::readFile(work + "/" + id),
                 submitFile(exe, id, work, head + arguments, dir_.file("logs/" + id)));
-      return "JOB " + id + " " + work + "/" + id + "\n";
+      return "JOB " + id + " " + (c.root == "work" ? work + "/" : "") + id + "\n";
     };
     if (c.n <= 1) {
       expect("AB_7.cmd", tail);
