@@ -9,8 +9,9 @@
 //
 // Each path must exist where it is given: a relative one is looked up from
 // the current working directory. Their roles:
-//   path1  the association block, handed to each job as "-a <path1>", as
-//          given (a relative name reaches the jobs relative);
+//   path1  the association block, handed to each job as "-a <path1>" as it
+//          is given (a relative name stays relative; the jobs run in the
+//          working directory);
 //   path3  the executable every job runs;
 //   path4  the root of the working directories: the submission's files go
 //          into <path4>/<base>/ (created when missing; the root is not),
