@@ -29,6 +29,7 @@
 // that a malformed error status file throws ArcSysEx (checkReqStatus,
 // checkReqErrorStatus) and a missing status directory ends checkArchStatus
 // with std::filesystem::filesystem_error.
+// Thread safety: calls may overlap, except setPars, two sharing a PendingMap, two checkArchStatus on one map.
 class Velmora {
  public:
   static inline const std::string LAB_FILE_VER = "2.0";
