@@ -137,7 +137,7 @@ Velmora& Velmora::archive(const std::string& context, const std::string& duratio
                                                                {"virtual volume id", &virtualVolId}};
   std::string refused;
   for (const auto& [name, value] : values)
-    if (refused.empty() && velmora::hasControl(*value))
+    if (velmora::hasControl(*value))  // the last one is named
       refused = std::string("refused: label file not written, the ") + name + " has control characters";
   std::string written;
   if (refused.empty()) createLabelFile_(context, duration, globalKey, dataFile, virtualVolId, written);

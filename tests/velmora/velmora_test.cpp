@@ -88,11 +88,11 @@ TEST_F(VelmoraTest, LabelFileAndStatusFiles) {
   VelmoraArchiveRequest r;
   const std::string victim = dir.write("victim", "keep");
   for (const std::string& name : {in("y.lab"), in("y.lab.tmp")}) fs::create_symlink(victim, name);
-  v.archive("CTX", "3600", "K_1", base + "/elsewhere/y", std::string(3000, 'v'), r);   // beyond 2 KB
+  v.archive("C X", "3600", "K_1", base + "/elsewhere/y", std::string(3000, 'v'), r);   // beyond 2 KB
   EXPECT_EQ(readFile(victim) + std::to_string(fs::is_symlink(in("y.lab"))), "keep0");  // not written through
   EXPECT_EQ(
       readFile(in("y.lab")),
-      "[LABELFILE]\nlabelfile_version | 2.0\n[CONTEXT]\ntop_level | CTX\n[ARCHIVE_OBJECT]\nobject | CTX\n"
+      "[LABELFILE]\nlabelfile_version | 2.0\n[CONTEXT]\ntop_level | C X\n[ARCHIVE_OBJECT]\nobject | C X\n"
       "time_duration | 3600 | 3600\nglobal_key | K&#95;1\n[ARCHIVE_OBJECT_ATTRIBUTES]\nfilename | " +
           base + "/elsewhere/y\nvirtual_volume | " + std::string(3000, 'v') + "\n\n");
   EXPECT_EQ(r.getLabelFile() + r.getOkStatFile() + r.getErrStatFile() + r.getGlobalKey(),
@@ -186,8 +186,8 @@ TEST_F(VelmoraTest, WholeCycleAgainstTheStandInTool) {
   EXPECT_EQ(pending.size() * 10 + pending.count(base + "/out/R/first") + pending.count("K_zz"), 42u);
   EXPECT_EQ(wanted[2].getStatus().substr(0, 7) + wanted[3].getStatus().substr(0, 7) + readFile(empty) +
                 std::to_string(fs::exists(empty)),
-            "refusedrefused1");                                     // a request of no file is written too
-  for (const std::string name : {"", ".", "..", "../x", "a\tb"}) {  // would leave request/ and out/
+            "refusedrefused1");                                      // a request of no file is written too
+  for (const std::string name : {"", ".", "..", "../x", "a\x7f"}) {  // would leave request/ and out/
     std::vector<VelmoraFileRequest> one = {{"K_a", "l"}};
     v.request(name, one, empty, pending);
     EXPECT_EQ(one[0].getStatus().substr(0, 8) + empty + std::to_string(pending.size()), "refused:4") << name;
@@ -218,7 +218,7 @@ TEST_F(VelmoraTest, WholeCycleAgainstTheStandInTool) {
   mkfifo((reqFile + ".ERR").c_str(), 0600);
   v.checkReqStatus("S", reqFile, pending, delivered, failed, done);  // not waited on, nor renamed
   EXPECT_TRUE(fs::is_fifo(reqFile + ".ERR") && fs::remove(reqFile + ".ERR"));
-  std::ofstream(reqFile + ".ERR") << "K&#95;b lost\nbroken\n";
+  std::ofstream(reqFile + ".ERR") << "K&#95;b lost\nK&#95;b again\nbroken\n";
   try {
     v.checkReqErrorStatus("S", pending, failed);
     ADD_FAILURE() << "no exception";
