@@ -82,11 +82,11 @@ class Velmora {
   // .ERR (found by checkArchStatus only for data files in <base>/in). The
   // label text has no length limit. Names are written byte for byte, blanks
   // and non-ASCII bytes included. A label file that cannot be written is
-  // not written; nothing is reported. Unlike the tool's own interface, which
-  // takes any text, a value with control characters (a line feed would add
-  // a line to the label) is refused: logged at ERROR, no label file, and
-  // `req` gets a status starting with "refused" (the map overload then
-  // registers nothing).
+  // not written; nothing is reported. Deliberately, values are not all
+  // written as given: one with control characters (a line feed would add a
+  // line to the label) is refused: logged at ERROR, no label file, and `req`
+  // gets a status starting with "refused" (the map overload then registers
+  // nothing).
   Velmora& archive(const std::string& context, const std::string& duration, const std::string& globalKey,
                    const std::string& dataFile, const std::string& virtualVolId, VelmoraArchiveRequest& req);
   // As above, and registers the request in `map`.

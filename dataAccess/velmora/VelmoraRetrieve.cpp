@@ -46,7 +46,7 @@ bool parseErrorFile(const std::string& file, std::vector<ErrorEntry>& entries, s
 
 namespace {
 
-const char* const kNotPlainName = "a directory name, empty, or with '/' or control characters";
+const char* const kNotPlainName = "is empty, \".\", \"..\", or has '/' or control characters";
 
 // Why a wanted file cannot go into a request file, or empty.
 std::string refusal(const VelmoraFileRequest& r) {
@@ -190,8 +190,7 @@ Velmora& Velmora::checkReqStatus(const std::string& reqName, const std::string& 
 Velmora& Velmora::removeFileRequest(const std::string& reqName, VelmoraFileRequest& req,
                                     PendingMap& pending) {
   if (!velmora::plainName(reqName) || !velmora::plainName(req.getLinkName())) {
-    velmora::refuse("refused: not removing a link whose request or link name is " +
-                    std::string(kNotPlainName));
+    velmora::refuse(std::string("refused: no link removed, request or link name ") + kNotPlainName);
     return *this;
   }
   const std::string link = linkPath_(reqName, req.getLinkName());
