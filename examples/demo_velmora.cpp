@@ -53,6 +53,7 @@ int run(const std::string& work) {
   bool done = false;
   for (int poll = 1; !done && poll <= 5; ++poll) {
     tool.runOnce();
+    delivered.clear();  // every poll lists all deliveries; a failure only once, by the poll that reads it
     velmora.checkReqStatus("demo", reqFile, pending, delivered, lost, done);
     std::printf("   poll %d: %zu delivered, %zu failed, done: %s\n", poll, delivered.size(), lost.size(),
                 done ? "yes" : "no");

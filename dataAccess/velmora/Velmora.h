@@ -19,8 +19,11 @@
 //   <base>/request/<name>_<time>_<n>.req.ERR   the tool's list of failed deliveries
 //   <base>/out/<name>/<link name>    the delivered files (links)
 //
-// Every file the tool watches for is written under the name + ".tmp" and then
-// renamed into place, so the tool never reads half a file. Global keys are
+// Every file the tool watches for is written under a fresh, exclusively
+// created temporary name beside it and then renamed into place, so the tool
+// never reads half a file and a link planted in the shared folders is never
+// written through. Files the tool writes are read only when they are regular
+// files (a link is not followed, a FIFO or device never waited on). Global keys are
 // written encoded: every "_" becomes "&#95;". Decoding turns every "&#95;"
 // into "_", so a key that already contains "&#95;" comes back with "_" there.
 // The derived directories are always built from the base directory, also
@@ -29,6 +32,7 @@
 // that a malformed error status file throws ArcSysEx (checkReqStatus,
 // checkReqErrorStatus) and a missing status directory ends checkArchStatus
 // with std::filesystem::filesystem_error.
+// Thread safety: calls may overlap, except setPars, two sharing a PendingMap, two checkArchStatus on one map.
 class Velmora {
  public:
   static inline const std::string LAB_FILE_VER = "2.0";
@@ -78,7 +82,11 @@ class Velmora {
   // .ERR (found by checkArchStatus only for data files in <base>/in). The
   // label text has no length limit. Names are written byte for byte, blanks
   // and non-ASCII bytes included. A label file that cannot be written is
-  // not written; nothing is reported.
+  // not written; nothing is reported. Deliberately, values are not all
+  // written as given: one with control characters (a line feed would add a
+  // line to the label) is refused: logged at ERROR, no label file, and `req`
+  // gets a status starting with "refused" (the map overload then registers
+  // nothing).
   Velmora& archive(const std::string& context, const std::string& duration, const std::string& globalKey,
                    const std::string& dataFile, const std::string& virtualVolId, VelmoraArchiveRequest& req);
   // As above, and registers the request in `map`.
@@ -86,9 +94,11 @@ class Velmora {
                    const std::string& dataFile, const std::string& virtualVolId, VelmoraArchReqsMap& map);
   // One pass over <base>/in/.usr (at most 100,000 entries, the rest wait for
   // the next call). A status file of a pending request: its first 1,024
-  // bytes, up to a NUL, become the request's status (empty when the file is
-  // empty or unreadable); a copy goes to okReqs when the name ends in ".OK",
-  // else to errReqs, and for errors the label file is deleted. removeFiles
+  // bytes, up to a NUL, become the request's status; a copy goes to okReqs
+  // when the name ends in ".OK", else to errReqs, and for errors the label
+  // file is deleted. An entry that is no regular file readable by this
+  // process (a link, FIFO, device, folder) is passed over: the request stays
+  // pending. removeFiles
   // deletes every file seen, pending or not. The map is not changed: the
   // caller removes finished requests. A missing status directory throws
   // std::filesystem::filesystem_error and changes nothing.
@@ -106,22 +116,28 @@ class Velmora {
   // A key already present keeps its entry. A file whose key is empty or has
   // blanks or control characters, or whose link name is empty, ".", "..", or
   // has "/" or control characters, is refused: it gets a status text
-  // starting with "refused", is neither written nor registered. With no file
-  // left, no request file is written and reqFileName is empty.
+  // starting with "refused" (logged at ERROR), is neither written nor
+  // registered. A request name of that kind refuses every file and writes
+  // nothing (reqFileName empty). Otherwise a request file is written, with
+  // no entries when no file is left.
   Velmora& request(const std::string& reqName, std::vector<VelmoraFileRequest>& reqs,
                    std::string& reqFileName, PendingMap& pending);
   // One poll: deliveries, then the error status file reqFileName + ".ERR".
-  // Each file is reported once: a copy is appended to `delivered` the first
-  // time its link is seen (at most 1,000 entries of the output directory are
-  // looked at per poll) and to `failed` when an error line names it, so a
-  // caller keeps both vectors across polls. `done` is whether both together
-  // cover half of `pending` (one request per pending map). An error line is
+  // Every poll appends a copy of each pending file whose link it sees to
+  // `delivered` (at most 1,000 entries of the output directory are looked at
+  // per poll), so a caller passes fresh vectors each time; a failure is
+  // appended to `failed` only by the poll that reads the error file. `done`
+  // is whether every file in `pending` has been delivered or has failed, as
+  // recorded in `pending` (one request per pending map); counting the two
+  // vectors instead would never come true once a failure read by an earlier
+  // poll is no longer in `failed`. An error line is
   // "<encoded key> <text>" (blanks between; text to the end of the line);
   // blank lines are skipped, a line without key and text is malformed: it is
   // logged at ERROR and thrown as ArcSysEx, and the file stays in place.
   // Once read, the error file becomes <request>.req.done and the request
   // file <request>.done, so neither side handles them again. A missing
-  // output directory or error file means nothing delivered or failed yet.
+  // output directory or error file (or one that is no regular file) means
+  // nothing delivered or failed yet.
   Velmora& checkReqStatus(const std::string& reqName, const std::string& reqFileName, PendingMap& pending,
                           std::vector<VelmoraFileRequest>& delivered, std::vector<VelmoraFileRequest>& failed,
                           bool& done);
@@ -130,7 +146,9 @@ class Velmora {
   // The error half for every error file <reqName>_<time>_<n>.req.ERR of the request.
   Velmora& checkReqErrorStatus(const std::string& reqName, PendingMap& pending,
                                std::vector<VelmoraFileRequest>& failed);
-  // Drops both entries of `req` from `pending` and deletes its link.
+  // Drops both entries of `req` from `pending` and deletes its link. A
+  // request or link name that is not a plain name (as for request) would
+  // reach outside <base>/out/<reqName>: nothing is done but an ERROR line.
   Velmora& removeFileRequest(const std::string& reqName, VelmoraFileRequest& req, PendingMap& pending);
 
  private:

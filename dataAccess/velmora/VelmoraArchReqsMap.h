@@ -19,6 +19,7 @@
 // at once). Removal by any key of a request erases exactly the entries that
 // point to that request and frees it once; entries of other requests that
 // share a key are left alone.
+// Thread safety: addEntry, fileConcerned, removeEntry may overlap; getKeys, size, getMap, held requests not.
 class VelmoraArchReqsMap {
  public:
   static const int MAPPINGS_PER_REQ = 4;

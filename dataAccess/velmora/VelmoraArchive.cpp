@@ -4,13 +4,13 @@
 #include <dataAccess/velmora/Velmora.h>
 #include <dataAccess/velmora/VelmoraSupport.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 
 namespace fs = std::filesystem;
 
@@ -31,6 +31,37 @@ bool writeThenRename(const std::string& path, const std::string& text) {
   return dataAccess::replaceFile(path, text) == dataAccess::FileReplace::Written;
 }
 
+bool hasControl(const std::string& s) {
+  return std::any_of(s.begin(), s.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; });
+}
+
+bool plainName(const std::string& s) {
+  return !s.empty() && s != "." && s != ".." && s.find('/') == std::string::npos && !hasControl(s);
+}
+
+std::string refuse(const std::string& why) {
+  DA_LOG_ERROR("%s", why.c_str());
+  return why;
+}
+
+bool readRegularFile(const std::string& path, size_t limit, std::string& text) {
+  text.clear();
+  // O_NONBLOCK: opening a FIFO without writer, or a device, must not wait.
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat st;
+  const bool regular = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+  char buf[4096];
+  while (regular && text.size() < limit) {
+    const ssize_t n = ::read(fd, buf, std::min(sizeof buf, limit - text.size()));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    text.append(buf, static_cast<size_t>(n));
+  }
+  ::close(fd);
+  return regular;
+}
+
 }  // namespace velmora
 
 namespace {
@@ -43,18 +74,6 @@ std::string replaceAll(std::string text, const std::string& from, const std::str
 
 std::string joined(const std::string& dir, const std::string& name) {
   return (fs::path(dir) / name).lexically_normal().string();
-}
-
-// The first 1,024 bytes of a file, up to the first NUL; empty if unreadable.
-std::string readHead(const char* path) {
-  char buf[1024 + 1] = {};
-  const int fd = ::open(path, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return std::string();
-  // A short read of a regular file means its end: one call suffices.
-  while (::read(fd, buf, sizeof buf - 1) < 0 && errno == EINTR) {
-  }
-  ::close(fd);
-  return std::string(buf);
 }
 
 }  // namespace
@@ -109,13 +128,24 @@ Velmora& Velmora::createLabelFile_(const std::string& context, const std::string
 Velmora& Velmora::archive(const std::string& context, const std::string& duration,
                           const std::string& globalKey, const std::string& dataFile,
                           const std::string& virtualVolId, VelmoraArchiveRequest& req) {
+  // A line feed in a value would start a label line of its own.
+  const std::pair<const char*, const std::string*> values[] = {{"context", &context},
+                                                               {"duration", &duration},
+                                                               {"global key", &globalKey},
+                                                               {"data file name", &dataFile},
+                                                               {"virtual volume id", &virtualVolId}};
+  std::string refused;
+  for (const auto& [name, value] : values)
+    if (velmora::hasControl(*value))  // the last one is named
+      refused = std::string("refused: label file not written, the ") + name + " has control characters";
   std::string written;
-  createLabelFile_(context, duration, globalKey, dataFile, virtualVolId, written);
+  if (refused.empty()) createLabelFile_(context, duration, globalKey, dataFile, virtualVolId, written);
   const fs::path label(dataFile + "." + LAB_EXT);
   const fs::path usr = label.parent_path() / USR_DIR;
   const std::string leaf = label.filename().string();
   req.setAll(globalKey, virtualVolId, dataFile, label.string(), joined(usr, leaf + "." + ARCH_STAT_OK_EXT),
              joined(usr, leaf + "." + ARCH_STAT_ERR_EXT));
+  if (!refused.empty()) req.setStatus(velmora::refuse(refused));
   return *this;
 }
 
@@ -124,7 +154,7 @@ Velmora& Velmora::archive(const std::string& context, const std::string& duratio
                           const std::string& virtualVolId, VelmoraArchReqsMap& map) {
   VelmoraArchiveRequest req;
   archive(context, duration, globalKey, dataFile, virtualVolId, req);
-  map.addEntry(req);
+  if (req.getStatus().empty()) map.addEntry(req);  // a refused request would wait for ever
   return *this;
 }
 
@@ -141,13 +171,17 @@ Velmora& Velmora::checkArchStatus(bool removeFiles, VelmoraArchReqsMap& map,
     if (debug) DA_LOG_DEBUG("Checking candidate vel_mora output file: %s", path.c_str());
     if (VelmoraArchiveRequest* req = map.fileConcerned(path)) {
       if (debug) DA_LOG_DEBUG("Found matching status file: %s. Loading it.", path.c_str());
-      req->setStatus(readHead(path.c_str()));
-      const size_t dot = path.rfind('.');
-      if (dot != std::string::npos && path.compare(dot, std::string::npos, okSuffix) == 0) {
-        okReqs.push_back(*req);
-      } else {
-        errReqs.push_back(*req);
-        std::remove(req->getLabelFile().c_str());
+      std::string text;
+      // The tool writes regular files: a link, FIFO or device there is not its answer.
+      if (velmora::readRegularFile(path, 1024, text)) {
+        req->setStatus(text.c_str());  // up to the first NUL
+        const size_t dot = path.rfind('.');
+        if (dot != std::string::npos && path.compare(dot, std::string::npos, okSuffix) == 0) {
+          okReqs.push_back(*req);
+        } else {
+          errReqs.push_back(*req);
+          std::remove(req->getLabelFile().c_str());
+        }
       }
     }
     if (removeFiles) std::remove(path.c_str());

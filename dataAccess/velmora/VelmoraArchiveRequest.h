@@ -6,6 +6,7 @@
 // One archive request handed to the request-file tool: the file, its label
 // file and the two status files the tool may write for it, plus the outcome
 // text once a status file has been read. A plain copyable value.
+// Thread safety: const methods may overlap; a non-const call on a shared one needs external synchronization.
 class VelmoraArchiveRequest {
  public:
   VelmoraArchiveRequest() = default;

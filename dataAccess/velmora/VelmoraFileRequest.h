@@ -6,6 +6,7 @@
 // One file wanted back from the request-file tool: its global key (plain,
 // not encoded), the link name under which the tool delivers it, whether the
 // delivery has been seen, and the error text of a failed delivery.
+// Thread safety: const methods may overlap; a non-const call on a shared one needs external synchronization.
 class VelmoraFileRequest {
  public:
   VelmoraFileRequest() = default;

@@ -6,10 +6,9 @@
 #include <sybconn/ArcSysUtils.h>
 #include <tobasCClient/tobasCClientLib.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 
 namespace fs = std::filesystem;
 
@@ -28,24 +27,33 @@ ErrorLine parseErrorLine(const std::string& line, std::string& key, std::string&
   return ErrorLine::Entry;
 }
 
+bool parseErrorFile(const std::string& file, std::vector<ErrorEntry>& entries, std::string& malformed) {
+  std::vector<std::string> lines;
+  ArcSys::split(file, "\n", lines);
+  ErrorEntry entry;
+  for (const std::string& line : lines) {
+    const ErrorLine kind = parseErrorLine(line, entry.key, entry.text);
+    if (kind == ErrorLine::Malformed) {
+      malformed = line;
+      return false;
+    }
+    if (kind == ErrorLine::Entry) entries.push_back(entry);
+  }
+  return true;
+}
+
 }  // namespace velmora
 
 namespace {
 
-bool hasControl(const std::string& s) {
-  for (unsigned char c : s)
-    if (c < 0x20 || c == 0x7f) return true;
-  return false;
-}
+const char* const kNotPlainName = "is empty, \".\", \"..\", or has '/' or control characters";
 
 // Why a wanted file cannot go into a request file, or empty.
 std::string refusal(const VelmoraFileRequest& r) {
   const std::string& key = r.getGlobalKey();
-  const std::string& link = r.getLinkName();
-  if (key.empty() || key.find(' ') != std::string::npos || hasControl(key))
+  if (key.empty() || key.find(' ') != std::string::npos || velmora::hasControl(key))
     return "refused: global key empty or with blanks or control characters";
-  if (link.empty() || link == "." || link == ".." || link.find('/') != std::string::npos || hasControl(link))
-    return "refused: link name empty, a directory name, or with '/' or control characters";
+  if (!velmora::plainName(r.getLinkName())) return std::string("refused: link name ") + kNotPlainName;
   return std::string();
 }
 
@@ -76,16 +84,21 @@ Velmora& Velmora::createReqFile_(const std::string& reqName, std::vector<Velmora
 
 Velmora& Velmora::request(const std::string& reqName, std::vector<VelmoraFileRequest>& reqs,
                           std::string& reqFileName, PendingMap& pending) {
+  reqFileName.clear();
+  // The name becomes a folder under out/ and part of a file name under request/.
+  if (!velmora::plainName(reqName)) {
+    const std::string why = velmora::refuse(std::string("refused: request name ") + kNotPlainName);
+    for (VelmoraFileRequest& r : reqs) r.setStatus(why);
+    return *this;
+  }
   std::vector<VelmoraFileRequest> accepted;
   for (VelmoraFileRequest& r : reqs) {
     const std::string why = refusal(r);
     if (why.empty())
       accepted.push_back(r);
     else
-      r.setStatus(why);
+      r.setStatus(velmora::refuse(why));
   }
-  reqFileName.clear();
-  if (accepted.empty()) return *this;
   createReqFile_(reqName, accepted, reqFileName);
   for (const VelmoraFileRequest& r : accepted) {
     pending.emplace(linkPath_(reqName, r.getLinkName()), r);
@@ -101,7 +114,7 @@ Velmora& Velmora::checkReqDelivStatus(const std::string& reqName, PendingMap& pe
   int seen = 0;
   for (; !ec && it != fs::directory_iterator() && seen < 1000; it.increment(ec), ++seen) {
     auto hit = pending.find(it->path().lexically_normal().string());
-    if (hit == pending.end() || hit->second.getDelivered() || !hit->second.getStatus().empty()) continue;
+    if (hit == pending.end()) continue;
     hit->second.setDelivered(true);
     auto twin = pending.find(hit->second.getGlobalKey());
     if (twin != pending.end() && twin->second.getLinkName() == hit->second.getLinkName())
@@ -113,33 +126,28 @@ Velmora& Velmora::checkReqDelivStatus(const std::string& reqName, PendingMap& pe
 
 void Velmora::handleErrorFile_(const std::string& reqName, const std::string& errFile, PendingMap& pending,
                                std::vector<VelmoraFileRequest>& failed) {
-  std::ifstream in(errFile, std::ios::binary);
-  if (!in) return;
-  std::stringstream all;
-  all << in.rdbuf();
-  std::vector<std::string> lines;
-  ArcSys::split(all.str(), "\n", lines);
-  std::string key, text;
-  for (const std::string& line : lines) {
-    const velmora::ErrorLine kind = velmora::parseErrorLine(line, key, text);
-    if (kind == velmora::ErrorLine::Blank) continue;
-    if (kind == velmora::ErrorLine::Malformed) {
-      // The message names checkReqFiles: the text is part of the log format.
-      const std::string msg =
-          "Velmora::checkReqFiles(): Illegal Error Status Message received from vel_mora: " + line;
-      DA_LOG_ERROR("%s", msg.c_str());
-      throw ArcSysEx(msg);
-    }
-    auto hit = pending.find(decodeGlobalKey(key));
+  std::string file;
+  if (!velmora::readRegularFile(errFile, std::string::npos, file)) return;  // none yet (or not the tool's)
+  std::vector<velmora::ErrorEntry> entries;
+  std::string malformed;
+  const bool wellFormed = velmora::parseErrorFile(file, entries, malformed);
+  for (const velmora::ErrorEntry& e : entries) {
+    auto hit = pending.find(decodeGlobalKey(e.key));
     if (hit == pending.end() || hit->second.getDelivered() || !hit->second.getStatus().empty()) continue;
     // The key entry may belong to another request that asked for the same file.
     auto twin = pending.find(linkPath_(reqName, hit->second.getLinkName()));
     if (twin == pending.end() || twin->second.getGlobalKey() != hit->second.getGlobalKey()) continue;
-    hit->second.setStatus(text);
-    twin->second.setStatus(text);
+    hit->second.setStatus(e.text);
+    twin->second.setStatus(e.text);
     failed.push_back(hit->second);
   }
-  in.close();
+  if (!wellFormed) {
+    // The message names checkReqFiles: the text is part of the log format.
+    const std::string msg =
+        "Velmora::checkReqFiles(): Illegal Error Status Message received from vel_mora: " + malformed;
+    DA_LOG_ERROR("%s", msg.c_str());
+    throw ArcSysEx(msg);
+  }
   markDone(errFile);
   markDone(fs::path(errFile).replace_extension().string());
 }
@@ -170,16 +178,21 @@ Velmora& Velmora::checkReqStatus(const std::string& reqName, const std::string& 
                                  std::vector<VelmoraFileRequest>& failed, bool& done) {
   checkReqDelivStatus(reqName, pending, delivered);
   if (!reqFileName.empty()) handleErrorFile_(reqName, reqFileName + "." + ARCH_STAT_ERR_EXT, pending, failed);
-  const size_t expected = pending.size() / 2;
   DA_LOG_DEBUG("Delivered files: %d, failing deliveries: %d, expected files: %d",
                static_cast<int>(delivered.size()), static_cast<int>(failed.size()),
-               static_cast<int>(expected));
-  done = delivered.size() + failed.size() == expected;
+               static_cast<int>(pending.size() / 2));
+  done = std::all_of(pending.begin(), pending.end(), [](const PendingMap::value_type& e) {
+    return e.second.getDelivered() || !e.second.getStatus().empty();
+  });
   return *this;
 }
 
 Velmora& Velmora::removeFileRequest(const std::string& reqName, VelmoraFileRequest& req,
                                     PendingMap& pending) {
+  if (!velmora::plainName(reqName) || !velmora::plainName(req.getLinkName())) {
+    velmora::refuse(std::string("refused: no link removed, request or link name ") + kNotPlainName);
+    return *this;
+  }
   const std::string link = linkPath_(reqName, req.getLinkName());
   pending.erase(link);
   auto twin = pending.find(req.getGlobalKey());
