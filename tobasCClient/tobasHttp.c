@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -19,7 +20,7 @@
 #define STATUS_BLANK_LIMIT 127 /* the status line's first blank lies within this many characters */
 #define LOOKUP_ROWS 32         /* header rows searched for a field */
 #define BODY_READS 11          /* reads a body of known length may take */
-#define CONTENT_LENGTH "content-length:"
+#define CONTENT_LENGTH "content-length"
 #define SMALL_REQUEST 1024 /* request headers up to this size are built on the stack */
 
 /* ------------------------------------------------------------------ reading replies */
@@ -115,6 +116,13 @@ static int readerLine(Reader* r, int* complete) {
   }
 }
 
+/* Where the value of field `name` starts in row (past its ':'), when the row is that field: the
+ * name at the start of the row, in any case, followed by ':'. NULL otherwise. */
+static const char* fieldAt(const char* row, size_t rowLen, const char* name) {
+  size_t n = strlen(name);
+  return n < rowLen && strncasecmp(row, name, n) == 0 && row[n] == ':' ? row + n + 1 : NULL;
+}
+
 /* Keeps one header line in row `row`: the field name lower-cased, the content length noted. */
 static int storeHeaderLine(char* line, size_t n, tobasHTTP_HDR hdr, int row, long* dataLen) {
   if (memchr(line, '\0', n) != NULL) {
@@ -127,9 +135,9 @@ static int storeHeaderLine(char* line, size_t n, tobasHTTP_HDR hdr, int row, lon
   }
   for (char* p = line; *p && *p != ':'; ++p) *p = (char)tolower((unsigned char)*p);
   tobasCopyStr(hdr[row], tobasHTTP_HDR_ROW_LEN, line);
-  const char* len = strstr(line, CONTENT_LENGTH);
+  const char* len = fieldAt(line, n, CONTENT_LENGTH);
   if (len == NULL) return tobasSTAT_SUCCESS;
-  long value = strtol(len + strlen(CONTENT_LENGTH), NULL, 10);
+  long value = strtol(len, NULL, 10);
   if (value < 0) {
     tobasLogError("Invalid content length in reply: %ld", value);
     return tobasERR_INV_REPLY;
@@ -279,29 +287,34 @@ int tobasReadLine(int* fd, char* buf, int max) {
 
 /* ------------------------------------------------------------------ header fields */
 
+/* Where subField's value starts in the field value v[0..end): the name followed by '=', at the
+ * start of the value or after a ';' or blank, so that "xfilename=" is not taken for "filename=". */
+static const char* subFieldAt(const char* v, const char* end, const char* subField) {
+  size_t n = strlen(subField);
+  for (const char* p = v; (p = memmem(p, (size_t)(end - p), subField, n)) != NULL; ++p)
+    if (p + n < end && p[n] == '=' && (p == v || p[-1] == ';' || p[-1] == ' ')) return p + n + 1;
+  return NULL;
+}
+
 /* Where the value of fieldName (and subField) starts in the first rows of the header, or NULL. */
 static const char* fieldValue(tobasHTTP_HDR httpHdr, const char* fieldName, const char* subField,
                               const char** end) {
-  size_t nameLen = strlen(fieldName);
   for (int i = 0; i < LOOKUP_ROWS; ++i) {
     const char* row = httpHdr[i];
     size_t rowLen = strnlen(row, tobasHTTP_HDR_ROW_LEN);
-    if (memmem(row, rowLen, fieldName, nameLen) == NULL) continue;
+    const char* p = fieldAt(row, rowLen, fieldName);
+    if (p == NULL) continue;
     *end = row + rowLen;
-    if (subField != NULL && *subField) {
-      char key[tobasMED_BUF_SIZE + 2];
-      if (snprintf(key, sizeof key, "%s=", subField) >= (int)sizeof key) return NULL;
-      const char* p = memmem(row, rowLen, key, strlen(key));
-      return p != NULL ? p + strlen(key) : NULL;
-    }
-    const char* p = memchr(row, ':', rowLen);
-    if (p != NULL)
-      for (++p; p < *end && *p == ' ';) ++p;
+    if (subField != NULL && *subField) return subFieldAt(p, *end, subField);
+    while (p < *end && *p == ' ') ++p;
     return p;
   }
   return NULL;
 }
 
+/* A field is matched by its name at the start of a row, in any case, and a sub-field by its name
+ * at the start of a parameter: a name that only appears inside another field's value (as in
+ * "X-A: y content-length: 3") does not count, unlike a plain search of the row's text. */
 int tobasGetHttpHdrEntry(tobasHTTP_HDR httpHdr, const char* fieldName, const char* subField, char* value) {
   tobasTraceEnter("tobasGetHttpHdrEntry");
   const char* end = NULL;

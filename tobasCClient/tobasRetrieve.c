@@ -191,6 +191,21 @@ typedef struct {
   tobasHTTP_HDR hdr;
 } Retrieval;
 
+/* Only a 200 reply that announces the length of its body is written to a file (a body without a
+ * length cannot be told from one cut short); any other reply fails the retrieval. */
+static int acceptReply(Retrieval* rt) {
+  tobasMED_BUF length;
+  if (rt->resp.status != tobasSRV_OK) {
+    tobasLogError("Retrieval refused by the server: %d %s", rt->resp.status, rt->resp.message);
+    return tobasERR_INV_REPLY;
+  }
+  if (tobasGetHttpHdrEntry(rt->hdr, "content-length", "", length) != 0) {
+    tobasLogError("Reply announces no length of the file");
+    return tobasERR_INV_REPLY;
+  }
+  return tobasSTAT_SUCCESS;
+}
+
 /* Writes the body of the reply into the target file. */
 static int receiveFile(Retrieval* rt, const char* targetFile) {
   int stat = targetName(targetFile, rt->hdr, rt->final);
@@ -243,6 +258,7 @@ int _tobasRetrieve2File(const char* host, int port, float timeoutSecs, const cha
   int stat = tobasHttpGet(host, port, tobasUSER_AGENT, c.path, 0, &rt->rep, &rt->len, &rt->resp, rt->hdr);
   if (stat != 0) tobasLogError("Error invoking tobasHttpGet(). Host:port/URL: %s:%d/%s", host, port, c.path);
   rt->left = rt->len;
+  if (stat == 0) stat = acceptReply(rt);
   if (stat == 0) stat = receiveFile(rt, targetFile);
   if (stat == 0 && finalTargetFile) strcpy(finalTargetFile, rt->final);
   retrievalStatus(stat, rt, status);

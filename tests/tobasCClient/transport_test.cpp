@@ -102,6 +102,19 @@ TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
     EXPECT_EQ(4, read(fd, rest, sizeof rest));  // the body is left in the socket
   }
 
+  // A field is matched by its name at the start of a row, never inside another field's value.
+  Feed fields(
+      "HTTP/1.0 200 OK\r\nX-A: y content-length: 3\r\nX-B: location: http://h:1/\r\n"
+      "CONTENT-DISPOSITION: a; xfilename=\"no\"; filename=\"f\"\r\n\r\n");
+  Exchange ex;
+  int fd = fields.fds[0];
+  ASSERT_EQ(0, tobasRecvHttpHdr(&fd, ex.hdr, &ex.resp, &ex.data, &ex.len));
+  EXPECT_EQ(0, ex.len);
+  tobasMED_BUF v;
+  EXPECT_EQ(tobasERR_INV_REPLY, tobasGetHttpHdrEntry(ex.hdr, "location", "", v));
+  ASSERT_EQ(0, tobasGetHttpHdrEntry(ex.hdr, "content-disposition", "filename", v));
+  EXPECT_STREQ("f", v);
+
   Feed lines("ab\ncdefgh");
   char buf[5];
   // Newline kept; one more than stored when stopped at the limit or by the end of the input.
