@@ -264,7 +264,8 @@ int tobasHttpPost(const char* host, int port, const char* userAgent, const char*
                   tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp,
                   tobasHTTP_HDR httpHdr);
 
-/* Access code sent as is in an Authorization header (NULL/"" clears it from later requests). */
+/* Access code sent as is in an Authorization header (NULL/"" clears it from later requests); after
+ * a redirection only to the first server or a registered one. The log shows it masked. */
 void tobasSetAuthorization(const char* accessCode);
 const char* tobasGetAuthorization(void);
 

@@ -22,6 +22,8 @@
 #define BODY_READS 11          /* reads a body of known length may take */
 #define CONTENT_LENGTH "content-length"
 #define SMALL_REQUEST 1024 /* request headers up to this size are built on the stack */
+#define MAX_REDIRECTS 20   /* redirections followed for one request */
+#define AUTH_MASK "****"   /* stands for the access code in the log */
 
 /* ------------------------------------------------------------------ reading replies */
 
@@ -369,6 +371,7 @@ typedef struct {
   long* dataLen;
   tobasHTTP_RESP* resp;
   char (*hdr)[tobasHTTP_HDR_ROW_LEN];
+  const char* auth; /* access code sent to this server, or NULL */
 } Exchange;
 
 /* Every failure of a request is logged once, with its URL. */
@@ -402,10 +405,14 @@ static char* formatRequest(char* small, int* len, const char* format, ...) {
   return big;
 }
 
+/* Sends a request header. The access code, which ends the header before its closing CR LF LF,
+ * is masked in the log; the bytes sent keep it. */
 static int sendHeader(const Exchange* x, int fd, char* small, char* header, int len, int more) {
   int stat = tobasERR_ALLOC_MEM;
   if (header != NULL) {
-    tobasLogInfo(LEV5, "Submitting HTTP header: %s to host/port: %s/%d", header, x->host, x->port);
+    const int shown = x->auth != NULL ? len - (int)strlen(x->auth) - 3 : len;
+    tobasLogInfo(LEV5, "Submitting HTTP header: %.*s%s to host/port: %s/%d", shown, header,
+                 x->auth != NULL ? AUTH_MASK "\r\n\n" : "", x->host, x->port);
     stat = tobasSendAll(fd, header, (size_t)len, more);
     if (stat == TOBAS_SEND_FAILED) stat = tobasERR_WR_HD;
   }
@@ -447,7 +454,7 @@ static int getHop(const Exchange* x, const char* userAgent, int receiveData, cha
   resetReply(x);
   int fd = tobasOpenSocket(x->host, x->port);
   if (fd < 0) return tobasTraceLeave("_tobasHttpGet", urlError(x, "Error calling tobasPrepSock()", fd));
-  const char* auth = tobasGetAuthorization();
+  const char* auth = x->auth;
   char small[SMALL_REQUEST];
   int len = 0;
   /* The request line ends with a bare LF, the header with CR LF LF, and "%20" stands where POST
@@ -470,24 +477,31 @@ static int getHop(const Exchange* x, const char* userAgent, int receiveData, cha
   return tobasTraceLeave("_tobasHttpGet", stat);
 }
 
+/* Follows at most MAX_REDIRECTS redirections, each with the path of the first request. The access
+ * code goes to the first server and, after a redirection, only to a server of a registered list,
+ * as a browser keeps credentials to the host they were given for. */
 int _tobasHttpGet(const char* host, int port, const char* userAgent, const char* path, int receiveData,
                   tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp,
                   tobasHTTP_HDR httpHdr) {
   tobasMED_BUF curHost, nextHost;
-  Exchange x = {curHost, port, path, repDataRef, dataLen, httpResp, httpHdr};
-  if (tobasCopyStr(curHost, sizeof curHost, host ? host : "") != 0) {
+  const char* auth = tobasGetAuthorization();
+  if (host == NULL) host = "";
+  Exchange x = {curHost, port, path, repDataRef, dataLen, httpResp, httpHdr, auth};
+  if (tobasCopyStr(curHost, sizeof curHost, host) != 0) {
     tobasTraceEnter("_tobasHttpGet");
     return tobasTraceLeave("_tobasHttpGet", urlError(&x, "Host name too long", tobasERR_HOST));
   }
-  /* Redirections are followed with the path of the first request. */
-  for (;;) {
+  for (int hops = 0;; ++hops) {
     nextHost[0] = '\0';
     int nextPort = 0;
     int stat = getHop(&x, userAgent, receiveData, nextHost, &nextPort);
     if (stat != 0 || nextHost[0] == '\0') return stat;
+    if (hops == MAX_REDIRECTS) return urlError(&x, "Too many redirections", tobasERR_INV_REPLY);
     tobasLogInfo(LEV3, "Redirected to %s:%d", nextHost, nextPort);
     strcpy(curHost, nextHost);
     x.port = nextPort;
+    const int first = strcasecmp(curHost, host) == 0 && nextPort == port;
+    x.auth = auth != NULL && (first || tobasSrvListed(curHost, nextPort)) ? auth : NULL;
   }
 }
 
@@ -506,7 +520,7 @@ static int openSource(const char* srcFilename, int* file, long* size) {
 
 static int sendPost(const Exchange* x, int fd, const char* mimeType, const char* contentDisp, int file,
                     const char* data, long bodyLen) {
-  const char* auth = tobasGetAuthorization();
+  const char* auth = x->auth;
   char small[SMALL_REQUEST];
   int len = 0;
   char* header = formatRequest(
@@ -542,7 +556,8 @@ int _tobasHttpPost(const char* host, int port, const char* userAgent, const char
                    tobasHTTP_HDR httpHdr) {
   tobasTraceEnter("_tobasHttpPost");
   (void)userAgent; /* POST always identifies itself with the library's agent string */
-  Exchange x = {host ? host : "", port, path, repDataRef, replyLen, httpResp, httpHdr};
+  Exchange x = {host ? host : "", port,     path,    repDataRef,
+                replyLen,         httpResp, httpHdr, tobasGetAuthorization()};
   resetReply(&x);
   int file = -1, fd = 0, stat = tobasSTAT_SUCCESS;
   if (srcFilename != NULL && srcFilename[0] != '\0' && openSource(srcFilename, &file, &dataLen) != 0)

@@ -70,6 +70,9 @@ TOBAS_HIDDEN int tobasSendAll(int fd, const char* buf, size_t len, int more);
  * cannot be read or ends first. */
 TOBAS_HIDDEN int tobasSendFile(int sock, int file, long len);
 
+/* 1 when host:port is a server of a registered list. */
+TOBAS_HIDDEN int tobasSrvListed(const char* host, int port);
+
 /* A command being built: its request path, a work buffer for one encoded value, and the first
  * error met; once an error is set, the steps below leave the command as it is. */
 typedef struct {

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
 #include "tobasInternal.h"
 
@@ -84,6 +85,17 @@ int _tobasGetNextSrv(int* idx, tobasSRV_INFO* srvInfo, char* host, int* port) {
   _tobasUnlockSrvInfoSem();
   tobasLogInfo(LEV4, "Next server: %s:%d", host, *port);
   return tobasTraceLeave("_tobasGetNextSrv", tobasSTAT_SUCCESS);
+}
+
+int tobasSrvListed(const char* host, int port) {
+  _tobasInitSrvInfo();
+  _tobasLockSrvInfoSem();
+  int listed = 0;
+  for (int i = 0; i < tobasMAX_SRV_LISTS && !listed; ++i)
+    for (int j = 0; srvInfoList[i].used && j < srvInfoList[i].numberOfSrvs && !listed; ++j)
+      listed = srvInfoList[i].ports[j] == port && strcasecmp(srvInfoList[i].hosts[j], host) == 0;
+  _tobasUnlockSrvInfoSem();
+  return listed;
 }
 
 /* ------------------------------------------------------------------ parsing */

@@ -76,6 +76,8 @@ TEST(TobasTransport, RequestBytes) {
       post + "Content-length: 5" + disp + "\r\nAuthorization: Basic " + auth + "\r\n\nhello"};
   EXPECT_EQ(sent, srv.requests());
   EXPECT_EQ(std::string::npos, logText().find("[ERROR]", mark));  // a clean exchange logs no error
+  EXPECT_EQ(std::string::npos, logText().find(auth, mark));       // the access code is masked in the log
+  EXPECT_HAS(logText().substr(mark), "\r\nAuthorization: Basic ****\r\n\n to host/port");
 }
 
 TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
@@ -165,6 +167,28 @@ TEST(TobasTransport, RedirectionKeepsThePath) {
   EXPECT_EQ(twice, second.requests());
   bad.push({httpReply(303, "", "Location: nowhere\r\n")});
   EXPECT_EQ(tobasERR_INV_REPLY, ex.get("127.0.0.1", bad.port()));
+
+  // The access code goes to the first server and to registered ones only.
+  ArchiveServer listed;
+  ASSERT_EQ(0, tobasParseSrvListId("redirect-targets", local(listed.port()).c_str()));
+  first.push({httpReply(303, "", to2)});
+  second.push({httpReply(303, "", "Location: http://" + local(listed.port()) + "/\r\n")});
+  listed.push({httpReply(303, "", "Location: http://" + local(first.port()) + "/\r\n")});
+  first.push({kOk});
+  tobasSetAuthorization("code");
+  ASSERT_EQ(0, ex.get("127.0.0.1", first.port()));
+  const std::string withCode =
+      "GET STATUS HTTP/1.0\nUser-Agent: TOB/AS C-API\r\nAuthorization: Basic%20code\r\n\n";
+  EXPECT_EQ((std::vector<std::string>{withCode, twice[0], withCode, withCode}),
+            (std::vector<std::string>{first.requests()[2], second.requests()[2], listed.requests()[0],
+                                      first.requests()[3]}));
+  // A server redirecting to itself: 20 redirections are followed, then the request fails.
+  for (int i = 0; i < 25; ++i)
+    bad.push({httpReply(303, "", "Location: http://" + local(bad.port()) + "/\r\n")});
+  EXPECT_EQ(tobasERR_INV_REPLY, ex.get("127.0.0.1", bad.port()));
+  EXPECT_EQ(1u + 21u, bad.requests().size());
+  EXPECT_HAS(logText(), "[ERROR] Too many redirections. URL: 127.0.0.1:" + std::to_string(bad.port()));
+  tobasSetAuthorization(nullptr);
 }
 
 TEST(TobasTransport, ServerListsRoundRobinFailOverAndBounds) {
