@@ -8,6 +8,9 @@
  * caller with free(). Buffers typed as tobasSMALL_BUF/tobasMED_BUF/... must be at least
  * that large; results that would not fit are refused with an error, never truncated into
  * a neighbouring buffer.
+ *
+ * Threads: any function may be called from several threads at once; a status record, parameter
+ * array or reply structure is used by one thread at a time.
  */
 #ifndef TOBAS_CCLIENT_LIB_H
 #define TOBAS_CCLIENT_LIB_H
@@ -236,6 +239,8 @@ int tobasPrepSock(const char* host, int port);
 int _tobasConnect(int sockFd, const struct sockaddr_in* servAddr);
 /* Waits for input: 0, tobasERR_COM or tobasERR_TIMEOUT. timeoutSecs <= 0: the reply time-out. */
 int _pollFd(int fd, float timeoutSecs);
+/* The process-wide default reply time-out (<= 0: no limit in practice), used by the transport
+ * functions of this section. A command carries its own time-out and leaves this value as it is. */
 void _setReplyTimeoutFromFloat(float secs);
 float _getTimeOut(void);
 

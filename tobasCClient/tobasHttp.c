@@ -33,16 +33,18 @@ typedef struct {
   int* fd;
   int keepBody;
   int eof;
+  float timeout; /* bounds each wait for more of the reply */
   size_t pos, len;
   char buf[2 * TOBAS_LINE_MAX];
   char line[TOBAS_LINE_MAX];
 } Reader;
 
-static Reader* readerNew(int* fd, int keepBody) {
+static Reader* readerNew(int* fd, int keepBody, float timeout) {
   Reader* r = malloc(sizeof *r);
   if (r != NULL) {
     r->fd = fd;
     r->keepBody = keepBody;
+    r->timeout = timeout;
     r->eof = 0;
     r->pos = r->len = 0;
   }
@@ -84,7 +86,7 @@ static int readerFill(Reader* r) {
   memmove(r->buf, r->buf + r->pos, r->len - r->pos);
   r->len -= r->pos;
   r->pos = 0;
-  int stat = _pollFd(*r->fd, _getTimeOut());
+  int stat = _pollFd(*r->fd, r->timeout);
   if (stat != 0) return stat;
   char* at = r->buf + r->len;
   ssize_t n = recv(*r->fd, at, sizeof r->buf - r->len, MSG_DONTWAIT | (r->keepBody ? MSG_PEEK : 0));
@@ -179,10 +181,10 @@ static int parseStatusLine(const char* line, tobasHTTP_RESP* resp) {
 }
 
 /* Reads the rest of a body of dataLen bytes, of which `got` are in data already. */
-static int recvRest(int fd, char* data, long got, long dataLen) {
+static int recvRest(int fd, char* data, long got, long dataLen, float timeout) {
   for (int reads = 0; got < dataLen; ++reads) {
     if (reads >= BODY_READS) return tobasERR_RD_DATA;
-    int stat = _pollFd(fd, _getTimeOut());
+    int stat = _pollFd(fd, timeout);
     if (stat != 0) return stat;
     ssize_t n = read(fd, data + got, (size_t)(dataLen - got));
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
@@ -194,14 +196,15 @@ static int recvRest(int fd, char* data, long got, long dataLen) {
 
 /* A body of dataLen bytes into a new heap block, starting with the `taken` bytes already read;
  * the socket is closed and *sockFd set to 0 whatever the outcome. */
-static int recvBody(int* sockFd, const char* taken, size_t takenLen, long dataLen, char** data) {
+static int recvBody(int* sockFd, const char* taken, size_t takenLen, long dataLen, char** data,
+                    float timeout) {
   tobasTraceEnter("tobasRecvData");
   int stat = tobasERR_ALLOC_MEM;
   *data = dataLen >= 0 ? malloc((size_t)dataLen + 1) : NULL;
   if (*data != NULL) {
     long got = (long)takenLen < dataLen ? (long)takenLen : dataLen;
     if (got > 0) memcpy(*data, taken, (size_t)got);
-    stat = recvRest(*sockFd, *data, got, dataLen);
+    stat = recvRest(*sockFd, *data, got, dataLen, timeout);
     (*data)[stat == 0 ? dataLen : 0] = '\0';
   }
   if (stat != 0) {
@@ -217,7 +220,7 @@ static int readerBody(Reader* r, long dataLen, char** data) {
   const char* taken = r->buf + r->pos;
   size_t takenLen = r->len - r->pos;
   r->pos = r->len;
-  return recvBody(r->fd, taken, takenLen, dataLen, data);
+  return recvBody(r->fd, taken, takenLen, dataLen, data, r->timeout);
 }
 
 /* The reply's status line and header; the body of a 400 reply (the server's status document)
@@ -242,13 +245,15 @@ static int recvReply(Reader* r, tobasHTTP_HDR hdr, tobasHTTP_RESP* resp, tobasHT
 
 int tobasRecvHttpHdr(int* sockFd, tobasHTTP_HDR httpHdr, tobasHTTP_RESP* httpResp, tobasHTTP_DATA* repDataRef,
                      long* dataLen) {
-  Reader* r = readerNew(sockFd, 1);
+  Reader* r = readerNew(sockFd, 1, _getTimeOut());
   int stat = r != NULL ? recvReply(r, httpHdr, httpResp, repDataRef, dataLen) : tobasERR_ALLOC_MEM;
   free(r);
   return stat;
 }
 
-int tobasRecvData(char** data, long dataLen, int* sockFd) { return recvBody(sockFd, NULL, 0, dataLen, data); }
+int tobasRecvData(char** data, long dataLen, int* sockFd) {
+  return recvBody(sockFd, NULL, 0, dataLen, data, _getTimeOut());
+}
 
 /* Reads one line, up to and including its '\n', and never a byte beyond it. On a socket the
  * bytes are looked at with MSG_PEEK and then taken up to the line's end; any other descriptor is
@@ -372,6 +377,7 @@ typedef struct {
   tobasHTTP_RESP* resp;
   char (*hdr)[tobasHTTP_HDR_ROW_LEN];
   const char* auth; /* access code sent to this server, or NULL */
+  float timeout;
 } Exchange;
 
 /* Every failure of a request is logged once, with its URL. */
@@ -413,7 +419,7 @@ static int sendHeader(const Exchange* x, int fd, char* small, char* header, int 
     const int shown = x->auth != NULL ? len - (int)strlen(x->auth) - 3 : len;
     tobasLogInfo(LEV5, "Submitting HTTP header: %.*s%s to host/port: %s/%d", shown, header,
                  x->auth != NULL ? AUTH_MASK "\r\n\n" : "", x->host, x->port);
-    stat = tobasSendAll(fd, header, (size_t)len, more);
+    stat = tobasSendAll(fd, header, (size_t)len, more, x->timeout);
     if (stat == TOBAS_SEND_FAILED) stat = tobasERR_WR_HD;
   }
   if (header != small) free(header);
@@ -464,7 +470,7 @@ static int getHop(const Exchange* x, const char* userAgent, int receiveData, cha
   int stat = sendHeader(x, fd, small, header, len, 0);
   Reader* r = NULL;
   if (stat == 0) {
-    r = readerNew(&fd, !receiveData);
+    r = readerNew(&fd, !receiveData, x->timeout);
     stat = r != NULL ? recvReply(r, x->hdr, x->resp, x->rep, x->dataLen) : tobasERR_ALLOC_MEM;
     if (stat != 0) urlError(x, "Error calling tobasRecvHttpHdr()", stat);
   }
@@ -480,13 +486,11 @@ static int getHop(const Exchange* x, const char* userAgent, int receiveData, cha
 /* Follows at most MAX_REDIRECTS redirections, each with the path of the first request. The access
  * code goes to the first server and, after a redirection, only to a server of a registered list,
  * as a browser keeps credentials to the host they were given for. */
-int _tobasHttpGet(const char* host, int port, const char* userAgent, const char* path, int receiveData,
-                  tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp,
-                  tobasHTTP_HDR httpHdr) {
+int tobasGetAt(const char* host, int port, const tobasRequest* rq) {
   tobasMED_BUF curHost, nextHost;
   const char* auth = tobasGetAuthorization();
   if (host == NULL) host = "";
-  Exchange x = {curHost, port, path, repDataRef, dataLen, httpResp, httpHdr, auth};
+  Exchange x = {curHost, port, rq->path, rq->rep, rq->replyLen, rq->resp, rq->hdr, auth, rq->timeout};
   if (tobasCopyStr(curHost, sizeof curHost, host) != 0) {
     tobasTraceEnter("_tobasHttpGet");
     return tobasTraceLeave("_tobasHttpGet", urlError(&x, "Host name too long", tobasERR_HOST));
@@ -494,7 +498,7 @@ int _tobasHttpGet(const char* host, int port, const char* userAgent, const char*
   for (int hops = 0;; ++hops) {
     nextHost[0] = '\0';
     int nextPort = 0;
-    int stat = getHop(&x, userAgent, receiveData, nextHost, &nextPort);
+    int stat = getHop(&x, rq->userAgent, rq->receiveData, nextHost, &nextPort);
     if (stat != 0 || nextHost[0] == '\0') return stat;
     if (hops == MAX_REDIRECTS) return urlError(&x, "Too many redirections", tobasERR_INV_REPLY);
     tobasLogInfo(LEV3, "Redirected to %s:%d", nextHost, nextPort);
@@ -503,6 +507,14 @@ int _tobasHttpGet(const char* host, int port, const char* userAgent, const char*
     const int first = strcasecmp(curHost, host) == 0 && nextPort == port;
     x.auth = auth != NULL && (first || tobasSrvListed(curHost, nextPort)) ? auth : NULL;
   }
+}
+
+int _tobasHttpGet(const char* host, int port, const char* userAgent, const char* path, int receiveData,
+                  tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp,
+                  tobasHTTP_HDR httpHdr) {
+  const tobasRequest rq = {_getTimeOut(), userAgent, path,       receiveData, NULL,     NULL,   NULL,
+                           NULL,          0,         repDataRef, dataLen,     httpResp, httpHdr};
+  return tobasGetAt(host, port, &rq);
 }
 
 /* The file to send, open, and its size; 0 or tobasERR_FILE. */
@@ -531,14 +543,15 @@ static int sendPost(const Exchange* x, int fd, const char* mimeType, const char*
       auth ? "\r\nAuthorization: Basic " : "", auth ? auth : "");
   int stat = sendHeader(x, fd, small, header, len, bodyLen > 0);
   if (stat != 0 || bodyLen <= 0) return stat;
-  stat = file >= 0 ? tobasSendFile(fd, file, bodyLen) : tobasSendAll(fd, data, (size_t)bodyLen, 0);
+  stat = file >= 0 ? tobasSendFile(fd, file, bodyLen, x->timeout)
+                   : tobasSendAll(fd, data, (size_t)bodyLen, 0, x->timeout);
   if (stat == TOBAS_SEND_FAILED) stat = tobasERR_WR_DATA;
   return stat != 0 ? urlError(x, "Error writing data on socket", stat) : tobasSTAT_SUCCESS;
 }
 
 /* The reply to a POST: header, then always the announced body. */
 static int recvPostReply(const Exchange* x, int* fd) {
-  Reader* r = readerNew(fd, 0);
+  Reader* r = readerNew(fd, 0, x->timeout);
   if (r == NULL) return tobasERR_ALLOC_MEM;
   int stat = recvReply(r, x->hdr, x->resp, x->rep, x->dataLen);
   if (stat != 0) urlError(x, "Error calling tobasRecvHttpHdr()", stat);
@@ -550,26 +563,34 @@ static int recvPostReply(const Exchange* x, int* fd) {
   return stat;
 }
 
-int _tobasHttpPost(const char* host, int port, const char* userAgent, const char* path, const char* mimeType,
-                   const char* contentDisp, const char* srcFilename, const char* data, long dataLen,
-                   tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp,
-                   tobasHTTP_HDR httpHdr) {
+int tobasPostAt(const char* host, int port, const tobasRequest* rq) {
   tobasTraceEnter("_tobasHttpPost");
-  (void)userAgent; /* POST always identifies itself with the library's agent string */
-  Exchange x = {host ? host : "", port,     path,    repDataRef,
-                replyLen,         httpResp, httpHdr, tobasGetAuthorization()};
+  /* POST always identifies itself with the library's agent string, not rq->userAgent. */
+  Exchange x = {host ? host : "",        port,       rq->path, rq->rep, rq->replyLen, rq->resp, rq->hdr,
+                tobasGetAuthorization(), rq->timeout};
   resetReply(&x);
+  long dataLen = rq->dataLen;
   int file = -1, fd = 0, stat = tobasSTAT_SUCCESS;
-  if (srcFilename != NULL && srcFilename[0] != '\0' && openSource(srcFilename, &file, &dataLen) != 0)
+  if (rq->srcFilename != NULL && rq->srcFilename[0] != '\0' &&
+      openSource(rq->srcFilename, &file, &dataLen) != 0)
     stat = urlError(&x, "Error opening the file to send", tobasERR_FILE);
   if (stat == 0) fd = tobasOpenSocket(x.host, port);
   if (fd < 0) {
     stat = urlError(&x, "Error calling tobasPrepSock()", fd);
     fd = 0;
   }
-  if (stat == 0) stat = sendPost(&x, fd, mimeType, contentDisp, file, data, dataLen);
+  if (stat == 0) stat = sendPost(&x, fd, rq->mimeType, rq->contentDisp, file, rq->data, dataLen);
   if (stat == 0) stat = recvPostReply(&x, &fd);
   if (file >= 0) close(file);
   if (fd > 0) close(fd);
   return tobasTraceLeave("_tobasHttpPost", stat);
+}
+
+int _tobasHttpPost(const char* host, int port, const char* userAgent, const char* path, const char* mimeType,
+                   const char* contentDisp, const char* srcFilename, const char* data, long dataLen,
+                   tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp,
+                   tobasHTTP_HDR httpHdr) {
+  const tobasRequest rq = {_getTimeOut(), userAgent, path,       0,        mimeType, contentDisp, srcFilename,
+                           data,          dataLen,   repDataRef, replyLen, httpResp, httpHdr};
+  return tobasPostAt(host, port, &rq);
 }

@@ -62,13 +62,44 @@ TOBAS_HIDDEN double tobasNow(void);
 TOBAS_HIDDEN int tobasWaitFd(int fd, short events, double timeoutSecs, int maxInterrupts);
 /* Connected non-blocking socket, as tobasPrepSock. */
 TOBAS_HIDDEN int tobasOpenSocket(const char* host, int port);
-/* Sends all len bytes on a non-blocking socket (no SIGPIPE), each wait bounded by the reply
- * time-out; `more`: further bytes follow at once. 0, tobasERR_TIMEOUT, or TOBAS_SEND_FAILED. */
-TOBAS_HIDDEN int tobasSendAll(int fd, const char* buf, size_t len, int more);
+/* The reply time-out that a time-out given to a command stands for (<= 0: no limit in practice). */
+TOBAS_HIDDEN float tobasReplyTimeout(float secs);
+/* Sends all len bytes on a non-blocking socket (no SIGPIPE), each wait bounded by `timeout`;
+ * `more`: further bytes follow at once. 0, tobasERR_TIMEOUT, or TOBAS_SEND_FAILED. */
+TOBAS_HIDDEN int tobasSendAll(int fd, const char* buf, size_t len, int more, float timeout);
 /* Sends len bytes of the file `file` from its current position, as tobasSendAll.
  * 0, tobasERR_TIMEOUT, TOBAS_SEND_FAILED, tobasERR_ALLOC_MEM, or tobasERR_FILE when the file
  * cannot be read or ends first. */
-TOBAS_HIDDEN int tobasSendFile(int sock, int file, long len);
+TOBAS_HIDDEN int tobasSendFile(int sock, int file, long len, float timeout);
+
+/* One GET or POST: what is sent, where the reply goes, and the reply time-out that bounds each
+ * wait. A command carries its own time-out here, so that commands of several threads do not
+ * change each other's; the process-wide value is only the default of the public functions. */
+typedef struct {
+  float timeout;
+  const char* userAgent;
+  const char* path;
+  int receiveData;      /* GET: read the body, else leave the connection in rep->fd */
+  const char* mimeType; /* POST: the body, from the file srcFilename or from data */
+  const char* contentDisp;
+  const char* srcFilename;
+  const char* data;
+  long dataLen;
+  tobasHTTP_DATA* rep;
+  long* replyLen;
+  tobasHTTP_RESP* resp;
+  char (*hdr)[tobasHTTP_HDR_ROW_LEN];
+} tobasRequest;
+
+/* One attempt at host:port, as _tobasHttpGet and _tobasHttpPost. */
+TOBAS_HIDDEN int tobasGetAt(const char* host, int port, const tobasRequest* rq);
+TOBAS_HIDDEN int tobasPostAt(const char* host, int port, const tobasRequest* rq);
+/* With fail-over when host names a registered list, as tobasHttpGet and tobasHttpPost. */
+TOBAS_HIDDEN int tobasGetFrom(const char* host, int port, const tobasRequest* rq);
+TOBAS_HIDDEN int tobasPostTo(const char* host, int port, const tobasRequest* rq);
+/* tobasHandleStatus, with the time-out that a time-out's message names. */
+TOBAS_HIDDEN void tobasFillStatus(int retCode, tobasHTTP_DATA* repDataRef, tobasSTATUS* status,
+                                  float timeout);
 
 /* 1 when host:port is a server of a registered list. */
 TOBAS_HIDDEN int tobasSrvListed(const char* host, int port);
@@ -80,9 +111,10 @@ typedef struct {
   char* path; /* tobasHUGE_BUF */
   char* enc;  /* tobasHUGE_BUF */
   int stat;
+  float timeout; /* the command's reply time-out */
 } tobasCommand;
 
-/* Writes the entering trace of fn, sets the reply time-out and clears the status. */
+/* Writes the entering trace of fn, takes the command's reply time-out and clears the status. */
 TOBAS_HIDDEN void tobasCmdBegin(tobasCommand* c, const char* fn, float timeoutSecs, tobasSTATUS* status);
 TOBAS_HIDDEN void tobasCmdAppend(tobasCommand* c, const char* format, ...) tobasPRINTF_LIKE(2, 3);
 /* The encoded value (in c->enc, valid until the next call). */

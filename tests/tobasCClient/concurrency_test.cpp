@@ -1,4 +1,5 @@
-// Several threads issuing commands through one server list (run under ThreadSanitizer).
+// Several threads issuing commands through one server list while another list is registered, and
+// a command with a time-out of its own (run under ThreadSanitizer).
 #include <atomic>
 #include <thread>
 
@@ -11,8 +12,18 @@ TEST(TobasConcurrency, ThreadsShareOneServerList) {
     for (auto* s : {&a, &b}) s->push({kOk});
   const std::string list = "127.0.0.1:" + std::to_string(a.port()) + ",127.0.0.1:" + std::to_string(b.port());
   ASSERT_EQ(0, tobasParseSrvListId("shared", list.c_str()));
+  _setReplyTimeoutFromFloat(50);  // only the default: each command carries its own time-out
+  ArchiveServer silent;
+  silent.push({"", std::string::npos, 0, true});
   std::atomic<int> ok{0};
   std::vector<std::thread> threads;
+  threads.emplace_back([&] {
+    tobasSTATUS st;
+    EXPECT_EQ(tobasERR_TIMEOUT, tobasStatus("127.0.0.1", silent.port(), 0.2f, &st));
+    EXPECT_HAS(st.message, "Timeout: 0.200s");
+    tobasFreeStatus(&st);
+    for (int i = 0; i < 20; ++i) EXPECT_EQ(0, tobasParseSrvListId("other", list.c_str()));
+  });
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&, t] {
       for (int i = 0; i < kPerThread; ++i) {
@@ -27,6 +38,7 @@ TEST(TobasConcurrency, ThreadsShareOneServerList) {
   for (auto& th : threads) th.join();
   EXPECT_EQ(kThreads * kPerThread, ok.load());
   EXPECT_EQ(kThreads * kPerThread / 2, static_cast<int>(a.requests().size()));  // the round robin alternates
+  EXPECT_FLOAT_EQ(50, _getTimeOut());
   tobasSetAuthorization(nullptr);
   setenv("TOBAS_LOG_FILE", "/dev/null", 1);  // the level changed mid-run: its traces need not pair up
 }
