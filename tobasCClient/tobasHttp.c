@@ -36,7 +36,6 @@ typedef struct {
   float timeout; /* bounds each wait for more of the reply */
   size_t pos, len;
   char buf[2 * TOBAS_LINE_MAX];
-  char line[TOBAS_LINE_MAX];
 } Reader;
 
 static Reader* readerNew(int* fd, int keepBody, float timeout) {
@@ -102,24 +101,6 @@ static int readerFill(Reader* r) {
   return tobasSTAT_SUCCESS;
 }
 
-/* Next header line into r->line: its length (*complete: it ends with its newline or fills a
- * line), 0 at the end of the input, or an error. */
-static int readerLine(Reader* r, int* complete) {
-  for (;;) {
-    size_t n = lineLen(r->buf + r->pos, r->len - r->pos);
-    *complete = n > 0;
-    if (n == 0 && r->eof) n = r->len - r->pos;
-    if (n > 0 || r->eof) {
-      memcpy(r->line, r->buf + r->pos, n);
-      r->line[n] = '\0';
-      r->pos += n;
-      return (int)n;
-    }
-    int stat = readerFill(r);
-    if (stat != 0) return stat;
-  }
-}
-
 /* Where the value of field `name` starts in row (past its ':'), when the row is that field: the
  * name at the start of the row, in any case, followed by ':'. NULL otherwise. */
 static const char* fieldAt(const char* row, size_t rowLen, const char* name) {
@@ -127,43 +108,34 @@ static const char* fieldAt(const char* row, size_t rowLen, const char* name) {
   return n < rowLen && strncasecmp(row, name, n) == 0 && row[n] == ':' ? row + n + 1 : NULL;
 }
 
-/* Keeps one header line in row `row`: the field name lower-cased, the content length noted. */
-static int storeHeaderLine(char* line, size_t n, tobasHTTP_HDR hdr, int row, long* dataLen) {
+/* Keeps one header line in the next row: the field name lower-cased, the content length noted. */
+static int storeHeaderLine(tobasHdrParse* ps, const char* line, size_t n) {
   if (memchr(line, '\0', n) != NULL) {
     tobasLogError("Reply header line holds a NUL byte");
     return tobasERR_INV_REPLY;
   }
-  if (row >= tobasHTTP_HDR_ROWS) {
+  if (ps->rows >= tobasHTTP_HDR_ROWS) {
     tobasLogError("Reply header has more than %d lines", tobasHTTP_HDR_ROWS);
     return tobasERR_INV_REPLY;
   }
-  for (char* p = line; *p && *p != ':'; ++p) *p = (char)tolower((unsigned char)*p);
-  tobasCopyStr(hdr[row], tobasHTTP_HDR_ROW_LEN, line);
+  char* row = ps->hdr[ps->rows++];
+  size_t kept = n < tobasHTTP_HDR_ROW_LEN ? n : tobasHTTP_HDR_ROW_LEN - 1;
+  memcpy(row, line, kept);
+  row[kept] = '\0';
+  for (char* p = row; *p && *p != ':'; ++p) *p = (char)tolower((unsigned char)*p);
   const char* len = fieldAt(line, n, CONTENT_LENGTH);
   if (len == NULL) return tobasSTAT_SUCCESS;
-  long value = strtol(len, NULL, 10);
+  char number[32];
+  size_t digits = (size_t)(line + n - len) < sizeof number ? (size_t)(line + n - len) : sizeof number - 1;
+  memcpy(number, len, digits);
+  number[digits] = '\0';
+  long value = strtol(number, NULL, 10);
   if (value < 0) {
     tobasLogError("Invalid content length in reply: %ld", value);
     return tobasERR_INV_REPLY;
   }
-  *dataLen = value;
+  *ps->dataLen = value;
   return tobasSTAT_SUCCESS;
-}
-
-/* Reads the header lines up to the blank line that ends them. */
-static int readHeader(Reader* r, tobasHTTP_HDR hdr, long* dataLen) {
-  for (int row = 0;; ++row) {
-    int complete;
-    int n = readerLine(r, &complete);
-    if (n < 0) return n;
-    if (!complete) {
-      tobasLogError("Reply ended within its header");
-      return tobasERR_INV_REPLY;
-    }
-    if (isBlankLine(r->line, (size_t)n)) return tobasSTAT_SUCCESS;
-    int stat = storeHeaderLine(r->line, (size_t)n, hdr, row, dataLen);
-    if (stat != 0) return stat;
-  }
 }
 
 static int parseStatusLine(const char* line, tobasHTTP_RESP* resp) {
@@ -178,6 +150,39 @@ static int parseStatusLine(const char* line, tobasHTTP_RESP* resp) {
     tobasTrimString(resp->message, "\r\n");
   }
   return tobasSTAT_SUCCESS;
+}
+
+/* The header is parsed from memory, apart from reading the socket: the reader hands over what
+ * has arrived and the parser takes the complete lines. */
+int _tobasParseHdr(tobasHdrParse* ps, const char* p, size_t len, int end, size_t* used) {
+  *used = 0;
+  while (!ps->done) {
+    size_t n = lineLen(p + *used, len - *used);
+    if (n == 0 && !end) return tobasSTAT_SUCCESS;
+    if (n == 0) {
+      tobasLogError("Reply ended within its header");
+      return tobasERR_INV_REPLY;
+    }
+    const char* line = p + *used;
+    *used += n;
+    ps->done = isBlankLine(line, n);
+    int stat = ps->done ? parseStatusLine(ps->hdr[0], ps->resp) : storeHeaderLine(ps, line, n);
+    if (stat != 0) return stat;
+  }
+  return tobasSTAT_SUCCESS;
+}
+
+/* Reads the header up to the blank line that ends it. */
+static int readHeader(Reader* r, tobasHTTP_HDR hdr, tobasHTTP_RESP* resp, long* dataLen) {
+  tobasHdrParse ps = {hdr, resp, dataLen, 0, 0};
+  for (;;) {
+    size_t used = 0;
+    int stat = _tobasParseHdr(&ps, r->buf + r->pos, r->len - r->pos, r->eof, &used);
+    r->pos += used;
+    if (stat != 0 || ps.done) return stat;
+    stat = readerFill(r);
+    if (stat != 0) return stat;
+  }
 }
 
 /* Reads the rest of a body of dataLen bytes, of which `got` are in data already. */
@@ -230,8 +235,7 @@ static int recvReply(Reader* r, tobasHTTP_HDR hdr, tobasHTTP_RESP* resp, tobasHT
   resp->version[0] = resp->message[0] = '\0';
   resp->status = 0;
   for (int row = 0; row < tobasHTTP_HDR_ROWS; ++row) hdr[row][0] = '\0';
-  int stat = readHeader(r, hdr, dataLen);
-  if (stat == 0) stat = parseStatusLine(hdr[0], resp);
+  int stat = readHeader(r, hdr, resp, dataLen);
   if (stat == 0 && resp->status == tobasSRV_INV_QUERY) {
     stat = readerBody(r, *dataLen, &rep->pdata);
     if (stat == 0) stat = tobasSRV_INV_QUERY;
@@ -427,16 +431,29 @@ static int sendHeader(const Exchange* x, int fd, char* small, char* header, int 
 }
 
 /* Host and port of a 303 reply's location ("http://host:port/..."); the path is not used. */
+int _tobasParseLocation(const char* location, char* host, int* port) {
+  const char* h = strstr(location, "//");
+  if (h == NULL) return tobasERR_INV_REPLY;
+  h += 2;
+  const size_t hostLen = strcspn(h, ":/");
+  const char* digits = h + hostLen + 1;
+  if (hostLen == 0 || hostLen >= tobasMED_BUF_SIZE || h[hostLen] != ':' || !isdigit((unsigned char)*digits))
+    return tobasERR_INV_REPLY;
+  char* end;
+  const long p = strtol(digits, &end, 10);
+  if ((*end != '\0' && *end != '/') || p < 1 || p > 65535) return tobasERR_INV_REPLY;
+  memcpy(host, h, hostLen);
+  host[hostLen] = '\0';
+  *port = (int)p;
+  return tobasSTAT_SUCCESS;
+}
+
 static int redirection(const Exchange* x, char* nextHost, int* nextPort) {
   tobasMED_BUF location;
   if (tobasGetHttpHdrEntry(x->hdr, "location", "", location) != 0)
     return urlError(x, "Error calling tobasGetHttpHdrEntry()", tobasERR_INV_REPLY);
-  const char* h = strstr(location, "//");
-  const char* colon = h ? strchr(h + 2, ':') : NULL;
-  if (colon == NULL || colon == h + 2) return urlError(x, "Invalid redirection location", tobasERR_INV_REPLY);
-  memcpy(nextHost, h + 2, (size_t)(colon - (h + 2)));
-  nextHost[colon - (h + 2)] = '\0';
-  *nextPort = atoi(colon + 1); /* the number ends at the '/' of the path */
+  if (_tobasParseLocation(location, nextHost, nextPort) != 0)
+    return urlError(x, "Invalid redirection location", tobasERR_INV_REPLY);
   return tobasSTAT_SUCCESS;
 }
 

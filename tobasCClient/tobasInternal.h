@@ -101,6 +101,31 @@ TOBAS_HIDDEN int tobasPostTo(const char* host, int port, const tobasRequest* rq)
 TOBAS_HIDDEN void tobasFillStatus(int retCode, tobasHTTP_DATA* repDataRef, tobasSTATUS* status,
                                   float timeout);
 
+/* Parsers of what servers send, exported for the fuzz targets (not part of the public API). */
+
+/* A reply header parsed from memory as its bytes arrive: the rows (row 0 the status line), the
+ * body length when announced, and the status line once the header is complete (done). */
+typedef struct {
+  char (*hdr)[tobasHTTP_HDR_ROW_LEN];
+  tobasHTTP_RESP* resp;
+  long* dataLen;
+  int rows;
+  int done;
+} tobasHdrParse;
+/* Takes the complete lines of p[0..len), up to the blank line that ends the header; *used: the
+ * bytes taken. With `end` (no more bytes follow) a header left incomplete is an error.
+ * 0 or tobasERR_INV_REPLY. */
+int _tobasParseHdr(tobasHdrParse* ps, const char* p, size_t len, int end, size_t* used);
+/* Host (tobasMED_BUF) and port of a redirection's location "scheme://host:port[/...]".
+ * 0 or tobasERR_INV_REPLY. */
+int _tobasParseLocation(const char* location, char* host, int* port);
+/* The file name (tobasMED_BUF) of a reply's content disposition, when it names a plain file (no
+ * folder, not "." or ".."). 0 or tobasERR_INV_REPLY. */
+int _tobasReplyFileName(tobasHTTP_HDR hdr, char* name);
+/* The time of the last rotation in the marker line "LOG-ROTATE: <time> ..." among the first 256
+ * bytes of text (the top of a log file); 0 without a marker. */
+long _tobasRotationTime(const char* text, size_t len);
+
 /* 1 when host:port is a server of a registered list. */
 TOBAS_HIDDEN int tobasSrvListed(const char* host, int port);
 

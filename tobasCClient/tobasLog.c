@@ -17,6 +17,7 @@
 
 /* The marker line reads "LOG-ROTATE: <time> - ...": the time starts this far into it. */
 #define MARKER_TIME_OFFSET (sizeof tobasLOG_ROTATE_TAG + 1)
+#define MARKER_HEAD 256 /* bytes at the top of the log searched for the marker */
 
 static pthread_mutex_t logMutex = PTHREAD_MUTEX_INITIALIZER; /* guards curLogFile */
 static tobasBIG_BUF curLogFile = "";
@@ -156,17 +157,13 @@ void tobasSetVerboseLevel(int level) {
   atomic_store(&curVerboseLevel, level);
 }
 
-/* Time of the last rotation, from the marker line at the top of the log; 0 without one. */
-static long lastRotation(const char* logFile) {
-  char head[257];
-  int fd = open(logFile, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return 0;
-  ssize_t n = read(fd, head, 256);
-  close(fd);
-  if (n <= 0) return 0;
+long _tobasRotationTime(const char* text, size_t len) {
+  char head[MARKER_HEAD + 1];
+  size_t n = len < MARKER_HEAD ? len : MARKER_HEAD;
+  memcpy(head, text, n);
   head[n] = '\0';
   /* The head may hold NUL bytes: search it piece by piece. */
-  for (ssize_t off = 0; off < n; off += (ssize_t)strlen(head + off) + 1) {
+  for (size_t off = 0; off < n; off += strlen(head + off) + 1) {
     char* tag = strstr(head + off, tobasLOG_ROTATE_TAG);
     if (tag != NULL) {
       size_t avail = strlen(tag);
@@ -174,6 +171,16 @@ static long lastRotation(const char* logFile) {
     }
   }
   return 0;
+}
+
+/* Time of the last rotation, from the marker line at the top of the log; 0 without one. */
+static long lastRotation(const char* logFile) {
+  char head[MARKER_HEAD];
+  int fd = open(logFile, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  ssize_t n = read(fd, head, sizeof head);
+  close(fd);
+  return n > 0 ? _tobasRotationTime(head, (size_t)n) : 0;
 }
 
 int tobasLogFileRotate(int tmpLogLevel, const char* systemId, char* rotatedLogFile) {

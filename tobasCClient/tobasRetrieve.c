@@ -47,13 +47,7 @@ static int plainFileName(const char* name) {
   return name[0] != '\0' && strcmp(name, ".") != 0 && strcmp(name, "..") != 0 && strchr(name, '/') == NULL;
 }
 
-/* The final name of the retrieved file into final (tobasBIG_BUF): targetFile itself, or the file
- * name of the reply's content disposition in the folder targetFile (or PWD when it is empty). */
-static int targetName(const char* targetFile, tobasHTTP_HDR hdr, char* final) {
-  tobasMED_BUF name;
-  final[0] = '\0';
-  if (given(targetFile) && !tobasIsDir(targetFile))
-    return tobasCopyStr(final, tobasBIG_BUF_SIZE, targetFile) == 0 ? 0 : tobasERR_INV_TARG_FILE;
+int _tobasReplyFileName(tobasHTTP_HDR hdr, char* name) {
   if (tobasGetHttpHdrEntry(hdr, "content-disposition", "filename", name) != 0) {
     tobasLogError("Reply names no file to write");
     return tobasERR_INV_REPLY;
@@ -62,6 +56,18 @@ static int targetName(const char* targetFile, tobasHTTP_HDR hdr, char* final) {
     tobasLogError("Reply names an illegal file to write: \"%s\"", name);
     return tobasERR_INV_REPLY;
   }
+  return tobasSTAT_SUCCESS;
+}
+
+/* The final name of the retrieved file into final (tobasBIG_BUF): targetFile itself, or the file
+ * name of the reply's content disposition in the folder targetFile (or PWD when it is empty). */
+static int targetName(const char* targetFile, tobasHTTP_HDR hdr, char* final) {
+  tobasMED_BUF name;
+  final[0] = '\0';
+  if (given(targetFile) && !tobasIsDir(targetFile))
+    return tobasCopyStr(final, tobasBIG_BUF_SIZE, targetFile) == 0 ? 0 : tobasERR_INV_TARG_FILE;
+  int stat = _tobasReplyFileName(hdr, name);
+  if (stat != 0) return stat;
   const char* dir = given(targetFile) ? targetFile : getenv("PWD");
   size_t len = dir != NULL ? strlen(dir) : 0;
   int rc = dir != NULL
