@@ -526,14 +526,6 @@ int tobasGetAt(const char* host, int port, const tobasRequest* rq) {
   }
 }
 
-int _tobasHttpGet(const char* host, int port, const char* userAgent, const char* path, int receiveData,
-                  tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp,
-                  tobasHTTP_HDR httpHdr) {
-  const tobasRequest rq = {_getTimeOut(), userAgent, path,       receiveData, NULL,     NULL,   NULL,
-                           NULL,          0,         repDataRef, dataLen,     httpResp, httpHdr};
-  return tobasGetAt(host, port, &rq);
-}
-
 /* The file to send, open, and its size; 0 or tobasERR_FILE. */
 static int openSource(const char* srcFilename, int* file, long* size) {
   struct stat st;
@@ -601,13 +593,4 @@ int tobasPostAt(const char* host, int port, const tobasRequest* rq) {
   if (file >= 0) close(file);
   if (fd > 0) close(fd);
   return tobasTraceLeave("_tobasHttpPost", stat);
-}
-
-int _tobasHttpPost(const char* host, int port, const char* userAgent, const char* path, const char* mimeType,
-                   const char* contentDisp, const char* srcFilename, const char* data, long dataLen,
-                   tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp,
-                   tobasHTTP_HDR httpHdr) {
-  const tobasRequest rq = {_getTimeOut(), userAgent, path,       0,        mimeType, contentDisp, srcFilename,
-                           data,          dataLen,   repDataRef, replyLen, httpResp, httpHdr};
-  return tobasPostAt(host, port, &rq);
 }

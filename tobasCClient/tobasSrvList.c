@@ -205,18 +205,27 @@ int tobasPostTo(const char* host, int port, const tobasRequest* rq) {
   return failOver("tobasHttpPost", host, port, rq, tobasPostAt);
 }
 
-int tobasHttpGet(const char* host, int port, const char* userAgent, const char* path, int receiveData,
-                 tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp, tobasHTTP_HDR httpHdr) {
-  const tobasRequest rq = {_getTimeOut(), userAgent, path,       receiveData, NULL,     NULL,   NULL,
-                           NULL,          0,         repDataRef, dataLen,     httpResp, httpHdr};
-  return tobasGetFrom(host, port, &rq);
-}
+/* The public GET and POST functions: a request with the process-wide default reply time-out, sent
+ * in one attempt (the underscore forms) or with fail-over. */
+#define TOBAS_DEFINE_GET(fnName, send)                                                                     \
+  int fnName(const char* host, int port, const char* userAgent, const char* path, int receiveData,         \
+             tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp, tobasHTTP_HDR httpHdr) { \
+    const tobasRequest rq = {_getTimeOut(), userAgent, path,       receiveData, NULL,     NULL,   NULL,    \
+                             NULL,          0,         repDataRef, dataLen,     httpResp, httpHdr};        \
+    return send(host, port, &rq);                                                                          \
+  }
 
-int tobasHttpPost(const char* host, int port, const char* userAgent, const char* path, const char* mimeType,
-                  const char* contentDisp, const char* srcFilename, const char* data, long dataLen,
-                  tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp,
-                  tobasHTTP_HDR httpHdr) {
-  const tobasRequest rq = {_getTimeOut(), userAgent, path,       0,        mimeType, contentDisp, srcFilename,
-                           data,          dataLen,   repDataRef, replyLen, httpResp, httpHdr};
-  return tobasPostTo(host, port, &rq);
-}
+#define TOBAS_DEFINE_POST(fnName, send)                                                                     \
+  int fnName(const char* host, int port, const char* userAgent, const char* path, const char* mimeType,     \
+             const char* contentDisp, const char* srcFilename, const char* data, long dataLen,              \
+             tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp, tobasHTTP_HDR httpHdr) { \
+    const tobasRequest rq = {_getTimeOut(), userAgent,   path,   0,       mimeType,                         \
+                             contentDisp,   srcFilename, data,   dataLen, repDataRef,                       \
+                             replyLen,      httpResp,    httpHdr};                                          \
+    return send(host, port, &rq);                                                                           \
+  }
+
+TOBAS_DEFINE_GET(_tobasHttpGet, tobasGetAt)
+TOBAS_DEFINE_GET(tobasHttpGet, tobasGetFrom)
+TOBAS_DEFINE_POST(_tobasHttpPost, tobasPostAt)
+TOBAS_DEFINE_POST(tobasHttpPost, tobasPostTo)
