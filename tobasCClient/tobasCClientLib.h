@@ -250,7 +250,9 @@ int tobasReadLine(int* fd, char* buf, int max);
  * the socket. 0, an error, or 400 (body in repDataRef->pdata). */
 int tobasRecvHttpHdr(int* sockFd, tobasHTTP_HDR httpHdr, tobasHTTP_RESP* httpResp, tobasHTTP_DATA* repDataRef,
                      long* dataLen);
-/* Value of a header field (and sub-field) into value (tobasMED_BUF). 0 or tobasERR_INV_REPLY. */
+/* Value of a header field (and sub-field) into value (tobasMED_BUF). The field is matched by its name
+ * at the start of a row (any case), the sub-field by its name at the start of a parameter.
+ * 0 or tobasERR_INV_REPLY. */
 int tobasGetHttpHdrEntry(tobasHTTP_HDR httpHdr, const char* fieldName, const char* subField, char* value);
 /* Reads dataLen bytes into a new heap block *data; closes the socket, *sockFd = 0. */
 int tobasRecvData(char** data, long dataLen, int* sockFd);

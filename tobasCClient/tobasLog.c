@@ -65,9 +65,11 @@ void tobasGetLogSettings(char* logFile, int* logLevel, int* verboseLevel, int* l
 
 void tobasLog_v(const char* type, int level, const char* format, va_list args) {
   tobasInitLogConds();
-  int toFile = level <= atomic_load(&curLogLevel);
+  tobasBIG_BUF file;
+  currentLogFile(file);
+  int toFile = level <= atomic_load(&curLogLevel) && file[0] != '\0';
   int toStdout = level <= atomic_load(&curVerboseLevel);
-  if (!toFile && !toStdout) return;
+  if (!toFile && !toStdout) return; /* nothing is formatted for a line that goes nowhere */
 
   char stamp[tobasSMALL_BUF_SIZE];
   tobasGenIsoTime(3, stamp);
@@ -79,20 +81,16 @@ void tobasLog_v(const char* type, int level, const char* format, va_list args) {
   snprintf(tail, sizeof tail, " [%lu]\n", (unsigned long)pthread_self());
 
   if (toFile) {
-    tobasBIG_BUF file;
-    currentLogFile(file);
-    if (file[0] != '\0') {
-      int fd = open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-      if (fd < 0) {
-        free(msg);
-        return; /* no file, no echo */
-      }
-      /* One write per line, so lines of several threads interleave whole. */
-      struct iovec iov[3] = {{head, strlen(head)}, {msg, strlen(msg)}, {tail, strlen(tail)}};
-      ssize_t ignored = writev(fd, iov, 3);
-      (void)ignored;
-      close(fd);
+    int fd = open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) {
+      free(msg);
+      return; /* no file, no echo */
     }
+    /* One write per line, so lines of several threads interleave whole. */
+    struct iovec iov[3] = {{head, strlen(head)}, {msg, strlen(msg)}, {tail, strlen(tail)}};
+    ssize_t ignored = writev(fd, iov, 3);
+    (void)ignored;
+    close(fd);
   }
   if (toStdout) {
     flockfile(stdout);
