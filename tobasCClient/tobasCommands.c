@@ -133,9 +133,12 @@ int tobasCmdGet(tobasCommand* c, const char* host, int port, tobasSTATUS* status
   tobasHTTP_DATA rep = {NULL, 0};
   ReplyBuffers* b = malloc(sizeof *b);
   long len = 0;
-  const tobasRequest rq = {c->timeout, tobasUSER_AGENT, c->path, 1, NULL, NULL, NULL, NULL, 0, &rep,
-                           &len,       &b->resp,        b->hdr};
-  int stat = b == NULL ? tobasERR_ALLOC_MEM : tobasGetFrom(host, port, &rq);
+  int stat = tobasERR_ALLOC_MEM;
+  if (b != NULL) {
+    const tobasRequest rq = {c->timeout, tobasUSER_AGENT, c->path, 1, NULL, NULL, NULL, NULL, 0, &rep,
+                             &len,       &b->resp,        b->hdr};
+    stat = tobasGetFrom(host, port, &rq);
+  }
   takeReply(c, stat, &rep, status);
   free(b);
   free(c->path);
@@ -156,9 +159,12 @@ static int cmdPost(tobasCommand* c, const char* host, int port, const char* mime
   tobasHTTP_DATA rep = {NULL, 0};
   ReplyBuffers* b = malloc(sizeof *b);
   long len = 0;
-  const tobasRequest rq = {c->timeout, tobasUSER_AGENT, c->path, 0,    mimeType, contentDisp, srcFilename,
-                           data,       dataLen,         &rep,    &len, &b->resp, b->hdr};
-  int stat = b == NULL ? tobasERR_ALLOC_MEM : tobasPostTo(host, port, &rq);
+  int stat = tobasERR_ALLOC_MEM;
+  if (b != NULL) {
+    const tobasRequest rq = {c->timeout, tobasUSER_AGENT, c->path, 0,    mimeType, contentDisp, srcFilename,
+                             data,       dataLen,         &rep,    &len, &b->resp, b->hdr};
+    stat = tobasPostTo(host, port, &rq);
+  }
   takeReply(c, stat, &rep, status);
   free(b);
   free(c->path);
