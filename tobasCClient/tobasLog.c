@@ -65,10 +65,11 @@ void tobasGetLogSettings(char* logFile, int* logLevel, int* verboseLevel, int* l
 
 void tobasLog_v(const char* type, int level, const char* format, va_list args) {
   tobasInitLogConds();
-  tobasBIG_BUF file;
-  currentLogFile(file);
-  int toFile = level <= atomic_load(&curLogLevel) && file[0] != '\0';
+  int toFile = level <= atomic_load(&curLogLevel);
   int toStdout = level <= atomic_load(&curVerboseLevel);
+  tobasBIG_BUF file = "";
+  if (toFile) currentLogFile(file);
+  toFile = toFile && file[0] != '\0';
   if (!toFile && !toStdout) return; /* nothing is formatted for a line that goes nowhere */
 
   char stamp[tobasSMALL_BUF_SIZE];
