@@ -2,15 +2,13 @@
 // NUL-terminated) and arbitrary field and sub-field names.
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include <tobasCClient/tobasCClientLib.h>
 
 namespace {
-struct Rows {
-  tobasHTTP_HDR h;
-};
+tobasHTTP_HDR rows;
+size_t dirty = 0;  // bytes of the rows the previous input wrote
 }  // namespace
 
 // Input: field name, NUL, sub-field name, NUL, then the raw bytes of the rows.
@@ -22,13 +20,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const char* z2 = static_cast<const char*>(memchr(z1 + 1, '\0', static_cast<size_t>(end - z1 - 1)));
   if (z2 == nullptr) return 0;
   std::string field(p, z1), sub(z1 + 1, z2);
-  std::unique_ptr<Rows> rows(new Rows);
-  memset(rows->h, 0, sizeof rows->h);
-  size_t n = static_cast<size_t>(end - z2 - 1);
-  if (n > sizeof rows->h) n = sizeof rows->h;
-  memcpy(rows->h, z2 + 1, n);
+  memset(rows, 0, dirty);
+  dirty = static_cast<size_t>(end - z2 - 1);
+  if (dirty > sizeof rows) dirty = sizeof rows;
+  memcpy(rows, z2 + 1, dirty);
   tobasMED_BUF value;
-  if (tobasGetHttpHdrEntry(rows->h, field.c_str(), sub.c_str(), value) == 0 &&
+  if (tobasGetHttpHdrEntry(rows, field.c_str(), sub.c_str(), value) == 0 &&
       strnlen(value, sizeof value) >= sizeof value)
     __builtin_trap();
   return 0;

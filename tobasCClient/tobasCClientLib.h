@@ -8,6 +8,9 @@
  * caller with free(). Buffers typed as tobasSMALL_BUF/tobasMED_BUF/... must be at least
  * that large; results that would not fit are refused with an error, never truncated into
  * a neighbouring buffer.
+ *
+ * Threads: any function may be called from several threads at once; a status record, parameter
+ * array or reply structure is used by one thread at a time.
  */
 #ifndef TOBAS_CCLIENT_LIB_H
 #define TOBAS_CCLIENT_LIB_H
@@ -236,6 +239,8 @@ int tobasPrepSock(const char* host, int port);
 int _tobasConnect(int sockFd, const struct sockaddr_in* servAddr);
 /* Waits for input: 0, tobasERR_COM or tobasERR_TIMEOUT. timeoutSecs <= 0: the reply time-out. */
 int _pollFd(int fd, float timeoutSecs);
+/* The process-wide default reply time-out (<= 0: no limit in practice), used by the transport
+ * functions of this section. A command carries its own time-out and leaves this value as it is. */
 void _setReplyTimeoutFromFloat(float secs);
 float _getTimeOut(void);
 
@@ -245,7 +250,9 @@ int tobasReadLine(int* fd, char* buf, int max);
  * the socket. 0, an error, or 400 (body in repDataRef->pdata). */
 int tobasRecvHttpHdr(int* sockFd, tobasHTTP_HDR httpHdr, tobasHTTP_RESP* httpResp, tobasHTTP_DATA* repDataRef,
                      long* dataLen);
-/* Value of a header field (and sub-field) into value (tobasMED_BUF). 0 or tobasERR_INV_REPLY. */
+/* Value of a header field (and sub-field) into value (tobasMED_BUF). The field is matched by its name
+ * at the start of a row (any case), the sub-field by its name at the start of a parameter.
+ * 0 or tobasERR_INV_REPLY. */
 int tobasGetHttpHdrEntry(tobasHTTP_HDR httpHdr, const char* fieldName, const char* subField, char* value);
 /* Reads dataLen bytes into a new heap block *data; closes the socket, *sockFd = 0. */
 int tobasRecvData(char** data, long dataLen, int* sockFd);
@@ -264,7 +271,8 @@ int tobasHttpPost(const char* host, int port, const char* userAgent, const char*
                   tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp,
                   tobasHTTP_HDR httpHdr);
 
-/* Access code sent as is in an Authorization header (NULL/"" clears it from later requests). */
+/* Access code sent as is in an Authorization header (NULL/"" clears it from later requests); after
+ * a redirection only to the first server or a registered one. The log shows it masked. */
 void tobasSetAuthorization(const char* accessCode);
 const char* tobasGetAuthorization(void);
 

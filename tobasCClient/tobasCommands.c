@@ -92,9 +92,9 @@ int tobasEncodeUrlVal(const char* urlVal, int skipScheme, char* encodedUrl) {
 
 void tobasCmdBegin(tobasCommand* c, const char* fn, float timeoutSecs, tobasSTATUS* status) {
   tobasTraceEnter(fn);
-  _setReplyTimeoutFromFloat(timeoutSecs);
   tobasInitStatus(status);
   c->fn = fn;
+  c->timeout = tobasReplyTimeout(timeoutSecs);
   c->path = malloc(2 * tobasHUGE_BUF_SIZE);
   c->enc = c->path != NULL ? c->path + tobasHUGE_BUF_SIZE : NULL;
   c->stat = c->path != NULL ? tobasSTAT_SUCCESS : tobasERR_ALLOC_MEM;
@@ -117,9 +117,9 @@ const char* tobasCmdEncode(tobasCommand* c, const char* value, int skipScheme) {
 }
 
 /* Fills status from a reply: the document received, or the code. */
-static void takeReply(int stat, tobasHTTP_DATA* rep, tobasSTATUS* status) {
+static void takeReply(const tobasCommand* c, int stat, tobasHTTP_DATA* rep, tobasSTATUS* status) {
   if (rep->fd > 0) close(rep->fd); /* a reply without a body */
-  tobasHandleStatus(stat, rep, status);
+  tobasFillStatus(stat, rep, status, c->timeout);
 }
 
 /* Reply structures of one request, in one heap block (the header table is 128 KiB). */
@@ -133,9 +133,13 @@ int tobasCmdGet(tobasCommand* c, const char* host, int port, tobasSTATUS* status
   tobasHTTP_DATA rep = {NULL, 0};
   ReplyBuffers* b = malloc(sizeof *b);
   long len = 0;
-  int stat = b == NULL ? tobasERR_ALLOC_MEM
-                       : tobasHttpGet(host, port, tobasUSER_AGENT, c->path, 1, &rep, &len, &b->resp, b->hdr);
-  takeReply(stat, &rep, status);
+  int stat = tobasERR_ALLOC_MEM;
+  if (b != NULL) {
+    const tobasRequest rq = {c->timeout, tobasUSER_AGENT, c->path, 1, NULL, NULL, NULL, NULL, 0, &rep,
+                             &len,       &b->resp,        b->hdr};
+    stat = tobasGetFrom(host, port, &rq);
+  }
+  takeReply(c, stat, &rep, status);
   free(b);
   free(c->path);
   return tobasTraceLeave(c->fn, stat);
@@ -143,7 +147,7 @@ int tobasCmdGet(tobasCommand* c, const char* host, int port, tobasSTATUS* status
 
 int tobasCmdRefuse(tobasCommand* c, int stat, tobasSTATUS* status) {
   tobasLogError("%s(): request too long or illegal parameters", c->fn);
-  tobasHandleStatus(stat, NULL, status);
+  tobasFillStatus(stat, NULL, status, c->timeout);
   free(c->path);
   return tobasTraceLeave(c->fn, stat);
 }
@@ -155,10 +159,13 @@ static int cmdPost(tobasCommand* c, const char* host, int port, const char* mime
   tobasHTTP_DATA rep = {NULL, 0};
   ReplyBuffers* b = malloc(sizeof *b);
   long len = 0;
-  int stat = b == NULL ? tobasERR_ALLOC_MEM
-                       : tobasHttpPost(host, port, tobasUSER_AGENT, c->path, mimeType, contentDisp,
-                                       srcFilename, data, dataLen, &rep, &len, &b->resp, b->hdr);
-  takeReply(stat, &rep, status);
+  int stat = tobasERR_ALLOC_MEM;
+  if (b != NULL) {
+    const tobasRequest rq = {c->timeout, tobasUSER_AGENT, c->path, 0,    mimeType, contentDisp, srcFilename,
+                             data,       dataLen,         &rep,    &len, &b->resp, b->hdr};
+    stat = tobasPostTo(host, port, &rq);
+  }
+  takeReply(c, stat, &rep, status);
   free(b);
   free(c->path);
   return tobasTraceLeave(c->fn, stat);
@@ -382,8 +389,7 @@ int tobasRestore(const char* host, int port, float timeoutSecs, const char* file
     stat = tobasGenSendData(host, port, tobasCMD_RESTORE, timeoutSecs, fileUri, "", &pars, status);
   } else {
     tobasLogError("tobasRestore(): request too long or illegal parameters");
-    _setReplyTimeoutFromFloat(timeoutSecs);
-    tobasHandleStatus(stat, NULL, status);
+    tobasFillStatus(stat, NULL, status, tobasReplyTimeout(timeoutSecs));
   }
   return tobasTraceLeave("tobasRestore", stat);
 }

@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -19,8 +20,10 @@
 #define STATUS_BLANK_LIMIT 127 /* the status line's first blank lies within this many characters */
 #define LOOKUP_ROWS 32         /* header rows searched for a field */
 #define BODY_READS 11          /* reads a body of known length may take */
-#define CONTENT_LENGTH "content-length:"
+#define CONTENT_LENGTH "content-length"
 #define SMALL_REQUEST 1024 /* request headers up to this size are built on the stack */
+#define MAX_REDIRECTS 20   /* redirections followed for one request */
+#define AUTH_MASK "****"   /* stands for the access code in the log */
 
 /* ------------------------------------------------------------------ reading replies */
 
@@ -30,16 +33,17 @@ typedef struct {
   int* fd;
   int keepBody;
   int eof;
+  float timeout; /* bounds each wait for more of the reply */
   size_t pos, len;
   char buf[2 * TOBAS_LINE_MAX];
-  char line[TOBAS_LINE_MAX];
 } Reader;
 
-static Reader* readerNew(int* fd, int keepBody) {
+static Reader* readerNew(int* fd, int keepBody, float timeout) {
   Reader* r = malloc(sizeof *r);
   if (r != NULL) {
     r->fd = fd;
     r->keepBody = keepBody;
+    r->timeout = timeout;
     r->eof = 0;
     r->pos = r->len = 0;
   }
@@ -81,7 +85,7 @@ static int readerFill(Reader* r) {
   memmove(r->buf, r->buf + r->pos, r->len - r->pos);
   r->len -= r->pos;
   r->pos = 0;
-  int stat = _pollFd(*r->fd, _getTimeOut());
+  int stat = _pollFd(*r->fd, r->timeout);
   if (stat != 0) return stat;
   char* at = r->buf + r->len;
   ssize_t n = recv(*r->fd, at, sizeof r->buf - r->len, MSG_DONTWAIT | (r->keepBody ? MSG_PEEK : 0));
@@ -97,61 +101,41 @@ static int readerFill(Reader* r) {
   return tobasSTAT_SUCCESS;
 }
 
-/* Next header line into r->line: its length (*complete: it ends with its newline or fills a
- * line), 0 at the end of the input, or an error. */
-static int readerLine(Reader* r, int* complete) {
-  for (;;) {
-    size_t n = lineLen(r->buf + r->pos, r->len - r->pos);
-    *complete = n > 0;
-    if (n == 0 && r->eof) n = r->len - r->pos;
-    if (n > 0 || r->eof) {
-      memcpy(r->line, r->buf + r->pos, n);
-      r->line[n] = '\0';
-      r->pos += n;
-      return (int)n;
-    }
-    int stat = readerFill(r);
-    if (stat != 0) return stat;
-  }
+/* Where the value of field `name` starts in row (past its ':'), when the row is that field: the
+ * name at the start of the row, in any case, followed by ':'. NULL otherwise. */
+static const char* fieldAt(const char* row, size_t rowLen, const char* name) {
+  size_t n = strlen(name);
+  return n < rowLen && strncasecmp(row, name, n) == 0 && row[n] == ':' ? row + n + 1 : NULL;
 }
 
-/* Keeps one header line in row `row`: the field name lower-cased, the content length noted. */
-static int storeHeaderLine(char* line, size_t n, tobasHTTP_HDR hdr, int row, long* dataLen) {
+/* Keeps one header line in the next row: the field name lower-cased, the content length noted. */
+static int storeHeaderLine(tobasHdrParse* ps, const char* line, size_t n) {
   if (memchr(line, '\0', n) != NULL) {
     tobasLogError("Reply header line holds a NUL byte");
     return tobasERR_INV_REPLY;
   }
-  if (row >= tobasHTTP_HDR_ROWS) {
+  if (ps->rows >= tobasHTTP_HDR_ROWS) {
     tobasLogError("Reply header has more than %d lines", tobasHTTP_HDR_ROWS);
     return tobasERR_INV_REPLY;
   }
-  for (char* p = line; *p && *p != ':'; ++p) *p = (char)tolower((unsigned char)*p);
-  tobasCopyStr(hdr[row], tobasHTTP_HDR_ROW_LEN, line);
-  const char* len = strstr(line, CONTENT_LENGTH);
+  char* row = ps->hdr[ps->rows++];
+  size_t kept = n < tobasHTTP_HDR_ROW_LEN ? n : tobasHTTP_HDR_ROW_LEN - 1;
+  memcpy(row, line, kept);
+  row[kept] = '\0';
+  for (char* p = row; *p && *p != ':'; ++p) *p = (char)tolower((unsigned char)*p);
+  const char* len = fieldAt(line, n, CONTENT_LENGTH);
   if (len == NULL) return tobasSTAT_SUCCESS;
-  long value = strtol(len + strlen(CONTENT_LENGTH), NULL, 10);
+  char number[32];
+  size_t digits = (size_t)(line + n - len) < sizeof number ? (size_t)(line + n - len) : sizeof number - 1;
+  memcpy(number, len, digits);
+  number[digits] = '\0';
+  long value = strtol(number, NULL, 10);
   if (value < 0) {
     tobasLogError("Invalid content length in reply: %ld", value);
     return tobasERR_INV_REPLY;
   }
-  *dataLen = value;
+  *ps->dataLen = value;
   return tobasSTAT_SUCCESS;
-}
-
-/* Reads the header lines up to the blank line that ends them. */
-static int readHeader(Reader* r, tobasHTTP_HDR hdr, long* dataLen) {
-  for (int row = 0;; ++row) {
-    int complete;
-    int n = readerLine(r, &complete);
-    if (n < 0) return n;
-    if (!complete) {
-      tobasLogError("Reply ended within its header");
-      return tobasERR_INV_REPLY;
-    }
-    if (isBlankLine(r->line, (size_t)n)) return tobasSTAT_SUCCESS;
-    int stat = storeHeaderLine(r->line, (size_t)n, hdr, row, dataLen);
-    if (stat != 0) return stat;
-  }
 }
 
 static int parseStatusLine(const char* line, tobasHTTP_RESP* resp) {
@@ -168,11 +152,44 @@ static int parseStatusLine(const char* line, tobasHTTP_RESP* resp) {
   return tobasSTAT_SUCCESS;
 }
 
+/* The header is parsed from memory, apart from reading the socket: the reader hands over what
+ * has arrived and the parser takes the complete lines. */
+int _tobasParseHdr(tobasHdrParse* ps, const char* p, size_t len, int end, size_t* used) {
+  *used = 0;
+  while (!ps->done) {
+    size_t n = lineLen(p + *used, len - *used);
+    if (n == 0 && !end) return tobasSTAT_SUCCESS;
+    if (n == 0) {
+      tobasLogError("Reply ended within its header");
+      return tobasERR_INV_REPLY;
+    }
+    const char* line = p + *used;
+    *used += n;
+    ps->done = isBlankLine(line, n);
+    int stat = ps->done ? parseStatusLine(ps->hdr[0], ps->resp) : storeHeaderLine(ps, line, n);
+    if (stat != 0) return stat;
+  }
+  return tobasSTAT_SUCCESS;
+}
+
+/* Reads the header up to the blank line that ends it. */
+static int readHeader(Reader* r, tobasHTTP_HDR hdr, tobasHTTP_RESP* resp, long* dataLen) {
+  tobasHdrParse ps = {hdr, resp, dataLen, 0, 0};
+  for (;;) {
+    size_t used = 0;
+    int stat = _tobasParseHdr(&ps, r->buf + r->pos, r->len - r->pos, r->eof, &used);
+    r->pos += used;
+    if (stat != 0 || ps.done) return stat;
+    stat = readerFill(r);
+    if (stat != 0) return stat;
+  }
+}
+
 /* Reads the rest of a body of dataLen bytes, of which `got` are in data already. */
-static int recvRest(int fd, char* data, long got, long dataLen) {
+static int recvRest(int fd, char* data, long got, long dataLen, float timeout) {
   for (int reads = 0; got < dataLen; ++reads) {
     if (reads >= BODY_READS) return tobasERR_RD_DATA;
-    int stat = _pollFd(fd, _getTimeOut());
+    int stat = _pollFd(fd, timeout);
     if (stat != 0) return stat;
     ssize_t n = read(fd, data + got, (size_t)(dataLen - got));
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue;
@@ -184,14 +201,15 @@ static int recvRest(int fd, char* data, long got, long dataLen) {
 
 /* A body of dataLen bytes into a new heap block, starting with the `taken` bytes already read;
  * the socket is closed and *sockFd set to 0 whatever the outcome. */
-static int recvBody(int* sockFd, const char* taken, size_t takenLen, long dataLen, char** data) {
+static int recvBody(int* sockFd, const char* taken, size_t takenLen, long dataLen, char** data,
+                    float timeout) {
   tobasTraceEnter("tobasRecvData");
   int stat = tobasERR_ALLOC_MEM;
   *data = dataLen >= 0 ? malloc((size_t)dataLen + 1) : NULL;
   if (*data != NULL) {
     long got = (long)takenLen < dataLen ? (long)takenLen : dataLen;
     if (got > 0) memcpy(*data, taken, (size_t)got);
-    stat = recvRest(*sockFd, *data, got, dataLen);
+    stat = recvRest(*sockFd, *data, got, dataLen, timeout);
     (*data)[stat == 0 ? dataLen : 0] = '\0';
   }
   if (stat != 0) {
@@ -207,7 +225,7 @@ static int readerBody(Reader* r, long dataLen, char** data) {
   const char* taken = r->buf + r->pos;
   size_t takenLen = r->len - r->pos;
   r->pos = r->len;
-  return recvBody(r->fd, taken, takenLen, dataLen, data);
+  return recvBody(r->fd, taken, takenLen, dataLen, data, r->timeout);
 }
 
 /* The reply's status line and header; the body of a 400 reply (the server's status document)
@@ -217,8 +235,7 @@ static int recvReply(Reader* r, tobasHTTP_HDR hdr, tobasHTTP_RESP* resp, tobasHT
   resp->version[0] = resp->message[0] = '\0';
   resp->status = 0;
   for (int row = 0; row < tobasHTTP_HDR_ROWS; ++row) hdr[row][0] = '\0';
-  int stat = readHeader(r, hdr, dataLen);
-  if (stat == 0) stat = parseStatusLine(hdr[0], resp);
+  int stat = readHeader(r, hdr, resp, dataLen);
   if (stat == 0 && resp->status == tobasSRV_INV_QUERY) {
     stat = readerBody(r, *dataLen, &rep->pdata);
     if (stat == 0) stat = tobasSRV_INV_QUERY;
@@ -232,13 +249,15 @@ static int recvReply(Reader* r, tobasHTTP_HDR hdr, tobasHTTP_RESP* resp, tobasHT
 
 int tobasRecvHttpHdr(int* sockFd, tobasHTTP_HDR httpHdr, tobasHTTP_RESP* httpResp, tobasHTTP_DATA* repDataRef,
                      long* dataLen) {
-  Reader* r = readerNew(sockFd, 1);
+  Reader* r = readerNew(sockFd, 1, _getTimeOut());
   int stat = r != NULL ? recvReply(r, httpHdr, httpResp, repDataRef, dataLen) : tobasERR_ALLOC_MEM;
   free(r);
   return stat;
 }
 
-int tobasRecvData(char** data, long dataLen, int* sockFd) { return recvBody(sockFd, NULL, 0, dataLen, data); }
+int tobasRecvData(char** data, long dataLen, int* sockFd) {
+  return recvBody(sockFd, NULL, 0, dataLen, data, _getTimeOut());
+}
 
 /* Reads one line, up to and including its '\n', and never a byte beyond it. On a socket the
  * bytes are looked at with MSG_PEEK and then taken up to the line's end; any other descriptor is
@@ -279,29 +298,34 @@ int tobasReadLine(int* fd, char* buf, int max) {
 
 /* ------------------------------------------------------------------ header fields */
 
+/* Where subField's value starts in the field value v[0..end): the name followed by '=', at the
+ * start of the value or after a ';' or blank, so that "xfilename=" is not taken for "filename=". */
+static const char* subFieldAt(const char* v, const char* end, const char* subField) {
+  size_t n = strlen(subField);
+  for (const char* p = v; (p = memmem(p, (size_t)(end - p), subField, n)) != NULL; ++p)
+    if (p + n < end && p[n] == '=' && (p == v || p[-1] == ';' || p[-1] == ' ')) return p + n + 1;
+  return NULL;
+}
+
 /* Where the value of fieldName (and subField) starts in the first rows of the header, or NULL. */
 static const char* fieldValue(tobasHTTP_HDR httpHdr, const char* fieldName, const char* subField,
                               const char** end) {
-  size_t nameLen = strlen(fieldName);
   for (int i = 0; i < LOOKUP_ROWS; ++i) {
     const char* row = httpHdr[i];
     size_t rowLen = strnlen(row, tobasHTTP_HDR_ROW_LEN);
-    if (memmem(row, rowLen, fieldName, nameLen) == NULL) continue;
+    const char* p = fieldAt(row, rowLen, fieldName);
+    if (p == NULL) continue;
     *end = row + rowLen;
-    if (subField != NULL && *subField) {
-      char key[tobasMED_BUF_SIZE + 2];
-      if (snprintf(key, sizeof key, "%s=", subField) >= (int)sizeof key) return NULL;
-      const char* p = memmem(row, rowLen, key, strlen(key));
-      return p != NULL ? p + strlen(key) : NULL;
-    }
-    const char* p = memchr(row, ':', rowLen);
-    if (p != NULL)
-      for (++p; p < *end && *p == ' ';) ++p;
+    if (subField != NULL && *subField) return subFieldAt(p, *end, subField);
+    while (p < *end && *p == ' ') ++p;
     return p;
   }
   return NULL;
 }
 
+/* A field is matched by its name at the start of a row, in any case, and a sub-field by its name
+ * at the start of a parameter: a name that only appears inside another field's value (as in
+ * "X-A: y content-length: 3") does not count, unlike a plain search of the row's text. */
 int tobasGetHttpHdrEntry(tobasHTTP_HDR httpHdr, const char* fieldName, const char* subField, char* value) {
   tobasTraceEnter("tobasGetHttpHdrEntry");
   const char* end = NULL;
@@ -356,6 +380,8 @@ typedef struct {
   long* dataLen;
   tobasHTTP_RESP* resp;
   char (*hdr)[tobasHTTP_HDR_ROW_LEN];
+  const char* auth; /* access code sent to this server, or NULL */
+  float timeout;
 } Exchange;
 
 /* Every failure of a request is logged once, with its URL. */
@@ -389,11 +415,15 @@ static char* formatRequest(char* small, int* len, const char* format, ...) {
   return big;
 }
 
+/* Sends a request header. The access code, which ends the header before its closing CR LF LF,
+ * is masked in the log; the bytes sent keep it. */
 static int sendHeader(const Exchange* x, int fd, char* small, char* header, int len, int more) {
   int stat = tobasERR_ALLOC_MEM;
   if (header != NULL) {
-    tobasLogInfo(LEV5, "Submitting HTTP header: %s to host/port: %s/%d", header, x->host, x->port);
-    stat = tobasSendAll(fd, header, (size_t)len, more);
+    const int shown = x->auth != NULL ? len - (int)strlen(x->auth) - 3 : len;
+    tobasLogInfo(LEV5, "Submitting HTTP header: %.*s%s to host/port: %s/%d", shown, header,
+                 x->auth != NULL ? AUTH_MASK "\r\n\n" : "", x->host, x->port);
+    stat = tobasSendAll(fd, header, (size_t)len, more, x->timeout);
     if (stat == TOBAS_SEND_FAILED) stat = tobasERR_WR_HD;
   }
   if (header != small) free(header);
@@ -401,16 +431,29 @@ static int sendHeader(const Exchange* x, int fd, char* small, char* header, int 
 }
 
 /* Host and port of a 303 reply's location ("http://host:port/..."); the path is not used. */
+int _tobasParseLocation(const char* location, char* host, int* port) {
+  const char* h = strstr(location, "//");
+  if (h == NULL) return tobasERR_INV_REPLY;
+  h += 2;
+  const size_t hostLen = strcspn(h, ":/");
+  const char* digits = h + hostLen + 1;
+  if (hostLen == 0 || hostLen >= tobasMED_BUF_SIZE || h[hostLen] != ':' || !isdigit((unsigned char)*digits))
+    return tobasERR_INV_REPLY;
+  char* end;
+  const long p = strtol(digits, &end, 10);
+  if ((*end != '\0' && *end != '/') || p < 1 || p > 65535) return tobasERR_INV_REPLY;
+  memcpy(host, h, hostLen);
+  host[hostLen] = '\0';
+  *port = (int)p;
+  return tobasSTAT_SUCCESS;
+}
+
 static int redirection(const Exchange* x, char* nextHost, int* nextPort) {
   tobasMED_BUF location;
   if (tobasGetHttpHdrEntry(x->hdr, "location", "", location) != 0)
     return urlError(x, "Error calling tobasGetHttpHdrEntry()", tobasERR_INV_REPLY);
-  const char* h = strstr(location, "//");
-  const char* colon = h ? strchr(h + 2, ':') : NULL;
-  if (colon == NULL || colon == h + 2) return urlError(x, "Invalid redirection location", tobasERR_INV_REPLY);
-  memcpy(nextHost, h + 2, (size_t)(colon - (h + 2)));
-  nextHost[colon - (h + 2)] = '\0';
-  *nextPort = atoi(colon + 1); /* the number ends at the '/' of the path */
+  if (_tobasParseLocation(location, nextHost, nextPort) != 0)
+    return urlError(x, "Invalid redirection location", tobasERR_INV_REPLY);
   return tobasSTAT_SUCCESS;
 }
 
@@ -434,7 +477,7 @@ static int getHop(const Exchange* x, const char* userAgent, int receiveData, cha
   resetReply(x);
   int fd = tobasOpenSocket(x->host, x->port);
   if (fd < 0) return tobasTraceLeave("_tobasHttpGet", urlError(x, "Error calling tobasPrepSock()", fd));
-  const char* auth = tobasGetAuthorization();
+  const char* auth = x->auth;
   char small[SMALL_REQUEST];
   int len = 0;
   /* The request line ends with a bare LF, the header with CR LF LF, and "%20" stands where POST
@@ -444,7 +487,7 @@ static int getHop(const Exchange* x, const char* userAgent, int receiveData, cha
   int stat = sendHeader(x, fd, small, header, len, 0);
   Reader* r = NULL;
   if (stat == 0) {
-    r = readerNew(&fd, !receiveData);
+    r = readerNew(&fd, !receiveData, x->timeout);
     stat = r != NULL ? recvReply(r, x->hdr, x->resp, x->rep, x->dataLen) : tobasERR_ALLOC_MEM;
     if (stat != 0) urlError(x, "Error calling tobasRecvHttpHdr()", stat);
   }
@@ -457,24 +500,29 @@ static int getHop(const Exchange* x, const char* userAgent, int receiveData, cha
   return tobasTraceLeave("_tobasHttpGet", stat);
 }
 
-int _tobasHttpGet(const char* host, int port, const char* userAgent, const char* path, int receiveData,
-                  tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp,
-                  tobasHTTP_HDR httpHdr) {
+/* Follows at most MAX_REDIRECTS redirections, each with the path of the first request. The access
+ * code goes to the first server and, after a redirection, only to a server of a registered list,
+ * as a browser keeps credentials to the host they were given for. */
+int tobasGetAt(const char* host, int port, const tobasRequest* rq) {
   tobasMED_BUF curHost, nextHost;
-  Exchange x = {curHost, port, path, repDataRef, dataLen, httpResp, httpHdr};
-  if (tobasCopyStr(curHost, sizeof curHost, host ? host : "") != 0) {
+  const char* auth = tobasGetAuthorization();
+  if (host == NULL) host = "";
+  Exchange x = {curHost, port, rq->path, rq->rep, rq->replyLen, rq->resp, rq->hdr, auth, rq->timeout};
+  if (tobasCopyStr(curHost, sizeof curHost, host) != 0) {
     tobasTraceEnter("_tobasHttpGet");
     return tobasTraceLeave("_tobasHttpGet", urlError(&x, "Host name too long", tobasERR_HOST));
   }
-  /* Redirections are followed with the path of the first request. */
-  for (;;) {
+  for (int hops = 0;; ++hops) {
     nextHost[0] = '\0';
     int nextPort = 0;
-    int stat = getHop(&x, userAgent, receiveData, nextHost, &nextPort);
+    int stat = getHop(&x, rq->userAgent, rq->receiveData, nextHost, &nextPort);
     if (stat != 0 || nextHost[0] == '\0') return stat;
+    if (hops == MAX_REDIRECTS) return urlError(&x, "Too many redirections", tobasERR_INV_REPLY);
     tobasLogInfo(LEV3, "Redirected to %s:%d", nextHost, nextPort);
     strcpy(curHost, nextHost);
     x.port = nextPort;
+    const int first = strcasecmp(curHost, host) == 0 && nextPort == port;
+    x.auth = auth != NULL && (first || tobasSrvListed(curHost, nextPort)) ? auth : NULL;
   }
 }
 
@@ -493,7 +541,7 @@ static int openSource(const char* srcFilename, int* file, long* size) {
 
 static int sendPost(const Exchange* x, int fd, const char* mimeType, const char* contentDisp, int file,
                     const char* data, long bodyLen) {
-  const char* auth = tobasGetAuthorization();
+  const char* auth = x->auth;
   char small[SMALL_REQUEST];
   int len = 0;
   char* header = formatRequest(
@@ -504,14 +552,15 @@ static int sendPost(const Exchange* x, int fd, const char* mimeType, const char*
       auth ? "\r\nAuthorization: Basic " : "", auth ? auth : "");
   int stat = sendHeader(x, fd, small, header, len, bodyLen > 0);
   if (stat != 0 || bodyLen <= 0) return stat;
-  stat = file >= 0 ? tobasSendFile(fd, file, bodyLen) : tobasSendAll(fd, data, (size_t)bodyLen, 0);
+  stat = file >= 0 ? tobasSendFile(fd, file, bodyLen, x->timeout)
+                   : tobasSendAll(fd, data, (size_t)bodyLen, 0, x->timeout);
   if (stat == TOBAS_SEND_FAILED) stat = tobasERR_WR_DATA;
   return stat != 0 ? urlError(x, "Error writing data on socket", stat) : tobasSTAT_SUCCESS;
 }
 
 /* The reply to a POST: header, then always the announced body. */
 static int recvPostReply(const Exchange* x, int* fd) {
-  Reader* r = readerNew(fd, 0);
+  Reader* r = readerNew(fd, 0, x->timeout);
   if (r == NULL) return tobasERR_ALLOC_MEM;
   int stat = recvReply(r, x->hdr, x->resp, x->rep, x->dataLen);
   if (stat != 0) urlError(x, "Error calling tobasRecvHttpHdr()", stat);
@@ -523,23 +572,23 @@ static int recvPostReply(const Exchange* x, int* fd) {
   return stat;
 }
 
-int _tobasHttpPost(const char* host, int port, const char* userAgent, const char* path, const char* mimeType,
-                   const char* contentDisp, const char* srcFilename, const char* data, long dataLen,
-                   tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp,
-                   tobasHTTP_HDR httpHdr) {
+int tobasPostAt(const char* host, int port, const tobasRequest* rq) {
   tobasTraceEnter("_tobasHttpPost");
-  (void)userAgent; /* POST always identifies itself with the library's agent string */
-  Exchange x = {host ? host : "", port, path, repDataRef, replyLen, httpResp, httpHdr};
+  /* POST always identifies itself with the library's agent string, not rq->userAgent. */
+  Exchange x = {host ? host : "",        port,       rq->path, rq->rep, rq->replyLen, rq->resp, rq->hdr,
+                tobasGetAuthorization(), rq->timeout};
   resetReply(&x);
+  long dataLen = rq->dataLen;
   int file = -1, fd = 0, stat = tobasSTAT_SUCCESS;
-  if (srcFilename != NULL && srcFilename[0] != '\0' && openSource(srcFilename, &file, &dataLen) != 0)
+  if (rq->srcFilename != NULL && rq->srcFilename[0] != '\0' &&
+      openSource(rq->srcFilename, &file, &dataLen) != 0)
     stat = urlError(&x, "Error opening the file to send", tobasERR_FILE);
   if (stat == 0) fd = tobasOpenSocket(x.host, port);
   if (fd < 0) {
     stat = urlError(&x, "Error calling tobasPrepSock()", fd);
     fd = 0;
   }
-  if (stat == 0) stat = sendPost(&x, fd, mimeType, contentDisp, file, data, dataLen);
+  if (stat == 0) stat = sendPost(&x, fd, rq->mimeType, rq->contentDisp, file, rq->data, dataLen);
   if (stat == 0) stat = recvPostReply(&x, &fd);
   if (file >= 0) close(file);
   if (fd > 0) close(fd);

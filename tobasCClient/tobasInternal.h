@@ -62,13 +62,72 @@ TOBAS_HIDDEN double tobasNow(void);
 TOBAS_HIDDEN int tobasWaitFd(int fd, short events, double timeoutSecs, int maxInterrupts);
 /* Connected non-blocking socket, as tobasPrepSock. */
 TOBAS_HIDDEN int tobasOpenSocket(const char* host, int port);
-/* Sends all len bytes on a non-blocking socket (no SIGPIPE), each wait bounded by the reply
- * time-out; `more`: further bytes follow at once. 0, tobasERR_TIMEOUT, or TOBAS_SEND_FAILED. */
-TOBAS_HIDDEN int tobasSendAll(int fd, const char* buf, size_t len, int more);
+/* The reply time-out that a time-out given to a command stands for (<= 0: no limit in practice). */
+TOBAS_HIDDEN float tobasReplyTimeout(float secs);
+/* Sends all len bytes on a non-blocking socket (no SIGPIPE), each wait bounded by `timeout`;
+ * `more`: further bytes follow at once. 0, tobasERR_TIMEOUT, or TOBAS_SEND_FAILED. */
+TOBAS_HIDDEN int tobasSendAll(int fd, const char* buf, size_t len, int more, float timeout);
 /* Sends len bytes of the file `file` from its current position, as tobasSendAll.
  * 0, tobasERR_TIMEOUT, TOBAS_SEND_FAILED, tobasERR_ALLOC_MEM, or tobasERR_FILE when the file
  * cannot be read or ends first. */
-TOBAS_HIDDEN int tobasSendFile(int sock, int file, long len);
+TOBAS_HIDDEN int tobasSendFile(int sock, int file, long len, float timeout);
+
+/* One GET or POST: what is sent, where the reply goes, and the reply time-out that bounds each
+ * wait. A command carries its own time-out here, so that commands of several threads do not
+ * change each other's; the process-wide value is only the default of the public functions. */
+typedef struct {
+  float timeout;
+  const char* userAgent;
+  const char* path;
+  int receiveData;      /* GET: read the body, else leave the connection in rep->fd */
+  const char* mimeType; /* POST: the body, from the file srcFilename or from data */
+  const char* contentDisp;
+  const char* srcFilename;
+  const char* data;
+  long dataLen;
+  tobasHTTP_DATA* rep;
+  long* replyLen;
+  tobasHTTP_RESP* resp;
+  char (*hdr)[tobasHTTP_HDR_ROW_LEN];
+} tobasRequest;
+
+/* One attempt at host:port, as _tobasHttpGet and _tobasHttpPost. */
+TOBAS_HIDDEN int tobasGetAt(const char* host, int port, const tobasRequest* rq);
+TOBAS_HIDDEN int tobasPostAt(const char* host, int port, const tobasRequest* rq);
+/* With fail-over when host names a registered list, as tobasHttpGet and tobasHttpPost. */
+TOBAS_HIDDEN int tobasGetFrom(const char* host, int port, const tobasRequest* rq);
+TOBAS_HIDDEN int tobasPostTo(const char* host, int port, const tobasRequest* rq);
+/* tobasHandleStatus, with the time-out that a time-out's message names. */
+TOBAS_HIDDEN void tobasFillStatus(int retCode, tobasHTTP_DATA* repDataRef, tobasSTATUS* status,
+                                  float timeout);
+
+/* Parsers of what servers send, exported for the fuzz targets (not part of the public API). */
+
+/* A reply header parsed from memory as its bytes arrive: the rows (row 0 the status line), the
+ * body length when announced, and the status line once the header is complete (done). */
+typedef struct {
+  char (*hdr)[tobasHTTP_HDR_ROW_LEN];
+  tobasHTTP_RESP* resp;
+  long* dataLen;
+  int rows;
+  int done;
+} tobasHdrParse;
+/* Takes the complete lines of p[0..len), up to the blank line that ends the header; *used: the
+ * bytes taken. With `end` (no more bytes follow) a header left incomplete is an error.
+ * 0 or tobasERR_INV_REPLY. */
+int _tobasParseHdr(tobasHdrParse* ps, const char* p, size_t len, int end, size_t* used);
+/* Host (tobasMED_BUF) and port of a redirection's location "scheme://host:port[/...]".
+ * 0 or tobasERR_INV_REPLY. */
+int _tobasParseLocation(const char* location, char* host, int* port);
+/* The file name (tobasMED_BUF) of a reply's content disposition, when it names a plain file (no
+ * folder, not "." or ".."). 0 or tobasERR_INV_REPLY. */
+int _tobasReplyFileName(tobasHTTP_HDR hdr, char* name);
+/* The time of the last rotation in the marker line "LOG-ROTATE: <time> ..." among the first 256
+ * bytes of text (the top of a log file); 0 without a marker. */
+long _tobasRotationTime(const char* text, size_t len);
+
+/* 1 when host:port is a server of a registered list. */
+TOBAS_HIDDEN int tobasSrvListed(const char* host, int port);
 
 /* A command being built: its request path, a work buffer for one encoded value, and the first
  * error met; once an error is set, the steps below leave the command as it is. */
@@ -77,9 +136,10 @@ typedef struct {
   char* path; /* tobasHUGE_BUF */
   char* enc;  /* tobasHUGE_BUF */
   int stat;
+  float timeout; /* the command's reply time-out */
 } tobasCommand;
 
-/* Writes the entering trace of fn, sets the reply time-out and clears the status. */
+/* Writes the entering trace of fn, takes the command's reply time-out and clears the status. */
 TOBAS_HIDDEN void tobasCmdBegin(tobasCommand* c, const char* fn, float timeoutSecs, tobasSTATUS* status);
 TOBAS_HIDDEN void tobasCmdAppend(tobasCommand* c, const char* format, ...) tobasPRINTF_LIKE(2, 3);
 /* The encoded value (in c->enc, valid until the next call). */

@@ -17,6 +17,7 @@
 
 /* The marker line reads "LOG-ROTATE: <time> - ...": the time starts this far into it. */
 #define MARKER_TIME_OFFSET (sizeof tobasLOG_ROTATE_TAG + 1)
+#define MARKER_HEAD 256 /* bytes at the top of the log searched for the marker */
 
 static pthread_mutex_t logMutex = PTHREAD_MUTEX_INITIALIZER; /* guards curLogFile */
 static tobasBIG_BUF curLogFile = "";
@@ -66,7 +67,10 @@ void tobasLog_v(const char* type, int level, const char* format, va_list args) {
   tobasInitLogConds();
   int toFile = level <= atomic_load(&curLogLevel);
   int toStdout = level <= atomic_load(&curVerboseLevel);
-  if (!toFile && !toStdout) return;
+  tobasBIG_BUF file = "";
+  if (toFile) currentLogFile(file);
+  toFile = toFile && file[0] != '\0';
+  if (!toFile && !toStdout) return; /* nothing is formatted for a line that goes nowhere */
 
   char stamp[tobasSMALL_BUF_SIZE];
   tobasGenIsoTime(3, stamp);
@@ -78,20 +82,16 @@ void tobasLog_v(const char* type, int level, const char* format, va_list args) {
   snprintf(tail, sizeof tail, " [%lu]\n", (unsigned long)pthread_self());
 
   if (toFile) {
-    tobasBIG_BUF file;
-    currentLogFile(file);
-    if (file[0] != '\0') {
-      int fd = open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-      if (fd < 0) {
-        free(msg);
-        return; /* no file, no echo */
-      }
-      /* One write per line, so lines of several threads interleave whole. */
-      struct iovec iov[3] = {{head, strlen(head)}, {msg, strlen(msg)}, {tail, strlen(tail)}};
-      ssize_t ignored = writev(fd, iov, 3);
-      (void)ignored;
-      close(fd);
+    int fd = open(file, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    if (fd < 0) {
+      free(msg);
+      return; /* no file, no echo */
     }
+    /* One write per line, so lines of several threads interleave whole. */
+    struct iovec iov[3] = {{head, strlen(head)}, {msg, strlen(msg)}, {tail, strlen(tail)}};
+    ssize_t ignored = writev(fd, iov, 3);
+    (void)ignored;
+    close(fd);
   }
   if (toStdout) {
     flockfile(stdout);
@@ -156,17 +156,13 @@ void tobasSetVerboseLevel(int level) {
   atomic_store(&curVerboseLevel, level);
 }
 
-/* Time of the last rotation, from the marker line at the top of the log; 0 without one. */
-static long lastRotation(const char* logFile) {
-  char head[257];
-  int fd = open(logFile, O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return 0;
-  ssize_t n = read(fd, head, 256);
-  close(fd);
-  if (n <= 0) return 0;
+long _tobasRotationTime(const char* text, size_t len) {
+  char head[MARKER_HEAD + 1];
+  size_t n = len < MARKER_HEAD ? len : MARKER_HEAD;
+  memcpy(head, text, n);
   head[n] = '\0';
   /* The head may hold NUL bytes: search it piece by piece. */
-  for (ssize_t off = 0; off < n; off += (ssize_t)strlen(head + off) + 1) {
+  for (size_t off = 0; off < n; off += strlen(head + off) + 1) {
     char* tag = strstr(head + off, tobasLOG_ROTATE_TAG);
     if (tag != NULL) {
       size_t avail = strlen(tag);
@@ -174,6 +170,16 @@ static long lastRotation(const char* logFile) {
     }
   }
   return 0;
+}
+
+/* Time of the last rotation, from the marker line at the top of the log; 0 without one. */
+static long lastRotation(const char* logFile) {
+  char head[MARKER_HEAD];
+  int fd = open(logFile, O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return 0;
+  ssize_t n = read(fd, head, sizeof head);
+  close(fd);
+  return n > 0 ? _tobasRotationTime(head, (size_t)n) : 0;
 }
 
 int tobasLogFileRotate(int tmpLogLevel, const char* systemId, char* rotatedLogFile) {

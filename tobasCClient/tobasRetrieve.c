@@ -47,13 +47,7 @@ static int plainFileName(const char* name) {
   return name[0] != '\0' && strcmp(name, ".") != 0 && strcmp(name, "..") != 0 && strchr(name, '/') == NULL;
 }
 
-/* The final name of the retrieved file into final (tobasBIG_BUF): targetFile itself, or the file
- * name of the reply's content disposition in the folder targetFile (or PWD when it is empty). */
-static int targetName(const char* targetFile, tobasHTTP_HDR hdr, char* final) {
-  tobasMED_BUF name;
-  final[0] = '\0';
-  if (given(targetFile) && !tobasIsDir(targetFile))
-    return tobasCopyStr(final, tobasBIG_BUF_SIZE, targetFile) == 0 ? 0 : tobasERR_INV_TARG_FILE;
+int _tobasReplyFileName(tobasHTTP_HDR hdr, char* name) {
   if (tobasGetHttpHdrEntry(hdr, "content-disposition", "filename", name) != 0) {
     tobasLogError("Reply names no file to write");
     return tobasERR_INV_REPLY;
@@ -62,6 +56,18 @@ static int targetName(const char* targetFile, tobasHTTP_HDR hdr, char* final) {
     tobasLogError("Reply names an illegal file to write: \"%s\"", name);
     return tobasERR_INV_REPLY;
   }
+  return tobasSTAT_SUCCESS;
+}
+
+/* The final name of the retrieved file into final (tobasBIG_BUF): targetFile itself, or the file
+ * name of the reply's content disposition in the folder targetFile (or PWD when it is empty). */
+static int targetName(const char* targetFile, tobasHTTP_HDR hdr, char* final) {
+  tobasMED_BUF name;
+  final[0] = '\0';
+  if (given(targetFile) && !tobasIsDir(targetFile))
+    return tobasCopyStr(final, tobasBIG_BUF_SIZE, targetFile) == 0 ? 0 : tobasERR_INV_TARG_FILE;
+  int stat = _tobasReplyFileName(hdr, name);
+  if (stat != 0) return stat;
   const char* dir = given(targetFile) ? targetFile : getenv("PWD");
   size_t len = dir != NULL ? strlen(dir) : 0;
   int rc = dir != NULL
@@ -131,8 +137,7 @@ static ssize_t takeFromSocket(Copy* cp, size_t want) {
 
 /* Copies the socket's next `*left` bytes into the file. Each wait for data is bounded by the reply
  * time-out, counted from the last data received; a connection closed early ends the copy at once. */
-static int copyLoop(Copy* cp, long* left) {
-  const double timeout = _getTimeOut();
+static int copyLoop(Copy* cp, long* left, double timeout) {
   double lastData = tobasNow();
   while (*left > 0) {
     const double wait = lastData + timeout - tobasNow();
@@ -156,12 +161,12 @@ static int copyLoop(Copy* cp, long* left) {
   return tobasSTAT_SUCCESS;
 }
 
-static int copyBody(int sock, int out, long* left) {
+static int copyBody(int sock, int out, long* left, float timeout) {
   Copy cp = {sock, out, {-1, -1}, 0, 1, malloc(TOBAS_IO_CHUNK)};
   if (cp.buf == NULL) return tobasERR_ALLOC_MEM;
   cp.spliceIn = pipe2(cp.pipeFd, O_CLOEXEC) == 0;
   if (cp.spliceIn) fcntl(cp.pipeFd[1], F_SETPIPE_SZ, TOBAS_IO_CHUNK); /* a larger pipe if allowed */
-  int stat = copyLoop(&cp, left);
+  int stat = copyLoop(&cp, left, timeout);
   if (cp.pipeFd[0] >= 0) close(cp.pipeFd[0]);
   if (cp.pipeFd[1] >= 0) close(cp.pipeFd[1]);
   free(cp.buf);
@@ -169,9 +174,9 @@ static int copyBody(int sock, int out, long* left) {
 }
 
 /* Reads and drops what is left of an announced body. */
-static void drain(int fd, long left) {
+static void drain(int fd, long left, float timeout) {
   char buf[64 * 1024];
-  while (left > 0 && _pollFd(fd, _getTimeOut()) == 0) {
+  while (left > 0 && _pollFd(fd, timeout) == 0) {
     ssize_t n = read(fd, buf, left < (long)sizeof buf ? (size_t)left : sizeof buf);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
@@ -185,11 +190,27 @@ static void drain(int fd, long left) {
 typedef struct {
   tobasHTTP_DATA rep;
   long len, left;
+  float timeout;
   tobasBIG_BUF final;
   char temp[tobasBIG_BUF_SIZE + 64];
   tobasHTTP_RESP resp;
   tobasHTTP_HDR hdr;
 } Retrieval;
+
+/* Only a 200 reply that announces the length of its body is written to a file (a body without a
+ * length cannot be told from one cut short); any other reply fails the retrieval. */
+static int acceptReply(Retrieval* rt) {
+  tobasMED_BUF length;
+  if (rt->resp.status != tobasSRV_OK) {
+    tobasLogError("Retrieval refused by the server: %d %s", rt->resp.status, rt->resp.message);
+    return tobasERR_INV_REPLY;
+  }
+  if (tobasGetHttpHdrEntry(rt->hdr, "content-length", "", length) != 0) {
+    tobasLogError("Reply announces no length of the file");
+    return tobasERR_INV_REPLY;
+  }
+  return tobasSTAT_SUCCESS;
+}
 
 /* Writes the body of the reply into the target file. */
 static int receiveFile(Retrieval* rt, const char* targetFile) {
@@ -199,7 +220,7 @@ static int receiveFile(Retrieval* rt, const char* targetFile) {
     tobasLogError("Cannot create target file: %s", rt->final);
     stat = tobasERR_INV_TARG_FILE;
   }
-  if (stat == 0) stat = copyBody(rt->rep.fd, out, &rt->left);
+  if (stat == 0) stat = copyBody(rt->rep.fd, out, &rt->left, rt->timeout);
   if (out >= 0 && close(out) != 0 && stat == 0) stat = tobasERR_FILE;
   if (out >= 0 && stat == 0 && rename(rt->temp, rt->final) != 0) {
     tobasLogError("Cannot create target file: %s", rt->final);
@@ -214,10 +235,10 @@ static void retrievalStatus(int stat, Retrieval* rt, tobasSTATUS* status) {
   int sock = rt->rep.fd;
   if (stat != 0 && stat != tobasSRV_INV_QUERY && stat != tobasERR_TIMEOUT && rt->rep.pdata == NULL &&
       sock > 0)
-    drain(sock, rt->left);
+    drain(sock, rt->left, rt->timeout);
   if (sock > 0) close(sock);
   if (stat != 0) {
-    tobasHandleStatus(stat, &rt->rep, status);
+    tobasFillStatus(stat, &rt->rep, status, rt->timeout);
     return;
   }
   tobasInitStatus(status);
@@ -240,9 +261,13 @@ int _tobasRetrieve2File(const char* host, int port, float timeoutSecs, const cha
   rt->rep.pdata = NULL;
   rt->rep.fd = 0;
   rt->len = 0;
-  int stat = tobasHttpGet(host, port, tobasUSER_AGENT, c.path, 0, &rt->rep, &rt->len, &rt->resp, rt->hdr);
+  rt->timeout = c.timeout;
+  const tobasRequest rq = {c.timeout, tobasUSER_AGENT, c.path,   0,         NULL,   NULL, NULL, NULL,
+                           0,         &rt->rep,        &rt->len, &rt->resp, rt->hdr};
+  int stat = tobasGetFrom(host, port, &rq);
   if (stat != 0) tobasLogError("Error invoking tobasHttpGet(). Host:port/URL: %s:%d/%s", host, port, c.path);
   rt->left = rt->len;
+  if (stat == 0) stat = acceptReply(rt);
   if (stat == 0) stat = receiveFile(rt, targetFile);
   if (stat == 0 && finalTargetFile) strcpy(finalTargetFile, rt->final);
   retrievalStatus(stat, rt, status);

@@ -28,9 +28,11 @@
 
 static _Atomic float replyTimeout = 0.0f;
 
+float tobasReplyTimeout(float secs) { return secs <= 0.0f ? NO_REPLY_TIMEOUT : secs; }
+
 void _setReplyTimeoutFromFloat(float secs) {
   tobasTraceEnter("_setReplyTimeoutFromFloat");
-  atomic_store(&replyTimeout, secs <= 0.0f ? NO_REPLY_TIMEOUT : secs);
+  atomic_store(&replyTimeout, tobasReplyTimeout(secs));
   tobasTraceLeave("_setReplyTimeoutFromFloat", tobasSTAT_SUCCESS);
 }
 
@@ -170,11 +172,11 @@ int tobasPrepSock(const char* host, int port) {
 
 /* ------------------------------------------------------------------ sending */
 
-int tobasSendAll(int fd, const char* buf, size_t len, int more) {
+int tobasSendAll(int fd, const char* buf, size_t len, int more, float timeout) {
   while (len > 0) {
     ssize_t n = send(fd, buf, len, MSG_NOSIGNAL | (more ? MSG_MORE : 0));
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-      int stat = tobasWaitFd(fd, POLLOUT, _getTimeOut(), TOBAS_ANY_INTERRUPTS);
+      int stat = tobasWaitFd(fd, POLLOUT, timeout, TOBAS_ANY_INTERRUPTS);
       if (stat != 0) return stat == tobasERR_TIMEOUT ? stat : TOBAS_SEND_FAILED;
       continue;
     }
@@ -187,14 +189,14 @@ int tobasSendAll(int fd, const char* buf, size_t len, int more) {
 
 /* Read and sent in pieces that stay in the processor's cache between the read and the send
  * (sendfile, which hands the socket one page at a time, is slower here). */
-int tobasSendFile(int sock, int file, long len) {
+int tobasSendFile(int sock, int file, long len, float timeout) {
   char* piece = malloc(TOBAS_SEND_PIECE);
   int stat = piece != NULL ? tobasSTAT_SUCCESS : tobasERR_ALLOC_MEM;
   while (len > 0 && stat == 0) {
     ssize_t n = read(file, piece, len < TOBAS_SEND_PIECE ? (size_t)len : TOBAS_SEND_PIECE);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) stat = tobasERR_FILE; /* unreadable, or shorter than its announced size */
-    if (n > 0) stat = tobasSendAll(sock, piece, (size_t)n, 0);
+    if (n > 0) stat = tobasSendAll(sock, piece, (size_t)n, 0, timeout);
     len -= n;
   }
   free(piece);

@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 #include <string.h>
+#include <strings.h>
 
 #include "tobasInternal.h"
 
@@ -86,6 +87,17 @@ int _tobasGetNextSrv(int* idx, tobasSRV_INFO* srvInfo, char* host, int* port) {
   return tobasTraceLeave("_tobasGetNextSrv", tobasSTAT_SUCCESS);
 }
 
+int tobasSrvListed(const char* host, int port) {
+  _tobasInitSrvInfo();
+  _tobasLockSrvInfoSem();
+  int listed = 0;
+  for (int i = 0; i < tobasMAX_SRV_LISTS && !listed; ++i)
+    for (int j = 0; srvInfoList[i].used && j < srvInfoList[i].numberOfSrvs && !listed; ++j)
+      listed = srvInfoList[i].ports[j] == port && strcasecmp(srvInfoList[i].hosts[j], host) == 0;
+  _tobasUnlockSrvInfoSem();
+  return listed;
+}
+
 /* ------------------------------------------------------------------ parsing */
 
 int tobasSplitSrvAddr(const char* srvAddr, char* host, int* port) {
@@ -157,82 +169,63 @@ int tobasParseSrvList(const char* servers) {
 /* ------------------------------------------------------------------ fail-over */
 
 /* One attempt of a request at host:port. */
-typedef int (*Attempt)(const char* host, int port, void* request);
+typedef int (*Attempt)(const char* host, int port, const tobasRequest* rq);
 
 /* A host that names a registered list: the attempt is made at each server of the list in turn,
  * starting one further than the previous request, until one succeeds; tobasSTAT_FAILURE if none
  * does. Any other host: one attempt, whose result is returned. */
-static int failOver(const char* fn, const char* host, int port, tobasHTTP_DATA* rep, Attempt attempt,
-                    void* request) {
+static int failOver(const char* fn, const char* host, int port, const tobasRequest* rq, Attempt attempt) {
   tobasTraceEnter(fn);
   int found;
   tobasSRV_INFO* list;
   if (host == NULL) host = "";
   _tobasGetSrvInfoObj(host, &found, &list);
-  if (!found) return tobasTraceLeave(fn, attempt(host, port, request));
+  if (!found) return tobasTraceLeave(fn, attempt(host, port, rq));
   _tobasLockSrvInfoSem();
   const int n = list->numberOfSrvs;
   _tobasUnlockSrvInfoSem();
-  rep->pdata = NULL;
-  rep->fd = 0;
+  rq->rep->pdata = NULL;
+  rq->rep->fd = 0;
   for (int i = 0, idx = NEW_WALK; i < n; ++i) {
     tobasMED_BUF h;
     int p;
     if (_tobasGetNextSrv(&idx, list, h, &p) != 0) break;
-    free(rep->pdata); /* what an earlier attempt left */
-    rep->pdata = NULL;
-    if (attempt(h, p, request) == 0) return tobasTraceLeave(fn, tobasSTAT_SUCCESS);
+    free(rq->rep->pdata); /* what an earlier attempt left */
+    rq->rep->pdata = NULL;
+    if (attempt(h, p, rq) == 0) return tobasTraceLeave(fn, tobasSTAT_SUCCESS);
   }
   return tobasTraceLeave(fn, tobasSTAT_FAILURE);
 }
 
-typedef struct {
-  const char* userAgent;
-  const char* path;
-  int receiveData;
-  tobasHTTP_DATA* rep;
-  long* dataLen;
-  tobasHTTP_RESP* resp;
-  char (*hdr)[tobasHTTP_HDR_ROW_LEN];
-} GetRequest;
-
-static int getAttempt(const char* host, int port, void* request) {
-  GetRequest* g = request;
-  return _tobasHttpGet(host, port, g->userAgent, g->path, g->receiveData, g->rep, g->dataLen, g->resp,
-                       g->hdr);
+int tobasGetFrom(const char* host, int port, const tobasRequest* rq) {
+  return failOver("tobasHttpGet", host, port, rq, tobasGetAt);
 }
 
-int tobasHttpGet(const char* host, int port, const char* userAgent, const char* path, int receiveData,
-                 tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp, tobasHTTP_HDR httpHdr) {
-  GetRequest g = {userAgent, path, receiveData, repDataRef, dataLen, httpResp, httpHdr};
-  return failOver("tobasHttpGet", host, port, repDataRef, getAttempt, &g);
+int tobasPostTo(const char* host, int port, const tobasRequest* rq) {
+  return failOver("tobasHttpPost", host, port, rq, tobasPostAt);
 }
 
-typedef struct {
-  const char* userAgent;
-  const char* path;
-  const char* mimeType;
-  const char* contentDisp;
-  const char* srcFilename;
-  const char* data;
-  long dataLen;
-  tobasHTTP_DATA* rep;
-  long* replyLen;
-  tobasHTTP_RESP* resp;
-  char (*hdr)[tobasHTTP_HDR_ROW_LEN];
-} PostRequest;
+/* The public GET and POST functions: a request with the process-wide default reply time-out, sent
+ * in one attempt (the underscore forms) or with fail-over. */
+#define TOBAS_DEFINE_GET(fnName, send)                                                                     \
+  int fnName(const char* host, int port, const char* userAgent, const char* path, int receiveData,         \
+             tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp, tobasHTTP_HDR httpHdr) { \
+    const tobasRequest rq = {_getTimeOut(), userAgent, path,       receiveData, NULL,     NULL,   NULL,    \
+                             NULL,          0,         repDataRef, dataLen,     httpResp, httpHdr};        \
+    return send(host, port, &rq);                                                                          \
+  }
 
-static int postAttempt(const char* host, int port, void* request) {
-  PostRequest* q = request;
-  return _tobasHttpPost(host, port, q->userAgent, q->path, q->mimeType, q->contentDisp, q->srcFilename,
-                        q->data, q->dataLen, q->rep, q->replyLen, q->resp, q->hdr);
-}
+#define TOBAS_DEFINE_POST(fnName, send)                                                                     \
+  int fnName(const char* host, int port, const char* userAgent, const char* path, const char* mimeType,     \
+             const char* contentDisp, const char* srcFilename, const char* data, long dataLen,              \
+             tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp, tobasHTTP_HDR httpHdr) { \
+    const tobasRequest rq = {_getTimeOut(), userAgent,   path,   0,       mimeType,                         \
+                             contentDisp,   srcFilename, data,   dataLen, repDataRef,                       \
+                             replyLen,      httpResp,    httpHdr};                                          \
+    return send(host, port, &rq);                                                                           \
+  }
 
-int tobasHttpPost(const char* host, int port, const char* userAgent, const char* path, const char* mimeType,
-                  const char* contentDisp, const char* srcFilename, const char* data, long dataLen,
-                  tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp,
-                  tobasHTTP_HDR httpHdr) {
-  PostRequest q = {userAgent, path,       mimeType, contentDisp, srcFilename, data,
-                   dataLen,   repDataRef, replyLen, httpResp,    httpHdr};
-  return failOver("tobasHttpPost", host, port, repDataRef, postAttempt, &q);
-}
+TOBAS_DEFINE_GET(_tobasHttpGet, tobasGetAt)
+TOBAS_DEFINE_GET(tobasHttpGet, tobasGetFrom)
+TOBAS_DEFINE_POST(_tobasHttpPost, tobasPostAt)
+TOBAS_DEFINE_POST(tobasHttpPost, tobasPostTo)

@@ -86,7 +86,7 @@ int tobasUnpackStatus(char* xmlDoc, tobasSTATUS* status) {
   return tobasTraceLeave("tobasUnpackStatus", stat);
 }
 
-int tobasHandleStatus(int retCode, tobasHTTP_DATA* repDataRef, tobasSTATUS* status) {
+void tobasFillStatus(int retCode, tobasHTTP_DATA* repDataRef, tobasSTATUS* status, float timeout) {
   tobasTraceEnter("tobasHandleStatus");
   tobasInitStatus(status);
   char* doc = repDataRef ? repDataRef->pdata : NULL;
@@ -99,8 +99,13 @@ int tobasHandleStatus(int retCode, tobasHTTP_DATA* repDataRef, tobasSTATUS* stat
     if (tobasUnpackStatus(doc, status) != 0) status->replyData[0] = doc; /* still freed with the record */
   }
   if (status->errorCode == tobasERR_TIMEOUT)
-    tobasAppendf(status->message, sizeof status->message, ". Timeout: %.3fs", _getTimeOut());
-  return tobasTraceLeave("tobasHandleStatus", tobasSTAT_SUCCESS);
+    tobasAppendf(status->message, sizeof status->message, ". Timeout: %.3fs", timeout);
+  tobasTraceLeave("tobasHandleStatus", tobasSTAT_SUCCESS);
+}
+
+int tobasHandleStatus(int retCode, tobasHTTP_DATA* repDataRef, tobasSTATUS* status) {
+  tobasFillStatus(retCode, repDataRef, status, _getTimeOut());
+  return tobasSTAT_SUCCESS;
 }
 
 /* Texts of the status codes; the spelling of "sucessfully" is required. */

@@ -141,10 +141,16 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
 TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
   const std::string folder = dir.file("in"), cd = "Content-Disposition: attachment; ";
   mkdir(folder.c_str(), 0755);
+  std::vector<std::string> replies;
   for (const std::string& d :
        {"filename=\"../out\""s, "filename=\"a/b\""s, "filename=\"/tmp/abs\""s, "filename=\"\""s,
-        "filename=\".\""s, "filename=\"..\""s, "filename=\"a\0b\""s, "size=4"s}) {
-    EXPECT_EQ(tobasERR_INV_REPLY, retrieve({httpReply(200, "data", cd + d + "\r\n")}, folder)) << d;
+        "filename=\".\""s, "filename=\"..\""s, "filename=\"a\0b\""s, "size=4"s, "xfilename=\"x\""s})
+    replies.push_back(httpReply(200, "data", cd + d + "\r\n"));
+  // Not a 200 reply, or a body of no announced length: refused, though the file is named.
+  for (const char* line : {"HTTP/1.0 500 Err\r\n", "HTTP/1.0 200 OK\r\n"})
+    replies.push_back(line + cd + "filename=\"x\"\r\nX-A: y content-length: 4\r\n\r\ndata");
+  for (const std::string& r : replies) {
+    EXPECT_EQ(tobasERR_INV_REPLY, retrieve({r}, folder)) << r;
     EXPECT_STREQ("", final);
     EXPECT_STREQ("FAILURE", st.status);
   }

@@ -1,4 +1,5 @@
-// Several threads issuing commands through one server list (run under ThreadSanitizer).
+// Several threads issuing commands through one server list while another list is registered, and
+// a command with a time-out of its own (run under ThreadSanitizer).
 #include <atomic>
 #include <thread>
 
@@ -10,9 +11,21 @@ TEST(TobasConcurrency, ThreadsShareOneServerList) {
   for (int i = 0; i < kThreads * kPerThread; ++i)
     for (auto* s : {&a, &b}) s->push({kOk});
   const std::string list = "127.0.0.1:" + std::to_string(a.port()) + ",127.0.0.1:" + std::to_string(b.port());
-  ASSERT_EQ(0, tobasParseSrvListId("shared", list.c_str()));
-  std::atomic<int> ok{0};
+  for (const char* id : {"other", "shared"}) ASSERT_EQ(0, tobasParseSrvListId(id, list.c_str()));
+  _setReplyTimeoutFromFloat(50);  // only the default: each command carries its own time-out
+  ArchiveServer silent;
+  silent.push({"", std::string::npos, 0, true});
+  std::atomic<int> ok{0}, running{kThreads};
   std::vector<std::thread> threads;
+  threads.emplace_back([&] {
+    tobasSTATUS st;
+    EXPECT_EQ(tobasERR_TIMEOUT, tobasStatus("127.0.0.1", silent.port(), 0.2f, &st));
+    EXPECT_HAS(st.message, "Timeout: 0.200s");
+    tobasFreeStatus(&st);
+  });
+  threads.emplace_back([&] {  // the list before "shared" parsed again while the lookups pass it
+    while (running > 0) EXPECT_EQ(0, tobasParseSrvListId("other", list.c_str()));
+  });
   for (int t = 0; t < kThreads; ++t)
     threads.emplace_back([&, t] {
       for (int i = 0; i < kPerThread; ++i) {
@@ -23,10 +36,12 @@ TEST(TobasConcurrency, ThreadsShareOneServerList) {
         if (i == 5) tobasSetAuthorization("code");
         if (i == 7 && t == 0) tobasPrepLog(nullptr, LEV0, -1, -1);
       }
+      --running;
     });
   for (auto& th : threads) th.join();
   EXPECT_EQ(kThreads * kPerThread, ok.load());
   EXPECT_EQ(kThreads * kPerThread / 2, static_cast<int>(a.requests().size()));  // the round robin alternates
+  EXPECT_FLOAT_EQ(50, _getTimeOut());
   tobasSetAuthorization(nullptr);
   setenv("TOBAS_LOG_FILE", "/dev/null", 1);  // the level changed mid-run: its traces need not pair up
 }

@@ -79,6 +79,13 @@ TEST(TobasUtil, Helpers) {
   ASSERT_EQ(0, tobasLoadFile(tmp.file("f").c_str(), &loaded, &size));
   EXPECT_EQ(data, std::string(loaded, size));
   free(loaded);
+  const int stdinCopy = dup(0);  // with descriptor 0 free, the file is opened as 0: still a file
+  close(0);
+  EXPECT_EQ(0, tobasSaveInFile(tmp.file("g").c_str(), "z", 1) +
+                   tobasLoadFile(tmp.file("g").c_str(), &loaded, &size));
+  EXPECT_STREQ("z", loaded);
+  free(loaded);
+  EXPECT_EQ(0, dup2(stdinCopy, 0) + close(stdinCopy));
   const size_t inUse = heapInUse();
   EXPECT_EQ(tobasERR_FILE, tobasLoadFile(tmp.path().c_str(), &loaded, &size));  // a folder: reading fails
   rlimit was, low;  // an endless file beyond the address space left: refused, its buffer freed

@@ -76,6 +76,8 @@ TEST(TobasTransport, RequestBytes) {
       post + "Content-length: 5" + disp + "\r\nAuthorization: Basic " + auth + "\r\n\nhello"};
   EXPECT_EQ(sent, srv.requests());
   EXPECT_EQ(std::string::npos, logText().find("[ERROR]", mark));  // a clean exchange logs no error
+  EXPECT_EQ(std::string::npos, logText().find(auth, mark));       // the access code is masked in the log
+  EXPECT_HAS(logText().substr(mark), "\r\nAuthorization: Basic ****\r\n\n to host/port");
 }
 
 TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
@@ -150,8 +152,31 @@ TEST(TobasTransport, RedirectionKeepsThePath) {
   const std::vector<std::string> twice(2, "GET STATUS HTTP/1.0\nUser-Agent: TOB/AS C-API\r\n\n");
   EXPECT_EQ(twice, first.requests());
   EXPECT_EQ(twice, second.requests());
-  bad.push({httpReply(303, "", "Location: nowhere\r\n")});
+  ArchiveServer named;  // in another field's value only: no redirection to it
+  named.push({kOk});
+  bad.push(
+      {httpReply(303, "", "X-B: location: http://" + local(named.port()) + "/\r\nLocation: nowhere\r\n")});
   EXPECT_EQ(tobasERR_INV_REPLY, ex.get("127.0.0.1", bad.port()));
+
+  // The access code goes to the first server and to registered ones only.
+  ArchiveServer listed;
+  ASSERT_EQ(0, tobasParseSrvListId("redirect-targets", local(listed.port()).c_str()));
+  for (auto [from, to] : {std::pair{&first, &second}, {&second, &listed}, {&listed, &first}})
+    from->push({httpReply(303, "", "Location: http://" + local(to->port()) + "/\r\n")});
+  first.push({kOk});
+  tobasSetAuthorization("code");
+  ASSERT_EQ(0, ex.get("127.0.0.1", first.port()));
+  const std::string code = twice[0].substr(0, 46) + "Authorization: Basic%20code\r\n\n";
+  EXPECT_EQ((std::vector<std::string>{code, twice[0], code, code}),
+            (std::vector<std::string>{first.requests()[2], second.requests()[2], listed.requests()[0],
+                                      first.requests()[3]}));
+  // A server redirecting to itself: 20 redirections are followed, then the request fails.
+  for (int i = 0; i < 25; ++i)
+    bad.push({httpReply(303, "", "Location: http://" + local(bad.port()) + "/\r\n")});
+  EXPECT_EQ(tobasERR_INV_REPLY, ex.get("127.0.0.1", bad.port()));
+  EXPECT_EQ(1u + 21u, bad.requests().size());
+  EXPECT_HAS(logText(), "[ERROR] Too many redirections. URL: 127.0.0.1:" + std::to_string(bad.port()));
+  tobasSetAuthorization(nullptr);
 }
 
 TEST(TobasTransport, ServerListsRoundRobinFailOverAndBounds) {
