@@ -6,20 +6,73 @@
 // control of the priority mask and of where lines go. A line reads
 //   "%D DEBUG [ %t ] message\n"   (INFO is followed by two blanks, so the
 //                                   brackets of all levels line up)
-// Format strings are printf-like (ACE's); pass std::string as .c_str().
+// Format strings are printf's (checked by the compiler); pass std::string as
+// .c_str(). A message of any length is written whole (see daLog::write).
 // Internal to the library: not installed.
 
 #include <ace/Log_Msg.h>
 
-#define DA_LOG_DEBUG(fmt, ...) ACE_DEBUG((LM_DEBUG, ACE_TEXT("%D DEBUG [ %t ] " fmt "\n"), ##__VA_ARGS__))
-#define DA_LOG_INFO(fmt, ...) ACE_DEBUG((LM_INFO, ACE_TEXT("%D INFO  [ %t ] " fmt "\n"), ##__VA_ARGS__))
-#define DA_LOG_ERROR(fmt, ...) ACE_ERROR((LM_ERROR, ACE_TEXT("%D ERROR [ %t ] " fmt "\n"), ##__VA_ARGS__))
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#define DA_LOG_DEBUG(fmt, ...) ::daLog::write(LM_DEBUG, "%D DEBUG [ %t ] ", fmt, ##__VA_ARGS__)
+#define DA_LOG_INFO(fmt, ...) ::daLog::write(LM_INFO, "%D INFO  [ %t ] ", fmt, ##__VA_ARGS__)
+#define DA_LOG_ERROR(fmt, ...) ::daLog::write(LM_ERROR, "%D ERROR [ %t ] ", fmt, ##__VA_ARGS__)
 
 namespace daLog {
+
 // True when a DEBUG line would be written. Check it before building a string
-// that only a DEBUG line needs: a suppressed ACE_DEBUG still evaluates its
-// arguments.
+// that only a DEBUG line needs: the macros evaluate their arguments anyway.
 inline bool debugEnabled() { return ACE_LOG_MSG->log_priority_enabled(LM_DEBUG) != 0; }
+
+// Writes `head` (ACE's conversions: "%D" date, "%t" thread id), the message
+// that `fmt` and its arguments make, and a line feed, if `priority` is
+// enabled. ACE formats a record into a buffer of ACE_MAXLOGMSGLEN (4 KiB) and
+// cuts what does not fit, line feed included, so that the next record would be
+// glued on. A longer message therefore goes out as several records: the first
+// carries the head, the last the line feed, and ACE's lock is held across them,
+// so a stream sink (stderr, a file) shows one whole line and no other thread's
+// record comes in between. A sink of its own (ACE_Log_Msg_Backend) sees a
+// record without a line feed as continued by the next one. errno is kept.
+inline void write(ACE_Log_Priority priority, const char* head, const char* fmt, ...)
+    __attribute__((format(printf, 3, 4)));
+
+inline void write(ACE_Log_Priority priority, const char* head, const char* fmt, ...) {
+  ACE_Log_Msg* log = ACE_LOG_MSG;
+  if (!log->log_priority_enabled(priority)) return;
+  const int savedErrno = errno;
+  char small[512];
+  std::string text;
+  va_list args;
+  va_start(args, fmt);
+  va_list again;
+  va_copy(again, args);
+  const int length = std::vsnprintf(small, sizeof small, fmt, args);
+  va_end(args);
+  if (length >= 0 && static_cast<size_t>(length) >= sizeof small) {
+    text.resize(static_cast<size_t>(length));
+    std::vsnprintf(&text[0], text.size() + 1, fmt, again);
+  } else {
+    text = length >= 0 ? small : "";
+  }
+  va_end(again);
+  // Room for the message in one record, leaving plenty for the head.
+  const std::string::size_type room = ACE_MAXLOGMSGLEN / 4 * 3;
+  std::vector<std::string> pieces;
+  for (std::string::size_type at = 0; at == 0 || at < text.size(); at += room)
+    pieces.push_back(text.substr(at, room));
+  pieces.back() += '\n';
+  const std::string first = std::string(head) + "%s";
+  log->acquire();
+  for (size_t i = 0; i < pieces.size(); ++i)
+    log->log(priority, i == 0 ? first.c_str() : "%s", pieces[i].c_str());
+  log->release();
+  errno = savedErrno;
+}
+
 }  // namespace daLog
 
 #endif

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "daLog/Log.h"
 #include "tests/support/Backend.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -252,6 +253,27 @@ TEST_F(Service, ErrorHandlerLogsServerAndClientErrors) {
   for (const SybaseStatus& s : {info, client}) ArcSys::SimpleErrorHandler(s);
   EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] SYB Error number: 20009 Unable to connect Severity: 9\n"));
   EXPECT_EQ(log.count("Error number:"), tds ? 3u : 2u);
+}
+
+TEST_F(Service, LongMessagesAreWholeLinesFromEveryThread) {
+  // Longer than ACE's 4 KiB record; a conversion in the text stays as it is.
+  const std::string sql = "select '" + std::string(9000, 'x') + "%s' as a";
+  testsupport::LogCapture log;
+  EXPECT_EQ(conn_.execute(sql).commandSucceeded(), 1);
+  conn_.execute("select 1");
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Sql Statement : " + sql + "\n"));
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Sql Statement : select 1\n"));
+  log.clear();
+  std::vector<std::thread> threads;
+  for (char c : {'a', 'b', 'c'})
+    threads.emplace_back([c] {
+      for (int i = 0; i < 20; ++i) DA_LOG_INFO("%s", std::string(5000 + i * 500, c).c_str());
+    });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(log.count(""), 60u);
+  for (char c : {'a', 'b', 'c'})
+    for (int i = 0; i < 20; ++i)
+      EXPECT_TRUE(log.contains("<D> INFO  [ <t> ] " + std::string(5000 + i * 500, c) + "\n"));
 }
 
 class Pool : public DbFixture {
