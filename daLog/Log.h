@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,24 @@ namespace daLog {
 // True when a DEBUG line would be written. Check it before building a string
 // that only a DEBUG line needs: the macros evaluate their arguments anyway.
 inline bool debugEnabled() { return ACE_LOG_MSG->log_priority_enabled(LM_DEBUG) != 0; }
+
+// At most the first 128 bytes of `text`, followed by "..." when it was longer,
+// for logging a value read from outside whose length nothing bounds:
+// DA_LOG_ERROR("... %s", daLog::clip(server).c_str()). Allocates nothing.
+class Clipped {
+ public:
+  explicit Clipped(const std::string& text) {
+    const std::string::size_type n = text.size() < kMax ? text.size() : kMax;
+    text.copy(text_, n);
+    std::strcpy(text_ + n, text.size() > kMax ? "..." : "");
+  }
+  const char* c_str() const { return text_; }
+
+ private:
+  static constexpr std::string::size_type kMax = 128;
+  char text_[kMax + 4];
+};
+inline Clipped clip(const std::string& text) { return Clipped(text); }
 
 // Writes `head` (ACE's conversions: "%D" date, "%t" thread id), the message
 // that `fmt` and its arguments make, and a line feed, if `priority` is

@@ -63,6 +63,10 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
   // An empty server name stands for FreeTDS's default server: one on loopback where nothing listens.
   setenv("TDSQUERY", "127.0.0.1:1", 1);
   const std::string p = " " + pw_ + " ", all = "get all connection parameters";
+  // A line of the longest length allowed; its server names a file that cannot exist.
+  const std::string tail = " db usr" + p + "A", head = "sqlite:" + dir_.path() + "/";
+  const std::string fit = head + std::string(4096 - head.size() - tail.size(), 's') + tail;
+  const std::string tooLong = "read " + dir_.file(".dbrc") + ": line ";
   const struct {
     std::string file, read;  // server, database, user and alias read for alias A, or "Could not <read>"
   } cases[] = {
@@ -79,6 +83,10 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
       {"s1 d1 u1" + p + "B\n", all},  // another alias only
       // A password sealed under another key, or not sealed at all, is refused.
       {server() + " db usr plaintext A\n", "decipher the password for A in " + dir_.file(".dbrc")},
+      // Lines are bounded, whatever they hold, and refused with their number.
+      {"#c\n\n" + fit + "\n", fit.substr(0, fit.size() - 1 - pw_.size() - 1) + "A"},
+      {"#c\n\n" + fit + "x\n", tooLong + "3 is longer than 4096 characters"},
+      {std::string(100000, 's') + tail + "\n", tooLong + "1 is longer than 4096 characters"},
   };
   for (const auto& c : cases) {
     if (!c.file.empty()) dir_.write(".dbrc", c.file, 0600);
@@ -94,6 +102,12 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
     EXPECT_EQ(conn.acquire(), -1);
     EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not establish a connection\n"));
   }
+  // A field of the file reaches a log as a short prefix only.
+  dir_.write(".dbrc", fit + "\n", 0600);
+  testsupport::LogCapture log;
+  ServiceConnectionSyb conn("A");
+  EXPECT_EQ(conn.acquire(), -1);
+  EXPECT_EQ(log.count("server " + fit.substr(0, 128) + "... as user usr\n"), 2u);  // connecting, failed
 }
 
 class Service : public DbFixture {
