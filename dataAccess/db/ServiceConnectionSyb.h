@@ -21,6 +21,8 @@ void SimpleErrorHandler(const SybaseStatus& status);
 // borrowed from the process-wide ConnectionPool. One object belongs to one
 // thread at a time; copies share the borrowed login, so do not copy an
 // acquired connection.
+// Thread safety: a ServiceConnectionSyb is used by one thread at a time (copies sharing a login count as
+// one); different objects may be used on different threads at once.
 class ServiceConnectionSyb {
  public:
   enum FieldType { INT_FIELD = 0, LONG_FIELD = 1, STRING_FIELD = 2 };
