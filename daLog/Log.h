@@ -10,6 +10,7 @@
 // .c_str(). A message of any length is written whole (see daLog::write).
 // Internal to the library: not installed.
 
+#include <ace/Guard_T.h>
 #include <ace/Log_Msg.h>
 
 #include <cerrno>
@@ -17,11 +18,10 @@
 #include <cstdio>
 #include <cstring>
 #include <string>
-#include <vector>
 
-#define DA_LOG_DEBUG(fmt, ...) ::daLog::write(LM_DEBUG, "%D DEBUG [ %t ] ", fmt, ##__VA_ARGS__)
-#define DA_LOG_INFO(fmt, ...) ::daLog::write(LM_INFO, "%D INFO  [ %t ] ", fmt, ##__VA_ARGS__)
-#define DA_LOG_ERROR(fmt, ...) ::daLog::write(LM_ERROR, "%D ERROR [ %t ] ", fmt, ##__VA_ARGS__)
+#define DA_LOG_DEBUG(fmt, ...) ::daLog::write(LM_DEBUG, "%D DEBUG [ %t ] %s%s", fmt, ##__VA_ARGS__)
+#define DA_LOG_INFO(fmt, ...) ::daLog::write(LM_INFO, "%D INFO  [ %t ] %s%s", fmt, ##__VA_ARGS__)
+#define DA_LOG_ERROR(fmt, ...) ::daLog::write(LM_ERROR, "%D ERROR [ %t ] %s%s", fmt, ##__VA_ARGS__)
 
 namespace daLog {
 
@@ -47,48 +47,55 @@ class Clipped {
 };
 inline Clipped clip(const std::string& text) { return Clipped(text); }
 
-// Writes `head` (ACE's conversions: "%D" date, "%t" thread id), the message
-// that `fmt` and its arguments make, and a line feed, if `priority` is
-// enabled. ACE formats a record into a buffer of ACE_MAXLOGMSGLEN (4 KiB) and
-// cuts what does not fit, line feed included, so that the next record would be
-// glued on. A longer message therefore goes out as several records: the first
-// carries the head, the last the line feed, and ACE's lock is held across them,
-// so a stream sink (stderr, a file) shows one whole line and no other thread's
-// record comes in between. A sink of its own (ACE_Log_Msg_Backend) sees a
-// record without a line feed as continued by the next one. errno is kept.
-inline void write(ACE_Log_Priority priority, const char* head, const char* fmt, ...)
+// Writes the message that `fmt` and its arguments make, after the head that
+// `line` adds (its ACE conversions: "%D" date, "%t" thread id; it ends in
+// "%s%s", the message and the line feed), if `priority` is enabled. ACE
+// formats a record into a buffer of ACE_MAXLOGMSGLEN (4 KiB) and cuts what
+// does not fit, line feed included, so that the next record would be glued
+// on. A longer message therefore goes out as several records: the first
+// carries the head, the last the line feed, and ACE's lock is held across
+// them, so a stream sink (stderr, a file) shows one whole line and no other
+// thread's record comes in between. A sink of its own (ACE_Log_Msg_Backend)
+// sees a record without a line feed as continued by the next one. errno is
+// kept.
+inline void write(ACE_Log_Priority priority, const char* line, const char* fmt, ...)
     __attribute__((format(printf, 3, 4)));
 
-inline void write(ACE_Log_Priority priority, const char* head, const char* fmt, ...) {
+inline void write(ACE_Log_Priority priority, const char* line, const char* fmt, ...) {
   ACE_Log_Msg* log = ACE_LOG_MSG;
   if (!log->log_priority_enabled(priority)) return;
   const int savedErrno = errno;
   char small[512];
-  std::string text;
+  std::string large;
   va_list args;
   va_start(args, fmt);
   va_list again;
   va_copy(again, args);
   const int length = std::vsnprintf(small, sizeof small, fmt, args);
   va_end(args);
-  if (length >= 0 && static_cast<size_t>(length) >= sizeof small) {
-    text.resize(static_cast<size_t>(length));
-    std::vsnprintf(&text[0], text.size() + 1, fmt, again);
-  } else {
-    text = length >= 0 ? small : "";
+  char* text = small;
+  if (length < 0) {
+    small[0] = '\0';
+  } else if (static_cast<size_t>(length) >= sizeof small) {
+    large.resize(static_cast<size_t>(length));
+    std::vsnprintf(&large[0], large.size() + 1, fmt, again);
+    text = &large[0];
   }
   va_end(again);
   // Room for the message in one record, leaving plenty for the head.
-  const std::string::size_type room = ACE_MAXLOGMSGLEN / 4 * 3;
-  std::vector<std::string> pieces;
-  for (std::string::size_type at = 0; at == 0 || at < text.size(); at += room)
-    pieces.push_back(text.substr(at, room));
-  pieces.back() += '\n';
-  const std::string first = std::string(head) + "%s";
-  log->acquire();
-  for (size_t i = 0; i < pieces.size(); ++i)
-    log->log(priority, i == 0 ? first.c_str() : "%s", pieces[i].c_str());
-  log->release();
+  const size_t room = ACE_MAXLOGMSGLEN / 4 * 3, size = length < 0 ? 0 : static_cast<size_t>(length);
+  if (size <= room) {
+    log->log(priority, line, text, "\n");
+  } else {
+    ACE_Guard<ACE_Log_Msg> guard(*log);
+    for (size_t at = 0; at < size; at += room) {
+      const size_t end = at + room < size ? at + room : size;
+      const char cut = text[end];
+      text[end] = '\0';
+      log->log(priority, at == 0 ? line : "%s%s", text + at, end == size ? "\n" : "");
+      text[end] = cut;
+    }
+  }
   errno = savedErrno;
 }
 
