@@ -31,7 +31,8 @@ class ServiceConnectionSyb {
 
   // Reads server, database, user and (enciphered) password for `alias` from
   // $HOME/.dbrc. A failure is logged and leaves the fields empty, so that the
-  // later acquire() fails.
+  // later acquire() fails; a file with a line longer than 4096 characters is
+  // refused as a whole, whichever alias that line names.
   explicit ServiceConnectionSyb(std::string alias);
   // Explicit parameters; note the order. Installs ArcSys::SimpleErrorHandler
   // as the connection library's error handler.
