@@ -13,7 +13,10 @@
  *
  * Buffers are STCRYPT_BUF_SIZE (256) bytes; at most that many bytes of `in`
  * are read. On failure the functions return -1, leave `out` as an empty
- * string and log one ERROR line that names the key file. */
+ * string and log one ERROR line that names the key file.
+ *
+ * Thread safety: every function may be called from several threads at once, while the program leaves
+ * STCRYPT_KEY_FILE and HOME unchanged. */
 
 #ifdef __cplusplus
 extern "C" {

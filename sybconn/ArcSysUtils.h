@@ -6,6 +6,7 @@
 
 namespace ArcSys {
 
+// Thread safety: split may be called from several threads at once, each with its own `out`.
 // Splits `text` at every occurrence of `delimiter` and appends the pieces to
 // `out` (never cleared). "a|b||c" with "|" gives "a", "b", "", "c"; an empty
 // text gives one empty piece; an empty delimiter gives the whole text.

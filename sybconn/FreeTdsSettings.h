@@ -6,6 +6,7 @@
 namespace sybconn {
 // Process-wide settings of the FreeTDS DB-Library driver (servers other than
 // "sqlite:<path>"); they apply to logins made after the call.
+// Thread safety: every setting may be set and read from any thread at once.
 struct FreeTdsSettings {
   // Seconds a login may take before it fails (default 15). Also bounds a
   // server that accepts the connection and never answers.

@@ -7,6 +7,7 @@ namespace sybconn {
 // how long a statement waits for a lock held by another connection before it
 // fails with a "database is locked" error (default 5000 ms). Applies to
 // connections opened afterwards.
+// Thread safety: both functions may be called from any thread at once.
 void setSqliteBusyTimeoutMs(int ms);
 int sqliteBusyTimeoutMs();
 

@@ -7,6 +7,8 @@
 
 namespace SybUtils {
 
+// Thread safety: both functions keep no state and may be called from several threads at once.
+
 // The date text a statement uses for a datetime value, in local time, to the
 // millisecond: "YYYYMMDD HH:MM:SS.mmm" (e.g. "20261122 13:05:09.250"). Sybase
 // ASE, SQL Server and the embedded SQLite backend all read this form.

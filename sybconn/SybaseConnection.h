@@ -18,6 +18,8 @@ class Driver;
 //   "host:port" or a name from freetds.conf / interfaces   FreeTDS DB-Library
 // Errors never throw: they reach the process-wide error handler as a
 // SybaseStatus and show in isConnected() / commandSucceeded().
+// Thread safety: a SybaseConnection is used by one thread at a time; different objects may be used on
+// different threads at once, and the error handler runs on the thread whose login or statement failed.
 class SybaseConnection {
  public:
   using ErrorHandler = void (*)(const SybaseStatus&);

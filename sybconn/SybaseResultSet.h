@@ -13,6 +13,8 @@ class Cursor;
 // The rows and outcome of one executed batch. Returned by value: copies share
 // one cursor, so advancing one copy advances all of them. A default-built
 // result set is empty and its commandSucceeded() is 0.
+// Thread safety: a result set and its copies (one cursor) are used by one thread at a time, the thread
+// that uses its connection.
 class SybaseResultSet {
  public:
   SybaseResultSet() = default;

@@ -8,6 +8,7 @@
 // message from the server and zero for an error of the client library; the
 // client library fills `dbLibSeverity`, `dberr` and `dberrstr`, the server
 // `srvSeverity`, `msgno`, `msgtext` and the rest.
+// Thread safety: a plain value; distinct objects may be used on different threads at once.
 struct SybaseStatus {
   int dbLibSeverity = 0;
   int dberr = 0;

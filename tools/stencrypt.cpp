@@ -6,11 +6,16 @@
 // The password is read from the terminal without echo, or from standard input
 // when that is not a terminal (first line). The key file (STCRYPT_KEY_FILE,
 // else $HOME/.dbrc.key) is created with mode 0600 when it does not exist.
+// Fields that would break the line (empty, white space or control characters,
+// a server starting with '#', a line longer than the reader takes) are refused
+// with exit status 2.
+#include <dataAccess/db/ParametersFile.h>
 #include <stcrypt/stcrypt.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 #include <iostream>
@@ -47,6 +52,39 @@ bool readPassword(std::string& out) {
   return ok || !out.empty();
 }
 
+// Why `field` cannot stand in a parameters-file line, or null. A blank or tab
+// would split it, a line feed start another line, and the reader takes a line
+// whose first field starts with '#' for a comment.
+const char* fieldProblem(const char* field, bool first) {
+  if (*field == '\0') return "is empty";
+  if (first && *field == '#') return "starts with '#', which makes the line a comment";
+  for (const char* c = field; *c != '\0'; ++c) {
+    const unsigned char u = static_cast<unsigned char>(*c);
+    if (std::isspace(u) || std::iscntrl(u)) return "holds white space or a control character";
+  }
+  return nullptr;
+}
+
+// True when the four fields can make a parameters-file line; else says why on
+// standard error.
+bool fieldsFit(char** fields) {
+  static const char* const names[] = {"SERVER", "DATABASE", "USER", "ALIAS"};
+  std::size_t length = STCRYPT_BUF_SIZE + 4;  // the enciphered password and the blanks
+  for (int i = 0; i < 4; ++i) {
+    if (const char* problem = fieldProblem(fields[i], i == 0)) {
+      std::fprintf(stderr, "stencrypt: %s %s; a field of $HOME/.dbrc cannot\n", names[i], problem);
+      return false;
+    }
+    length += std::strlen(fields[i]);
+  }
+  if (length > dataAccess::kMaxParameterLine) {
+    std::fprintf(stderr, "stencrypt: the line would be longer than the %zu characters $HOME/.dbrc takes\n",
+                 dataAccess::kMaxParameterLine);
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -58,6 +96,7 @@ int main(int argc, char** argv) {
     usage(stderr);
     return 2;
   }
+  if (argc == 5 && !fieldsFit(argv + 1)) return 2;
   char keyPath[4096];
   if (stkeyfile(keyPath, sizeof keyPath) != 0) {
     std::fprintf(stderr, "stencrypt: set HOME or STCRYPT_KEY_FILE\n");

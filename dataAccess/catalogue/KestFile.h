@@ -11,6 +11,7 @@ typedef unsigned char KestFileStatus;
 // One row of the archive's file catalogue: one copy of one version of one
 // archived file on one disk. Sizes are 32-bit: the DAO saturates database
 // values beyond that range to INT_MAX / INT_MIN when it reads them.
+// Thread safety: a plain value; distinct objects may be used on different threads at once.
 struct KestFile {
   KestFile()
       : fileVersion_(0),

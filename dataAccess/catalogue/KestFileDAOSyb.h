@@ -14,6 +14,8 @@
 // vector after the rows were appended (it counts what the vector held
 // before), all -1 on failure. String values are quoted with their single
 // quotes doubled. Sizes beyond 32 bits are saturated (see KestFile).
+// Thread safety: the object holds only its table names, so it may be used by several threads at once,
+// each with its own connection.
 class KestFileDAOSyb {
  public:
   explicit KestFileDAOSyb(const std::string& tableName);

@@ -8,6 +8,8 @@
 
 // Counts the rows of a table or view (the catalogue's safe copies) that match
 // one version of one file. Writes no log line of its own.
+// Thread safety: the object holds only its table names, so it may be used by several threads at once,
+// each with its own connection.
 class KestFilesSafeDAOSyb {
  public:
   explicit KestFilesSafeDAOSyb(const std::string& tableName);

@@ -10,6 +10,7 @@
 // One entry of the archive's replication queue: a request that a version of
 // an archived file, on a given disk, be copied; who asked, when, at what
 // priority, and how far the copy has got.
+// Thread safety: a plain value; distinct objects may be used on different threads at once.
 class ReplicationRequest {
  public:
   enum RequestStatus : int {

@@ -13,6 +13,8 @@
 // that only prints its SQL) and returns the affected-row count, the number of
 // rows read, or -1. String values are quoted with their single quotes doubled.
 // Vectors are appended to, never cleared.
+// Thread safety: the object holds only its table names, so it may be used by several threads at once,
+// each with its own connection.
 class ReplicationRequestDAOSyb {
  public:
   static const std::string fileIdField;

@@ -6,6 +6,7 @@
 
 // The library's exception: a message text, returned by what(). Thrown where a
 // peer process breaks the protocol of a shared file (Velmora::checkReqStatus).
+// Thread safety: a plain value; what() may be called from several threads at once.
 class ArcSysEx : public std::exception {
  public:
   explicit ArcSysEx(std::string msg) : msg_(std::move(msg)) {}

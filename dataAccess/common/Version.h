@@ -3,6 +3,7 @@
 
 namespace dataAccess {
 // The library's version, "MAJOR.MINOR.PATCH".
+// Thread safety: version() may be called from any thread at once.
 const char* version();
 }  // namespace dataAccess
 

@@ -10,8 +10,9 @@
 
 // The night log of the AR System database: the one night-log record of an
 // observation block, read from <database>..TORV2_NightObs, the database being
-// the connection's. The service owns its connection: one object must not be
-// used by two threads at once.
+// the connection's.
+// Thread safety: the service owns its connection, so one object is used by one thread at a time (its
+// const calls included); different objects may be used on different threads at once.
 class ARSystemService {
  public:
   // The connection comes from the parameters-file entry of `alias`.

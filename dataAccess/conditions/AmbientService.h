@@ -6,8 +6,9 @@
 #include <dataAccess/conditions/SeeingDAOSyb.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>
 
-// The mean seeing of one site over a period. The service owns its connection:
-// one object must not be used by two threads at once.
+// The mean seeing of one site over a period.
+// Thread safety: the service owns its connection, so one object is used by one thread at a time (its
+// const calls included); different objects may be used on different threads at once.
 class AmbientService {
  public:
   // The observatory sites whose seeing the ambient-conditions database holds.

@@ -7,6 +7,7 @@
 // The observing conditions that an observation block asks for, as kept in the
 // observation repository's constraint-set table. NULL columns read as 0, 0.0
 // or an empty string.
+// Thread safety: a plain value; distinct objects may be used on different threads at once.
 struct ConstraintSet {
   typedef std::vector<ConstraintSet> Container;
 

@@ -12,6 +12,8 @@
 // constraint-set table with the observation-block table on cs_id. Both names
 // are given fully qualified (db..table); columns are written qualified with the
 // constraint-set table's name. Read-only.
+// Thread safety: the object holds only its table names, so it may be used by several threads at once,
+// each with its own connection.
 class ConstraintSetDAOSyb {
  public:
   ConstraintSetDAOSyb(std::string constraintSetTable, std::string obsBlockTable);

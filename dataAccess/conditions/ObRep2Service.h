@@ -10,6 +10,8 @@
 // The observation repository for a calling program: the one constraint set of
 // an observation block, with one call that borrows a pooled connection for the
 // database service named by its alias ($HOME/.dbrc) and gives it back.
+// Thread safety: each call uses a connection of its own, so one object may be used by several threads
+// at once.
 class ObRep2Service {
  public:
   static const std::string CONSTRAINT_SETS_TABLE;  // obrep2..constraint_sets

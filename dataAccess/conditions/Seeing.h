@@ -6,6 +6,7 @@
 // One seeing measurement of the ambient-conditions database. startDate_ is the
 // table's key (the negated seconds since 1980-01-01); fwhm_ is in hundredths
 // of an arcsecond, 255 marking an invalid measurement. NULL columns read as 0.
+// Thread safety: a plain value; distinct objects may be used on different threads at once.
 struct Seeing {
   typedef std::vector<Seeing> Container;
 

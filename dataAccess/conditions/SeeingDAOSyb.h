@@ -15,6 +15,8 @@ extern const std::string NO_INIT_STRING_FIELD;
 
 // Reads the seeing measurements of one site's table (fully qualified,
 // db..table) over a period given in Modified Julian Days.
+// Thread safety: the object holds only its table names, so it may be used by several threads at once,
+// each with its own connection.
 class SeeingDAOSyb {
  public:
   static const std::string START_DATE_FIELD;

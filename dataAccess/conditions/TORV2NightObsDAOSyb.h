@@ -10,6 +10,8 @@
 
 // Reads the night-log rows of an observation block from one table (fully
 // qualified, db..TORV2_NightObs).
+// Thread safety: the object holds only its table names, so it may be used by several threads at once,
+// each with its own connection.
 class TORV2NightObsDAOSyb {
  public:
   static const std::string REQUEST_ID_FIELD;

@@ -145,7 +145,8 @@ SybaseConnection* ConnectionPool::acquireConnection(const std::string& server, c
         it = removeConnection(it);
         continue;
       }
-      DA_LOG_DEBUG("Acquiring available connection to server %s as user %s", server.c_str(), user.c_str());
+      DA_LOG_DEBUG("Acquiring available connection to server %s as user %s", daLog::clip(server).c_str(),
+                   daLog::clip(user).c_str());
       it->available = false;
       return it->sybconn;
     }
@@ -160,7 +161,7 @@ SybaseConnection* ConnectionPool::allocateNewConnection(const std::string& serve
     DA_LOG_ERROR("Can't allocate new connection. Pool size %d", static_cast<int>(pool_.size()));
     return nullptr;
   }
-  DA_LOG_DEBUG("Connecting to server %s as user %s", server.c_str(), user.c_str());
+  DA_LOG_DEBUG("Connecting to server %s as user %s", daLog::clip(server).c_str(), daLog::clip(user).c_str());
   auto* conn = new SybaseConnection();
   conn->connect(server, user, password);
   if (conn->isConnected()) {
@@ -169,7 +170,8 @@ SybaseConnection* ConnectionPool::allocateNewConnection(const std::string& serve
     DA_LOG_DEBUG("Allocated new connection. Pool size %d", static_cast<int>(pool_.size()));
     return conn;
   }
-  DA_LOG_ERROR("Could not connect to server %s as user %s", server.c_str(), user.c_str());
+  DA_LOG_ERROR("Could not connect to server %s as user %s", daLog::clip(server).c_str(),
+               daLog::clip(user).c_str());
   delete conn;
   return nullptr;
 }
@@ -188,7 +190,8 @@ int ConnectionPool::releaseConnection(SybaseConnection* conn) {
   ACE_Guard<lock_t> guard(lock_);
   for (auto& rec : pool_) {
     if (rec.sybconn == conn) {
-      DA_LOG_DEBUG("Releasing connection to server %s as user %s", rec.server.c_str(), rec.user.c_str());
+      DA_LOG_DEBUG("Releasing connection to server %s as user %s", daLog::clip(rec.server).c_str(),
+                   daLog::clip(rec.user).c_str());
       rec.available = true;
       rec.lastReleaseTime = time(nullptr);
       return 0;
@@ -215,9 +218,9 @@ int ConnectionPool::reap(time_t now) {
   ACE_Guard<lock_t> guard(lock_);
   for (iterator_t it = pool_.begin(); it != pool_.end();) {
     if (it->available && (it->lastReleaseTime + maxIdle < now || it->creationTime + maxLife < now)) {
-      DA_LOG_INFO("Reaper: removing connection %s/%s. LifeTime %d s. IdleLifeTime %d s", it->server.c_str(),
-                  it->user.c_str(), static_cast<int>(now - it->creationTime),
-                  static_cast<int>(now - it->lastReleaseTime));
+      DA_LOG_INFO("Reaper: removing connection %s/%s. LifeTime %d s. IdleLifeTime %d s",
+                  daLog::clip(it->server).c_str(), daLog::clip(it->user).c_str(),
+                  static_cast<int>(now - it->creationTime), static_cast<int>(now - it->lastReleaseTime));
       it = removeConnection(it);
       ++removed;
     } else {

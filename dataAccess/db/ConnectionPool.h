@@ -17,7 +17,11 @@
 // server and user is reused (the password is not compared), a new one is
 // opened while the pool is below its size limit, and the Reaper thread closes
 // free logins that stayed idle or lived too long. A free login found dead when
-// it is about to be handed out is removed and the search goes on.
+// it is about to be handed out is removed and the search goes on. Its log
+// lines name the server and user by at most their first 128 characters and
+// "...": these come from the parameters file, where a line may be 4 KiB long.
+// Thread safety: every member may be called from any thread at once (one lock guards the pool), except
+// destroyInstance(), which must not run while another thread uses the pool.
 class ConnectionPool {
  public:
   struct Connection {

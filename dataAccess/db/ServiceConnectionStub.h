@@ -11,6 +11,8 @@
 // "EXECUTE : <statement>" and only the bookkeeping of acquisition and
 // transactions is kept. It lets a DAO run, and its SQL be seen, without a
 // server. Every result set it returns is empty and unsuccessful.
+// Thread safety: a ServiceConnectionStub is used by one thread at a time; different objects may be used
+// on different threads at once (their printed lines may then interleave).
 class ServiceConnectionStub {
  public:
   enum FieldType { INT_FIELD = 0, LONG_FIELD = 1, STRING_FIELD = 2 };

@@ -21,6 +21,8 @@ void SimpleErrorHandler(const SybaseStatus& status);
 // borrowed from the process-wide ConnectionPool. One object belongs to one
 // thread at a time; copies share the borrowed login, so do not copy an
 // acquired connection.
+// Thread safety: a ServiceConnectionSyb is used by one thread at a time (copies sharing a login count as
+// one); different objects may be used on different threads at once.
 class ServiceConnectionSyb {
  public:
   enum FieldType { INT_FIELD = 0, LONG_FIELD = 1, STRING_FIELD = 2 };
@@ -29,7 +31,8 @@ class ServiceConnectionSyb {
 
   // Reads server, database, user and (enciphered) password for `alias` from
   // $HOME/.dbrc. A failure is logged and leaves the fields empty, so that the
-  // later acquire() fails.
+  // later acquire() fails; a file with a line longer than 4096 characters is
+  // refused as a whole, whichever alias that line names.
   explicit ServiceConnectionSyb(std::string alias);
   // Explicit parameters; note the order. Installs ArcSys::SimpleErrorHandler
   // as the connection library's error handler.

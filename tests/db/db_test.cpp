@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "daLog/Log.h"
 #include "tests/support/Backend.h"
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -62,6 +63,10 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
   // An empty server name stands for FreeTDS's default server: one on loopback where nothing listens.
   setenv("TDSQUERY", "127.0.0.1:1", 1);
   const std::string p = " " + pw_ + " ", all = "get all connection parameters";
+  // A line of the longest length allowed; its server names a file that cannot exist.
+  const std::string tail = " db usr" + p + "A", head = "sqlite:" + dir_.path() + "/";
+  const std::string fit = head + std::string(4096 - head.size() - tail.size(), 's') + tail;
+  const std::string tooLong = "read " + dir_.file(".dbrc") + ": line ";
   const struct {
     std::string file, read;  // server, database, user and alias read for alias A, or "Could not <read>"
   } cases[] = {
@@ -78,6 +83,10 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
       {"s1 d1 u1" + p + "B\n", all},  // another alias only
       // A password sealed under another key, or not sealed at all, is refused.
       {server() + " db usr plaintext A\n", "decipher the password for A in " + dir_.file(".dbrc")},
+      // Lines are bounded, whatever they hold, and refused with their number.
+      {"#c\n\n" + fit + "\n", fit.substr(0, fit.size() - 1 - pw_.size() - 1) + "A"},
+      {"#c\n\n" + fit + "x\n", tooLong + "3 is longer than 4096 characters"},
+      {std::string(100000, 's') + tail + "\n", tooLong + "1 is longer than 4096 characters"},
   };
   for (const auto& c : cases) {
     if (!c.file.empty()) dir_.write(".dbrc", c.file, 0600);
@@ -93,6 +102,12 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
     EXPECT_EQ(conn.acquire(), -1);
     EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not establish a connection\n"));
   }
+  // A field of the file reaches a log as a short prefix only.
+  dir_.write(".dbrc", fit + "\n", 0600);
+  testsupport::LogCapture log;
+  ServiceConnectionSyb conn("A");
+  EXPECT_EQ(conn.acquire(), -1);
+  EXPECT_EQ(log.count("server " + fit.substr(0, 128) + "... as user usr\n"), 2u);  // connecting, failed
 }
 
 class Service : public DbFixture {
@@ -252,6 +267,27 @@ TEST_F(Service, ErrorHandlerLogsServerAndClientErrors) {
   for (const SybaseStatus& s : {info, client}) ArcSys::SimpleErrorHandler(s);
   EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] SYB Error number: 20009 Unable to connect Severity: 9\n"));
   EXPECT_EQ(log.count("Error number:"), tds ? 3u : 2u);
+}
+
+TEST_F(Service, LongMessagesAreWholeLinesFromEveryThread) {
+  // Longer than ACE's 4 KiB record; a conversion in the text stays as it is.
+  const std::string sql = "select '" + std::string(9000, 'x') + "%s' as a";
+  testsupport::LogCapture log;
+  EXPECT_EQ(conn_.execute(sql).commandSucceeded(), 1);
+  conn_.execute("select 1");
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Sql Statement : " + sql + "\n"));
+  EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Sql Statement : select 1\n"));
+  log.clear();
+  std::vector<std::thread> threads;
+  for (char c : {'a', 'b', 'c'})
+    threads.emplace_back([c] {
+      for (int i = 0; i < 20; ++i) DA_LOG_INFO("%s", std::string(5000 + i * 500, c).c_str());
+    });
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(log.count(""), 60u);
+  for (char c : {'a', 'b', 'c'})
+    for (int i = 0; i < 20; ++i)
+      EXPECT_TRUE(log.contains("<D> INFO  [ <t> ] " + std::string(5000 + i * 500, c) + "\n"));
 }
 
 class Pool : public DbFixture {

@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 #include <stcrypt/stcrypt.h>
 
+#include <sys/wait.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <regex>
 #include <string>
+#include <utility>
 
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"
@@ -71,19 +74,33 @@ TEST_F(Stcrypt, KeyFileRulesAndRefusalsThatLogOneErrorLineNamingTheKeyFileAndRea
   expectRefused(good, "", "neither STCRYPT_KEY_FILE nor HOME");
 }
 
-TEST_F(Stcrypt, ToolPrintsALineThatDeciphers) {
+TEST_F(Stcrypt, ToolPrintsALineThatDeciphersAndRefusesFieldsThatWouldBreakIt) {
   const std::string key = dir_.file("tool.key");
-  const std::string cmd = "echo hunter2 | STCRYPT_KEY_FILE=" + key + " " STENCRYPT_TOOL " SRV db usr ALIAS";
-  FILE* p = popen(cmd.c_str(), "r");
-  ASSERT_NE(p, nullptr);
-  char line[512] = {0};
-  ASSERT_NE(fgets(line, sizeof line, p), nullptr);
-  EXPECT_EQ(pclose(p), 0);
-  std::cmatch m;
-  ASSERT_TRUE(std::regex_match(line, m, std::regex("SRV db usr (\\S+) ALIAS\n"))) << line;
+  // Exit status and standard output (with standard error) of the tool given `args`.
+  const auto tool = [&](const std::string& args) {
+    FILE* p = popen(
+        ("echo hunter2 | STCRYPT_KEY_FILE=" + key + " " STENCRYPT_TOOL " " + args + " 2>&1").c_str(), "r");
+    std::string out;
+    char buf[512];
+    while (p && fgets(buf, sizeof buf, p)) out += buf;
+    return std::make_pair(p ? WEXITSTATUS(pclose(p)) : -1, out);
+  };
+  const std::string refused[] = {"'SR V' db usr A", "SRV 'd\nb' usr A",
+                                 "SRV db '' A",     "SRV db usr 'A\t'",
+                                 "'#SRV' db usr A", "SRV db usr " + std::string(3900, 'a')};
+  for (const std::string& args : refused) {
+    const auto [status, out] = tool(args);
+    EXPECT_EQ(status, 2) << args;
+    EXPECT_TRUE(std::regex_match(out, std::regex("stencrypt: [^\n]*\\.dbrc[^\n]*\n"))) << args << ": " << out;
+  }
+  EXPECT_FALSE(std::filesystem::exists(key));  // refused before anything was done
+  const auto [status, out] = tool("SRV db usr ALIAS");
+  EXPECT_EQ(status, 0);
+  std::smatch m;
+  ASSERT_TRUE(std::regex_search(out, m, std::regex("(^|\n)SRV db usr (\\S+) ALIAS\n$"))) << out;
   EXPECT_EQ(std::filesystem::status(key).permissions(), std::filesystem::perms(0600));
   setenv("STCRYPT_KEY_FILE", key.c_str(), 1);
-  EXPECT_EQ(run(stdecrypt, m.str(1)), "hunter2");
+  EXPECT_EQ(run(stdecrypt, m.str(2)), "hunter2");
 }
 
 }  // namespace
