@@ -3,9 +3,11 @@
 #include <dataAccess/condor/CondorDag.h>
 #include <dataAccess/condor/CondorSubmit.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -257,6 +259,24 @@ TEST(CondorDeath, InvalidNamesStopTheProcess) {
     EXPECT_DEATH(CondorJob{name}, "CondorJob::CondorJob\\(\\) - invalid job filename");
     EXPECT_DEATH(CondorDag{name}, "CondorDag::CondorDag\\(\\) - invalid dag filename");
   }
+}
+
+// A submit file that cannot be written whole (here: over the file size
+// limit) fails its save and leaves neither the file nor its temporary.
+bool saveBeyondTheFileSizeLimit(const std::string& dir) {
+  ::signal(SIGXFSZ, SIG_IGN);
+  const rlimit small{8, 8};
+  ::setrlimit(RLIMIT_FSIZE, &small);  // stderr, a file of the death test, is bounded too: capture
+  testsupport::LogCapture log;
+  CondorJob j(dir + "/big.cmd");
+  j.setExecutable("/bin/true");
+  return j.save() == -1 && fs::is_empty(dir) &&
+         log.count("ERROR [ <t> ] Can't write condor submit file") == 1;
+}
+
+TEST(CondorDeath, AFileThatCannotBeWrittenWholeLeavesNothing) {
+  testsupport::TempDir dir;
+  EXPECT_EXIT(std::exit(saveBeyondTheFileSizeLimit(dir.path()) ? 0 : 1), ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace

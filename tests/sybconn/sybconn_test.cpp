@@ -5,6 +5,8 @@
 #include <sybconn/SybUtils.h>
 #include <sybconn/SybaseConnection.h>
 
+#include <malloc.h>
+
 #include <ctime>
 #include <filesystem>
 #include <vector>
@@ -166,6 +168,10 @@ TEST_F(Connection, LoginFailuresAreReportedAsClientErrors) {
     EXPECT_EQ(bad.rowCount(), -1);
     g_seen.clear();
   }
+  SybaseConnection::setErrorHandler(nullptr);  // the fixture's keeps every message
+  const size_t before = mallinfo2().uordblks;
+  for (int i = 0; i < 200; ++i) SybaseConnection().connect("sqlite:" + dir_.file("no/x.db"), "u", "p");
+  EXPECT_LT(mallinfo2().uordblks, before + 60000);  // the handle of each failed open is closed
 }
 
 timeval local(const char* text, long usec = 0) {

@@ -88,6 +88,7 @@ TEST_F(VelmoraTest, LabelFileAndStatusFiles) {
   VelmoraArchiveRequest r;
   const std::string victim = dir.write("victim", "keep");
   for (const std::string& name : {in("y.lab"), in("y.lab.tmp")}) fs::create_symlink(victim, name);
+  testsupport::LogCapture log;
   v.archive("C X", "3600", "K_1", base + "/elsewhere/y", std::string(3000, 'v'), r);   // beyond 2 KB
   EXPECT_EQ(readFile(victim) + std::to_string(fs::is_symlink(in("y.lab"))), "keep0");  // not written through
   EXPECT_EQ(
@@ -98,7 +99,7 @@ TEST_F(VelmoraTest, LabelFileAndStatusFiles) {
   EXPECT_EQ(r.getLabelFile() + r.getOkStatFile() + r.getErrStatFile() + r.getGlobalKey(),
             base + "/elsewhere/y.lab" + base + "/elsewhere/.usr/y.lab.OK" + base +
                 "/elsewhere/.usr/y.lab.ERR" + "K_1");
-  testsupport::LogCapture log;
+  EXPECT_EQ(log.count("DEBUG [ <t> ] Contents of Label File: "), 1u);
   for (int field = 0; field < 5; ++field) {  // a line feed in any value would inject label lines
     std::string f[] = {"C", "1", "K", in("z"), "V"};
     f[field] += "\nvirtual_volume | evil";
