@@ -155,6 +155,7 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
     EXPECT_STREQ("FAILURE", st.status);
   }
   EXPECT_TRUE(listDir(folder).empty());
+  EXPECT_HAS(logText(), "[ERROR] Reply announces no length of the file");  // the last row
   EXPECT_EQ(400, retrieve({httpReply(400, statusDoc("FAILURE", "TOBAS_ER_RETRIEVE:4022:WARNING: not here"))},
                           folder));
   EXPECT_EQ(TOBAS_WA_BUF_DATA, st.errorCode);

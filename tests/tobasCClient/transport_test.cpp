@@ -5,6 +5,7 @@
 #include <sys/time.h>
 
 #include <chrono>
+#include <filesystem>
 #include <tuple>
 #include <utility>
 
@@ -91,6 +92,7 @@ TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
       {"", false, tobasERR_TIMEOUT},                                      // nothing arrives
   };
   _setReplyTimeoutFromFloat(0.2f);
+  const size_t inUse = heapInUse();  // the header reads below hold no memory after them either
   for (const auto& [bytes, closed, stat] : cases) {
     Feed f(bytes, closed);
     Exchange ex;
@@ -123,7 +125,6 @@ TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
       {"short", false, tobasERR_TIMEOUT},  // stops before it: one wait, not eleven
   };
   _setReplyTimeoutFromFloat(0.5f);
-  const size_t inUse = heapInUse();
   for (const auto& [bytes, closed, stat] : bodies) {
     Feed f(bytes, closed);
     const int sock = std::exchange(f.fds[0], -1);
@@ -192,7 +193,11 @@ TEST(TobasTransport, ServerListsRoundRobinFailOverAndBounds) {
   for (int i = 0; i < 3; ++i) ASSERT_EQ(0, ex.get("rr", 0));  // starts at h1, h2, h3
   EXPECT_EQ(tobasSTAT_FAILURE, ex.get("down", 0));
   EXPECT_EQ(tobasERR_CON, ex.get("127.0.0.1", down));  // a single host keeps its code
-  EXPECT_EQ(0, ex.post("post", 0, "", "abc"));         // starts at the closed one, moves on
+  const auto openFds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  const auto fds = openFds();
+  for (int i = 0; i < 200; ++i) ASSERT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", down));
+  EXPECT_LE(openFds(), fds);                    // a refused connect closes its socket
+  EXPECT_EQ(0, ex.post("post", 0, "", "abc"));  // starts at the closed one, moves on
   EXPECT_EQ((std::vector<size_t>{2, 1, 1}),
             (std::vector<size_t>{h1.requests().size(), h2.requests().size(), h3.requests().size()}));
   EXPECT_HAS(h1.requests().back(), "\r\n\nabc");
@@ -203,6 +208,12 @@ TEST(TobasTransport, ServerListsRoundRobinFailOverAndBounds) {
   h3.push({kOk});
   EXPECT_EQ(0, ex.get("", 0));
   EXPECT_EQ(2u, h3.requests().size());
+  // Servers that all fail (closed unanswered, refused, a body cut short): each tried once, none again.
+  ASSERT_EQ(0, tobasParseSrvListId("all-fail",
+                                   (local(h1.port()) + "," + local(down) + "," + local(h2.port())).c_str()));
+  h2.push({kOk, kOk.size() - 1});
+  EXPECT_EQ(tobasSTAT_FAILURE, ex.get("all-fail", 0));
+  EXPECT_EQ((std::vector<size_t>{3, 2}), (std::vector<size_t>{h1.requests().size(), h2.requests().size()}));
 
   auto servers = [](const char* id) {
     int found = 0;
