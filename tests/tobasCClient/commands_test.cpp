@@ -160,6 +160,7 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
                           folder));
   EXPECT_EQ(TOBAS_WA_BUF_DATA, st.errorCode);
   EXPECT_EQ(tobasERR_INV_TARG_FILE, retrieve({httpReply(200, "data")}, dir.file("no/such/dir/f")));
+  EXPECT_HAS(logText(), "[ERROR] Cannot create target file: " + dir.file("no/such/dir/f"));
   EXPECT_EQ(std::vector<std::string>{"in"}, listDir(dir.path()));
 
   // A slow peer: the reply time-out runs from the last data received, not from the start (1.5 s).

@@ -69,6 +69,9 @@ TEST(TobasStatus, DocumentsAndCodes) {
 TEST(TobasUtil, Helpers) {
   tobasBIG_BUF dir, name;
   EXPECT_EQ(0, tobasSplitFilename("plain", dir, name));
+  const char* hay = "abcabc";  // the last occurrence; an empty needle is found at the end
+  for (const auto& [needle, at] : {std::pair("bc", 4), {"abc", 3}, {"", 6}, {"cb", -1}})
+    EXPECT_EQ(tobasStrRStr(hay, needle), at < 0 ? nullptr : hay + at) << needle;
   EXPECT_STREQ(".", dir);
   EXPECT_EQ(1, tobasSplitFilename((std::string(600, 'd') + "/f").c_str(), dir, name));  // too long a folder
   TempDir tmp;
