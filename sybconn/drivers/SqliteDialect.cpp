@@ -166,10 +166,12 @@ class Rewriter {
   }
   std::string text(size_t i) const { return src_.substr(toks_[i].begin, toks_[i].len); }
 
-  void noteDatabase(const std::string& db) {
+  // Records database `db` (the text of token i) once.
+  void noteDatabase(size_t i) {
+    const Token& t = toks_[i];
     for (const auto& d : dbs_)
-      if (d == db) return;
-    dbs_.push_back(db);
+      if (d.compare(0, std::string::npos, src_, t.begin, t.len) == 0) return;
+    dbs_.push_back(text(i));
   }
 
   // X..table and X.dbo.table starting at word i name the table of database X;
@@ -186,14 +188,14 @@ class Rewriter {
       return i;
     }
     if (table >= end || toks_[table].type != Tok::Word) return i;
-    const std::string db = text(i);
-    if (!home_.empty() && db == home_) {
-      out() += "main";
+    const Token& db = toks_[i];
+    if (!home_.empty() && home_.compare(0, std::string::npos, src_, db.begin, db.len) == 0) {
+      out() += "main.";
     } else {
-      noteDatabase(db);
-      out() += db;
+      noteDatabase(i);
+      emit(i);
+      out() += '.';
     }
-    out() += '.';
     emit(table);
     return table + 1;
   }
