@@ -162,8 +162,11 @@ class Rounds {
       }
       return;
     }
+    // Odd rounds run the sides in reverse order, so that no side always
+    // follows the same one.
     for (int round = 0; round < rounds_; ++round)
-      for (auto& s : sides_) {
+      for (size_t k = 0; k < sides_.size(); ++k) {
+        auto& s = sides_[round % 2 ? sides_.size() - 1 - k : k];
         Side* fn = &s.second;
         benchmark::RegisterBenchmark(s.first.c_str(),
                                      [fn](benchmark::State& state) {
