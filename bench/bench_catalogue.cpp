@@ -34,6 +34,28 @@ std::string g_dir;
 std::string g_big;
 std::ofstream g_logFile;
 
+// Under callgrind, the dates that the schemas' defaults write (strftime of
+// 'now') come from a clock that stands still at 2026-11-22 12:00 UTC, so that
+// two runs format and compare the same texts and count the same
+// instructions: the default VFS is replaced by a copy of itself with a
+// clock of its own, for both sides.
+const sqlite3_int64 kStillJulianMs = 212662108800000LL;
+sqlite3_vfs g_stillClock;
+int stillTimeInt64(sqlite3_vfs*, sqlite3_int64* ms) {
+  *ms = kStillJulianMs;
+  return SQLITE_OK;
+}
+int stillTime(sqlite3_vfs*, double* julianDay) {
+  *julianDay = static_cast<double>(kStillJulianMs) / 86400000.0;
+  return SQLITE_OK;
+}
+void stopSqliteClock() {
+  g_stillClock = *sqlite3_vfs_find(nullptr);
+  g_stillClock.xCurrentTime = stillTime;
+  if (g_stillClock.iVersion >= 2) g_stillClock.xCurrentTimeInt64 = stillTimeInt64;
+  sqlite3_vfs_register(&g_stillClock, 1);
+}
+
 void logging(bool on) {
   const u_long quiet = LM_INFO | LM_NOTICE | LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY;
   if (on) {
@@ -216,6 +238,7 @@ void loadallOurs(benchutil::Pass& pass, bool log, const char* tds = nullptr) {
 int main(int argc, char** argv) {
   g_dir = benchutil::scratchDir("/tmp", "catalogue");
   if (g_dir.empty()) return 1;
+  if (benchutil::instructionMode()) stopSqliteClock();
   g_logFile.open(g_dir + "/debug.log");
   logging(false);
   makeBig();

@@ -2,8 +2,10 @@
 # Runs the CPU-bound comparisons under callgrind at their smaller sizes and
 # prints the same `ratio NAME VALUE GOAL` lines as bench/run.sh, from
 # instruction counts of the measured regions (VALUE: ours / peer's), followed
-# by the two counts. Counts do not move with the load of the machine: two
-# runs print the same figures.
+# by the two counts in millions. Counts do not move with the load of the
+# machine: two runs print the same figures. (The counts themselves can differ
+# by a few hundred instructions between runs, where the heap's layout differs,
+# hence millions.)
 set -uo pipefail
 build=${1:-build/default}
 command -v valgrind >/dev/null || { echo "run-instructions: valgrind is missing (scripts/install-deps.sh)" >&2; exit 1; }
@@ -35,7 +37,7 @@ for name in bench_sybconn bench_catalogue bench_conditions bench_velmora bench_c
   awk 'NR == FNR { count[$1] = $2; next }
        $1 == "counted" {
          o = count[$3]; p = count[$4]
-         if (o > 0 && p > 0) printf "ratio %s %.3f %s Ir %d/%d\n", $2, o / p, $5, o, p
+         if (o > 0 && p > 0) printf "ratio %s %.3f %s Ir %.1fM/%.1fM\n", $2, o / p, $5, o / 1e6, p / 1e6
          else printf "ratio %s nan %s\n", $2, $5
        }' "$work/$name.counts" "$work/$name.txt" | tee -a "$summary"
   echo "($name: $((SECONDS - start)) s)"
