@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 CMAKE_BUILD = cmake --build --preset
 
-.PHONY: all deps build demo test test-default test-asan test-tsan bench fuzz format install clean
+.PHONY: all deps build demo test test-default test-asan test-tsan bench bench-instructions fuzz format install clean
 
 all: build
 
@@ -38,6 +38,9 @@ test-tsan: deps
 
 bench: build
 	@bash bench/run.sh build/default
+
+bench-instructions: build
+	@bash bench/run-instructions.sh build/default
 
 fuzz: deps
 	cmake --preset fuzz >/dev/null

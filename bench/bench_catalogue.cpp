@@ -3,9 +3,10 @@
 //   - 100,000 ReplicationRequestDAOSyb::insert calls in one transaction;
 //   - KestFileDAOSyb::loadAll of 1,000,000 rows, and its peak memory;
 // with DEBUG logging off (the host's ACE priority mask) and on, to a file.
-// The same DAO calls also run through the FreeTDS driver against the TDS test
-// server (TDS 5.0 and 7.4) over loopback, beside the SQLite figures: they
-// measure the driver plus the test server, not a real database server.
+// With BENCH_TDS set, the same DAO calls also run through the FreeTDS driver
+// against the TDS test server (TDS 5.0 and 7.4) over loopback, beside the
+// SQLite figures: they measure the driver plus the test server, not a real
+// database server.
 #include <ace/Log_Msg.h>
 #include <dataAccess/catalogue/KestFileDAOSyb.h>
 #include <dataAccess/catalogue/ReplicationRequestDAOSyb.h>
@@ -15,6 +16,8 @@
 #include <sybconn/SybUtils.h>
 
 #include <cstdio>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -25,11 +28,33 @@
 
 namespace {
 
-const int kInserts = 100000;
-const int kRows = 1000000;
+const int kInserts = benchutil::size(100000, 10000);
+const int kRows = benchutil::size(1000000, 30000);
 std::string g_dir;
 std::string g_big;
 std::ofstream g_logFile;
+
+// Under callgrind, the dates that the schemas' defaults write (strftime of
+// 'now') come from a clock that stands still at 2026-11-22 12:00 UTC, so that
+// two runs format and compare the same texts and count the same
+// instructions: the default VFS is replaced by a copy of itself with a
+// clock of its own, for both sides.
+const sqlite3_int64 kStillJulianMs = 212662108800000LL;
+sqlite3_vfs g_stillClock;
+int stillTimeInt64(sqlite3_vfs*, sqlite3_int64* ms) {
+  *ms = kStillJulianMs;
+  return SQLITE_OK;
+}
+int stillTime(sqlite3_vfs*, double* julianDay) {
+  *julianDay = static_cast<double>(kStillJulianMs) / 86400000.0;
+  return SQLITE_OK;
+}
+void stopSqliteClock() {
+  g_stillClock = *sqlite3_vfs_find(nullptr);
+  g_stillClock.xCurrentTime = stillTime;
+  if (g_stillClock.iVersion >= 2) g_stillClock.xCurrentTimeInt64 = stillTimeInt64;
+  sqlite3_vfs_register(&g_stillClock, 1);
+}
 
 void logging(bool on) {
   const u_long quiet = LM_INFO | LM_NOTICE | LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY;
@@ -90,36 +115,26 @@ std::unique_ptr<tdstest::TdsServer> tdsServer(const std::string& dbFile, const c
   return server;
 }
 
-void insertOurs(benchmark::State& state, bool log, const char* tds = nullptr) {
-  for (auto _ : state) {
-    state.PauseTiming();
-    const std::string path = freshQueue("ins_ours.db");
-    auto server = tdsServer(path, tds);
-    ServiceConnectionSyb conn(server ? server->address() : "sqlite:" + path, "u", "p", "db");
-    conn.acquire();
-    ReplicationRequestDAOSyb dao("repl_queue");
-    logging(log);
-    state.ResumeTiming();
+void insertOurs(benchutil::Pass& pass, bool log, const char* tds = nullptr) {
+  const std::string path = freshQueue("ins_ours.db");
+  auto server = tdsServer(path, tds);
+  ServiceConnectionSyb conn(server ? server->address() : "sqlite:" + path, "u", "p", "db");
+  conn.acquire();
+  ReplicationRequestDAOSyb dao("repl_queue");
+  logging(log);
+  pass.measure([&] {
     conn.beginTransaction();
     for (int i = 0; i < kInserts; ++i) dao.insert(request(i), conn);
     conn.commitTransaction();
-    state.PauseTiming();
-    logging(false);
-    conn.release();
-    ConnectionPool::destroyInstance();
-    state.ResumeTiming();
-  }
+  });
+  logging(false);
+  conn.release();
+  ConnectionPool::destroyInstance();
 }
-void BM_insert_ours_logoff(benchmark::State& s) { insertOurs(s, false); }
-void BM_insert_ours_logon(benchmark::State& s) { insertOurs(s, true); }
-void BM_insert_tds50(benchmark::State& s) { insertOurs(s, false, "5.0"); }
-void BM_insert_tds74(benchmark::State& s) { insertOurs(s, false, "7.4"); }
 
-void BM_insert_raw(benchmark::State& state) {
-  for (auto _ : state) {
-    state.PauseTiming();
-    sqlite3* db = rawOpen(freshQueue("ins_raw.db"));
-    state.ResumeTiming();
+void insertRaw(benchutil::Pass& pass) {
+  sqlite3* db = rawOpen(freshQueue("ins_raw.db"));
+  pass.measure([&] {
     sqlite3_exec(db, "SAVEPOINT A1", nullptr, nullptr, nullptr);
     for (int i = 0; i < kInserts; ++i) {
       const ReplicationRequest r = request(i);
@@ -133,10 +148,8 @@ void BM_insert_raw(benchmark::State& state) {
       sqlite3_finalize(stmt);
     }
     sqlite3_exec(db, "RELEASE A1", nullptr, nullptr, nullptr);
-    state.PauseTiming();
-    sqlite3_close(db);
-    state.ResumeTiming();
-  }
+  });
+  sqlite3_close(db);
 }
 
 void makeBig() {
@@ -212,77 +225,64 @@ size_t loadRaw() {
   return files.size();
 }
 
-void BM_loadall_ours_logoff(benchmark::State& state) {
+void loadallOurs(benchutil::Pass& pass, bool log, const char* tds = nullptr) {
+  logging(log);
+  auto server = tdsServer(g_big, tds);
+  pass.measure([&] { benchmark::DoNotOptimize(server ? loadOurs(server->address()) : loadOurs()); });
   logging(false);
-  for (auto _ : state) benchmark::DoNotOptimize(loadOurs());
-}
-void BM_loadall_ours_logon(benchmark::State& state) {
-  logging(true);
-  for (auto _ : state) benchmark::DoNotOptimize(loadOurs());
-  logging(false);
-}
-void loadTds(benchmark::State& state, const char* version) {
-  logging(false);
-  auto server = tdsServer(g_big, version);
-  for (auto _ : state) benchmark::DoNotOptimize(loadOurs(server->address()));
   ConnectionPool::destroyInstance();
-}
-void BM_loadall_tds50(benchmark::State& s) { loadTds(s, "5.0"); }
-void BM_loadall_tds74(benchmark::State& s) { loadTds(s, "7.4"); }
-void BM_loadall_raw(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(loadRaw());
 }
 
 }  // namespace
 
-BENCHMARK(BM_insert_raw)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(5);
-BENCHMARK(BM_insert_ours_logoff)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(5);
-BENCHMARK(BM_insert_ours_logon)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
-BENCHMARK(BM_loadall_raw)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
-BENCHMARK(BM_loadall_ours_logoff)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
-BENCHMARK(BM_loadall_ours_logon)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
-BENCHMARK(BM_insert_tds50)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(1);
-BENCHMARK(BM_insert_tds74)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(1);
-BENCHMARK(BM_loadall_tds50)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(1);
-BENCHMARK(BM_loadall_tds74)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(1);
-
 int main(int argc, char** argv) {
-  char tmpl[] = "/tmp/bench-catalogue-XXXXXX";
-  if (!mkdtemp(tmpl)) return 1;
-  g_dir = tmpl;
+  g_dir = benchutil::scratchDir("/tmp", "catalogue");
+  if (g_dir.empty()) return 1;
+  if (benchutil::instructionMode()) stopSqliteClock();
   g_logFile.open(g_dir + "/debug.log");
   logging(false);
   makeBig();
+  // The DAOs through the FreeTDS driver and the TDS test server: minutes of
+  // run time for figures without a goal, so only with BENCH_TDS set.
+  const bool tds = std::getenv("BENCH_TDS") != nullptr && !benchutil::instructionMode();
   benchmark::Initialize(&argc, argv);
-  benchutil::Collector collector;
-  benchmark::RunSpecifiedBenchmarks(&collector);
+  benchutil::Rounds rounds;
+  using benchutil::Pass;
+  rounds.side("BM_insert_raw", insertRaw)
+      .side("BM_insert_ours_logoff", [](Pass& p) { insertOurs(p, false); })
+      .side("BM_loadall_raw", [](Pass& p) { p.measure([] { benchmark::DoNotOptimize(loadRaw()); }); })
+      .side("BM_loadall_ours_logoff", [](Pass& p) { loadallOurs(p, false); });
+  if (!benchutil::instructionMode())
+    rounds.side("BM_insert_ours_logon", [](Pass& p) { insertOurs(p, true); })
+        .side("BM_loadall_ours_logon", [](Pass& p) { loadallOurs(p, true); });
+  if (tds)
+    for (const char* v : {"5.0", "7.4"}) {
+      const std::string suffix = v[0] == '5' ? "tds50" : "tds74";
+      rounds.side("BM_insert_" + suffix, [v](Pass& p) { insertOurs(p, false, v); })
+          .side("BM_loadall_" + suffix, [v](Pass& p) { loadallOurs(p, false, v); });
+    }
+  rounds.run();
   benchmark::Shutdown();
 
+  rounds.ratio("catalogue_insert_100k_logoff", "BM_insert_ours_logoff", "BM_insert_raw", "1.15");
+  rounds.ratio("catalogue_loadall_1M_logoff", "BM_loadall_ours_logoff", "BM_loadall_raw", "1.15");
+  if (!benchutil::instructionMode()) {
+    rounds.ratio("catalogue_insert_100k_logon", "BM_insert_ours_logon", "BM_insert_raw", "-");
+    rounds.ratio("catalogue_loadall_1M_logon", "BM_loadall_ours_logon", "BM_loadall_raw", "-");
+  }
   // No pool (and so no reaper thread) may exist when the children are forked.
   ConnectionPool::destroyInstance();
-  const long memRaw = benchutil::peakKiB([] { loadRaw(); });
-  const long memOurs = benchutil::peakKiB([] { loadOurs(); });
-  std::printf("loadAll of %d rows, peak RSS: ours %ld KiB, raw %ld KiB\n", kRows, memOurs, memRaw);
-  const double insertRaw = collector.time("BM_insert_raw"), loadRawT = collector.time("BM_loadall_raw");
-  benchutil::printRatio("catalogue_insert_100k_logoff", collector.time("BM_insert_ours_logoff"), insertRaw,
-                        "1.15");
-  benchutil::printRatio("catalogue_insert_100k_logon", collector.time("BM_insert_ours_logon"), insertRaw,
-                        "-");
-  benchutil::printRatio("catalogue_loadall_1M_logoff", collector.time("BM_loadall_ours_logoff"), loadRawT,
-                        "1.15");
-  benchutil::printRatio("catalogue_loadall_1M_logon", collector.time("BM_loadall_ours_logon"), loadRawT, "-");
-  benchutil::printRatio("catalogue_loadall_1M_peak_mem", static_cast<double>(memOurs),
-                        static_cast<double>(memRaw), "1.15");
+  benchutil::comparePeak(
+      "catalogue_loadall_1M_peak_mem", "1.15", [] { loadOurs(); }, [] { loadRaw(); });
   // Over TDS, against our own DAOs on SQLite: the cost of the wire and the test server.
-  const double insertOurs = collector.time("BM_insert_ours_logoff"),
-               loadOursT = collector.time("BM_loadall_ours_logoff");
-  for (const char* v : {"tds50", "tds74"}) {
-    benchutil::printRatio(std::string("catalogue_insert_100k_") + v + "_vs_sqlite",
-                          collector.time(std::string("BM_insert_") + v), insertOurs, "-");
-    benchutil::printRatio(std::string("catalogue_loadall_1M_") + v + "_vs_sqlite",
-                          collector.time(std::string("BM_loadall_") + v), loadOursT, "-");
-  }
+  if (tds)
+    for (const char* v : {"tds50", "tds74"}) {
+      rounds.ratio(std::string("catalogue_insert_100k_") + v + "_vs_sqlite", std::string("BM_insert_") + v,
+                   "BM_insert_ours_logoff", "-");
+      rounds.ratio(std::string("catalogue_loadall_1M_") + v + "_vs_sqlite", std::string("BM_loadall_") + v,
+                   "BM_loadall_ours_logoff", "-");
+    }
   ConnectionPool::destroyInstance();
-  std::system(("rm -rf " + g_dir).c_str());
+  std::filesystem::remove_all(g_dir);
   return 0;
 }

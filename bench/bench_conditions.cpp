@@ -2,7 +2,7 @@
 // the same statements and building the same records, with DEBUG logging
 // masked by the host's ACE priority mask:
 //   - AmbientService::findMeanSeeingByDate over a period of 1,000,000
-//     measurements, in time and in peak memory (each side in a forked child,
+//     measurements, in time and in peak memory (each pass in a forked child,
 //     less a child that does nothing);
 //   - 10,000 ObRep2Service::findConstraintSetByObsId calls (each builds its
 //     connection from the alias in the parameters file) against a loop on one
@@ -16,6 +16,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -25,8 +26,8 @@
 
 namespace {
 
-const int kMeasurements = 1000000;
-const int kCalls = 10000;
+const int kMeasurements = benchutil::size(1000000, 30000);
+const int kCalls = benchutil::size(10000, 1000);
 const int kBlocks = 1000;
 const double kStart = 61000.0;  // MJD of the first measurement, one a second from there
 std::string g_dir;
@@ -47,8 +48,9 @@ void exec(sqlite3* db, const std::string& sql) {
   }
 }
 
-// Opens the services' own database with the sibling `attach` attached, as
-// the library's SQLite driver does.
+// Opens the services' own database with the sibling `attach` attached, in
+// WAL mode as the library's SQLite driver leaves it (else the first side to
+// run would meet a database in rollback-journal mode).
 sqlite3* rawOpen(const char* attach) {
   sqlite3* db = nullptr;
   sqlite3_open_v2((g_dir + "/conditions.db").c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE,
@@ -57,6 +59,7 @@ sqlite3* rawOpen(const char* attach) {
   exec(db, "PRAGMA journal_mode=WAL");
   exec(db, "PRAGMA synchronous=NORMAL");
   exec(db, "ATTACH DATABASE '" + g_dir + "/" + attach + ".db' AS \"" + attach + "\"");
+  exec(db, std::string("PRAGMA \"") + attach + "\".journal_mode=WAL");
   return db;
 }
 
@@ -146,25 +149,18 @@ double meanRaw() {
   return sum * (0.01 / static_cast<double>(list.size()));
 }
 
-void BM_mean_seeing_raw(benchmark::State& state) {
-  for (auto _ : state) g_sink += meanRaw();
-}
-void BM_mean_seeing_ours(benchmark::State& state) {
-  for (auto _ : state) g_sink += meanOurs();
-}
-
 std::string text(sqlite3_stmt* s, int col) {
   const unsigned char* t = sqlite3_column_text(s, col);
   return t ? std::string(reinterpret_cast<const char*>(t), static_cast<size_t>(sqlite3_column_bytes(s, col)))
            : std::string();
 }
 
-void BM_constraint_set_raw(benchmark::State& state) {
+void constraintSetRaw(benchutil::Pass& pass) {
   sqlite3* db = rawOpen("obrep2");
   const char* const columns[] = {"cs_id",         "user_id",          "item_name",    "item_description",
                                  "seeing",        "sky_transparency", "airmass",      "fli",
                                  "moon_distance", "local_storage_id", "strehl_ratio", "baseline_id"};
-  for (auto _ : state) {
+  pass.measure([&] {
     for (int i = 0; i < kCalls; ++i) {
       std::string sql = "select ";
       for (int c = 0; c < 12; ++c) sql += std::string(c ? "," : "") + "obrep2.constraint_sets." + columns[c];
@@ -192,26 +188,25 @@ void BM_constraint_set_raw(benchmark::State& state) {
       sqlite3_finalize(st);
       if (sets.size() != 1) std::exit(1);
     }
-  }
+  });
   sqlite3_close(db);
 }
 
-void BM_constraint_set_ours(benchmark::State& state) {
+void constraintSetOurs(benchutil::Pass& pass) {
   ObRep2Service service("OBREP2");
-  for (auto _ : state) {
+  pass.measure([&] {
     for (int i = 0; i < kCalls; ++i) {
       std::vector<ConstraintSet> sets;
       if (service.findConstraintSetByObsId(1 + i % kBlocks, sets) != 1) std::exit(1);
     }
-  }
+  });
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  char tmpl[] = "/tmp/bench-conditions-XXXXXX";
-  if (!mkdtemp(tmpl)) return 1;
-  g_dir = tmpl;
+  g_dir = benchutil::scratchDir("/tmp", "conditions");
+  if (g_dir.empty()) return 1;
   // A production host masks DEBUG through ACE's process-wide priority mask.
   ACE_LOG_MSG->priority_mask(
       LM_INFO | LM_NOTICE | LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY,
@@ -221,43 +216,23 @@ int main(int argc, char** argv) {
 
   // Peak memory first, from a small parent; no pool (and so no reaper
   // thread) exists when the children are forked.
-  const long base = benchutil::peakKiB([] {});
-  const long memRaw = benchutil::peakKiB([] { g_sink += meanRaw(); }) - base;
-  const long memOurs = benchutil::peakKiB([] { g_sink += meanOurs(); }) - base;
-  std::printf(
-      "mean seeing over %d measurements, peak RSS above a bare child (%ld KiB): ours %ld KiB, raw %ld KiB\n",
-      kMeasurements, base, memOurs, memRaw);
+  benchutil::comparePeak(
+      "conditions_mean_seeing_1M_peak_mem", "1.15", [] { g_sink += meanOurs(); }, [] { g_sink += meanRaw(); },
+      true);
 
-  // Raw and ours take turns, one run each, so that both meet the same load
-  // of a shared machine; the best run of each counts.
-  for (int i = 0; i < 7; ++i) {
-    benchmark::RegisterBenchmark("BM_mean_seeing_raw", BM_mean_seeing_raw)
-        ->Unit(benchmark::kMillisecond)
-        ->Iterations(1);
-    benchmark::RegisterBenchmark("BM_mean_seeing_ours", BM_mean_seeing_ours)
-        ->Unit(benchmark::kMillisecond)
-        ->Iterations(1);
-  }
-  for (int i = 0; i < 9; ++i) {
-    benchmark::RegisterBenchmark("BM_constraint_set_raw", BM_constraint_set_raw)
-        ->Unit(benchmark::kMillisecond)
-        ->Iterations(1);
-    benchmark::RegisterBenchmark("BM_constraint_set_ours", BM_constraint_set_ours)
-        ->Unit(benchmark::kMillisecond)
-        ->Iterations(1);
-  }
   benchmark::Initialize(&argc, argv);
-  benchutil::Collector collector;
-  benchmark::RunSpecifiedBenchmarks(&collector);
+  benchutil::Rounds rounds;
+  rounds.side("BM_mean_seeing_raw", [](benchutil::Pass& p) { p.measure([] { g_sink += meanRaw(); }); })
+      .side("BM_mean_seeing_ours", [](benchutil::Pass& p) { p.measure([] { g_sink += meanOurs(); }); })
+      .side("BM_constraint_set_raw", constraintSetRaw)
+      .side("BM_constraint_set_ours", constraintSetOurs)
+      .run();
   benchmark::Shutdown();
 
-  benchutil::printRatio("conditions_mean_seeing_1M_logoff", collector.time("BM_mean_seeing_ours"),
-                        collector.time("BM_mean_seeing_raw"), "1.15");
-  benchutil::printRatio("conditions_mean_seeing_1M_peak_mem", static_cast<double>(memOurs),
-                        static_cast<double>(memRaw), "1.15");
-  benchutil::printRatio("conditions_constraint_set_10k_logoff", collector.time("BM_constraint_set_ours"),
-                        collector.time("BM_constraint_set_raw"), "1.5");
+  rounds.ratio("conditions_mean_seeing_1M_logoff", "BM_mean_seeing_ours", "BM_mean_seeing_raw", "1.15");
+  rounds.ratio("conditions_constraint_set_10k_logoff", "BM_constraint_set_ours", "BM_constraint_set_raw",
+               "1.5");
   ConnectionPool::destroyInstance();
-  std::system(("rm -rf " + g_dir).c_str());
+  std::filesystem::remove_all(g_dir);
   return g_sink > 0 ? 0 : 1;
 }

@@ -6,14 +6,15 @@
 #include <sybconn/SybaseConnection.h>
 
 #include <cstdio>
+#include <filesystem>
 #include <string>
 
 #include "bench/BenchUtil.h"
 
 namespace {
 
-const int kInserts = 100000;
-const int kRows = 1000000;
+const int kInserts = benchutil::size(100000, 10000);
+const int kRows = benchutil::size(1000000, 50000);
 std::string g_dir;
 
 std::string insertText(int i) {
@@ -42,25 +43,20 @@ std::string freshFile(const char* name) {
   return path;
 }
 
-void BM_insert_ours(benchmark::State& state) {
-  for (auto _ : state) {
-    state.PauseTiming();
-    const std::string path = freshFile("ins_ours.db");
-    SybaseConnection conn;
-    conn.connect("sqlite:" + path, "u", "p");
-    state.ResumeTiming();
+void insertOurs(benchutil::Pass& pass) {
+  const std::string path = freshFile("ins_ours.db");
+  SybaseConnection conn;
+  conn.connect("sqlite:" + path, "u", "p");
+  pass.measure([&] {
     conn.execute("begin Tran A1");
     for (int i = 0; i < kInserts; ++i) conn.execute(insertText(i));
     conn.execute("commit A1");
-  }
+  });
 }
 
-void BM_insert_raw(benchmark::State& state) {
-  for (auto _ : state) {
-    state.PauseTiming();
-    const std::string path = freshFile("ins_raw.db");
-    sqlite3* db = rawOpen(path);
-    state.ResumeTiming();
+void insertRaw(benchutil::Pass& pass) {
+  sqlite3* db = rawOpen(freshFile("ins_raw.db"));
+  pass.measure([&] {
     rawExec(db, "SAVEPOINT A1");
     for (int i = 0; i < kInserts; ++i) {
       const std::string sql = insertText(i);
@@ -70,10 +66,8 @@ void BM_insert_raw(benchmark::State& state) {
       sqlite3_finalize(stmt);
     }
     rawExec(db, "RELEASE A1");
-    state.PauseTiming();
-    sqlite3_close(db);
-    state.ResumeTiming();
-  }
+  });
+  sqlite3_close(db);
 }
 
 const char kSelect[] = "select id, name, val, at from t";
@@ -114,13 +108,6 @@ long selectRaw(const std::string& path) {
 
 std::string g_big;
 
-void BM_select_ours(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(selectOurs(g_big));
-}
-void BM_select_raw(benchmark::State& state) {
-  for (auto _ : state) benchmark::DoNotOptimize(selectRaw(g_big));
-}
-
 void makeBig() {
   g_big = freshFile("select.db");
   sqlite3* db = rawOpen(g_big);
@@ -142,31 +129,25 @@ void makeBig() {
 
 }  // namespace
 
-BENCHMARK(BM_insert_raw)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(5);
-BENCHMARK(BM_insert_ours)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(5);
-BENCHMARK(BM_select_raw)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(5);
-BENCHMARK(BM_select_ours)->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(5);
-
 int main(int argc, char** argv) {
-  char tmpl[] = "/tmp/bench-sybconn-XXXXXX";
-  if (!mkdtemp(tmpl)) return 1;
-  g_dir = tmpl;
+  g_dir = benchutil::scratchDir("/tmp", "sybconn");
+  if (g_dir.empty()) return 1;
   makeBig();
   benchmark::Initialize(&argc, argv);
-  benchutil::Collector collector;
-  benchmark::RunSpecifiedBenchmarks(&collector);
+  benchutil::Rounds rounds;
+  rounds.side("BM_insert_raw", insertRaw)
+      .side("BM_insert_ours", insertOurs)
+      .side("BM_select_raw",
+            [](benchutil::Pass& p) { p.measure([] { benchmark::DoNotOptimize(selectRaw(g_big)); }); })
+      .side("BM_select_ours",
+            [](benchutil::Pass& p) { p.measure([] { benchmark::DoNotOptimize(selectOurs(g_big)); }); })
+      .run();
   benchmark::Shutdown();
 
-  const long memRaw = benchutil::peakKiB([] { selectRaw(g_big); });
-  const long memOurs = benchutil::peakKiB([] { selectOurs(g_big); });
-  std::printf("select of %d rows, peak RSS: ours %ld KiB, raw %ld KiB\n", kRows, memOurs, memRaw);
-
-  benchutil::printRatio("sybconn_insert_100k", collector.time("BM_insert_ours"),
-                        collector.time("BM_insert_raw"), "1.10");
-  benchutil::printRatio("sybconn_select_1M_time", collector.time("BM_select_ours"),
-                        collector.time("BM_select_raw"), "1.10");
-  benchutil::printRatio("sybconn_select_1M_peak_mem", static_cast<double>(memOurs),
-                        static_cast<double>(memRaw), "1.10");
-  std::system(("rm -rf " + g_dir).c_str());
+  rounds.ratio("sybconn_insert_100k", "BM_insert_ours", "BM_insert_raw", "1.10");
+  rounds.ratio("sybconn_select_1M_time", "BM_select_ours", "BM_select_raw", "1.10");
+  benchutil::comparePeak(
+      "sybconn_select_1M_peak_mem", "1.10", [] { selectOurs(g_big); }, [] { selectRaw(g_big); });
+  std::filesystem::remove_all(g_dir);
   return 0;
 }

@@ -188,34 +188,6 @@ class BenchServer {
 
 BenchServer* g_server = nullptr;
 
-// Console output as usual, plus every repetition's real time per iteration (in the display
-// unit), so that the summary can give the median beside the best.
-class Times : public benchmark::ConsoleReporter {
- public:
-  void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& r : runs)
-      if (r.run_type == Run::RT_Iteration && r.iterations > 0) {
-        std::string name = r.benchmark_name();
-        times_[name.substr(0, name.find('/'))].push_back(r.GetAdjustedRealTime());
-      }
-    ConsoleReporter::ReportRuns(runs);
-  }
-  double best(const std::string& name) const {
-    auto it = times_.find(name);
-    return it == times_.end() ? 0 : *std::min_element(it->second.begin(), it->second.end());
-  }
-  double median(const std::string& name) const {
-    auto it = times_.find(name);
-    if (it == times_.end()) return 0;
-    std::vector<double> v = it->second;
-    std::sort(v.begin(), v.end());
-    return v.size() % 2 ? v[v.size() / 2] : (v[v.size() / 2 - 1] + v[v.size() / 2]) / 2;
-  }
-
- private:
-  std::map<std::string, std::vector<double>> times_;
-};
-
 int connectLoopback() {
   int fd = ::socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in a{};
@@ -246,17 +218,16 @@ long long fileSize(const std::string& path) {
   return ::stat(path.c_str(), &st) == 0 ? static_cast<long long>(st.st_size) : -1;
 }
 
-// Checks a run moved the whole file, then removes the target outside the timing.
-void finishRetrieval(benchmark::State& state) {
-  state.PauseTiming();
-  if (fileSize(g_target) != kBig) state.SkipWithError("retrieved file has the wrong size");
+// Checks a pass moved the whole file, then removes the target (after the
+// measured part).
+void finishRetrieval(benchutil::Pass& pass) {
+  if (fileSize(g_target) != kBig) pass.fail("retrieved file has the wrong size");
   ::unlink(g_target.c_str());
-  state.ResumeTiming();
 }
 
-void BM_retrieve_raw(benchmark::State& state) {
+void retrieveRaw(benchutil::Pass& pass) {
   std::vector<char> buf(kChunk);
-  for (auto _ : state) {
+  pass.measure([&] {
     int fd = connectLoopback();
     const std::string req = "GET RETRIEVE?file_id=\"big\" HTTP/1.0\r\nUser-agent: raw\r\n\n";
     sendAll(fd, req.data(), req.size());
@@ -266,8 +237,8 @@ void BM_retrieve_raw(benchmark::State& state) {
     if (end == std::string::npos) {
       ::close(out);
       ::close(fd);
-      state.SkipWithError("no reply header");
-      break;
+      pass.fail("no reply header");
+      return;
     }
     long long left = contentLength(head.substr(0, end)) - static_cast<long long>(head.size() - end);
     writeAll(out, head.data() + end, head.size() - end);
@@ -279,34 +250,33 @@ void BM_retrieve_raw(benchmark::State& state) {
     }
     ::close(out);
     ::close(fd);
-    finishRetrieval(state);
-  }
+  });
+  finishRetrieval(pass);
 }
 
-void BM_retrieve_curl(benchmark::State& state) {
-  for (auto _ : state) {
-    if (runCurl({"-s", "-o", g_target, url("/RETRIEVE?file_id=big")}) != 0)
-      state.SkipWithError("curl failed");
-    finishRetrieval(state);
-  }
+void retrieveCurl(benchutil::Pass& pass) {
+  pass.measure([&] {
+    if (runCurl({"-s", "-o", g_target, url("/RETRIEVE?file_id=big")}) != 0) pass.fail("curl failed");
+  });
+  finishRetrieval(pass);
 }
 
-void BM_retrieve_ours(benchmark::State& state) {
-  for (auto _ : state) {
+void retrieveOurs(benchutil::Pass& pass) {
+  pass.measure([&] {
     tobasSTATUS st;
     tobasInitStatus(&st);
     tobasBIG_BUF final;
     if (tobasRetrieve2File("127.0.0.1", g_server->port(), 60, "big", -1, "", "", g_target.c_str(), final,
                            &st) != 0)
-      state.SkipWithError(st.message);
+      pass.fail(st.message);
     tobasFreeStatus(&st);
-    finishRetrieval(state);
-  }
+  });
+  finishRetrieval(pass);
 }
 
-void BM_archive_raw(benchmark::State& state) {
+void archiveRaw(benchutil::Pass& pass) {
   std::vector<char> buf(kChunk);
-  for (auto _ : state) {
+  pass.measure([&] {
     int fd = connectLoopback();
     const std::string h =
         "POST /ARCHIVE HTTP/1.0\r\nUser-agent: raw\r\nContent-type: "
@@ -323,91 +293,67 @@ void BM_archive_raw(benchmark::State& state) {
     while (::read(fd, buf.data(), 65536) > 0) {
     }
     ::close(fd);
-  }
+  });
 }
 
 // `curl --data-binary @FILE` reads the whole file into memory first and refuses
 // one of 1 GiB ("out of memory", curl 7.88), so curl streams it as an upload
 // (-T) sent as a POST, with the same content type and no 100-continue wait.
-void BM_archive_curl(benchmark::State& state) {
-  for (auto _ : state)
+void archiveCurl(benchutil::Pass& pass) {
+  pass.measure([&] {
     if (runCurl({"-s", "-o", "/dev/null", "-H", "Expect:", "-H", "Content-Type: kest/archive-request", "-X",
                  "POST", "-T", g_source, url("/ARCHIVE")}) != 0)
-      state.SkipWithError("curl failed");
+      pass.fail("curl failed");
+  });
 }
 
-void BM_archive_ours(benchmark::State& state) {
-  for (auto _ : state) {
+void archiveOurs(benchutil::Pass& pass) {
+  pass.measure([&] {
     tobasSTATUS st;
     tobasInitStatus(&st);
     if (tobasArchive("127.0.0.1", g_server->port(), 60, g_source.c_str(), "", 0, 1, &st) != 0 ||
         !tobasSuccess(&st))
-      state.SkipWithError(st.message);
+      pass.fail(st.message);
     tobasFreeStatus(&st);
-  }
+  });
 }
 
-void BM_status_ours(benchmark::State& state) {
-  for (auto _ : state) {
-    tobasSTATUS st;
-    tobasInitStatus(&st);
-    if (tobasStatus("127.0.0.1", g_server->port(), 10, &st) != 0) state.SkipWithError(st.message);
-    tobasFreeStatus(&st);
-  }
+const int kStatusCommands = 3000;
+
+void statusOurs(benchutil::Pass& pass) {
+  pass.measure([&] {
+    for (int i = 0; i < kStatusCommands; ++i) {
+      tobasSTATUS st;
+      tobasInitStatus(&st);
+      if (tobasStatus("127.0.0.1", g_server->port(), 10, &st) != 0) pass.fail(st.message);
+      tobasFreeStatus(&st);
+    }
+  });
 }
 
-void BM_status_raw(benchmark::State& state) {
+void statusRaw(benchutil::Pass& pass) {
   const std::string req = g_server->statusRequest();
   if (req.empty()) {
-    state.SkipWithError("no STATUS request recorded");
+    pass.fail("no STATUS request recorded");
     return;
   }
   char buf[4096];
-  for (auto _ : state) {
-    int fd = connectLoopback();
-    sendAll(fd, req.data(), req.size());
-    size_t got = 0;
-    for (;;) {
-      pollfd p{fd, POLLIN, 0};
-      ::poll(&p, 1, 10000);
-      ssize_t n = ::read(fd, buf, sizeof buf);
-      if (n <= 0) break;
-      got += static_cast<size_t>(n);
+  pass.measure([&] {
+    for (int i = 0; i < kStatusCommands; ++i) {
+      int fd = connectLoopback();
+      sendAll(fd, req.data(), req.size());
+      size_t got = 0;
+      for (;;) {
+        pollfd p{fd, POLLIN, 0};
+        ::poll(&p, 1, 10000);
+        ssize_t n = ::read(fd, buf, sizeof buf);
+        if (n <= 0) break;
+        got += static_cast<size_t>(n);
+      }
+      if (got != kStatusReply.size()) pass.fail("short STATUS reply");
+      ::close(fd);
     }
-    if (got != kStatusReply.size()) state.SkipWithError("short STATUS reply");
-    ::close(fd);
-  }
-}
-
-}  // namespace
-
-namespace {
-
-// Five rounds, each running every side once, so that a load that comes and
-// goes on a shared machine meets all sides alike; the ratios compare medians.
-void registerRounds() {
-  const struct {
-    const char* name;
-    void (*fn)(benchmark::State&);
-    benchmark::TimeUnit unit;
-    int iterations;
-  } sides[] = {
-      {"BM_retrieve_raw", BM_retrieve_raw, benchmark::kMillisecond, 1},
-      {"BM_retrieve_curl", BM_retrieve_curl, benchmark::kMillisecond, 1},
-      {"BM_retrieve_ours", BM_retrieve_ours, benchmark::kMillisecond, 1},
-      {"BM_archive_raw", BM_archive_raw, benchmark::kMillisecond, 1},
-      {"BM_archive_curl", BM_archive_curl, benchmark::kMillisecond, 1},
-      {"BM_archive_ours", BM_archive_ours, benchmark::kMillisecond, 1},
-      // ours first: it records the request bytes the raw loop replays.
-      {"BM_status_ours", BM_status_ours, benchmark::kMicrosecond, 3000},
-      {"BM_status_raw", BM_status_raw, benchmark::kMicrosecond, 3000},
-  };
-  for (int round = 0; round < 5; ++round)
-    for (const auto& side : sides)
-      benchmark::RegisterBenchmark(side.name, side.fn)
-          ->Unit(side.unit)
-          ->UseRealTime()
-          ->Iterations(side.iterations);
+  });
 }
 
 }  // namespace
@@ -445,35 +391,43 @@ int main(int argc, char** argv) {
   BenchServer server;
   g_server = &server;
 
-  registerRounds();
+  // Seven rounds, each running every side once; ours goes first in the STATUS
+  // pair: it records the request bytes the raw loop replays.
   benchmark::Initialize(&argc, argv);
-  Times times;
-  benchmark::RunSpecifiedBenchmarks(&times);
+  benchutil::Rounds rounds;
+  rounds.side("BM_retrieve_raw", retrieveRaw)
+      .side("BM_retrieve_curl", retrieveCurl)
+      .side("BM_retrieve_ours", retrieveOurs)
+      .side("BM_archive_raw", archiveRaw)
+      .side("BM_archive_curl", archiveCurl)
+      .side("BM_archive_ours", archiveOurs)
+      .side("BM_status_ours", statusOurs)
+      .side("BM_status_raw", statusRaw)
+      .run();
   benchmark::Shutdown();
 
-  // Times in each benchmark's display unit: ms for the transfers, us for the STATUS commands.
-  // The ratios compare medians: one lucky repetition does not meet a goal.
   const double gib = static_cast<double>(kBig) / (1 << 30);
   for (const char* name : {"BM_retrieve_raw", "BM_retrieve_curl", "BM_retrieve_ours", "BM_archive_raw",
                            "BM_archive_curl", "BM_archive_ours"}) {
-    const double best = times.best(name), median = times.median(name);
-    if (median > 0)
-      std::printf("%-18s median %8.1f ms  %6.2f GiB/s   best %8.1f ms  %6.2f GiB/s\n", name, median,
-                  gib * 1e3 / median, best, gib * 1e3 / best);
+    const std::vector<double> t = rounds.times(name);
+    if (t.empty()) continue;
+    const double best = *std::min_element(t.begin(), t.end()), median = benchutil::median(t);
+    std::printf("%-18s median %8.1f ms  %6.2f GiB/s   best %8.1f ms  %6.2f GiB/s\n", name, median,
+                gib * 1e3 / median, best, gib * 1e3 / best);
   }
   for (const char* name : {"BM_status_ours", "BM_status_raw"}) {
-    const double best = times.best(name), median = times.median(name);
-    if (median > 0)
-      std::printf("%-18s median %8.1f us  %8.0f commands/s   best %8.1f us  %8.0f commands/s\n", name, median,
-                  1e6 / median, best, 1e6 / best);
+    const std::vector<double> t = rounds.times(name);
+    if (t.empty()) continue;
+    const double best = *std::min_element(t.begin(), t.end()) * 1e3 / kStatusCommands,
+                 median = benchutil::median(t) * 1e3 / kStatusCommands;
+    std::printf("%-18s median %8.1f us  %8.0f commands/s   best %8.1f us  %8.0f commands/s\n", name, median,
+                1e6 / median, best, 1e6 / best);
   }
-  const double retrieve = times.median("BM_retrieve_ours"), archive = times.median("BM_archive_ours");
-  benchutil::printRatio("tobas_retrieve_1GiB_vs_curl", retrieve, times.median("BM_retrieve_curl"), "1.0");
-  benchutil::printRatio("tobas_retrieve_1GiB_vs_raw", retrieve, times.median("BM_retrieve_raw"), "1.25");
-  benchutil::printRatio("tobas_archive_1GiB_vs_curl", archive, times.median("BM_archive_curl"), "1.0");
-  benchutil::printRatio("tobas_archive_1GiB_vs_raw", archive, times.median("BM_archive_raw"), "1.25");
-  benchutil::printRatio("tobas_status_vs_raw", times.median("BM_status_ours"), times.median("BM_status_raw"),
-                        "1.25");
+  rounds.ratio("tobas_retrieve_1GiB_vs_curl", "BM_retrieve_ours", "BM_retrieve_curl", "1.0");
+  rounds.ratio("tobas_retrieve_1GiB_vs_raw", "BM_retrieve_ours", "BM_retrieve_raw", "1.25");
+  rounds.ratio("tobas_archive_1GiB_vs_curl", "BM_archive_ours", "BM_archive_curl", "1.0");
+  rounds.ratio("tobas_archive_1GiB_vs_raw", "BM_archive_ours", "BM_archive_raw", "1.25");
+  rounds.ratio("tobas_status_vs_raw", "BM_status_ours", "BM_status_raw", "1.25");
   g_server = nullptr;
   ::unlink(g_source.c_str());
   ::unlink(g_target.c_str());

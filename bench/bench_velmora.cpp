@@ -24,7 +24,7 @@
 
 namespace {
 
-const int kFiles = 100000;
+const int kFiles = benchutil::size(100000, 5000);
 std::string g_base;
 std::unique_ptr<VelmoraArchReqsMap> g_map;
 std::map<std::string, VelmoraArchiveRequest> g_raw;
@@ -52,18 +52,18 @@ void makeRequests() {
   }
 }
 
-void BM_status_ours(benchmark::State& state) {
+void statusOurs(benchutil::Pass& pass) {
   Velmora velmora("bench", "BENCH", g_base);
-  for (auto _ : state) {
+  pass.measure([&] {
     std::vector<VelmoraArchiveRequest> ok, err;
     velmora.checkArchStatus(false, *g_map, ok, err);
     if (ok.size() != static_cast<size_t>(kFiles) || !err.empty()) std::exit(1);
-  }
+  });
 }
 
-void BM_status_raw(benchmark::State& state) {
+void statusRaw(benchutil::Pass& pass) {
   const std::string dir = g_base + "/in/.usr";
-  for (auto _ : state) {
+  pass.measure([&] {
     std::vector<VelmoraArchiveRequest> ok;
     DIR* d = opendir(dir.c_str());
     while (dirent* e = readdir(d)) {
@@ -78,7 +78,7 @@ void BM_status_raw(benchmark::State& state) {
     }
     closedir(d);
     if (ok.size() != static_cast<size_t>(kFiles)) std::exit(1);
-  }
+  });
 }
 
 }  // namespace
@@ -86,34 +86,20 @@ void BM_status_raw(benchmark::State& state) {
 int main(int argc, char** argv) {
   // The status directory goes to tmpfs where there is one: 100,000 files on a
   // loaded disk take minutes to write and remove, and both sides read the same.
-  char tmpl[] = "/dev/shm/bench-velmora-XXXXXX";
-  if (!std::filesystem::is_directory("/dev/shm"))
-    std::snprintf(tmpl, sizeof tmpl, "/tmp/bench-velmora-XXXXXX");
-  if (!mkdtemp(tmpl)) return 1;
-  g_base = tmpl;
+  g_base = benchutil::scratchDir(std::filesystem::is_directory("/dev/shm") ? "/dev/shm" : "/tmp", "velmora");
+  if (g_base.empty()) return 1;
   // A production host masks DEBUG through ACE's process-wide priority mask.
   ACE_LOG_MSG->priority_mask(
       LM_INFO | LM_NOTICE | LM_WARNING | LM_ERROR | LM_CRITICAL | LM_ALERT | LM_EMERGENCY,
       ACE_Log_Msg::PROCESS);
   makeRequests();
 
-  // Raw and ours take turns, one run each, so that both meet the same load
-  // of a shared machine; the best run of each counts.
-  for (int i = 0; i < 5; ++i) {
-    benchmark::RegisterBenchmark("BM_status_raw", BM_status_raw)
-        ->Unit(benchmark::kMillisecond)
-        ->Iterations(1);
-    benchmark::RegisterBenchmark("BM_status_ours", BM_status_ours)
-        ->Unit(benchmark::kMillisecond)
-        ->Iterations(1);
-  }
   benchmark::Initialize(&argc, argv);
-  benchutil::Collector collector;
-  benchmark::RunSpecifiedBenchmarks(&collector);
+  benchutil::Rounds rounds;
+  rounds.side("BM_status_raw", statusRaw).side("BM_status_ours", statusOurs).run();
   benchmark::Shutdown();
 
-  benchutil::printRatio("velmora_arch_status_100k_logoff", collector.time("BM_status_ours"),
-                        collector.time("BM_status_raw"), "1.25");
+  rounds.ratio("velmora_arch_status_100k_logoff", "BM_status_ours", "BM_status_raw", "1.25");
   g_map.reset();
   std::filesystem::remove_all(g_base);
   return 0;

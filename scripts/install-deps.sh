@@ -9,7 +9,7 @@ PACKAGES=(
   libace-dev freetds-dev libsqlite3-dev sqlite3 libsodium-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev llvm
-  curl python3 time
+  curl python3 time valgrind
 )
 
 missing=()

@@ -25,7 +25,10 @@ void reportError(const SybaseStatus& status) {
   if (h) h(status);
 }
 
-std::unique_ptr<Driver> makeDriver(const std::string& server, std::string& target) {
+// Every statement passes through connect / execute below and the result
+// set's forwarders: they are marked hot and so kept together (see
+// SybaseResultSet.cpp).
+[[gnu::hot]] std::unique_ptr<Driver> makeDriver(const std::string& server, std::string& target) {
   if (server.compare(0, sizeof(kSqlitePrefix) - 1, kSqlitePrefix) == 0) {
     target = server.substr(sizeof(kSqlitePrefix) - 1);
     if (target.empty()) {
@@ -44,12 +47,12 @@ std::unique_ptr<Driver> makeDriver(const std::string& server, std::string& targe
 
 }  // namespace sybconn
 
-SybaseConnection::SybaseConnection() = default;
+[[gnu::hot]] SybaseConnection::SybaseConnection() = default;
 
-SybaseConnection::~SybaseConnection() { disconnect(); }
+[[gnu::hot]] SybaseConnection::~SybaseConnection() { disconnect(); }
 
-int SybaseConnection::connect(const std::string& server, const std::string& user,
-                              const std::string& password) {
+[[gnu::hot]] int SybaseConnection::connect(const std::string& server, const std::string& user,
+                                           const std::string& password) {
   disconnect();
   server_ = server;
   std::string target;
@@ -60,14 +63,14 @@ int SybaseConnection::connect(const std::string& server, const std::string& user
   return 0;
 }
 
-bool SybaseConnection::isConnected() const { return driver_ && driver_->isConnected(); }
+[[gnu::hot]] bool SybaseConnection::isConnected() const { return driver_ && driver_->isConnected(); }
 
-void SybaseConnection::disconnect() {
+[[gnu::hot]] void SybaseConnection::disconnect() {
   if (driver_) driver_->disconnect();
   driver_.reset();
 }
 
-SybaseResultSet SybaseConnection::execute(const std::string& sql) {
+[[gnu::hot]] SybaseResultSet SybaseConnection::execute(const std::string& sql) {
   if (!driver_ || !driver_->isConnected()) {
     SybaseStatus st;
     st.dbLibSeverity = kSeverityComm;
@@ -80,9 +83,9 @@ SybaseResultSet SybaseConnection::execute(const std::string& sql) {
   return SybaseResultSet(driver_->execute(sql));
 }
 
-long SybaseConnection::rowCount() const { return driver_ ? driver_->rowCount() : -1; }
+[[gnu::hot]] long SybaseConnection::rowCount() const { return driver_ ? driver_->rowCount() : -1; }
 
-void SybaseConnection::releaseResults() {
+[[gnu::hot]] void SybaseConnection::releaseResults() {
   if (driver_) driver_->detachResults();
 }
 

@@ -51,8 +51,12 @@ int ConstraintSetDAOSyb::find(int obsId, std::vector<ConstraintSet>& constraintS
     for (const auto& field : fields) {
       const std::string& name = field.first;
       if (name.size() <= cs.size() || name.compare(0, cs.size(), cs) != 0 || name[cs.size()] != '.') continue;
+      const size_t length = name.size() - cs.size() - 1;
       for (int i = 0; i < 12; ++i)
-        if (name.compare(cs.size() + 1, std::string::npos, *columns[i]) == 0) col[i] = field.second;
+        if (columns[i]->size() == length && name.compare(cs.size() + 1, length, *columns[i]) == 0) {
+          col[i] = field.second;
+          break;  // the twelve names differ
+        }
     }
     // A NULL column reads as 0, 0.0 or an empty string, the defaults of a
     // record: one read a column (see ConditionsSupport.h).

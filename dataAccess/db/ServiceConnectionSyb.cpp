@@ -25,17 +25,25 @@ namespace dataAccess {
 
 void mapSelectList(const std::string& list, std::map<std::string, int>& fields) {
   int position = 1;
-  std::string name;
-  for (char c : list) {
-    if (c == ',') {
-      fields.insert(std::make_pair(name, position));
-      ++position;
-      name.clear();
-    } else if (c != ' ') {
-      name += c;
+  std::string::size_type from = 0;
+  for (;;) {
+    // The name runs to the next comma; the runs between its blanks are
+    // copied whole, not character by character (a select list of a DAO has
+    // a dozen names of some thirty characters, per statement).
+    const std::string::size_type comma = list.find(',', from);
+    const std::string::size_type end = comma == std::string::npos ? list.size() : comma;
+    std::string name;
+    while (from < end) {
+      std::string::size_type blank = list.find(' ', from);
+      if (blank == std::string::npos || blank > end) blank = end;
+      name.append(list, from, blank - from);
+      from = blank + (blank < end ? 1 : 0);
     }
+    fields.emplace(std::move(name), position);
+    if (comma == std::string::npos) return;
+    from = comma + 1;
+    ++position;
   }
-  fields.insert(std::make_pair(name, position));
 }
 
 }  // namespace dataAccess
@@ -113,17 +121,26 @@ std::string::size_type findIgnoringCase(const std::string& text, const char* wor
 }
 
 // True when the n-th blank-separated word of `text` (from 0) is `upper`,
-// compared without regard to case.
+// compared without regard to case. The n-th word is read no further than one
+// character past the length of `upper`: a select list without blanks is one
+// long word.
 bool wordIs(const std::string& text, int n, const char* upper) {
+  const size_t len = std::strlen(upper);
+  const auto blank = [&text](std::string::size_type at) {
+    return std::isspace(static_cast<unsigned char>(text[at])) != 0;
+  };
   std::string::size_type pos = 0, end = 0;
   for (int i = 0; i <= n; ++i) {
     pos = end;
-    while (pos < text.size() && std::isspace(static_cast<unsigned char>(text[pos]))) ++pos;
+    while (pos < text.size() && blank(pos)) ++pos;
     end = pos;
-    while (end < text.size() && !std::isspace(static_cast<unsigned char>(text[end]))) ++end;
+    while (end < text.size() && !blank(end) && (i < n || end - pos <= len)) ++end;
   }
-  const size_t len = std::strlen(upper);
-  return end - pos == len && findIgnoringCase(text.substr(pos, len), upper) == 0;
+  if (end - pos != len) return false;
+  for (size_t k = 0; k < len; ++k)
+    if (std::toupper(static_cast<unsigned char>(text[pos + k])) != static_cast<unsigned char>(upper[k]))
+      return false;
+  return true;
 }
 
 }  // namespace

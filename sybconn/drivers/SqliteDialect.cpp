@@ -3,7 +3,6 @@
 #include <strings.h>
 
 #include <cctype>
-#include <cstring>
 
 namespace sybconn {
 namespace {
@@ -22,15 +21,24 @@ struct Token {
   bool open;  // a quoted token that runs to the end without its closing quote
 };
 
-// Character classes by table: the rewrite's quick test looks at every byte.
+// Character classes by table: the rewrite's quick test and the tokenizer look
+// at every byte. White space and letters or digits are tabled for ASCII only;
+// other bytes are asked of the C library, whose answer depends on the locale.
 struct CharClasses {
   bool start[256];
   bool word[256];
+  bool space[128];
+  bool alnum[128];
   CharClasses() {
     for (int c = 0; c < 256; ++c) {
       const bool alpha = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+      const bool digit = c >= '0' && c <= '9';
       start[c] = alpha || c == '_' || c == '@' || c == '#' || c >= 0x80;
-      word[c] = start[c] || (c >= '0' && c <= '9') || c == '$';
+      word[c] = start[c] || digit || c == '$';
+      if (c < 128) {
+        space[c] = c == ' ' || (c >= '\t' && c <= '\r');
+        alnum[c] = alpha || digit;
+      }
     }
   }
 };
@@ -38,9 +46,12 @@ const CharClasses kClasses;
 
 bool isWordStart(unsigned char c) { return kClasses.start[c]; }
 bool isWordChar(unsigned char c) { return kClasses.word[c]; }
+bool isSpace(unsigned char c) { return c < 128 ? kClasses.space[c] : std::isspace(c) != 0; }
+bool isAlnum(unsigned char c) { return c < 128 ? kClasses.alnum[c] : std::isalnum(c) != 0; }
 
-std::vector<Token> tokenize(const std::string& s) {
-  std::vector<Token> out;
+// Splits `s` into `out`, which is emptied first.
+void tokenize(const std::string& s, std::vector<Token>& out) {
+  out.clear();
   out.reserve(s.size() / 4 + 4);
   const size_t n = s.size();
   size_t i = 0;
@@ -49,8 +60,8 @@ std::vector<Token> tokenize(const std::string& s) {
     size_t j = i + 1;
     Tok t;
     bool open = false;
-    if (std::isspace(c)) {
-      while (j < n && std::isspace(static_cast<unsigned char>(s[j]))) ++j;
+    if (isSpace(c)) {
+      while (j < n && isSpace(static_cast<unsigned char>(s[j]))) ++j;
       t = Tok::Space;
     } else if (c == '\'' || c == '"' || c == '[') {
       // Quoted text runs to the matching quote; a doubled quote stays inside.
@@ -79,8 +90,8 @@ std::vector<Token> tokenize(const std::string& s) {
     } else if (isWordStart(c)) {
       while (j < n && isWordChar(static_cast<unsigned char>(s[j]))) ++j;
       t = Tok::Word;
-    } else if (std::isdigit(c)) {
-      while (j < n && (std::isalnum(static_cast<unsigned char>(s[j])) || s[j] == '.')) ++j;
+    } else if (c >= '0' && c <= '9') {
+      while (j < n && (isAlnum(static_cast<unsigned char>(s[j])) || s[j] == '.')) ++j;
       t = Tok::Number;
     } else {
       t = Tok::Punct;
@@ -88,26 +99,40 @@ std::vector<Token> tokenize(const std::string& s) {
     out.push_back({t, i, j - i, open});
     i = j;
   }
-  return out;
+}
+
+// The token list of the statement being rewritten lives on per thread: its
+// buffer, a block of a token every few characters, is reused instead of
+// allocated for each statement, except after an unusually long one.
+const size_t kKeptTokens = 4096;
+std::vector<Token>& tokenBuffer() {
+  thread_local std::vector<Token> buffer;
+  return buffer;
 }
 
 class Rewriter {
  public:
   Rewriter(const std::string& src, const std::string& homeDatabase)
-      : src_(src), home_(homeDatabase), toks_(tokenize(src)) {
+      : src_(src), home_(homeDatabase), toks_(tokenBuffer()) {
+    tokenize(src, toks_);
     out_.reserve(src.size() + 32);
   }
+  ~Rewriter() {
+    if (toks_.capacity() > kKeptTokens) std::vector<Token>().swap(toks_);
+  }
+  Rewriter(const Rewriter&) = delete;
+  Rewriter& operator=(const Rewriter&) = delete;
 
   DialectResult run() {
     emitRange(0, toks_.size(), true);
-    return {std::move(out_), std::move(dbs_)};
+    return {std::move(out()), std::move(dbs_)};
   }
 
  private:
-  bool isWord(size_t i, const char* kw) const {
-    if (i >= toks_.size() || toks_[i].type != Tok::Word) return false;
-    const size_t len = std::strlen(kw);
-    if (toks_[i].len != len) return false;
+  template <size_t N>
+  bool isWord(size_t i, const char (&kw)[N]) const {
+    const size_t len = N - 1;
+    if (i >= toks_.size() || toks_[i].type != Tok::Word || toks_[i].len != len) return false;
     return strncasecmp(src_.data() + toks_[i].begin, kw, len) == 0;
   }
   bool isPunct(size_t i, char c) const {
@@ -119,13 +144,34 @@ class Rewriter {
     while (i < end && !significant(i)) ++i;
     return i;
   }
-  void emit(size_t i) { out_.append(src_, toks_[i].begin, toks_[i].len); }
+  // Copies token i. Tokens copied one after another as they stand in the
+  // source grow one pending range, appended in one piece by out(): most of a
+  // statement is copied unchanged.
+  void emit(size_t i) {
+    const Token& t = toks_[i];
+    if (pendingLen_ > 0 && t.begin == pendingBegin_ + pendingLen_) {
+      pendingLen_ += t.len;
+      return;
+    }
+    out();
+    pendingBegin_ = t.begin;
+    pendingLen_ = t.len;
+  }
+  // The output so far, pending copies included: everything written other
+  // than by emit() goes through here.
+  std::string& out() {
+    if (pendingLen_ > 0) out_.append(src_, pendingBegin_, pendingLen_);
+    pendingLen_ = 0;
+    return out_;
+  }
   std::string text(size_t i) const { return src_.substr(toks_[i].begin, toks_[i].len); }
 
-  void noteDatabase(const std::string& db) {
+  // Records database `db` (the text of token i) once.
+  void noteDatabase(size_t i) {
+    const Token& t = toks_[i];
     for (const auto& d : dbs_)
-      if (d == db) return;
-    dbs_.push_back(db);
+      if (d.compare(0, std::string::npos, src_, t.begin, t.len) == 0) return;
+    dbs_.push_back(text(i));
   }
 
   // X..table and X.dbo.table starting at word i name the table of database X;
@@ -142,14 +188,14 @@ class Rewriter {
       return i;
     }
     if (table >= end || toks_[table].type != Tok::Word) return i;
-    const std::string db = text(i);
-    if (!home_.empty() && db == home_) {
-      out_ += "main";
+    const Token& db = toks_[i];
+    if (!home_.empty() && home_.compare(0, std::string::npos, src_, db.begin, db.len) == 0) {
+      out() += "main.";
     } else {
-      noteDatabase(db);
-      out_ += db;
+      noteDatabase(i);
+      emit(i);
+      out() += '.';
     }
-    out_ += '.';
     emit(table);
     return table + 1;
   }
@@ -181,11 +227,11 @@ class Rewriter {
     const size_t rest = nextSig(after, end);
     if (rest < end && !isPunct(rest, ';')) return i;
     if (begin) {
-      out_ += "SAVEPOINT " + name;
+      out() += "SAVEPOINT " + name;
     } else if (commit) {
-      out_ += "RELEASE " + name;
+      out() += "RELEASE " + name;
     } else {
-      out_ += "ROLLBACK TO " + name + "; RELEASE " + name;
+      out() += "ROLLBACK TO " + name + "; RELEASE " + name;
     }
     return after;
   }
@@ -211,7 +257,7 @@ class Rewriter {
         size_t exprEnd = e;
         while (exprEnd > eq + 1 && !significant(exprEnd - 1)) --exprEnd;
         emitRange(nextSig(eq + 1, exprEnd), exprEnd, false);
-        out_ += " AS ";
+        out() += " AS ";
         emit(first);
         for (size_t i = exprEnd; i < e; ++i) emit(i);
         return;
@@ -222,7 +268,6 @@ class Rewriter {
 
   // Emits the select list that starts at token b; returns where it ends.
   size_t selectList(size_t b, size_t end) {
-    static const char* const stops[] = {"from", "into", "where", "union", "order", "group", "having"};
     int depth = 0;
     size_t itemStart = b;
     size_t i = b;
@@ -241,9 +286,9 @@ class Rewriter {
           itemStart = i + 1;
           continue;
         }
-        bool stop = false;
-        for (const char* kw : stops) stop = stop || isWord(i, kw);
-        if (stop) break;
+        if (isWord(i, "from") || isWord(i, "into") || isWord(i, "where") || isWord(i, "union") ||
+            isWord(i, "order") || isWord(i, "group") || isWord(i, "having"))
+          break;
       }
     }
     selectItem(itemStart, i);
@@ -288,7 +333,7 @@ class Rewriter {
     const size_t k = nextSig(i + 1, end);
     if (k >= end || toks_[k].type != Tok::Word || isWord(k, "from")) return i + 1;
     for (size_t s = i + 1; s < k; ++s) emit(s);
-    out_ += "from ";
+    out() += "from ";
     return k;
   }
 
@@ -298,7 +343,7 @@ class Rewriter {
     const size_t open = nextSig(i + 1, end);
     const size_t close = isPunct(open, '(') ? nextSig(open + 1, end) : end;
     if (close >= end || !isPunct(close, ')')) return i;
-    out_ += kNowExpression;
+    out() += kNowExpression;
     return close + 1;
   }
 
@@ -317,8 +362,10 @@ class Rewriter {
 
   const std::string& src_;
   const std::string& home_;
-  std::vector<Token> toks_;
+  std::vector<Token>& toks_;
   std::string out_;
+  size_t pendingBegin_ = 0;
+  size_t pendingLen_ = 0;
   std::vector<std::string> dbs_;
 };
 

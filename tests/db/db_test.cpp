@@ -159,6 +159,7 @@ TEST_F(Service, SelectListMap) {
       {"select a, b, c from t", 0, {{"a", 1}, {"b", 2}, {"c", 3}}},
       {"SELECT a, b FROM t", 0, {{"a", 1}, {"b", 2}}},
       {"SELECT DISTINCT a , b FROM t", 0, {{"a", 1}, {"b", 2}}},
+      {"SELECT DISTINCT+a, b FROM t", 0, {{"DISTINCT+a", 1}, {"b", 2}}},  // a longer word is no DISTINCT
       {"select t.a,b from t", 0, {{"t.a", 1}, {"b", 2}}},
       {"select a, a from t", 0, {{"a", 1}}},
       {"select a, from t", -1, {}},  // a syntax error: nothing mapped
