@@ -1,11 +1,16 @@
 // CondorDag::save of an association block's graph (10,000 extension jobs and
 // a join job whose parents are all of them) against a raw loop writing the
-// same 10,001 submit files and the same DAG bytes with std::ofstream, with
-// DEBUG logging masked by the host's ACE priority mask. Both sides write into
-// an emptied folder (in /dev/shm) each pass.
+// same 10,001 submit files and the same DAG bytes, with DEBUG logging masked
+// by the host's ACE priority mask. Both sides write into an emptied folder (in
+// /dev/shm) each pass, and both write each file as a careful program writes
+// into a folder that others can write to: under a fresh name created
+// exclusively, then renamed into place (a plain open would follow a link
+// planted at the file's name).
 #include <ace/Log_Msg.h>
 #include <dataAccess/condor/CondorDag.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -53,6 +58,14 @@ CondorDag makeGraph() {
   return dag;
 }
 
+void writeSafely(const std::string& file, const std::string& text) {
+  std::string tmp = file + ".XXXXXX.tmp";
+  const int fd = ::mkostemps(&tmp[0], 4, O_CLOEXEC);
+  if (fd < 0 || ::write(fd, text.data(), text.size()) != static_cast<ssize_t>(text.size()) ||
+      ::close(fd) != 0 || std::rename(tmp.c_str(), file.c_str()) != 0)
+    std::exit(1);
+}
+
 void rawSave() {
   const std::string dir = folder('r');
   std::map<std::string, int> order;  // the graph's id order
@@ -61,17 +74,17 @@ void rawSave() {
   for (const auto& node : order) {
     const std::string& name = node.first;
     const std::string file = dir + "/" + name;
-    std::ofstream out(file);
-    out << "universe              = vanilla\nexecutable            = /opt/pipeline/bin/process_ab\n"
-        << "output                = " << name << ".out\nerror                 = " << name
-        << ".err\nlog                   = /data/logs/" << name
-        << ".log\narguments             = " << arguments(node.second)
-        << "\nshould_transfer_files = NO\ninitialdir            = " << dir
-        << "\nnotification          = NEVER\nqueue\n";
+    writeSafely(file,
+                "universe              = vanilla\nexecutable            = /opt/pipeline/bin/process_ab\n"
+                "output                = " +
+                    name + ".out\nerror                 = " + name +
+                    ".err\nlog                   = /data/logs/" + name + ".log\narguments             = " +
+                    arguments(node.second) + "\nshould_transfer_files = NO\ninitialdir            = " + dir +
+                    "\nnotification          = NEVER\nqueue\n");
     jobs += "JOB " + name + " " + file + "\n";
   }
   for (int k = 1; k <= kExtensions; ++k) parents += id(k) + " ";
-  std::ofstream(dir + "/ab.dag") << jobs << "PARENT " << parents << "CHILD ab_join.cmd\n";
+  writeSafely(dir + "/ab.dag", jobs + "PARENT " + parents + "CHILD ab_join.cmd\n");
 }
 
 void dagRaw(benchutil::Pass& pass) {

@@ -2,6 +2,7 @@
 #include <dataAccess/common/FileReplace.h>
 #include <fcntl.h>
 #include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -35,6 +36,24 @@ bool writeAll(int fd, const std::string& text) {
   return true;
 }
 
+// Renames `from` to `to`, telling whether something stood at `to`. Trying
+// RENAME_NOREPLACE first answers that without a separate look-up (a stat of a
+// missing name costs as much as the rest of a small file's write); a file
+// system without it falls back to a look-up and a plain rename.
+bool renameOver(const std::string& from, const std::string& to, bool& replaced) {
+  replaced = false;
+  if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+  if (errno == EEXIST) {
+    replaced = true;
+  } else if (errno == EINVAL || errno == ENOSYS) {
+    struct stat st {};
+    replaced = ::lstat(to.c_str(), &st) == 0;
+  } else {
+    return false;
+  }
+  return std::rename(from.c_str(), to.c_str()) == 0;
+}
+
 }  // namespace
 
 FileReplacement::FileReplacement(const std::string& path) : path_(path) {
@@ -55,20 +74,22 @@ FileReplacement::~FileReplacement() {
   ::unlink(tmp_.c_str());
 }
 
-FileReplace FileReplacement::commit(const std::string& text) {
+FileReplace FileReplacement::commit(const std::string& text, bool* replaced) {
   if (fd_ < 0) return FileReplace::CannotCreate;
   const bool written = writeAll(fd_, text);
   const bool closed = ::close(fd_) == 0;
   fd_ = -1;
-  if (!closed || !written || std::rename(tmp_.c_str(), path_.c_str()) != 0) {
+  bool existed = false;
+  if (!closed || !written || !renameOver(tmp_, path_, existed)) {
     ::unlink(tmp_.c_str());
     return FileReplace::CannotWrite;
   }
+  if (replaced) *replaced = existed;
   return FileReplace::Written;
 }
 
-FileReplace replaceFile(const std::string& path, const std::string& text) {
-  return FileReplacement(path).commit(text);
+FileReplace replaceFile(const std::string& path, const std::string& text, bool* replaced) {
+  return FileReplacement(path).commit(text, replaced);
 }
 
 }  // namespace dataAccess

@@ -24,7 +24,9 @@ enum class FileReplace {
 // mode 0666 less the umask, like any file the process creates. A path whose
 // last component is empty, "." or ".." names a folder: CannotCreate, and
 // nothing is created.
-FileReplace replaceFile(const std::string& path, const std::string& text);
+// When `replaced` is given, it tells whether something stood at `path` before
+// (found by the rename itself, at no extra cost).
+FileReplace replaceFile(const std::string& path, const std::string& text, bool* replaced = nullptr);
 
 // replaceFile in two steps, for a writer that must know the file can be
 // created before it writes anything else: the constructor creates the
@@ -40,7 +42,7 @@ class FileReplacement {
   bool created() const { return fd_ >= 0; }
   // Writes `text` and renames the temporary to the path; CannotCreate when
   // the temporary was not created (or was committed already).
-  FileReplace commit(const std::string& text);
+  FileReplace commit(const std::string& text, bool* replaced = nullptr);
 
  private:
   std::string path_;

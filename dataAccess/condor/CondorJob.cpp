@@ -69,8 +69,14 @@ int CondorJob::save() const {
 }
 
 int CondorJob::write() const {
-  if (fileExists(fileName_)) DA_LOG_INFO("Overwriting condor submit file %s", fileName_.c_str());
-  if (reportSave(fileName_, dataAccess::replaceFile(fileName_, contents()), "submit") != 0) return -1;
+  // Whether a file was there comes from the rename that puts the new one in
+  // place: a look-up beforehand would cost as much as the write of a small
+  // file, thousands of times for a large DAG. So the INFO line follows the
+  // write instead of preceding it.
+  bool replaced = false;
+  if (reportSave(fileName_, dataAccess::replaceFile(fileName_, contents(), &replaced), "submit") != 0)
+    return -1;
+  if (replaced) DA_LOG_INFO("Overwriting condor submit file %s", fileName_.c_str());
   DA_LOG_DEBUG("Saved condor submit file %s", fileName_.c_str());
   return 0;
 }
