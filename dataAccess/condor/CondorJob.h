@@ -44,7 +44,10 @@ class CondorJob {
   // success; -1, with nothing written, when no executable is set, when a
   // value holds a line feed (it would add lines to the file) or when the file
   // cannot be created (its name names a folder, its folder is missing).
-  // Written under a temporary name and renamed, never through a link.
+  // Written under a temporary name and renamed, never through a link. The
+  // INFO line "Overwriting condor submit file" follows the write rather than
+  // preceding it: the rename itself tells whether a file was replaced, which
+  // spares a look-up per file.
   int save() const;
   // Saves the file first if no regular file stands at its name, then runs
   // the submit command.
