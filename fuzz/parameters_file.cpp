@@ -11,12 +11,14 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/FuzzUtil.h"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string text(reinterpret_cast<const char*>(data), size);
   std::istringstream in(text);
   std::vector<dataAccess::ParameterLine> lines;
   const long tooLong = dataAccess::readParameterLines(in, lines);
-  const long lineCount = static_cast<long>(std::count(text.begin(), text.end(), '\n')) + 1;
+  const long lineCount = fuzzutil::countByte(text.data(), size, '\n') + 1;
   if (tooLong < 0 || tooLong > lineCount || (tooLong > 0 && size <= dataAccess::kMaxParameterLine) ||
       static_cast<long>(lines.size()) > lineCount)
     __builtin_trap();

@@ -9,10 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string_view>
 #include <utility>
 
 #include <daLog/Log.h>
@@ -126,32 +126,30 @@ class ParametersCache {
 }  // namespace
 
 long readParameterLines(std::istream& in, std::vector<ParameterLine>& lines) {
-  std::string line;
+  // Each line is read in bulk into a buffer of the bound: a longer line stops
+  // the read before it is held whole.
+  std::string buffer(kMaxParameterLine + 1, '\0');
   long number = 0;
-  std::istreambuf_iterator<char> it(in), end;
-  while (it != end) {
+  for (;;) {
+    in.getline(&buffer[0], static_cast<std::streamsize>(buffer.size()));
+    const auto got = static_cast<std::size_t>(in.gcount());
+    if (got == 0 && in.fail()) return 0;  // nothing left
     ++number;
-    line.clear();
-    for (; it != end && *it != '\n'; ++it) {
-      if (line.size() == kMaxParameterLine) return number;
-      line += *it;
-    }
-    if (it != end) ++it;  // the line feed
+    if (in.fail() && !in.eof()) return number;  // the bound reached before a line feed
+    const std::string_view line(buffer.data(), in.eof() ? got : got - 1);
     ParameterLine entry;
-    std::string::size_type pos = 0;
+    std::size_t pos = 0;
     while (entry.count < 5) {
       const auto isBlank = [](char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; };
       while (pos < line.size() && isBlank(line[pos])) ++pos;
       if (pos == line.size()) break;
-      const std::string::size_type fieldEnd =
-          std::find_if(line.begin() + pos, line.end(), isBlank) - line.begin();
+      const std::size_t fieldEnd = std::find_if(line.begin() + pos, line.end(), isBlank) - line.begin();
       entry.field[entry.count++] = line.substr(pos, fieldEnd - pos);
       pos = fieldEnd;
     }
-    if (entry.count < 4 || entry.field[0][0] == '#') continue;
-    lines.push_back(std::move(entry));
+    if (entry.count >= 4 && entry.field[0][0] != '#') lines.push_back(std::move(entry));
+    if (in.eof()) return 0;
   }
-  return 0;
 }
 
 const ParameterLine* findParameterLine(const std::vector<ParameterLine>& lines, const std::string& alias) {
