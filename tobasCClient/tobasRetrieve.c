@@ -96,80 +96,34 @@ static int createTemp(const char* final, char* temp, size_t tempSize) {
 
 /* ------------------------------------------------------------------ copying the body */
 
-/* A body on its way from the socket to the file: through a pipe with splice, so the bytes do not
- * pass through this process, or, where the socket or the file does not allow that, through buf. */
-typedef struct {
-  int sock, out;
-  int pipeFd[2];
-  int spliceIn, spliceOut;
-  char* buf;
-} Copy;
-
-/* Moves the n bytes waiting in the pipe into the file. 0, or tobasERR_FILE. */
-static int drainPipe(Copy* cp, size_t n) {
-  while (n > 0) {
-    ssize_t m = -1;
-    if (cp->spliceOut) {
-      m = splice(cp->pipeFd[0], NULL, cp->out, NULL, n, SPLICE_F_MOVE);
-      if (m < 0 && errno == EINTR) continue;
-      if (m < 0 && (errno == EINVAL || errno == ENOSYS)) cp->spliceOut = 0; /* not for this file */
-    }
-    if (!cp->spliceOut) {
-      m = read(cp->pipeFd[0], cp->buf, n < TOBAS_IO_CHUNK ? n : TOBAS_IO_CHUNK);
-      if (m < 0 && errno == EINTR) continue;
-      if (m > 0 && tobasWriteAll(cp->out, cp->buf, (size_t)m) != 0) return tobasERR_FILE;
-    }
-    if (m <= 0) return tobasERR_FILE;
-    n -= (size_t)m;
-  }
-  return tobasSTAT_SUCCESS;
-}
-
-/* Takes up to `want` bytes from the socket: their number, 0 at the end of the input, -1 with errno. */
-static ssize_t takeFromSocket(Copy* cp, size_t want) {
-  if (cp->spliceIn) {
-    ssize_t n = splice(cp->sock, NULL, cp->pipeFd[1], NULL, want, SPLICE_F_MOVE | SPLICE_F_NONBLOCK);
-    if (n >= 0 || (errno != EINVAL && errno != ENOSYS)) return n;
-    cp->spliceIn = 0; /* not a socket splice can read: plain reads from here on */
-  }
-  return recv(cp->sock, cp->buf, want, MSG_DONTWAIT);
-}
-
-/* Copies the socket's next `*left` bytes into the file. Each wait for data is bounded by the reply
- * time-out, counted from the last data received; a connection closed early ends the copy at once. */
-static int copyLoop(Copy* cp, long* left, double timeout) {
-  double lastData = tobasNow();
-  while (*left > 0) {
-    const double wait = lastData + timeout - tobasNow();
-    int stat = wait > 0 ? _pollFd(cp->sock, (float)wait) : tobasERR_TIMEOUT;
-    if (stat != 0) return stat;
-    ssize_t n = takeFromSocket(cp, *left < TOBAS_IO_CHUNK ? (size_t)*left : TOBAS_IO_CHUNK);
-    if (n < 0 && (errno == EAGAIN || errno == EINTR)) {
-      if (tobasNow() - lastData >= timeout) return tobasERR_TIMEOUT;
-      continue; /* woken without data: wait for the rest of the time-out */
-    }
-    if (n < 0) return tobasERR_RD_DATA;
-    if (n == 0) {
-      tobasLogError("Connection closed with %ld bytes of the body missing", *left);
-      return tobasERR_RD_DATA;
-    }
-    lastData = tobasNow();
-    *left -= n;
-    stat = cp->spliceIn ? drainPipe(cp, (size_t)n) : tobasWriteAll(cp->out, cp->buf, (size_t)n);
-    if (stat != 0) return tobasERR_FILE;
-  }
-  return tobasSTAT_SUCCESS;
-}
-
+/* Copies the socket's next `*left` bytes into the file through one buffer of TOBAS_IO_CHUNK. Each
+ * wait for data is bounded by the reply time-out, counted from the last data received; a connection
+ * closed early ends the copy at once. Plain reads and writes: a splice through a pipe saved the copy
+ * into this process but took as long again in one pass out of two, and the bytes must pass through
+ * here anyway wherever they are to be looked at. */
 static int copyBody(int sock, int out, long* left, float timeout) {
-  Copy cp = {sock, out, {-1, -1}, 0, 1, malloc(TOBAS_IO_CHUNK)};
-  if (cp.buf == NULL) return tobasERR_ALLOC_MEM;
-  cp.spliceIn = pipe2(cp.pipeFd, O_CLOEXEC) == 0;
-  if (cp.spliceIn) fcntl(cp.pipeFd[1], F_SETPIPE_SZ, TOBAS_IO_CHUNK); /* a larger pipe if allowed */
-  int stat = copyLoop(&cp, left, timeout);
-  if (cp.pipeFd[0] >= 0) close(cp.pipeFd[0]);
-  if (cp.pipeFd[1] >= 0) close(cp.pipeFd[1]);
-  free(cp.buf);
+  char* buf = malloc(TOBAS_IO_CHUNK);
+  if (buf == NULL) return tobasERR_ALLOC_MEM;
+  double lastData = tobasNow();
+  int stat = tobasSTAT_SUCCESS;
+  while (*left > 0 && stat == 0) {
+    const double wait = lastData + timeout - tobasNow();
+    stat = wait > 0 ? _pollFd(sock, (float)wait) : tobasERR_TIMEOUT;
+    if (stat != 0) break;
+    ssize_t n = recv(sock, buf, *left < TOBAS_IO_CHUNK ? (size_t)*left : TOBAS_IO_CHUNK, MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue; /* woken without data */
+    if (n < 0) {
+      stat = tobasERR_RD_DATA;
+    } else if (n == 0) {
+      tobasLogError("Connection closed with %ld bytes of the body missing", *left);
+      stat = tobasERR_RD_DATA;
+    } else {
+      lastData = tobasNow();
+      *left -= n;
+      if (tobasWriteAll(out, buf, (size_t)n) != 0) stat = tobasERR_FILE;
+    }
+  }
+  free(buf);
   return stat;
 }
 
