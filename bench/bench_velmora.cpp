@@ -1,14 +1,17 @@
 // The archive status check against a raw loop, with DEBUG logging masked by
 // the host's ACE priority mask: Velmora::checkArchStatus over a status
 // directory of 100,000 files that all belong to pending requests, against a
-// loop that lists the directory with readdir, looks each name up in a
-// std::map and reads the first 1,024 bytes of each file into its record.
+// loop that lists the directory with std::filesystem::directory_iterator (as
+// a C++17 program would, and as this library does), looks each name up in a
+// std::map and reads the first 1,024 bytes of each file into its record,
+// opening it as safely as the library must (no link followed, no wait on a
+// FIFO, regular files only).
 // Also prints the heap the request map takes per pending request.
 #include <ace/Log_Msg.h>
 #include <dataAccess/velmora/Velmora.h>
-#include <dirent.h>
 #include <fcntl.h>
 #include <malloc.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -65,18 +68,22 @@ void statusRaw(benchutil::Pass& pass) {
   const std::string dir = g_base + "/in/.usr";
   pass.measure([&] {
     std::vector<VelmoraArchiveRequest> ok;
-    DIR* d = opendir(dir.c_str());
-    while (dirent* e = readdir(d)) {
-      const std::string path = dir + "/" + e->d_name;
+    for (const std::filesystem::directory_entry& e : std::filesystem::directory_iterator(dir)) {
+      const std::string& path = e.path().native();
       auto it = g_raw.find(path);
       if (it == g_raw.end()) continue;
+      // Opened as any reader of a folder shared with another tool must: no
+      // link followed, no wait on a FIFO, nothing but a regular file read.
       char buf[1024 + 1] = {};
-      const int fd = ::open(path.c_str(), O_RDONLY);
-      if (fd >= 0 && ::read(fd, buf, 1024) >= 0) it->second.setStatus(buf);
+      const int fd = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
+      struct stat st;
+      if (fd < 0) continue;
+      if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && ::read(fd, buf, 1024) >= 0) {
+        it->second.setStatus(buf);
+        ok.push_back(it->second);
+      }
       ::close(fd);
-      ok.push_back(it->second);
     }
-    closedir(d);
     if (ok.size() != static_cast<size_t>(kFiles)) std::exit(1);
   });
 }

@@ -6,8 +6,11 @@
 # machine: two runs print the same figures. (The counts themselves can differ
 # by a few hundred instructions between runs, where the heap's layout differs,
 # hence millions.)
+# Usage: run-instructions.sh [BUILD [PROGRAM...]] (every program by default).
 set -uo pipefail
 build=${1:-build/default}
+shift || true
+programs=("$@")
 command -v valgrind >/dev/null || { echo "run-instructions: valgrind is missing (scripts/install-deps.sh)" >&2; exit 1; }
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -15,7 +18,9 @@ summary="$work/summary"
 : >"$summary"
 status=0
 # bench_tobas is left out: its comparisons move bytes through sockets and files.
-for name in bench_sybconn bench_catalogue bench_conditions bench_velmora bench_condor bench_pool; do
+[ ${#programs[@]} -gt 0 ] ||
+  programs=(bench_sybconn bench_catalogue bench_conditions bench_velmora bench_condor bench_pool)
+for name in "${programs[@]}"; do
   bin="$build/bench/$name"
   [ -x "$bin" ] || { echo "run-instructions: $bin is missing" >&2; status=1; continue; }
   echo "== $name"

@@ -165,13 +165,13 @@ Velmora& Velmora::checkArchStatus(bool removeFiles, VelmoraArchReqsMap& map,
   const std::string okSuffix = "." + ARCH_STAT_OK_EXT;
   const bool debug = daLog::debugEnabled();
   int seen = 0;
+  std::string text;  // one buffer for every status file: no allocation a file
   for (const fs::directory_entry& entry : fs::directory_iterator(statusDir)) {
     if (++seen > 100000) break;  // a runaway directory: the rest waits for the next call
     const std::string& path = entry.path().native();
     if (debug) DA_LOG_DEBUG("Checking candidate vel_mora output file: %s", path.c_str());
     if (VelmoraArchiveRequest* req = map.fileConcerned(path)) {
       if (debug) DA_LOG_DEBUG("Found matching status file: %s. Loading it.", path.c_str());
-      std::string text;
       // The tool writes regular files: a link, FIFO or device there is not its answer.
       if (velmora::readRegularFile(path, 1024, text)) {
         req->setStatus(text.c_str());  // up to the first NUL
