@@ -140,7 +140,13 @@ static int storeHeaderLine(tobasHdrParse* ps, const char* line, size_t n) {
 
 static int parseStatusLine(const char* line, tobasHTTP_RESP* resp) {
   const char* blank = memchr(line, ' ', strnlen(line, STATUS_BLANK_LIMIT));
-  if (blank == NULL) return tobasERR_INV_REPLY;
+  /* "HTTP/<version> <three digits>[ <message>]": any other first line is not an HTTP reply. */
+  if (blank == NULL || strncasecmp(line, "HTTP/", 5) != 0 || !isdigit((unsigned char)blank[1]) ||
+      !isdigit((unsigned char)blank[2]) || !isdigit((unsigned char)blank[3]) ||
+      (blank[4] != '\0' && !isspace((unsigned char)blank[4]))) {
+    tobasLogError("Invalid status line in reply");
+    return tobasERR_INV_REPLY;
+  }
   memcpy(resp->version, line, (size_t)(blank - line));
   resp->version[blank - line] = '\0';
   resp->status = atoi(blank + 1);
