@@ -231,7 +231,7 @@ int main(int argc, char** argv) {
 
   rounds.ratio("conditions_mean_seeing_1M_logoff", "BM_mean_seeing_ours", "BM_mean_seeing_raw", "1.15");
   rounds.ratio("conditions_constraint_set_10k_logoff", "BM_constraint_set_ours", "BM_constraint_set_raw",
-               "1.5");
+               "1.25");
   ConnectionPool::destroyInstance();
   std::filesystem::remove_all(g_dir);
   return g_sink > 0 ? 0 : 1;

@@ -62,7 +62,14 @@ struct ParsedParameters {
   std::string keyPath;
   std::vector<ParameterLine> lines;
   std::map<std::string, std::string> clearPasswords;  // guarded by the cache's mutex
+  long long checkedAt = 0;  // monotonic time of the last stamp that matched; guarded by the cache's mutex
 };
+
+long long monotonicNanos() {
+  timespec t{0, 0};
+  ::clock_gettime(CLOCK_MONOTONIC, &t);
+  return nanos(t);
+}
 
 // Parameters files read so far, by path, shared by every thread. An entry
 // serves while the file is unchanged and the same key file is named. The key
@@ -77,24 +84,41 @@ class ParametersCache {
     return cache;
   }
 
+  // The entry of `path` for `keyPath` when its file was found unchanged less
+  // than kParametersRecheckMs ago (monotonic `now`), else null.
+  std::shared_ptr<ParsedParameters> recent(const std::string& path, const std::string& keyPath,
+                                           long long now) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto it = files_.find(path);
+    if (it == files_.end() || it->second->keyPath != keyPath ||
+        now - it->second->checkedAt >= kParametersRecheckMs * 1000000LL)
+      return nullptr;
+    return it->second;
+  }
+
+  // The entry of `path` when `file`, stamped at monotonic time `checkedAt`,
+  // is the version it was read from under the same key file; else the entry
+  // is dropped and null returned.
   std::shared_ptr<ParsedParameters> find(const std::string& path, const FileStamp& file,
-                                         const std::string& keyPath) {
+                                         const std::string& keyPath, long long checkedAt) {
     std::lock_guard<std::mutex> lock(mutex_);
     const auto it = files_.find(path);
     if (it == files_.end()) return nullptr;
-    const ParsedParameters& p = *it->second;
+    ParsedParameters& p = *it->second;
     if (!(p.file == file) || p.keyPath != keyPath) {
       files_.erase(it);
       return nullptr;
     }
+    p.checkedAt = std::max(p.checkedAt, checkedAt);
     return it->second;
   }
 
-  void keep(const std::string& path, const std::shared_ptr<ParsedParameters>& parsed,
-            const timespec& readAt) {
+  void keep(const std::string& path, const std::shared_ptr<ParsedParameters>& parsed, const timespec& readAt,
+            long long checkedAt) {
     const long long newest = std::max(nanos(parsed->file.mtim), nanos(parsed->file.ctim));
     if (nanos(readAt) - newest <= settledNanos()) return;
     std::lock_guard<std::mutex> lock(mutex_);
+    parsed->checkedAt = checkedAt;
     files_[path] = parsed;
   }
 
@@ -170,9 +194,15 @@ int readServiceParameters(const std::string& alias, ServiceParameters& out) {
   const std::string path = std::string(home ? home : "") + "/.dbrc";
   char keyPathBuffer[4096];
   const std::string keyPath = stkeyfile(keyPathBuffer, sizeof keyPathBuffer) == 0 ? keyPathBuffer : "";
-  const FileStamp fileStamp = stampOf(path);
   ParametersCache& cache = ParametersCache::instance();
-  std::shared_ptr<ParsedParameters> parsed = cache.find(path, fileStamp, keyPath);
+  // Taken before the file is stamped: the stamp holds at least from then on.
+  const long long checkedAt = monotonicNanos();
+  std::shared_ptr<ParsedParameters> parsed = cache.recent(path, keyPath, checkedAt);
+  FileStamp fileStamp;
+  if (!parsed) {
+    fileStamp = stampOf(path);
+    parsed = cache.find(path, fileStamp, keyPath, checkedAt);
+  }
   if (!parsed) {
     // Taken before the file is read: a change after the stamp was taken shows
     // in the next one.
@@ -191,7 +221,7 @@ int readServiceParameters(const std::string& alias, ServiceParameters& out) {
                    kMaxParameterLine);
       return -1;
     }
-    if (fileStamp.present) cache.keep(path, parsed, readAt);
+    if (fileStamp.present) cache.keep(path, parsed, readAt, checkedAt);
   }
   const ParameterLine* entry = findParameterLine(parsed->lines, alias);
   if (entry == nullptr) {

@@ -43,11 +43,17 @@ struct ServiceParameters {
   std::string password;  // in clear
 };
 
+// How long a parameters file found unchanged is trusted without looking at
+// it again: a connection opened every few microseconds then does not pay a
+// look-up of the file each time.
+constexpr long kParametersRecheckMs = 10;
+
 // Fills `out` with the parameters of `alias` from $HOME/.dbrc, the password
 // deciphered with the key file in use. The file is parsed once and kept,
 // with the passwords deciphered so far, while it stays unchanged (inode,
 // size, modification and change times) and the same key file is named; all
-// threads share what is kept. Returns 0, or -1 with `out` empty and the
+// threads share what is kept. A change to the file is seen by every call
+// that starts kParametersRecheckMs or more after it. Returns 0, or -1 with `out` empty and the
 // reason logged: the file cannot be opened, holds a line longer than
 // kMaxParameterLine (refused with its number, whatever alias it names), has
 // no line for the alias, or its password does not decipher.
