@@ -119,6 +119,8 @@ TEST_F(Connection, ErrorsReachTheHandlerAndNeverThrow) {
     expectOneError(fragment, 16);
   }
   EXPECT_EQ(first(conn_, "select count(*) from t where id in (7, 8)"), "1");
+  run("insert into t (id) values (1)");  // numbered by SQLite's extended code: SQLITE_CONSTRAINT_PRIMARYKEY
+  EXPECT_EQ(g_seen.at(0).msgno, 1555);
 }
 
 TEST_F(Connection, ALockedFileIsAnErrorNotAHang) {
@@ -197,7 +199,7 @@ TEST(Dates, TextFormAndParsing) {
     EXPECT_EQ(t.tv_sec * 1000000L + t.tv_usec, want.tv_sec * 1000000L + want.tv_usec) << text;
   }
   for (const char* bad : {"", "2026", "2026-13-01", "20261122 25:00:00", "20261122 13:05:09.", "x20261122",
-                          "20261122 13:05:09 junk", "2026-11-22 13"}) {
+                          "20261122 13:05:09 junk", "2026-11-22 13", "2026-11-22 13:05:x"}) {
     timeval t{7, 7};
     EXPECT_FALSE(SybUtils::parseDate(bad, t) || t.tv_sec != 7) << bad;  // refused, the value left alone
   }
