@@ -81,6 +81,8 @@ TEST_F(Connection, RowCountsFollowTheCurrentCommand) {
   EXPECT_FALSE(rs.next());
   EXPECT_EQ(run("select id from t where id > 99"), 1);
   EXPECT_EQ(conn_.rowCount(), 0);
+  conn_.releaseResults();  // as before the login passes on: the next holder sees no count of this one's
+  EXPECT_EQ(conn_.rowCount(), -1);
 }
 
 TEST_F(Connection, CopiesShareOneCursorThatEndsWithItsLogin) {
