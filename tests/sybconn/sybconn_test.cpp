@@ -243,6 +243,7 @@ TEST(Dialect, Rewrites) {
       {"begin Tran A1", "SAVEPOINT A1"},
       {"commit tran A2;", "RELEASE A2;"},
       {"rollback", "ROLLBACK TO sybtran; RELEASE sybtran"},
+      {"commit work", "RELEASE sybtran"},
       {"select distinct x=a+1, b from t", "select distinct a+1 AS x, b from t"},
       {"select @x = 1", ""},
       {"update t set d = getdate() where x='getdate()'", "update t set d = " + now + " where x='getdate()'"},
