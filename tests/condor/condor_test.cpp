@@ -1,5 +1,6 @@
 // Condor submit files, DAG files and association-block submission, run
 // against the stand-in submit commands of tests/support.
+#include <dataAccess/common/FileReplace.h>
 #include <dataAccess/condor/CondorDag.h>
 #include <dataAccess/condor/CondorSubmit.h>
 #include <gtest/gtest.h>
@@ -65,6 +66,11 @@ TEST_F(Condor, SubmitFileBytesAndDefaultsFromARelativeNameAfterChdir) {
 }
 
 TEST_F(Condor, DagBytesInIdOrderWithReplacedParents) {
+  for (int i = 0; i < 40; ++i) {  // an uncommitted temporary: "<path>.<twelve letters or digits>.tmp"
+    const dataAccess::FileReplacement pending(dir_.file("t"));
+    const std::string name = fs::directory_iterator(dir_.path())->path().filename().string();
+    EXPECT_TRUE(name.size() == 18 && name.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789", 2) == 14);
+  }
   CondorDag dag(dir_.file("g.dag"));
   const CondorJob a = job("a.cmd"), b = job("b.cmd"), j = job("j.cmd");
   dag.addJob(j, {a});

@@ -1,10 +1,17 @@
 #include <dataAccess/db/ServiceConnectionSyb.h>
 
+#include <dlfcn.h>
 #include <malloc.h>
 
 #include <chrono>
 
 #include "tests/freetds/FreeTdsFixture.h"
+
+bool g_noLoginRecord = false;  // the next dblogin() fails, as it does when memory runs out
+extern "C" void* dblogin() {
+  return std::exchange(g_noLoginRecord, false) ? nullptr
+                                               : reinterpret_cast<void* (*)()>(dlsym(RTLD_NEXT, "dblogin"))();
+}
 
 namespace {
 
@@ -16,6 +23,8 @@ TEST_P(FreeTdsTest, Logins) {
   tdstest::TdsServer alice(db_, "alice", "s3cret");
   ASSERT_NE(0, alice.start());
   testsupport::LogCapture log;
+  g_noLoginRecord = true;
+  EXPECT_TRUE(conn_.connect(alice.address(), "alice", "s3cret") == -1 && saw(20010));  // SYBEMEM
   EXPECT_EQ(-1, conn_.connect(alice.address(), "alice", "wrong"));
   EXPECT_FALSE(conn_.isConnected());
   EXPECT_TRUE(saw(sybase() ? 4002 : 18456));
@@ -65,6 +74,7 @@ TEST_P(FreeTdsTest, TypedValuesNullsUnicodeDatesAndLargeResults) {
   rs.releaseResults();
   EXPECT_FALSE(rs.next());
   EXPECT_EQ(5000L, rs.rowCount());
+  ASSERT_TRUE((rs = conn_.execute("select n from big")).next());  // still held when the next batch runs
   EXPECT_EQ("3", nextRow(conn_.execute("select count(*) from t")));
 }
 

@@ -51,15 +51,9 @@ bool readMessage(int fd, uint8_t& type, Bytes& msg) {
 }
 
 // `n` bytes of `v`, least significant first, and back.
-Bytes le(uint64_t v, int n) {
-  Bytes b;
-  for (int i = 0; i < n; ++i) b += static_cast<char>(v >> (8 * i) & 0xff);
-  return b;
-}
+Bytes le(uint64_t v, int n) { return n > 0 ? static_cast<char>(v & 0xff) + le(v >> 8, n - 1) : Bytes(); }
 uint64_t get(const Bytes& b, size_t at, int n) {
-  uint64_t v = 0;
-  while (n-- > 0) v = v << 8 | static_cast<uint8_t>(b[at + static_cast<size_t>(n)]);
-  return v;
+  return n > 0 ? get(b, at + 1, n - 1) << 8 | static_cast<uint8_t>(b[at]) : 0;
 }
 
 // Text between UTF-8 and UTF-16LE, the form TDS 7 carries it in.
@@ -255,10 +249,8 @@ struct TdsServer::Session {
     }
     const bool ok = (server.user_.empty() || (user == server.user_ && password == server.password_)) &&
                     sqlite3_open(server.dbPath_.c_str(), &db) == SQLITE_OK && !sqlite3_busy_timeout(db, 2000);
-    if (ok)
-      message(5701, 0, "Changed database context to 'main'.");
-    else
-      message(tds5 ? 4002 : 18456, 14, "Login failed for user '" + user + "'.");
+    ok ? message(5701, 0, "Changed database context to 'main'.")
+       : message(tds5 ? 4002 : 18456, 14, "Login failed for user '" + user + "'.");
     if (tds5)
       token(0xad, (ok ? "\x05"s : "\x06"s) + "\x05\x00\x00\x00\x07tdstest\x01\x00\x00\x00"s);
     else if (ok)

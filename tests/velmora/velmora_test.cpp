@@ -55,6 +55,7 @@ TEST(VelmoraKeys, EncodingRoundTripsAndErrorFiles) {
             "K&#95;1|no such file|K|two  words |K \r");
   EXPECT_EQ(std::to_string(velmora::parseErrorFile("K   ", got, bad)) + bad + std::to_string(got.size()),
             "0K   2");
+  EXPECT_TRUE(velmora::readRegularFile("/proc/self/mem", 8, bad) && bad.empty());  // its read fails at once
 }
 
 // Each map is destroyed still holding requests: every one must be freed once.
