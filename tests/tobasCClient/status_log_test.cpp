@@ -67,13 +67,16 @@ TEST(TobasStatus, DocumentsAndCodes) {
 }
 
 TEST(TobasUtil, Helpers) {
-  tobasBIG_BUF dir, name;
-  EXPECT_EQ(0, tobasSplitFilename("plain", dir, name));
+  tobasBIG_BUF dir;
+  std::string name(2 * tobasBIG_BUF_SIZE, 'x');  // room to see that a name cut at its bound ends within it
+  for (const std::string& tooLong : {std::string(600, 'd') + "/f", "d/" + std::string(600, 'n')})
+    EXPECT_EQ(1, tobasSplitFilename(tooLong.c_str(), dir, name.data())) << tooLong;
+  EXPECT_EQ(std::string(tobasBIG_BUF_SIZE - 1, 'n'), name.c_str());
+  EXPECT_EQ(0, tobasSplitFilename("plain", dir, name.data()));
   const char* hay = "abcabc";  // the last occurrence; an empty needle is found at the end
   for (const auto& [needle, at] : {std::pair("bc", 4), {"abc", 3}, {"", 6}, {"cb", -1}})
     EXPECT_EQ(tobasStrRStr(hay, needle), at < 0 ? nullptr : hay + at) << needle;
   EXPECT_STREQ(".", dir);
-  EXPECT_EQ(1, tobasSplitFilename((std::string(600, 'd') + "/f").c_str(), dir, name));  // too long a folder
   TempDir tmp;
   const std::string data("bin\0ary", 7);
   ASSERT_EQ(0, tobasSaveInFile(tmp.file("f").c_str(), data.data(), data.size()));
@@ -88,7 +91,8 @@ TEST(TobasUtil, Helpers) {
                    tobasLoadFile(tmp.file("g").c_str(), &loaded, &size));
   EXPECT_STREQ("z", loaded);
   free(loaded);
-  EXPECT_EQ(0, dup2(stdinCopy, 0) + close(stdinCopy));
+  EXPECT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", -1));  // its socket, opened as 0, is moved off it
+  EXPECT_EQ(0, dup(stdinCopy) + close(stdinCopy));          // 0 is free again: standard input back in it
   const size_t inUse = heapInUse();
   EXPECT_EQ(tobasERR_FILE, tobasLoadFile(tmp.path().c_str(), &loaded, &size));  // a folder: reading fails
   rlimit was, low;  // an endless file beyond the address space left: refused, its buffer freed
