@@ -85,13 +85,11 @@ TEST(TobasTransport, RequestBytes) {
 TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
   std::string manyRows = "HTTP/1.0 200 OK\r\n";
   for (int i = 0; i < 600; ++i) manyRows += "x-row: " + std::to_string(i) + "\r\n";
-  const std::string fine = "HTTP/1.0 200 OK Fine\r\nContent-Length: 12\r\nX-Mixed: Keep Case\r\n";
   const ReadCase cases[] = {
-      {fine + "\r\nbody", true, 0},
-      {fine + "x-long: " + std::string(40000, 'w') + "\r\n\r\nbody", true, 0},  // more than one buffer full
-      {std::string(130, 'x') + " 200 OK\r\n\r\n", true, tobasERR_INV_REPLY},    // first blank too far
-      {"no reply\r\n\r\n", true, tobasERR_INV_REPLY},                           // not HTTP at all
-      {"HTTP/1.0 20x OK\r\n\r\n", true, tobasERR_INV_REPLY},                    // no three-digit status
+      {"HTTP/1.0 200 OK Fine\r\nContent-Length: 12\r\nX-Mixed: Keep Case\r\n\r\nbody", true, 0},
+      {std::string(130, 'x') + " 200 OK\r\n\r\n", true, tobasERR_INV_REPLY},  // first blank too far
+      {"no reply\r\n\r\n", true, tobasERR_INV_REPLY},                         // not HTTP at all
+      {"HTTP/1.0 20x OK\r\n\r\n", true, tobasERR_INV_REPLY},                  // no three-digit status
       {"HTTP/1.0 2000\r\n\r\n", true, tobasERR_INV_REPLY},
       {manyRows + "\r\n", true, tobasERR_INV_REPLY},
       {"HTTP/1.0 200 OK\r\nx: a\0b\r\n\r\n"s, true, tobasERR_INV_REPLY},  // a NUL byte
