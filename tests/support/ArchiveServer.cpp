@@ -32,6 +32,9 @@ struct TraceLog : testing::Environment {
     const std::regex trace(R"(\] (Enter|Leav)ing (\w+)\(\))");
     for (std::sregex_iterator m(log.begin(), log.end(), trace), end; m != end; ++m)
       open[(*m)[2]] += (*m)[1] == "Enter" ? 1 : -1;
+    const std::regex lock(R"(\] Entering _tobas(Lock|Unlock)SrvInfoSem\(\))");
+    for (std::sregex_iterator m(log.begin(), log.end(), lock), end; m != end; ++m)
+      open["_tobasLockSrvInfoSem/_tobasUnlockSrvInfoSem"] += (*m)[1] == "Lock" ? 1 : -1;
     for (const auto& [fn, n] : open) EXPECT_EQ(0, n) << fn << " entered and left unequally often";
   }
 };

@@ -72,9 +72,8 @@ TEST_F(Commands, RequestPaths) {
 
   tobasPAR_ARRAY pars;
   tobasResetParArray(&pars);
-  tobasAddParAndVal(&pars, "disk_id", "x:y");
-  tobasAddParAndVal(&pars, "flag", "");
-  tobasAddParAndVal(&pars, "a=b", "v");
+  for (const auto& [par, val] : {std::pair("disk_id", "x:y"), {"flag", ""}, {"a=b", "v"}})
+    tobasAddParAndVal(&pars, par, val);
   EXPECT_EQ("REMDISK&disk_id=\"x%3Ay\"&flag&a%3Db=\"v\"",
             SENT(tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st)));
   tobasFreeStatus(&st);
