@@ -1,8 +1,8 @@
 #include "sybconn/drivers/SqliteDialect.h"
 
-#include <strings.h>
-
 #include <cctype>
+#include <string_view>
+#include <unordered_set>
 
 namespace sybconn {
 namespace {
@@ -12,13 +12,40 @@ const char kUnnamedSavepoint[] = "sybtran";
 // getdate(): the current local time in the library's date text form.
 const char kNowExpression[] = "strftime('%Y%m%d %H:%M:%f','now','localtime')";
 
-enum class Tok { Space, Comment, String, Word, Number, Punct };
+enum class Tok : unsigned char { Space, Comment, String, Word, Number, Punct };
+
+// The words a rewrite looks for. A word token is classified once, when the
+// text is split: the rewrite asks most tokens several times what they are.
+enum class Kw : unsigned char {
+  None,
+  All,
+  Begin,
+  Commit,
+  Dbo,
+  Delete,
+  Distinct,
+  From,
+  Getdate,
+  Group,
+  Having,
+  Into,
+  Order,
+  Rollback,
+  Select,
+  Tran,
+  Transaction,
+  Union,
+  Where,
+  Work
+};
 
 struct Token {
   Tok type;
+  Kw kw;       // for a word, which keyword it is, if any
+  bool open;   // a quoted token that runs to the end without its closing quote
+  char first;  // its first character: punctuation is asked for it often
   size_t begin;
   size_t len;
-  bool open;  // a quoted token that runs to the end without its closing quote
 };
 
 // Character classes by table: the rewrite's quick test and the tokenizer look
@@ -49,6 +76,64 @@ bool isWordChar(unsigned char c) { return kClasses.word[c]; }
 bool isSpace(unsigned char c) { return c < 128 ? kClasses.space[c] : std::isspace(c) != 0; }
 bool isAlnum(unsigned char c) { return c < 128 ? kClasses.alnum[c] : std::isalnum(c) != 0; }
 
+// Compares a word of the text with a lower-case keyword of the same length.
+// Only a letter's two cases give a letter when the case bit is set.
+bool sameWord(const char* text, const char* lower, size_t len) {
+  for (size_t k = 0; k < len; ++k)
+    if ((text[k] | 0x20) != lower[k]) return false;
+  return true;
+}
+
+// Which keyword the word w of `len` characters is, without regard to case.
+// The keywords of one length differ in their first letter: one comparison
+// decides.
+Kw keyword(const char* w, size_t len) {
+  struct Entry {
+    const char* lower;
+    Kw kw;
+  };
+  Entry e{nullptr, Kw::None};
+  const char first = static_cast<char>(w[0] | 0x20);
+  switch (len) {
+    case 3:
+      if (first == 'a') e = {"all", Kw::All};
+      if (first == 'd') e = {"dbo", Kw::Dbo};
+      break;
+    case 4:
+      if (first == 't') e = {"tran", Kw::Tran};
+      if (first == 'w') e = {"work", Kw::Work};
+      if (first == 'f') e = {"from", Kw::From};
+      if (first == 'i') e = {"into", Kw::Into};
+      break;
+    case 5:
+      if (first == 'b') e = {"begin", Kw::Begin};
+      if (first == 'w') e = {"where", Kw::Where};
+      if (first == 'u') e = {"union", Kw::Union};
+      if (first == 'o') e = {"order", Kw::Order};
+      if (first == 'g') e = {"group", Kw::Group};
+      break;
+    case 6:
+      if (first == 'c') e = {"commit", Kw::Commit};
+      if (first == 'd') e = {"delete", Kw::Delete};
+      if (first == 's') e = {"select", Kw::Select};
+      if (first == 'h') e = {"having", Kw::Having};
+      break;
+    case 7:
+      if (first == 'g') e = {"getdate", Kw::Getdate};
+      break;
+    case 8:
+      if (first == 'r') e = {"rollback", Kw::Rollback};
+      if (first == 'd') e = {"distinct", Kw::Distinct};
+      break;
+    case 11:
+      if (first == 't') e = {"transaction", Kw::Transaction};
+      break;
+    default:
+      break;
+  }
+  return e.lower != nullptr && sameWord(w, e.lower, len) ? e.kw : Kw::None;
+}
+
 // Splits `s` into `out`, which is emptied first.
 void tokenize(const std::string& s, std::vector<Token>& out) {
   out.clear();
@@ -59,6 +144,7 @@ void tokenize(const std::string& s, std::vector<Token>& out) {
     const unsigned char c = static_cast<unsigned char>(s[i]);
     size_t j = i + 1;
     Tok t;
+    Kw kw = Kw::None;
     bool open = false;
     if (isSpace(c)) {
       while (j < n && isSpace(static_cast<unsigned char>(s[j]))) ++j;
@@ -90,13 +176,14 @@ void tokenize(const std::string& s, std::vector<Token>& out) {
     } else if (isWordStart(c)) {
       while (j < n && isWordChar(static_cast<unsigned char>(s[j]))) ++j;
       t = Tok::Word;
+      kw = keyword(s.data() + i, j - i);
     } else if (c >= '0' && c <= '9') {
       while (j < n && (isAlnum(static_cast<unsigned char>(s[j])) || s[j] == '.')) ++j;
       t = Tok::Number;
     } else {
       t = Tok::Punct;
     }
-    out.push_back({t, i, j - i, open});
+    out.push_back({t, kw, open, static_cast<char>(c), i, j - i});
     i = j;
   }
 }
@@ -110,12 +197,25 @@ std::vector<Token>& tokenBuffer() {
   return buffer;
 }
 
+// The rewrite is one pass over the tokens, without recursion: a statement of
+// any length or nesting costs time in proportion to its length and a stack
+// of its open select lists.
+//
+// A select list runs from its "select" (and DISTINCT or ALL) to the first of
+// ')' ';' or a clause word (from into where union order group having) at its
+// own parenthesis depth; a ',' there ends its current item. A list opened
+// inside an item of another list at the same depth ends where that item
+// ends. An item `name = expr` is written as `expr AS name`: the blanks after
+// the "=" are dropped, those after the expression follow the alias.
 class Rewriter {
  public:
   Rewriter(const std::string& src, const std::string& homeDatabase)
       : src_(src), home_(homeDatabase), toks_(tokenBuffer()) {
     tokenize(src, toks_);
     out_.reserve(src.size() + 32);
+    // Text after an unterminated literal would land inside it: with one at
+    // the end, no alias is moved behind its expression.
+    swapAliases_ = toks_.empty() || !toks_.back().open;
   }
   ~Rewriter() {
     if (toks_.capacity() > kKeptTokens) std::vector<Token>().swap(toks_);
@@ -124,26 +224,105 @@ class Rewriter {
   Rewriter& operator=(const Rewriter&) = delete;
 
   DialectResult run() {
-    emitRange(0, toks_.size(), true);
+    const size_t n = toks_.size();
+    bool statementStart = true;  // no significant token yet, or the last was ';'
+    size_t i = 0;
+    while (i < n) {
+      if (!significant(i)) {
+        if (deferred_ == kNone) deferred_ = i;
+        ++i;
+        continue;
+      }
+      if (!lists_.empty() && lists_.back().depth == depth_) {
+        if (isPunct(i, ',')) {
+          // Ends the current item of the outermost list at this depth, and
+          // every list opened inside that item.
+          size_t owner = lists_.size() - 1;
+          while (owner > 0 && lists_[owner - 1].depth == depth_) --owner;
+          endListsFrom(owner + 1);
+          endItem(lists_[owner]);
+          flushDeferred();
+          emit(i);
+          i = startItem(lists_[owner], i + 1);
+          statementStart = false;
+          continue;
+        }
+        if (endsList(i)) {
+          size_t first = lists_.size() - 1;
+          while (first > 0 && lists_[first - 1].depth == depth_) --first;
+          endListsFrom(first);
+        }
+      }
+      if (!lists_.empty() && lists_.back().alias && !lists_.back().exprStarted) {
+        // The blanks between "=" and the expression are dropped.
+        lists_.back().exprStarted = true;
+        deferred_ = kNone;
+      }
+      flushDeferred();
+      const bool atStart = statementStart;
+      statementStart = isPunct(i, ';');
+      if (isPunct(i, '(')) {
+        ++depth_;
+      } else if (isPunct(i, ')') && depth_ > 0) {
+        --depth_;
+      } else if (toks_[i].type == Tok::Word) {
+        const size_t after = rewriteWordAt(i, atStart, atStart && lists_.empty());
+        if (after != i) {
+          i = after;
+          continue;
+        }
+      }
+      emit(i++);
+    }
+    endListsFrom(0);
+    flushDeferred();
     return {std::move(out()), std::move(dbs_)};
   }
 
  private:
-  template <size_t N>
-  bool isWord(size_t i, const char (&kw)[N]) const {
-    const size_t len = N - 1;
-    if (i >= toks_.size() || toks_[i].type != Tok::Word || toks_[i].len != len) return false;
-    return strncasecmp(src_.data() + toks_[i].begin, kw, len) == 0;
-  }
+  static constexpr size_t kNone = static_cast<size_t>(-1);
+
+  // An open select list.
+  struct List {
+    int depth;         // the parenthesis depth its items run at
+    bool alias;        // its current item is `name = expr`
+    bool exprStarted;  // ... and a token of the expression has been written
+    size_t name;       // ... the name's token
+  };
+
+  // Only word tokens carry a keyword.
+  bool isWord(size_t i, Kw kw) const { return i < toks_.size() && toks_[i].kw == kw; }
   bool isPunct(size_t i, char c) const {
-    return i < toks_.size() && toks_[i].type == Tok::Punct && src_[toks_[i].begin] == c;
+    return i < toks_.size() && toks_[i].type == Tok::Punct && toks_[i].first == c;
   }
   bool significant(size_t i) const { return toks_[i].type != Tok::Space && toks_[i].type != Tok::Comment; }
-  // Index of the next significant token at or after i, below `end`.
-  size_t nextSig(size_t i, size_t end) const {
-    while (i < end && !significant(i)) ++i;
+  // Index of the next significant token at or after i, or the token count.
+  size_t nextSig(size_t i) const {
+    while (i < toks_.size() && !significant(i)) ++i;
     return i;
   }
+  // True for a token that ends a select list at its own depth (',' ends an
+  // item only).
+  bool endsList(size_t i) const {
+    switch (toks_[i].kw) {
+      case Kw::From:
+      case Kw::Into:
+      case Kw::Where:
+      case Kw::Union:
+      case Kw::Order:
+      case Kw::Group:
+      case Kw::Having:
+        return true;
+      default:
+        return isPunct(i, ')') || isPunct(i, ';');
+    }
+  }
+  // True when token i is where the innermost open list ends, so that a form
+  // cannot reach over it.
+  bool listEndsAt(size_t i) const {
+    return !lists_.empty() && lists_.back().depth == depth_ && (endsList(i) || isPunct(i, ','));
+  }
+
   // Copies token i. Tokens copied one after another as they stand in the
   // source grow one pending range, appended in one piece by out(): most of a
   // statement is copied unchanged.
@@ -164,13 +343,60 @@ class Rewriter {
     pendingLen_ = 0;
     return out_;
   }
-  std::string text(size_t i) const { return src_.substr(toks_[i].begin, toks_[i].len); }
+  // Blanks and comments are held back until it is known whether they trail
+  // an item that gets its alias written after it.
+  void flushDeferred() {
+    if (deferred_ == kNone) return;
+    for (size_t k = deferred_; k < toks_.size() && !significant(k); ++k) emit(k);
+    deferred_ = kNone;
+  }
 
-  // Records database `db` (the text of token i) once.
+  // Begins an item of `list` at token b; returns where reading goes on.
+  size_t startItem(List& list, size_t b) {
+    list.alias = false;
+    if (!swapAliases_) return b;
+    const size_t first = nextSig(b);
+    if (first >= toks_.size() || toks_[first].type != Tok::Word || toks_[first].first == '@' ||
+        endsList(first))
+      return b;
+    const size_t eq = nextSig(first + 1);
+    if (!isPunct(eq, '=') || isPunct(eq + 1, '=')) return b;
+    for (size_t k = b; k < first; ++k) emit(k);  // the leading blanks stay
+    list.alias = true;
+    list.exprStarted = false;
+    list.name = first;
+    deferred_ = kNone;
+    return eq + 1;
+  }
+  void endItem(const List& list) {
+    if (!list.alias) return;
+    out() += " AS ";
+    emit(list.name);
+  }
+  // Ends the lists from index `first` of the stack up, the innermost first.
+  void endListsFrom(size_t first) {
+    while (lists_.size() > first) {
+      endItem(lists_.back());
+      lists_.pop_back();
+    }
+  }
+
+  std::string text(size_t i) const { return src_.substr(toks_[i].begin, toks_[i].len); }
+  std::string_view view(size_t i) const {
+    return std::string_view(src_).substr(toks_[i].begin, toks_[i].len);
+  }
+
+  // Records database `db` (the text of token i) once. A statement names one
+  // or two; a long list of them is looked up through a set.
   void noteDatabase(size_t i) {
-    const Token& t = toks_[i];
-    for (const auto& d : dbs_)
-      if (d.compare(0, std::string::npos, src_, t.begin, t.len) == 0) return;
+    const std::string_view name = view(i);
+    if (dbs_.size() < kScannedDatabases) {
+      for (const auto& d : dbs_)
+        if (d == name) return;
+    } else {
+      if (seen_.empty()) seen_.insert(dbs_.begin(), dbs_.end());
+      if (!seen_.emplace(name).second) return;
+    }
     dbs_.push_back(text(i));
   }
 
@@ -178,23 +404,22 @@ class Rewriter {
   // a column may follow (X..table.column). Emits "X.table" ("main.table" for
   // the home database) and returns the index after the table's token, or i
   // when the tokens are no such name.
-  size_t databaseQualifiedName(size_t i, size_t end) {
+  size_t databaseQualifiedName(size_t i) {
     size_t table;
     if (isPunct(i + 1, '.') && isPunct(i + 2, '.')) {
       table = i + 3;
-    } else if (isPunct(i + 1, '.') && isWord(i + 2, "dbo") && isPunct(i + 3, '.')) {
+    } else if (isPunct(i + 1, '.') && isWord(i + 2, Kw::Dbo) && isPunct(i + 3, '.')) {
       table = i + 4;
     } else {
       return i;
     }
-    if (table >= end || toks_[table].type != Tok::Word) return i;
-    const Token& db = toks_[i];
-    if (!home_.empty() && home_.compare(0, std::string::npos, src_, db.begin, db.len) == 0) {
+    if (table >= toks_.size() || toks_[table].type != Tok::Word || listEndsAt(table)) return i;
+    if (!home_.empty() && view(i) == home_) {
       out() += "main.";
     } else {
       noteDatabase(i);
       emit(i);
-      out() += '.';
+      emit(i + 1);  // the first '.': "X." runs on in the source
     }
     emit(table);
     return table + 1;
@@ -203,29 +428,29 @@ class Rewriter {
   // Handles a transaction statement starting at significant token i (begin,
   // commit or rollback). Returns the index after the statement's last consumed
   // token, or i when the tokens are not a transaction statement.
-  size_t transaction(size_t i, size_t end) {
-    const bool begin = isWord(i, "begin");
-    const bool commit = isWord(i, "commit");
-    const bool rollback = isWord(i, "rollback");
+  size_t transaction(size_t i) {
+    const bool begin = isWord(i, Kw::Begin);
+    const bool commit = isWord(i, Kw::Commit);
+    const bool rollback = isWord(i, Kw::Rollback);
     if (!begin && !commit && !rollback) return i;
-    size_t k = nextSig(i + 1, end);
+    size_t k = nextSig(i + 1);
     bool tranWord = false;
-    if (isWord(k, "tran") || isWord(k, "transaction")) {
+    if (isWord(k, Kw::Tran) || isWord(k, Kw::Transaction)) {
       tranWord = true;
-      k = nextSig(k + 1, end);
+      k = nextSig(k + 1);
     }
     if (begin && !tranWord) return i;
     std::string name = kUnnamedSavepoint;
     size_t after = k;
-    if (k < end && toks_[k].type == Tok::Word && !isWord(k, "work")) {
+    if (k < toks_.size() && toks_[k].type == Tok::Word && !isWord(k, Kw::Work)) {
       name = text(k);
       after = k + 1;
-    } else if (k < end && isWord(k, "work")) {
+    } else if (isWord(k, Kw::Work)) {
       after = k + 1;
     }
     // Only a statement end may follow.
-    const size_t rest = nextSig(after, end);
-    if (rest < end && !isPunct(rest, ';')) return i;
+    const size_t rest = nextSig(after);
+    if (rest < toks_.size() && !isPunct(rest, ';')) return i;
     if (begin) {
       out() += "SAVEPOINT " + name;
     } else if (commit) {
@@ -236,137 +461,67 @@ class Rewriter {
     return after;
   }
 
-  // True for a quoted token that runs to the end of the text without its
-  // closing quote.
-  bool unterminated(size_t i) const { return toks_[i].open; }
-
-  // Emits one select list item [b, e): `name = expr` becomes `expr AS name`.
-  void selectItem(size_t b, size_t e) {
-    const size_t first = nextSig(b, e);
-    // Text after an unterminated literal would land inside it: leave such an
-    // item as it is.
-    if (e > b && unterminated(e - 1)) {
-      emitRange(b, e, false);
-      return;
-    }
-    if (first < e && toks_[first].type == Tok::Word && src_[toks_[first].begin] != '@') {
-      const size_t eq = nextSig(first + 1, e);
-      if (isPunct(eq, '=') && !isPunct(eq + 1, '=')) {
-        // Keep leading blanks, then the expression, then the alias.
-        for (size_t i = b; i < first; ++i) emit(i);
-        size_t exprEnd = e;
-        while (exprEnd > eq + 1 && !significant(exprEnd - 1)) --exprEnd;
-        emitRange(nextSig(eq + 1, exprEnd), exprEnd, false);
-        out() += " AS ";
-        emit(first);
-        for (size_t i = exprEnd; i < e; ++i) emit(i);
-        return;
-      }
-    }
-    emitRange(b, e, false);
-  }
-
-  // Emits the select list that starts at token b; returns where it ends.
-  size_t selectList(size_t b, size_t end) {
-    int depth = 0;
-    size_t itemStart = b;
-    size_t i = b;
-    for (; i < end; ++i) {
-      if (!significant(i)) continue;
-      if (isPunct(i, '(')) {
-        ++depth;
-      } else if (isPunct(i, ')')) {
-        if (depth == 0) break;
-        --depth;
-      } else if (depth == 0) {
-        if (isPunct(i, ';')) break;
-        if (isPunct(i, ',')) {
-          selectItem(itemStart, i);
-          emit(i);
-          itemStart = i + 1;
-          continue;
-        }
-        if (isWord(i, "from") || isWord(i, "into") || isWord(i, "where") || isWord(i, "union") ||
-            isWord(i, "order") || isWord(i, "group") || isWord(i, "having"))
-          break;
-      }
-    }
-    selectItem(itemStart, i);
-    return i;
-  }
-
-  // Copies tokens [b, e) to the output with the forms of the header
-  // rewritten. Only at the top level can a statement be a transaction one.
-  void emitRange(size_t b, size_t e, bool topLevel) {
-    bool statementStart = topLevel;
-    for (size_t i = b; i < e;) {
-      if (!significant(i)) {
-        emit(i++);
-        continue;
-      }
-      const bool atStart = statementStart;
-      statementStart = isPunct(i, ';');
-      const size_t after = toks_[i].type == Tok::Word ? rewriteWordAt(i, e, atStart, topLevel && atStart) : i;
-      if (after != i) {
-        i = after;
-        continue;
-      }
-      emit(i++);
-    }
-  }
-
   // Rewrites the form that begins with word i, if any; returns the index
   // after it, or i when none begins there.
-  size_t rewriteWordAt(size_t i, size_t end, bool statementStart, bool transactionAllowed) {
-    size_t after = transactionAllowed ? transaction(i, end) : i;
-    if (after == i && statementStart) after = deleteWithoutFrom(i, end);
-    if (after == i) after = getdateCall(i, end);
-    if (after == i) after = selectStatement(i, end);
-    if (after == i) after = databaseQualifiedName(i, end);
+  size_t rewriteWordAt(size_t i, bool statementStart, bool transactionAllowed) {
+    size_t after = transactionAllowed ? transaction(i) : i;
+    if (after == i && statementStart) after = deleteWithoutFrom(i);
+    if (after == i) after = getdateCall(i);
+    if (after == i) after = selectStatement(i);
+    if (after == i) after = databaseQualifiedName(i);
     return after;
   }
 
   // "delete T" gets its "from".
-  size_t deleteWithoutFrom(size_t i, size_t end) {
-    if (!isWord(i, "delete")) return i;
+  size_t deleteWithoutFrom(size_t i) {
+    if (!isWord(i, Kw::Delete)) return i;
     emit(i);
-    const size_t k = nextSig(i + 1, end);
-    if (k >= end || toks_[k].type != Tok::Word || isWord(k, "from")) return i + 1;
+    const size_t k = nextSig(i + 1);
+    if (k >= toks_.size() || toks_[k].type != Tok::Word || isWord(k, Kw::From) || listEndsAt(k)) return i + 1;
     for (size_t s = i + 1; s < k; ++s) emit(s);
     out() += "from ";
     return k;
   }
 
   // "getdate()" becomes the current local time in the library's date form.
-  size_t getdateCall(size_t i, size_t end) {
-    if (!isWord(i, "getdate")) return i;
-    const size_t open = nextSig(i + 1, end);
-    const size_t close = isPunct(open, '(') ? nextSig(open + 1, end) : end;
-    if (close >= end || !isPunct(close, ')')) return i;
+  size_t getdateCall(size_t i) {
+    if (!isWord(i, Kw::Getdate)) return i;
+    const size_t open = nextSig(i + 1);
+    if (!isPunct(open, '(')) return i;
+    const size_t close = nextSig(open + 1);
+    if (!isPunct(close, ')')) return i;
     out() += kNowExpression;
     return close + 1;
   }
 
-  // "select [distinct|all] list": the list's items in alias form are turned.
-  size_t selectStatement(size_t i, size_t end) {
-    if (!isWord(i, "select")) return i;
+  // "select [distinct|all]" opens a select list.
+  size_t selectStatement(size_t i) {
+    if (!isWord(i, Kw::Select)) return i;
     emit(i);
     size_t k = i + 1;
     // Keep the blanks and a DISTINCT / ALL keyword before the list.
-    const size_t s = nextSig(k, end);
-    if (isWord(s, "distinct") || isWord(s, "all")) {
+    const size_t s = nextSig(k);
+    if (isWord(s, Kw::Distinct) || isWord(s, Kw::All)) {
       for (; k <= s; ++k) emit(k);
     }
-    return selectList(k, end);
+    lists_.push_back({depth_, false, false, 0});
+    return startItem(lists_.back(), k);
   }
+
+  static constexpr size_t kScannedDatabases = 8;
 
   const std::string& src_;
   const std::string& home_;
   std::vector<Token>& toks_;
+  bool swapAliases_;
   std::string out_;
   size_t pendingBegin_ = 0;
   size_t pendingLen_ = 0;
+  size_t deferred_ = kNone;  // first of the blanks held back, if any
+  int depth_ = 0;            // parentheses open
+  std::vector<List> lists_;
   std::vector<std::string> dbs_;
+  std::unordered_set<std::string> seen_;  // dbs_, once it is long
 };
 
 }  // namespace
@@ -374,15 +529,6 @@ class Rewriter {
 DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql, const std::string& homeDatabase) {
   return Rewriter(sybaseSql, homeDatabase).run();
 }
-
-namespace {
-// Compares a word of the text with a lower-case keyword of the same length.
-bool sameWord(const char* text, const char* lower, size_t len) {
-  for (size_t k = 0; k < len; ++k)
-    if ((text[k] | 0x20) != lower[k]) return false;
-  return true;
-}
-}  // namespace
 
 bool mayNeedRewrite(const std::string& str) {
   const char* s = str.data();
@@ -402,20 +548,14 @@ bool mayNeedRewrite(const std::string& str) {
     }
     size_t j = i + 1;
     while (j < n && isWordChar(static_cast<unsigned char>(s[j]))) ++j;
-    const char* w = s + i;
-    switch (j - i) {
-      case 5:
-        if (sameWord(w, "begin", 5)) return true;
-        break;
-      case 6:
-        if (sameWord(w, "delete", 6) || sameWord(w, "commit", 6) || sameWord(w, "select", 6)) return true;
-        break;
-      case 7:
-        if (sameWord(w, "getdate", 7)) return true;
-        break;
-      case 8:
-        if (sameWord(w, "rollback", 8)) return true;
-        break;
+    switch (keyword(s + i, j - i)) {
+      case Kw::Begin:
+      case Kw::Commit:
+      case Kw::Rollback:
+      case Kw::Delete:
+      case Kw::Getdate:
+      case Kw::Select:
+        return true;
       default:
         break;
     }

@@ -20,7 +20,10 @@ namespace sybconn {
 //   select a, name=expr from ...   select a, expr AS name from ...
 //   getdate()                      the current local time as "YYYYMMDD HH:MM:SS.mmm"
 //
-// Unnamed transactions use the savepoint name `sybtran`.
+// Unnamed transactions use the savepoint name `sybtran`. A text that ends
+// inside an unterminated literal keeps its `name=expr` items as written (an
+// alias written after the expression would land inside the literal). Time
+// and memory grow in proportion to the text, however deep its nesting.
 struct DialectResult {
   std::string sql;
   // Database qualifiers seen in `X..table` names, each once, in order.

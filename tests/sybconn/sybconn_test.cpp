@@ -252,6 +252,10 @@ TEST(Dialect, Rewrites) {
       {"select 1 -- getdate() a..b\n", ""},
       {"select '' -- x\n, getdate()", "select '' -- x\n, " + now},
       {"select 'abc getdate()", ""},  // an unterminated literal runs to the end
+      {"select a = 1, b = 'x", ""},   // and no alias is written after it
+      {"SELECT X = (select y = 1; DELETE t), z=w /*c*/ FROM T",
+       "SELECT (select 1 AS y; DELETE from t) AS X, w AS z /*c*/ FROM T"},
+      {"select a = select b = 2 , c from t", "select select 2 AS b AS a , c from t"},
       {"select x..cs.cs_id from obrep2..cs c, ambient.dbo.s, x..y, obrep2..z",
        "select x.cs.cs_id from main.cs c, ambient.s, x.y, main.z",
        "obrep2",
@@ -262,6 +266,13 @@ TEST(Dialect, Rewrites) {
     EXPECT_EQ(r.sql, c.out.empty() ? c.in : c.out) << c.in;
     EXPECT_EQ(r.databases, c.databases) << c.in;
   }
+  // Nesting as deep as the text is long neither overflows the stack nor
+  // rescans the text for every level.
+  std::string deep, want;
+  for (int i = 0; i < 200000; ++i) deep += "select a=(";
+  for (int i = 0; i < 200000; ++i) want += "select (";
+  for (int i = 0; i < 200000; ++i) want += " AS a";
+  EXPECT_EQ(sybconn::rewriteSybaseToSqlite(deep).sql, want);
 }
 
 TEST(Split, EveryOccurrenceAndAppends) {
