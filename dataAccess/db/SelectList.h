@@ -3,6 +3,7 @@
 
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace dataAccess {
 
@@ -11,7 +12,7 @@ namespace dataAccess {
 // at commas, blanks are dropped and every other character is kept; the name
 // after the last comma is entered even when empty. A name already present
 // keeps its earlier position.
-void mapSelectList(const std::string& list, std::map<std::string, int>& fields);
+void mapSelectList(std::string_view list, std::map<std::string, int>& fields);
 
 }  // namespace dataAccess
 

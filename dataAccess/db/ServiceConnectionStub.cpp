@@ -53,7 +53,7 @@ int ServiceConnectionStub::executeSelect(std::string sql, ResultSet& res, ListOf
   std::string::size_type from = sql.find("from");
   if (from == std::string::npos) from = sql.find("FROM");
   if (from != std::string::npos && start < from)
-    dataAccess::mapSelectList(sql.substr(start, from - start), fields);
+    dataAccess::mapSelectList(std::string_view(sql).substr(start, from - start), fields);
   return 0;
 }
 

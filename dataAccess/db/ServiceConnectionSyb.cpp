@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstring>
+#include <tuple>
 #include <utility>
 
 #include <daLog/Log.h>
@@ -23,24 +24,29 @@ void SimpleErrorHandler(const SybaseStatus& s) {
 
 namespace dataAccess {
 
-void mapSelectList(const std::string& list, std::map<std::string, int>& fields) {
+void mapSelectList(std::string_view list, std::map<std::string, int>& fields) {
   int position = 1;
-  std::string::size_type from = 0;
+  std::string_view::size_type from = 0;
   for (;;) {
     // The name runs to the next comma; the runs between its blanks are
     // copied whole, not character by character (a select list of a DAO has
     // a dozen names of some thirty characters, per statement).
-    const std::string::size_type comma = list.find(',', from);
-    const std::string::size_type end = comma == std::string::npos ? list.size() : comma;
-    std::string name;
-    while (from < end) {
-      std::string::size_type blank = list.find(' ', from);
-      if (blank == std::string::npos || blank > end) blank = end;
-      name.append(list, from, blank - from);
-      from = blank + (blank < end ? 1 : 0);
+    const std::string_view::size_type comma = list.find(',', from);
+    const std::string_view item =
+        list.substr(from, comma == std::string_view::npos ? list.size() - from : comma - from);
+    if (item.find(' ') == std::string_view::npos) {
+      // The usual name, without blanks, is built where the map keeps it.
+      fields.emplace(std::piecewise_construct, std::forward_as_tuple(item), std::forward_as_tuple(position));
+    } else {
+      std::string name;
+      for (std::string_view::size_type at = 0; at < item.size();) {
+        const std::string_view::size_type blank = std::min(item.find(' ', at), item.size());
+        name.append(item, at, blank - at);
+        at = blank + 1;
+      }
+      fields.emplace(std::move(name), position);
     }
-    fields.emplace(std::move(name), position);
-    if (comma == std::string::npos) return;
+    if (comma == std::string_view::npos) return;
     from = comma + 1;
     ++position;
   }
@@ -164,7 +170,7 @@ int ServiceConnectionSyb::executeSelect(std::string sql, ResultSet& res, ListOfF
   std::string::size_type from = sql.find("from");
   if (from == std::string::npos) from = sql.find("FROM");
   if (from == std::string::npos || listStart >= from) return result;
-  dataAccess::mapSelectList(sql.substr(listStart, from - listStart), fields);
+  dataAccess::mapSelectList(std::string_view(sql).substr(listStart, from - listStart), fields);
   return result;
 }
 
