@@ -256,6 +256,8 @@ TEST(Dialect, Rewrites) {
       {"SELECT X = (select y = 1; DELETE t), z=w /*c*/ FROM T",
        "SELECT (select 1 AS y; DELETE from t) AS X, w AS z /*c*/ FROM T"},
       {"select a = select b = 2 , c from t", "select select 2 AS b AS a , c from t"},
+      // A clause word ends the select list at its depth only, even after "X..".
+      {"select (y..order), x..from t", "select (y.order), x..from t", "", {"y"}},
       {"select x..cs.cs_id from obrep2..cs c, ambient.dbo.s, x..y, obrep2..z",
        "select x.cs.cs_id from main.cs c, ambient.s, x.y, main.z",
        "obrep2",
