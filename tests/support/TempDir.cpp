@@ -1,6 +1,7 @@
 #include "tests/support/TempDir.h"
 
 #include <stcrypt/stcrypt.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cstdlib>
@@ -12,6 +13,13 @@
 namespace testsupport {
 
 TempDir::TempDir() : path_((std::filesystem::temp_directory_path() / "da-test-XXXXXX").string()) {
+  // No test writes a file near 1 GiB: a write loop gone wrong ends the test
+  // (SIGXFSZ) instead of filling the disk under every later test.
+  static const bool bounded = [] {
+    const rlimit limit{1L << 30, 1L << 30};
+    return ::setrlimit(RLIMIT_FSIZE, &limit) == 0;
+  }();
+  (void)bounded;
   if (!mkdtemp(path_.data())) throw std::runtime_error("mkdtemp failed for " + path_);
 }
 
