@@ -74,8 +74,9 @@ TEST_F(Commands, RequestPaths) {
   tobasResetParArray(&pars);
   for (const auto& [par, val] : {std::pair("disk_id", "x:y"), {"flag", ""}, {"a=b", "v"}})
     tobasAddParAndVal(&pars, par, val);
-  EXPECT_EQ("REMDISK&disk_id=\"x%3Ay\"&flag&a%3Db=\"v\"",
-            SENT(tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st)));
+  for (int i = 0; i < 8; ++i)  // and each time gives back what it took
+    EXPECT_EQ("REMDISK&disk_id=\"x%3Ay\"&flag&a%3Db=\"v\"",
+              SENT(tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st)));
   tobasFreeStatus(&st);
   for (int bad : {-1, 17}) EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, bad, &pars, &st));
   srv.push({httpReply(400, statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file"))});
@@ -112,6 +113,10 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
   tobasResetParArray(&pars);
   tobasAddParAndVal(&pars, "internal", "ngas.xml");
   tobasAddParAndVal(&pars, "host_id", "h:1");
+  tobasPAR_ARRAY both;  // a file_id wins over an internal name
+  tobasResetParArray(&both);
+  tobasAddParAndVal(&both, "internal", "ngas.xml");
+  tobasAddParAndVal(&both, "file_id", "f");
   const std::string in = dir.path(), named = dir.file("named.bin");
   const std::tuple<std::function<int()>, std::string, std::string, std::string> cases[] = {
       {[&] { return tobasRetrieve2File(host, p, 5, "f:1", 2, "proc", "a=b", in.c_str(), final, &st); }, big,
@@ -123,6 +128,8 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
        "x.fits", "RETRIEVE?cfg"},
       {[&] { return tobasGenRetrieve2File(host, p, 5, tobasCMD_RETRIEVE, &pars, in.c_str(), final, &st); },
        "int", "x.fits", "RETRIEVE?internal=\"ngas.xml\"&host_id=h:1"},
+      {[&] { return tobasGenRetrieve2File(host, p, 5, tobasCMD_RETRIEVE, &both, in.c_str(), final, &st); },
+       "fid", "x.fits", "RETRIEVE?file_id=\"f\""},
   };
   const size_t inUse = heapInUse();
   for (const auto& [call, body, file, path] : cases) {
