@@ -57,6 +57,7 @@ TEST_P(FreeTdsTest, TypedValuesNullsUnicodeDatesAndLargeResults) {
   EXPECT_EQ(1L, rs.getLongValue(1));
   EXPECT_DOUBLE_EQ(1.5, rs.getDoubleValue(3));
   EXPECT_EQ(997000, rs.getDateAsTimevalValue(4).tv_usec);
+  EXPECT_EQ(rs.getDateAsTimevalValue(4).tv_sec, rs.getLongValue(4));  // a date as a number: its time
   EXPECT_EQ("2|Grüße ☃ 𝄞|NULL|2026-11-22 12:00:00.000", nextRow(rs));
   EXPECT_EQ("3|NULL|-2.25|NULL", nextRow(rs));
   EXPECT_EQ("end", nextRow(rs));
