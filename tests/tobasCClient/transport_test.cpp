@@ -109,6 +109,7 @@ TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
     char rest[8] = {};
     EXPECT_EQ(4, read(fd, rest, sizeof rest));  // the body is left in the socket
   }
+  EXPECT_HAS(logText(), "[ERROR] Invalid status line in reply");
 
   Feed lines("ab\ncdefgh");
   char buf[5];
