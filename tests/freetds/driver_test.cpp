@@ -75,6 +75,10 @@ TEST_P(FreeTdsTest, TypedValuesNullsUnicodeDatesAndLargeResults) {
   rs.releaseResults();
   EXPECT_FALSE(rs.next());
   EXPECT_EQ(5000L, rs.rowCount());
+  rs = conn_.execute("select n from big; select n from big where n <= 3");  // a batch: its last count
+  ASSERT_TRUE(rs.next());
+  rs.releaseResults();
+  EXPECT_EQ(3L, rs.rowCount());
   ASSERT_TRUE((rs = conn_.execute("select n from big")).next());  // still held when the next batch runs
   EXPECT_EQ("3", nextRow(conn_.execute("select count(*) from t")));
 }

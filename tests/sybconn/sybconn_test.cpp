@@ -6,6 +6,7 @@
 #include <sybconn/SybaseConnection.h>
 
 #include <malloc.h>
+#include <sqlite3.h>
 
 #include <ctime>
 #include <filesystem>
@@ -139,6 +140,14 @@ TEST_F(Connection, ALockedFileIsAnErrorNotAHang) {
   EXPECT_EQ(first(other, "select count(*) from t"), "0");
   ASSERT_EQ(run("commit A1"), 1);
   EXPECT_EQ(other.execute("insert into t (id) values (2)").commandSucceeded(), 1);
+  // A sibling file in the middle of a write cannot be switched to WAL: the statement fails, once.
+  sqlite3* side = nullptr;
+  ASSERT_EQ(sqlite3_open(dir_.file("side.db").c_str(), &side), SQLITE_OK);
+  sqlite3_exec(side, "create table s (x); begin immediate; insert into s values (1)", nullptr, nullptr,
+               nullptr);
+  EXPECT_EQ(other.execute("select * from side..s").commandSucceeded(), 0);
+  expectOneError("locked", 17);
+  sqlite3_close_v2(side);
 }
 
 TEST_F(Connection, AStepThatFailsPartWayFailsTheResult) {

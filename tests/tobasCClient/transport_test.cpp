@@ -91,6 +91,7 @@ TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
       {"no reply\r\n\r\n", true, tobasERR_INV_REPLY},                         // not HTTP at all
       {"HTTP/1.0 20x OK\r\n\r\n", true, tobasERR_INV_REPLY},                  // no three-digit status
       {"HTTP/1.0 2000\r\n\r\n", true, tobasERR_INV_REPLY},
+      {"HTTP/1.0 200 OK\r\nContent-Length: -5\r\n\r\n", true, tobasERR_INV_REPLY},
       {manyRows + "\r\n", true, tobasERR_INV_REPLY},
       {"HTTP/1.0 200 OK\r\nx: a\0b\r\n\r\n"s, true, tobasERR_INV_REPLY},  // a NUL byte
       {"", false, tobasERR_TIMEOUT},                                      // nothing arrives
@@ -110,6 +111,7 @@ TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
     EXPECT_EQ(4, read(fd, rest, sizeof rest));  // the body is left in the socket
   }
   EXPECT_HAS(logText(), "[ERROR] Invalid status line in reply");
+  EXPECT_HAS(logText(), "[ERROR] Invalid content length in reply: -5");
 
   Feed lines("ab\ncdefgh");
   char buf[5];
