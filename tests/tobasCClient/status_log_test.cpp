@@ -101,6 +101,7 @@ TEST(TobasUtil, Helpers) {
   EXPECT_EQ(0, dup(stdinCopy) + close(stdinCopy));          // 0 is free again: standard input back in it
   const size_t inUse = heapInUse();
   EXPECT_EQ(tobasERR_FILE, tobasLoadFile(tmp.path().c_str(), &loaded, &size));  // a folder: reading fails
+  EXPECT_EQ(tobasERR_FILE, tobasSaveInFile("/dev/full", "z", 1));               // a full disk: writing fails
   rlimit was, low;  // an endless file beyond the address space left: refused, its buffer freed
   getrlimit(RLIMIT_AS, &was);
   std::ifstream("/proc/self/statm") >> low.rlim_cur;  // pages mapped now
