@@ -32,8 +32,7 @@ void mapSelectList(std::string_view list, std::map<std::string, int>& fields) {
     // copied whole, not character by character (a select list of a DAO has
     // a dozen names of some thirty characters, per statement).
     const std::string_view::size_type comma = list.find(',', from);
-    const std::string_view item =
-        list.substr(from, comma == std::string_view::npos ? list.size() - from : comma - from);
+    const std::string_view item = list.substr(from, comma - from);  // to the end when no comma follows
     if (item.find(' ') == std::string_view::npos) {
       // The usual name, without blanks, is built where the map keeps it.
       fields.emplace(std::piecewise_construct, std::forward_as_tuple(item), std::forward_as_tuple(position));
