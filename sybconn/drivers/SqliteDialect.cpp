@@ -1,6 +1,8 @@
 #include "sybconn/drivers/SqliteDialect.h"
 
+#include <algorithm>
 #include <cctype>
+#include <cstring>
 #include <string_view>
 #include <unordered_set>
 
@@ -54,6 +56,7 @@ struct Token {
 struct CharClasses {
   bool start[256];
   bool word[256];
+  bool quote[256];  // may start a literal or a comment
   bool space[128];
   bool alnum[128];
   CharClasses() {
@@ -61,6 +64,7 @@ struct CharClasses {
       const bool alpha = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
       const bool digit = c >= '0' && c <= '9';
       start[c] = alpha || c == '_' || c == '@' || c == '#' || c >= 0x80;
+      quote[c] = c == '\'' || c == '"' || c == '[' || c == '-' || c == '/';
       word[c] = start[c] || digit || c == '$';
       if (c < 128) {
         space[c] = c == ' ' || (c >= '\t' && c <= '\r');
@@ -73,6 +77,7 @@ const CharClasses kClasses;
 
 bool isWordStart(unsigned char c) { return kClasses.start[c]; }
 bool isWordChar(unsigned char c) { return kClasses.word[c]; }
+bool mayStartQuoted(unsigned char c) { return kClasses.quote[c]; }
 bool isSpace(unsigned char c) { return c < 128 ? kClasses.space[c] : std::isspace(c) != 0; }
 bool isAlnum(unsigned char c) { return c < 128 ? kClasses.alnum[c] : std::isalnum(c) != 0; }
 
@@ -134,6 +139,38 @@ Kw keyword(const char* w, size_t len) {
   return e.lower != nullptr && sameWord(w, e.lower, len) ? e.kw : Kw::None;
 }
 
+// End of the literal or comment that starts at i ('...', "...", [...], -- to
+// the line end, /* ... */), or 0 when none starts there. `open` tells whether
+// a quoted text ran to the end of `s` without its closing quote.
+size_t quotedEnd(const char* s, size_t n, size_t i, bool& open) {
+  const char c = s[i];
+  const bool pair = i + 1 < n;
+  if (c == '-' && pair && s[i + 1] == '-') {
+    const void* nl = std::memchr(s + i + 2, '\n', n - i - 2);
+    return nl ? static_cast<size_t>(static_cast<const char*>(nl) - s) : n;
+  }
+  if (c == '/' && pair && s[i + 1] == '*') {
+    const char* const end = s + n;
+    const char kClose[] = "*/";
+    const char* const close = std::search(s + i + 2, end, kClose, kClose + 2);
+    return close == end ? n : static_cast<size_t>(close - s) + 2;
+  }
+  if (c != '\'' && c != '"' && c != '[') return 0;
+  // Quoted text runs to the matching quote; a doubled quote stays inside.
+  const char closing = c == '[' ? ']' : c;
+  for (size_t j = i + 1; j < n; ++j) {
+    if (s[j] != closing) continue;
+    if (closing != ']' && j + 1 < n && s[j + 1] == closing) {
+      ++j;
+      continue;
+    }
+    open = false;
+    return j + 1;
+  }
+  open = true;
+  return n;
+}
+
 // Splits `s` into `out`, which is emptied first.
 void tokenize(const std::string& s, std::vector<Token>& out) {
   out.clear();
@@ -149,30 +186,9 @@ void tokenize(const std::string& s, std::vector<Token>& out) {
     if (isSpace(c)) {
       while (j < n && isSpace(static_cast<unsigned char>(s[j]))) ++j;
       t = Tok::Space;
-    } else if (c == '\'' || c == '"' || c == '[') {
-      // Quoted text runs to the matching quote; a doubled quote stays inside.
-      const char close = c == '[' ? ']' : static_cast<char>(c);
-      open = true;
-      while (j < n) {
-        if (s[j] == close) {
-          if (close != ']' && j + 1 < n && s[j + 1] == close) {
-            j += 2;
-            continue;
-          }
-          ++j;
-          open = false;
-          break;
-        }
-        ++j;
-      }
-      t = Tok::String;
-    } else if (c == '-' && i + 1 < n && s[i + 1] == '-') {
-      while (j < n && s[j] != '\n') ++j;
-      t = Tok::Comment;
-    } else if (c == '/' && i + 1 < n && s[i + 1] == '*') {
-      const size_t end = s.find("*/", i + 2);
-      j = end == std::string::npos ? n : end + 2;
-      t = Tok::Comment;
+    } else if (const size_t e = mayStartQuoted(c) ? quotedEnd(s.data(), n, i, open) : 0) {
+      j = e;
+      t = c == '\'' || c == '"' || c == '[' ? Tok::String : Tok::Comment;
     } else if (isWordStart(c)) {
       while (j < n && isWordChar(static_cast<unsigned char>(s[j]))) ++j;
       t = Tok::Word;
@@ -531,31 +547,81 @@ DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql, const std::str
 }
 
 bool mayNeedRewrite(const std::string& str) {
-  const char* s = str.data();
+  const char* const s = str.data();
   const size_t n = str.size();
+  // The parenthesis depths of the select lists open here, innermost last:
+  // an alias item needs an "=" inside one. More than the array holds is
+  // rare enough to leave to the rewrite.
+  int lists[16];
+  size_t open = 0;
+  int depth = 0;
+  const auto closeAt = [&](int d) {
+    while (open > 0 && lists[open - 1] >= d) --open;
+  };
   size_t i = 0;
-  while (i < n) {
+  while (i != n) {
     const unsigned char c = static_cast<unsigned char>(s[i]);
-    if (c == '.') {
-      if (i + 1 < n && s[i + 1] == '.') return true;
-      if (i + 4 < n && sameWord(s + i + 1, "dbo.", 4)) return true;
-      ++i;
+    bool unterminated = false;
+    if (const size_t e = mayStartQuoted(c) ? quotedEnd(s, n, i, unterminated) : 0) {
+      // A literal or comment in a select list is left to the rewrite, which
+      // knows where the list's items begin.
+      if (open > 0) return true;
+      i = e;
+      continue;
+    }
+    if (c >= '0' && c <= '9') {
+      // A number, as the tokenizer reads one: "1from" holds no clause word.
+      do ++i;
+      while (i != n && (isAlnum(static_cast<unsigned char>(s[i])) || s[i] == '.'));
       continue;
     }
     if (!isWordStart(c)) {
       ++i;
+      switch (c) {
+        case '.':
+          if (i != n && s[i] == '.') return true;
+          if (n - i > 3 && sameWord(s + i, "dbo.", 4)) return true;
+          break;
+        case '=':
+          if (open > 0) return true;
+          break;
+        case '(':
+          ++depth;
+          break;
+        case ')':
+          closeAt(depth);
+          if (depth > 0) --depth;
+          break;
+        case ';':
+          closeAt(depth);
+          break;
+        default:
+          break;
+      }
       continue;
     }
     size_t j = i + 1;
-    while (j < n && isWordChar(static_cast<unsigned char>(s[j]))) ++j;
+    while (j != n && isWordChar(static_cast<unsigned char>(s[j]))) ++j;
     switch (keyword(s + i, j - i)) {
       case Kw::Begin:
       case Kw::Commit:
       case Kw::Rollback:
       case Kw::Delete:
       case Kw::Getdate:
-      case Kw::Select:
         return true;
+      case Kw::Select:
+        if (open == sizeof lists / sizeof lists[0]) return true;
+        lists[open++] = depth;
+        break;
+      case Kw::From:
+      case Kw::Into:
+      case Kw::Where:
+      case Kw::Union:
+      case Kw::Order:
+      case Kw::Group:
+      case Kw::Having:
+        closeAt(depth);
+        break;
       default:
         break;
     }
