@@ -1,9 +1,26 @@
 // Several threads issuing commands through one server list while another list is registered, and
 // a command with a time-out of its own (run under ThreadSanitizer).
 #include <atomic>
+#include <chrono>
+#include <future>
 #include <thread>
 
 #include "tests/tobasCClient/TobasTest.h"
+
+// A reader of the server lists waits while another thread holds their lock.
+TEST(TobasConcurrency, TheServerListLockExcludesOtherThreads) {
+  _tobasInitSrvInfo();
+  _tobasLockSrvInfoSem();
+  auto reader = std::async(std::launch::async, [] {
+    int found = -1;
+    tobasSRV_INFO* info = nullptr;
+    _tobasGetSrvInfoObj("no such list", &found, &info);
+    return found;
+  });
+  EXPECT_EQ(std::future_status::timeout, reader.wait_for(std::chrono::milliseconds(100)));
+  _tobasUnlockSrvInfoSem();
+  EXPECT_EQ(0, reader.get());
+}
 
 TEST(TobasConcurrency, ThreadsShareOneServerList) {
   constexpr int kThreads = 4, kPerThread = 10;
