@@ -189,7 +189,7 @@ int tobasSaveInFile(const char* filename, const char* buf, size_t size) {
   tobasTraceEnter("tobasSaveInFile");
   int fd = open(filename, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   int stat = tobasSTAT_SUCCESS;
-  if (fd < 0) {
+  if (fd == -1) {
     stat = tobasERR_FILE;
   } else {
     if (tobasWriteAll(fd, buf, size) != 0) stat = tobasERR_FILE;

@@ -222,7 +222,9 @@ class FreeTdsCursor : public Cursor {
     int type = dbcoltype(p, col);
     if (isTextType(type)) return std::strtod(getString(col).c_str(), nullptr);
     DBFLT8 v = 0;
-    if (dbconvert(p, type, data, dbdatlen(p, col), SYBFLT8, reinterpret_cast<BYTE*>(&v), sizeof v) <= 0)
+    // A number converts to exactly the eight bytes of a DBFLT8, or fails.
+    const DBINT size = sizeof v;
+    if (dbconvert(p, type, data, dbdatlen(p, col), SYBFLT8, reinterpret_cast<BYTE*>(&v), size) != size)
       return 0;
     return v;
   }

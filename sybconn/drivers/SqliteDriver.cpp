@@ -63,7 +63,7 @@ class SqliteCursor : public Cursor {
       : stmt_(stmt), server_(std::move(server)), succeeded_(true), rowCount_(count), pending_(rowPending) {
     columns_ = sqlite3_column_count(stmt_);
     names_.reserve(static_cast<size_t>(columns_));
-    for (int i = 0; i < columns_; ++i) {
+    for (int i = 0; i != columns_; ++i) {
       const char* n = sqlite3_column_name(stmt_, i);
       names_.emplace_back(n ? n : "");
     }
