@@ -68,6 +68,8 @@ inline std::string fileReply(const std::string& fileName, const std::string& con
 int fullBacklogPort();
 
 using testsupport::readFile;
+// Every function the client log traces as entered is traced as left as often.
+void expectTracesPaired(const std::string& log);
 std::vector<std::string> listDir(const std::string& dir);  // sorted, hidden names too
 
 }  // namespace archivetest

@@ -156,6 +156,7 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
   for (const char* line : {"HTTP/1.0 500 Err\r\n", "HTTP/1.0 200 OK\r\n"})
     replies.push_back(line + cd + "filename=\"x\"\r\nX-A: y content-length: 4\r\n\r\ndata");
   for (const std::string& r : replies) {
+    std::snprintf(final, sizeof final, "left from an earlier call");
     EXPECT_EQ(tobasERR_INV_REPLY, retrieve({r}, folder)) << r;
     EXPECT_STREQ("", final);
     EXPECT_STREQ("FAILURE", st.status);

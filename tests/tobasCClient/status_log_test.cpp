@@ -136,13 +136,19 @@ TEST_F(TobasLog, LineFormatLevelsAndSettings) {
   setenv("TZ", "XXX-5:30", 1);  // the stamps stay UTC whatever the zone
   tzset();
   testing::internal::CaptureStdout();
-  std::thread other([] { tobasLogError("disk %s is full", "d1"); });  // its echo leaves stdout usable
-  const auto otherTid = static_cast<unsigned long>(other.native_handle());
-  other.join();
+  std::string errors;  // each echo leaves stdout usable by this thread, and then by the next
+  for (const char* disk : {"d1", "d2"}) {
+    std::thread other([disk] { tobasLogError("disk %s is full", disk); });
+    errors += "T [ERROR] disk " + std::string(disk) + " is full [" +
+              std::to_string(static_cast<unsigned long>(other.native_handle())) + "]\n";
+    other.join();
+    std::fflush(stdout);
+  }
   tobasLogInfo(LEV3, "written %d", 3);
   tobasLogInfo(LEV4, "above the level");
   const std::string echoed = testing::internal::GetCapturedStdout(), first = readFile(log);
-  EXPECT_EQ(first.substr(0, first.find('\n') + 1), echoed);  // only level 0 is echoed at verbose level 1
+  const size_t info = first.rfind('\n', first.find("[INFO]")) + 1;  // where the INFO line begins
+  EXPECT_EQ(first.substr(0, info), echoed);  // only level 0 is echoed at verbose level 1
   tobasSetVerboseLevel(-1);
   unsetenv("TZ");
   tzset();
@@ -154,8 +160,8 @@ TEST_F(TobasLog, LineFormatLevelsAndSettings) {
   tobasLogDebug("d5");
   tobasLogEmerg("e");
   const std::string tid = " [" + std::to_string(static_cast<unsigned long>(pthread_self())) + "]\n";
-  EXPECT_EQ("T [ERROR] disk d1 is full [" + std::to_string(otherTid) + "]\n" + "T [INFO] written 3" + tid +
-                "T [WARNING] w" + tid + "T [DEBUG] d5" + tid + "T [EMERG] e" + tid,
+  EXPECT_EQ(errors + "T [INFO] written 3" + tid + "T [WARNING] w" + tid + "T [DEBUG] d5" + tid +
+                "T [EMERG] e" + tid,
             std::regex_replace(readFile(log), std::regex("2025-11-10T07:05:09\\.123 "), "T "));
 
   tobasBIG_BUF file;
@@ -213,7 +219,7 @@ TEST_F(TobasLog, CleanUpOfRotatedFiles) {
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, -1));
   EXPECT_EQ(0, tobasCleanUpRotLogFiles(LEV3));  // no history: nothing removed
   EXPECT_EQ(6u, listDir(dir.path()).size());
-  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, 2));
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV5, -1, 2));  // traced
   const size_t open = listDir("/proc/self/fd").size();
   EXPECT_EQ(0, tobasCleanUpRotLogFiles(LEV3));       // two days old and older go
   EXPECT_EQ(open, listDir("/proc/self/fd").size());  // the folder is closed again
@@ -223,4 +229,5 @@ TEST_F(TobasLog, CleanUpOfRotatedFiles) {
   ASSERT_EQ(0, rename(dir.path().c_str(), (dir.path() + "-moved").c_str()));
   EXPECT_EQ(1, tobasCleanUpRotLogFiles(LEV3));
   rename((dir.path() + "-moved").c_str(), dir.path().c_str());
+  expectTracesPaired(readFile(log));
 }
