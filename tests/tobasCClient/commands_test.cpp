@@ -101,6 +101,9 @@ TEST_F(Commands, RequestPaths) {
   EXPECT_EQ(tobasERR_INV_PARS, tobasLabel(host, p, 5, std::string(6000, '=').c_str(), &st));
   EXPECT_EQ(tobasERR_INV_PARS, st.errorCode);
   EXPECT_STREQ("FAILURE", st.status);
+  tobasFreeStatus(&st);
+  EXPECT_EQ(tobasERR_INV_PARS, tobasRetrieve2File(host, p, 5, std::string(6000, '=').c_str(), -1, "", "",
+                                                  dir.file("x").c_str(), final, &st));
   EXPECT_EQ(tobasERR_FILE, tobasArchive(host, p, 5, dir.file("missing").c_str(), "", 0, 0, &st));
   EXPECT_STREQ("Invalid filename specified", st.message);
   EXPECT_EQ(requests, srv.requests().size());
