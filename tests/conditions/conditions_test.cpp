@@ -248,6 +248,10 @@ TEST_F(Conditions, AChangedParametersFileIsReadAgain) {
     std::this_thread::sleep_for(std::chrono::milliseconds(60));
     EXPECT_EQ(ServiceConnectionSyb("A").dbName(), db);
   }
+  // Found unchanged past the recheck interval, it is not read again: its password needs no key.
+  std::filesystem::remove(dir_.file("key"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(ServiceConnectionSyb("A").dbName(), "other");
 }
 
 }  // namespace

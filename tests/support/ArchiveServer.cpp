@@ -15,6 +15,17 @@
 
 namespace archivetest {
 
+void expectTracesPaired(const std::string& log) {
+  std::map<std::string, int> open;
+  const std::regex trace(R"(\] (Enter|Leav)ing (\w+)\(\))");
+  for (std::sregex_iterator m(log.begin(), log.end(), trace), end; m != end; ++m)
+    open[(*m)[2]] += (*m)[1] == "Enter" ? 1 : -1;
+  const std::regex lock(R"(\] Entering _tobas(Lock|Unlock)SrvInfoSem\(\))");
+  for (std::sregex_iterator m(log.begin(), log.end(), lock), end; m != end; ++m)
+    open["_tobasLockSrvInfoSem/_tobasUnlockSrvInfoSem"] += (*m)[1] == "Lock" ? 1 : -1;
+  for (const auto& [fn, n] : open) EXPECT_EQ(0, n) << fn << " entered and left unequally often";
+}
+
 namespace {
 testsupport::TempDir logDir;  // removed at exit; the environment below never is
 
@@ -29,21 +40,6 @@ struct TraceLog : testing::Environment {
   void TearDown() override { expectTracesPaired(readFile(getenv("TOBAS_LOG_FILE"))); }
 };
 const auto* traceLog = testing::AddGlobalTestEnvironment(new TraceLog);
-
-}  // namespace
-
-void expectTracesPaired(const std::string& log) {
-  std::map<std::string, int> open;
-  const std::regex trace(R"(\] (Enter|Leav)ing (\w+)\(\))");
-  for (std::sregex_iterator m(log.begin(), log.end(), trace), end; m != end; ++m)
-    open[(*m)[2]] += (*m)[1] == "Enter" ? 1 : -1;
-  const std::regex lock(R"(\] Entering _tobas(Lock|Unlock)SrvInfoSem\(\))");
-  for (std::sregex_iterator m(log.begin(), log.end(), lock), end; m != end; ++m)
-    open["_tobasLockSrvInfoSem/_tobasUnlockSrvInfoSem"] += (*m)[1] == "Lock" ? 1 : -1;
-  for (const auto& [fn, n] : open) EXPECT_EQ(0, n) << fn << " entered and left unequally often";
-}
-
-namespace {
 
 int listenLoopback(int backlog, int& port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
