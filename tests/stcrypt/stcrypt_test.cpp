@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <regex>
 #include <string>
-#include <utility>
 
 #include "tests/support/LogCapture.h"
 #include "tests/support/TempDir.h"

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstdio>
 #include <ctime>
 #include <iterator>
 #include <memory>
