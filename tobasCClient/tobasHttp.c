@@ -532,15 +532,16 @@ int tobasGetAt(const char* host, int port, const tobasRequest* rq) {
   }
 }
 
-/* The file to send, open, and its size; 0 or tobasERR_FILE. */
+/* The file to send, open, and its size; 0 or tobasERR_FILE. Only a regular file has the size it will
+   send: a folder cannot be read, a pipe or device has none. */
 static int openSource(const char* srcFilename, int* file, long* size) {
   struct stat st;
   *file = open(srcFilename, O_RDONLY | O_CLOEXEC);
-  if (*file >= 0 && fstat(*file, &st) == 0) {
+  if (*file >= 0 && fstat(*file, &st) == 0 && S_ISREG(st.st_mode)) {
     *size = (long)st.st_size;
     return tobasSTAT_SUCCESS;
   }
-  if (*file >= 0) close(*file);
+  if (*file != -1) close(*file);
   *file = -1;
   return tobasERR_FILE;
 }

@@ -312,9 +312,10 @@ class Rewriter {
     return i < toks_.size() && toks_[i].type == Tok::Punct && toks_[i].first == c;
   }
   bool significant(size_t i) const { return toks_[i].type != Tok::Space && toks_[i].type != Tok::Comment; }
-  // Index of the next significant token at or after i, or the token count.
+  // Index of the next significant token at or after i (at most the token
+  // count), or the token count.
   size_t nextSig(size_t i) const {
-    while (i < toks_.size() && !significant(i)) ++i;
+    while (i != toks_.size() && !significant(i)) ++i;
     return i;
   }
   // True for a token that ends a select list at its own depth (',' ends an

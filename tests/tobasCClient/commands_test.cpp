@@ -106,6 +106,9 @@ TEST_F(Commands, RequestPaths) {
                                                   dir.file("x").c_str(), final, &st));
   EXPECT_EQ(tobasERR_FILE, tobasArchive(host, p, 5, dir.file("missing").c_str(), "", 0, 0, &st));
   EXPECT_STREQ("Invalid filename specified", st.message);
+  const size_t fds = listDir("/proc/self/fd").size();  // a folder is no file to send, and is closed again
+  EXPECT_EQ(tobasERR_FILE, tobasArchive(host, p, 5, dir.path().c_str(), "", 0, 0, &st));
+  EXPECT_EQ(fds, listDir("/proc/self/fd").size());
   EXPECT_EQ(requests, srv.requests().size());
 }
 
@@ -165,6 +168,7 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
     EXPECT_STREQ("FAILURE", st.status);
   }
   EXPECT_TRUE(listDir(folder).empty());
+  EXPECT_HAS(logText(), "[ERROR] Reply names an illegal file to write: \"../out\"");
   EXPECT_HAS(logText(), "[ERROR] Reply announces no length of the file");  // the last row
   EXPECT_EQ(400, retrieve({httpReply(400, statusDoc("FAILURE", "TOBAS_ER_RETRIEVE:4022:WARNING: not here"))},
                           folder));
