@@ -112,6 +112,19 @@ TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
   }
   EXPECT_HAS(logText(), "[ERROR] Invalid status line in reply");
   EXPECT_HAS(logText(), "[ERROR] Invalid content length in reply: -5");
+  // Each read clears the rows of the one before; a field is looked for in the first 32 rows only.
+  Exchange ex;
+  for (const char* bytes :
+       {"HTTP/1.0 200 OK\r\nX-A: 1\r\nX-B: 2\r\nX-Old: 3\r\n\r\n", "HTTP/1.0 200 OK\r\n\r\n"}) {
+    Feed f(bytes);
+    int fd = f.fds[0];
+    EXPECT_EQ(0, tobasRecvHttpHdr(&fd, ex.hdr, &ex.resp, &ex.data, &ex.len));
+  }
+  tobasBIG_BUF value;
+  EXPECT_NE(0, tobasGetHttpHdrEntry(ex.hdr, "x-old", nullptr, value));
+  for (int row = 0; row < 33; ++row) snprintf(ex.hdr[row], sizeof ex.hdr[row], "x-%d: %d\r\n", row, row);
+  EXPECT_EQ(0, tobasGetHttpHdrEntry(ex.hdr, "x-31", nullptr, value));
+  EXPECT_NE(0, tobasGetHttpHdrEntry(ex.hdr, "x-32", nullptr, value));
 
   Feed lines("ab\ncdefgh");
   char buf[5];
