@@ -240,7 +240,7 @@ static int recvReply(Reader* r, tobasHTTP_HDR hdr, tobasHTTP_RESP* resp, tobasHT
   tobasTraceEnter("tobasRecvHttpHdr");
   resp->version[0] = resp->message[0] = '\0';
   resp->status = 0;
-  for (int row = 0; row < tobasHTTP_HDR_ROWS; ++row) hdr[row][0] = '\0';
+  for (int row = 0; row != tobasHTTP_HDR_ROWS; ++row) hdr[row][0] = '\0';
   int stat = readHeader(r, hdr, resp, dataLen);
   if (stat == 0 && resp->status == tobasSRV_INV_QUERY) {
     stat = readerBody(r, *dataLen, &rep->pdata);
