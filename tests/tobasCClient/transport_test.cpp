@@ -291,6 +291,10 @@ TEST(TobasTransport, TimeOutsHoldThroughSignals) {
     _setReplyTimeoutFromFloat(set);
     EXPECT_FLOAT_EQ(got, _getTimeOut());
   }
+  Feed ready("x");
+  const size_t mark = logText().size();
+  EXPECT_EQ(0, _pollFd(ready.fds[0], 0));  // no time-out of its own: the default
+  EXPECT_HAS(logText().substr(mark), "Requested timeout: 2.500000s");
   Feed silent("", false);
   interruptEvery(60);
   const int rc = _pollFd(silent.fds[0], 5.0f);
