@@ -262,6 +262,8 @@ int _tobasHttpGet(const char* host, int port, const char* userAgent, const char*
 /* As _tobasHttpGet, with fail-over when host names a registered server list ("" = default list). */
 int tobasHttpGet(const char* host, int port, const char* userAgent, const char* path, int receiveData,
                  tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp, tobasHTTP_HDR httpHdr);
+/* Posts srcFilename (a regular file: anything else is tobasERR_FILE, before any request) or, without one,
+   dataLen bytes of data. */
 int _tobasHttpPost(const char* host, int port, const char* userAgent, const char* path, const char* mimeType,
                    const char* contentDisp, const char* srcFilename, const char* data, long dataLen,
                    tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp,
