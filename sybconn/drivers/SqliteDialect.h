@@ -34,9 +34,12 @@ struct DialectResult {
 // own file); its qualified names become main.table and are not recorded.
 DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql, const std::string& homeDatabase = "");
 
-// A quick test, without tokenising: false when the text holds none of the
-// words and marks that a rewrite looks for (so it would come back unchanged).
-// True does not mean that anything will change.
+// A quick test, without tokenising: false when the rewrite would give the text
+// back unchanged because it holds none of the words and marks a rewrite looks
+// for, outside literals and comments, and no "=" inside a select list (where
+// `name = expr` would be an alias). True does not mean that anything will
+// change: a literal or comment inside a select list, for one, is left to the
+// rewrite.
 bool mayNeedRewrite(const std::string& sybaseSql);
 
 }  // namespace sybconn
