@@ -1,11 +1,14 @@
-// Fuzz target: the Sybase-to-SQLite rewriter must never crash or hang, and
-// every string literal of the input must come out unchanged and in order.
+// Fuzz target: the dialect rewrite must never crash or hang, every string
+// literal of the input must come out unchanged and in order, and the quick
+// paths (the test that skips a text, the scan that rewrites qualified names
+// alone) must give what the token-by-token rewrite gives.
 #include <cstdint>
+#include <algorithm>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
-#include "sybconn/drivers/SqliteDialect.h"
+#include "sybconn/drivers/Dialect.h"
 
 namespace {
 
@@ -49,7 +52,15 @@ std::vector<std::string> literals(const std::string& s) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string in(reinterpret_cast<const char*>(data), size);
-  const sybconn::DialectResult r = sybconn::rewriteSybaseToSqlite(in);
+  using sybconn::DialectTarget;
+  // The home database is the first word of the text, if any.
+  const std::string home = in.substr(0, std::min(in.find_first_of(". ("), size_t{16}));
+  for (DialectTarget t : {DialectTarget::Sqlite, DialectTarget::Postgres}) {
+    const sybconn::DialectResult quick = sybconn::rewriteSybase(in, t, home);
+    const sybconn::DialectResult full = sybconn::rewriteSybaseByTokens(in, t, home);
+    if (quick.sql != full.sql || quick.databases != full.databases) std::abort();
+  }
+  const sybconn::DialectResult r = sybconn::rewriteSybaseByTokens(in, DialectTarget::Sqlite);
   // The quick test may only skip texts that the rewrite leaves unchanged.
   if (!sybconn::mayNeedRewrite(in) && (r.sql != in || !r.databases.empty())) std::abort();
   // Literals the rewriter writes itself (the getdate() replacement) are the

@@ -44,6 +44,10 @@ class Cursor {
   virtual long rowCount() const = 0;
 };
 
+// A step of the nested named transactions (SybaseConnection::beginTransaction
+// and the like).
+enum class TxVerb { Begin, Commit, Rollback };
+
 class Driver {
  public:
   virtual ~Driver() = default;
@@ -55,6 +59,13 @@ class Driver {
   // Sends one batch. The cursor of the previous batch is released first.
   // Never null: a failed batch gives a cursor whose succeeded() is false.
   virtual std::shared_ptr<Cursor> execute(const std::string& sql) = 0;
+  // Opens a transaction level called `name` (Begin), or commits or rolls back
+  // the innermost open level, which is called `name`. `outermost` is true
+  // when the level is the first one open: the server's own transaction;
+  // levels inside it are savepoints or the server's nested transactions.
+  // SybaseConnection keeps the levels and checks the names; a driver maps the
+  // step onto its server's statements. Never null, like execute().
+  virtual std::shared_ptr<Cursor> transaction(TxVerb verb, const std::string& name, bool outermost) = 0;
   // Affected-row count of the current (last executed) command, -1 if none.
   virtual long rowCount() const = 0;
   // Reads off the pending results of the last batch and cuts its cursor loose:

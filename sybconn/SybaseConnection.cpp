@@ -16,6 +16,8 @@ const char kSqlitePrefix[] = "sqlite:";
 const int kSeverityComm = 9;           // EXCOMM
 const int kErrServerNotFound = 20012;  // SYBEINTF
 const int kErrNotLoggedIn = 20047;     // SYBEDDNE
+const int kSeverityUser = 16;          // a fault of the caller's
+const int kErrNoSuchTransaction = 20037;  // SYBERXID: the server does not know the transaction
 }  // namespace
 
 namespace sybconn {
@@ -68,19 +70,56 @@ void reportError(const SybaseStatus& status) {
 [[gnu::hot]] void SybaseConnection::disconnect() {
   if (driver_) driver_->disconnect();
   driver_.reset();
+  levels_.clear();
+}
+
+[[gnu::hot]] bool SybaseConnection::loggedIn() const {
+  if (driver_ && driver_->isConnected()) return true;
+  SybaseStatus st;
+  st.dbLibSeverity = kSeverityComm;
+  st.dberr = kErrNotLoggedIn;
+  st.dberrstr = "Statement not executed: the connection is not logged in";
+  st.srvname = server_;
+  sybconn::reportError(st);
+  return false;
 }
 
 [[gnu::hot]] SybaseResultSet SybaseConnection::execute(const std::string& sql) {
-  if (!driver_ || !driver_->isConnected()) {
+  if (!loggedIn()) return SybaseResultSet();
+  return SybaseResultSet(driver_->execute(sql));
+}
+
+SybaseResultSet SybaseConnection::transaction(sybconn::TxVerb verb, const std::string& name) {
+  if (!loggedIn()) return SybaseResultSet();
+  const bool begin = verb == sybconn::TxVerb::Begin;
+  if (!begin && (levels_.empty() || levels_.back() != name)) {
     SybaseStatus st;
-    st.dbLibSeverity = kSeverityComm;
-    st.dberr = kErrNotLoggedIn;
-    st.dberrstr = "Statement not executed: the connection is not logged in";
+    st.dbLibSeverity = kSeverityUser;
+    st.dberr = kErrNoSuchTransaction;
+    st.dberrstr = "No open transaction level '" + name + "' to end (innermost: '" +
+                  (levels_.empty() ? std::string() : levels_.back()) + "')";
     st.srvname = server_;
     sybconn::reportError(st);
     return SybaseResultSet();
   }
-  return SybaseResultSet(driver_->execute(sql));
+  std::shared_ptr<sybconn::Cursor> c = driver_->transaction(verb, name, begin ? levels_.empty() : levels_.size() == 1);
+  if (c->succeeded()) {
+    if (begin)
+      levels_.push_back(name);
+    else
+      levels_.pop_back();
+  }
+  return SybaseResultSet(std::move(c));
+}
+
+SybaseResultSet SybaseConnection::beginTransaction(const std::string& name) {
+  return transaction(sybconn::TxVerb::Begin, name);
+}
+SybaseResultSet SybaseConnection::commitTransaction(const std::string& name) {
+  return transaction(sybconn::TxVerb::Commit, name);
+}
+SybaseResultSet SybaseConnection::rollbackTransaction(const std::string& name) {
+  return transaction(sybconn::TxVerb::Rollback, name);
 }
 
 [[gnu::hot]] long SybaseConnection::rowCount() const { return driver_ ? driver_->rowCount() : -1; }

@@ -3,12 +3,14 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include <sybconn/SybaseResultSet.h>
 #include <sybconn/SybaseStatus.h>
 
 namespace sybconn {
 class Driver;
+enum class TxVerb;
 }
 
 // One database login. The server name selects the backend:
@@ -39,6 +41,19 @@ class SybaseConnection {
   // Without a login the result is an empty result set (commandSucceeded() 0).
   SybaseResultSet execute(const std::string& sql);
 
+  // Nested named transactions. beginTransaction opens a level called `name`;
+  // commitTransaction and rollbackTransaction end the innermost level, which
+  // must be called `name` (else nothing is sent and the handler is told).
+  // The outermost level is the server's transaction, inner ones savepoints
+  // within it (nested transactions on Sybase). A level counts as open or
+  // ended only when the server took the step. Levels still open are
+  // forgotten at disconnect.
+  SybaseResultSet beginTransaction(const std::string& name);
+  SybaseResultSet commitTransaction(const std::string& name);
+  SybaseResultSet rollbackTransaction(const std::string& name);
+  // The number of levels open.
+  size_t transactionLevels() const { return levels_.size(); }
+
   // The affected-row count of the connection's current command (DB-Library's
   // dbcount): rows changed by a write, rows read by a select; -1 if unknown.
   long rowCount() const;
@@ -58,8 +73,13 @@ class SybaseConnection {
   static void defaultErrorHandler(const SybaseStatus& status);
 
  private:
+  // Reports and returns false when no login is open.
+  bool loggedIn() const;
+  SybaseResultSet transaction(sybconn::TxVerb verb, const std::string& name);
+
   std::unique_ptr<sybconn::Driver> driver_;
   std::string server_;
+  std::vector<std::string> levels_;  // names of the open transaction levels, outermost first
 };
 
 #endif

@@ -173,33 +173,32 @@ int ServiceConnectionSyb::executeSelect(std::string sql, ResultSet& res, ListOfF
   return result;
 }
 
+// The levels are named A1, A2, ... from the outermost; the log shows each
+// step as the Sybase statement it stands for. The step goes to the login as a
+// typed call, which each backend maps onto its own statements.
 int ServiceConnectionSyb::beginTransaction() const {
   if (conn_ == nullptr) {
     DA_LOG_ERROR("%s", kNoConnection);
     return -1;
   }
   ++transactionNumber_;
-  ResultSet res = execute("begin Tran A" + std::to_string(transactionNumber_));
-  return res.commandSucceeded() != 0 ? 0 : -1;
+  const std::string name = "A" + std::to_string(transactionNumber_);
+  DA_LOG_DEBUG("Sql Statement : begin Tran %s", name.c_str());
+  return conn_->beginTransaction(name).commandSucceeded() != 0 ? 0 : -1;
 }
 
-int ServiceConnectionSyb::commitTransaction() const {
+int ServiceConnectionSyb::commitTransaction() const { return endTransaction(true); }
+
+int ServiceConnectionSyb::rollbackTransaction() const { return endTransaction(false); }
+
+int ServiceConnectionSyb::endTransaction(bool commit) const {
   if (conn_ == nullptr || transactionNumber_ == 0) {
     DA_LOG_ERROR("%s", kNoConnection);
     return -1;
   }
-  ResultSet res = execute("commit A" + std::to_string(transactionNumber_));
-  if (res.commandSucceeded() == 0) return -1;
-  --transactionNumber_;
-  return 0;
-}
-
-int ServiceConnectionSyb::rollbackTransaction() const {
-  if (conn_ == nullptr || transactionNumber_ == 0) {
-    DA_LOG_ERROR("%s", kNoConnection);
-    return -1;
-  }
-  ResultSet res = execute("rollback A" + std::to_string(transactionNumber_));
+  const std::string name = "A" + std::to_string(transactionNumber_);
+  DA_LOG_DEBUG("Sql Statement : %s %s", commit ? "commit" : "rollback", name.c_str());
+  const ResultSet res = commit ? conn_->commitTransaction(name) : conn_->rollbackTransaction(name);
   if (res.commandSucceeded() == 0) return -1;
   --transactionNumber_;
   return 0;

@@ -75,6 +75,7 @@ class ServiceConnectionSyb {
 
  private:
   int readDBParameters();
+  int endTransaction(bool commit) const;
 
   std::string dbServer_;
   std::string dbName_;

@@ -16,7 +16,6 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
-#include <regex>
 #include <string>
 #include <vector>
 
@@ -67,26 +66,21 @@ const long long kTicksPerSecond = 300;
 
 bool isDateType(int type) { return type == SYBDATETIME || type == SYBDATETIME4 || type == SYBDATETIMN; }
 
-// The service connection numbers its nested transactions: begin Tran A<n>,
-// commit A<n>, rollback A<n>. SQL Server has no "commit A<n>" or "rollback
-// A<n>": a name needs the TRAN keyword, and ROLLBACK TRAN takes only the
-// outermost transaction's name or a savepoint's. The outermost level keeps its
-// name; an inner level is a nested BEGIN TRAN (so @@trancount is the level)
-// with a savepoint of its name, which its rollback returns to before its
-// COMMIT TRAN closes the level. Each step runs only if the one before it
-// succeeded. Any other statement is one step as written.
-std::vector<std::string> sqlServerForm(const std::string& sql) {
-  static const std::regex numbered("\\s*(begin\\s+tran|commit|rollback)\\s+(A([0-9]{1,9}))\\s*",
-                                   std::regex::icase);
-  std::smatch m;
-  if (!std::regex_match(sql, m, numbered)) return {sql};
-  const char verb = static_cast<char>(std::tolower(static_cast<unsigned char>(m.str(1)[0])));
-  const std::string name = m.str(2);
-  if (std::stol(m.str(3)) <= 1) {
-    return {(verb == 'b' ? "BEGIN TRAN " : verb == 'c' ? "COMMIT TRAN " : "ROLLBACK TRAN ") + name};
+// The steps of a transaction level on a SQL Server (TDS 7.x), which has no
+// "commit NAME" or "rollback NAME": a name needs the TRAN keyword, and
+// ROLLBACK TRAN takes only the outermost transaction's name or a savepoint's.
+// The outermost level keeps its name; an inner level is a nested BEGIN TRAN
+// (so @@trancount is the level) with a savepoint of its name, which its
+// rollback returns to before its COMMIT TRAN closes the level.
+std::vector<std::string> sqlServerSteps(TxVerb verb, const std::string& name, bool outermost) {
+  if (outermost) {
+    return {(verb == TxVerb::Begin    ? "BEGIN TRAN "
+             : verb == TxVerb::Commit ? "COMMIT TRAN "
+                                      : "ROLLBACK TRAN ") +
+            name};
   }
-  if (verb == 'b') return {"BEGIN TRAN", "SAVE TRAN " + name};
-  if (verb == 'c') return {"COMMIT TRAN"};
+  if (verb == TxVerb::Begin) return {"BEGIN TRAN", "SAVE TRAN " + name};
+  if (verb == TxVerb::Commit) return {"COMMIT TRAN"};
   return {"ROLLBACK TRAN " + name, "COMMIT TRAN"};
 }
 
@@ -100,6 +94,7 @@ class FreeTdsDriver : public Driver {
   bool isConnected() const override { return dbproc_ != nullptr && !DBDEAD(dbproc_); }
   void disconnect() override;
   std::shared_ptr<Cursor> execute(const std::string& sql) override;
+  std::shared_ptr<Cursor> transaction(TxVerb verb, const std::string& name, bool outermost) override;
   // Sends one batch as written.
   std::shared_ptr<Cursor> run(const std::string& sql);
   long rowCount() const override { return lastCount_; }
@@ -385,9 +380,18 @@ void FreeTdsDriver::disconnect() {
   }
 }
 
-std::shared_ptr<Cursor> FreeTdsDriver::execute(const std::string& sql) {
-  if (!isConnected() || dbtds(dbproc_) < DBTDS_7_0) return run(sql);
-  const std::vector<std::string> steps = sqlServerForm(sql);
+std::shared_ptr<Cursor> FreeTdsDriver::execute(const std::string& sql) { return run(sql); }
+
+// Sybase (TDS 5.0) nests named transactions itself; a SQL Server takes the
+// steps above. Each step runs only if the one before it succeeded.
+std::shared_ptr<Cursor> FreeTdsDriver::transaction(TxVerb verb, const std::string& name, bool outermost) {
+  const std::vector<std::string> steps =
+      !isConnected() || dbtds(dbproc_) < DBTDS_7_0
+          ? std::vector<std::string>{(verb == TxVerb::Begin    ? "begin Tran "
+                                      : verb == TxVerb::Commit ? "commit "
+                                                               : "rollback ") +
+                                     name}
+          : sqlServerSteps(verb, name, outermost);
   for (size_t i = 0; i + 1 < steps.size(); ++i) {
     std::shared_ptr<Cursor> c = run(steps[i]);
     if (!c->succeeded()) return c;

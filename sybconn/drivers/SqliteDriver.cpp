@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "sybconn/SybUtils.h"
-#include "sybconn/drivers/SqliteDialect.h"
+#include "sybconn/drivers/Dialect.h"
 
 namespace sybconn {
 namespace {
@@ -180,6 +180,17 @@ timeval SqliteCursor::getDate(int col) const {
   return tv;
 }
 
+// `text` between quotes `q`, a quote inside it doubled: a literal ('),
+// or a name (").
+std::string quoted(const std::string& text, char q) {
+  std::string s(1, q);
+  for (char ch : text) {
+    s += ch;
+    if (ch == q) s += q;
+  }
+  return s += q;
+}
+
 // True when only white space, semicolons and comments follow: no further
 // statement.
 bool onlyBlanksFollow(const char* p, const char* end) {
@@ -238,10 +249,19 @@ class SqliteDriver : public Driver {
     if (!db_) return failed();
     // Most statements need no rewrite; they run from the caller's text.
     if (!mayNeedRewrite(sql)) return current_ = runBatch(sql);
-    const DialectResult r = rewriteSybaseToSqlite(sql, home_);
+    const DialectResult r = rewriteSybase(sql, DialectTarget::Sqlite, home_);
     for (const auto& dbName : r.databases)
       if (!attach(dbName)) return current_ = failed();
     return current_ = runBatch(r.sql);
+  }
+
+  // Every level is a savepoint, the outermost one too: SQLite opens its
+  // transaction with the first one and commits it with its release.
+  std::shared_ptr<Cursor> transaction(TxVerb verb, const std::string& name, bool) override {
+    const std::string id = quoted(name, '"');
+    return execute(verb == TxVerb::Begin    ? "SAVEPOINT " + id
+                   : verb == TxVerb::Commit ? "RELEASE " + id
+                                            : "ROLLBACK TO " + id + "; RELEASE " + id);
   }
 
   long rowCount() const override { return current_ ? current_->rowCount() : -1; }
@@ -323,17 +343,12 @@ class SqliteDriver : public Driver {
     if (lower == "main" || lower == "temp") return true;
     for (const auto& a : attached_)
       if (a == name) return true;
-    std::string sql = "ATTACH DATABASE '";
-    for (char ch : dir_ + "/" + name + ".db") {
-      sql += ch;
-      if (ch == '\'') sql += '\'';
-    }
-    sql += "' AS \"" + name + "\"";
-    if (!exec(sql)) return false;
+    const std::string id = quoted(name, '"');
+    if (!exec("ATTACH DATABASE " + quoted(dir_ + "/" + name + ".db", '\'') + " AS " + id)) return false;
     // The sibling file works in WAL mode like the main one, so that a reader
     // left open on one connection does not lock writers of the others out.
-    if (!exec("PRAGMA \"" + name + "\".journal_mode=WAL")) {
-      exec("DETACH DATABASE \"" + name + "\"");
+    if (!exec("PRAGMA " + id + ".journal_mode=WAL")) {
+      exec("DETACH DATABASE " + id);
       return false;
     }
     attached_.push_back(name);

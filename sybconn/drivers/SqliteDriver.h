@@ -9,7 +9,7 @@
 namespace sybconn {
 
 // The embedded SQLite driver, selected by server names "sqlite:<path>".
-// Statements pass through rewriteSybaseToSqlite first. The database file is
+// Statements pass through rewriteSybase first. The database file is
 // created if missing and opened in WAL mode with a busy time-out, so several
 // connections, from several threads, can share it.
 std::unique_ptr<Driver> makeSqliteDriver();

@@ -245,7 +245,7 @@ TEST_F(Service, NumberedTransactionsAlikeOnTheStub) {
   EXPECT_EQ(log.count("<D> ERROR [ <t> ] KestFileDAOSyb::executeQuery. No connection available\n"), 2u);
   EXPECT_EQ(nextRow(conn_.execute("select sum(a) from t where a > 2")), "3");
   // A commit that fails keeps the counter; release resets it.
-  conn_.execute("commit A1");  // closes the savepoint behind the counter's back
+  conn_.execute("commit tran A1");  // closes the level behind the counter's back
   EXPECT_EQ(conn_.commitTransaction(), -1);
   EXPECT_EQ(conn_.transactionNumber(), 1);
   ASSERT_EQ(conn_.release(), 0);

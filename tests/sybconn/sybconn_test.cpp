@@ -12,7 +12,7 @@
 #include <filesystem>
 #include <vector>
 
-#include "sybconn/drivers/SqliteDialect.h"
+#include "sybconn/drivers/Dialect.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -273,12 +273,29 @@ TEST(Dialect, Rewrites) {
        "obrep2",
        {"x", "ambient"}},
   };
+  using sybconn::DialectTarget;
   for (const auto& c : cases) {
-    const auto r = sybconn::rewriteSybaseToSqlite(c.in, c.home);
-    EXPECT_EQ(r.sql, c.out.empty() ? c.in : c.out) << c.in;
-    EXPECT_EQ(r.databases, c.databases) << c.in;
+    // The character scan and the token rewrite agree.
+    for (const auto& r : {sybconn::rewriteSybase(c.in, DialectTarget::Sqlite, c.home),
+                          sybconn::rewriteSybaseByTokens(c.in, DialectTarget::Sqlite, c.home)}) {
+      EXPECT_EQ(r.sql, c.out.empty() ? c.in : c.out) << c.in;
+      EXPECT_EQ(r.databases, c.databases) << c.in;
+    }
     EXPECT_TRUE(sybconn::mayNeedRewrite(c.in) || (c.out.empty() && c.databases.empty())) << c.in;
   }
+  // PostgreSQL: schemas for databases, the home database's tables unqualified, its own clock, and
+  // transaction statements as written.
+  const std::pair<std::string, std::string> pg[] = {
+      {"select a from obrep2..cs, x.dbo.t where d < getdate()",
+       "select a from cs, x.t where d < LOCALTIMESTAMP(3)"},
+      {"select convert(varchar(10), a + 1), n = convert(int, '1,2') from x..t",
+       "select CAST(a + 1 AS varchar(10)), CAST('1,2' AS int) AS n from x.t"},
+      {"select convert(char, d, 112), convert(int)", ""},  // a style, no type: as written
+      {"begin tran A1", ""}};
+  for (const auto& [in, out] : pg)
+    for (const auto& r : {sybconn::rewriteSybase(in, DialectTarget::Postgres, "obrep2"),
+                          sybconn::rewriteSybaseByTokens(in, DialectTarget::Postgres, "obrep2")})
+      EXPECT_EQ(r.sql, out.empty() ? in : out) << in;
   // The quick test passes over what the rewrite would leave as it is: an "="
   // outside every select list, a literal outside one, a number's dots.
   std::string lists;  // as many open lists as it tracks
@@ -296,7 +313,7 @@ TEST(Dialect, Rewrites) {
       {"select a, 'x' from t", true}};
   for (const auto& [in, want] : quick) {
     EXPECT_EQ(sybconn::mayNeedRewrite(in), want) << in;
-    EXPECT_TRUE(want || sybconn::rewriteSybaseToSqlite(in).sql == in) << in;
+    EXPECT_TRUE(want || sybconn::rewriteSybase(in, DialectTarget::Sqlite).sql == in) << in;
   }
   // Nesting as deep as the text is long neither overflows the stack nor
   // rescans the text for every level.
@@ -304,7 +321,7 @@ TEST(Dialect, Rewrites) {
   for (int i = 0; i < 200000; ++i) deep += "select a=(";
   for (int i = 0; i < 200000; ++i) want += "select (";
   for (int i = 0; i < 200000; ++i) want += " AS a";
-  EXPECT_EQ(sybconn::rewriteSybaseToSqlite(deep).sql, want);
+  EXPECT_EQ(sybconn::rewriteSybase(deep, DialectTarget::Sqlite).sql, want);
 }
 
 TEST(Split, EveryOccurrenceAndAppends) {

@@ -1,4 +1,4 @@
-#include "sybconn/drivers/SqliteDialect.h"
+#include "sybconn/drivers/Dialect.h"
 
 #include <algorithm>
 #include <cctype>
@@ -11,8 +11,18 @@ namespace {
 
 // The savepoint name of a transaction statement that names none.
 const char kUnnamedSavepoint[] = "sybtran";
-// getdate(): the current local time in the library's date text form.
-const char kNowExpression[] = "strftime('%Y%m%d %H:%M:%f','now','localtime')";
+
+// What differs between the backends: the forms a rewrite writes.
+struct Forms {
+  const char* now;         // getdate(): the current local time
+  const char* homePrefix;  // what "home..table" becomes before the table
+  bool savepoints;         // transaction statements become savepoints
+};
+const Forms kSqliteForms{"strftime('%Y%m%d %H:%M:%f','now','localtime')", "main.", true};
+const Forms kPostgresForms{"LOCALTIMESTAMP(3)", "", false};
+const Forms& formsOf(DialectTarget target) {
+  return target == DialectTarget::Postgres ? kPostgresForms : kSqliteForms;
+}
 
 enum class Tok : unsigned char { Space, Comment, String, Word, Number, Punct };
 
@@ -23,6 +33,7 @@ enum class Kw : unsigned char {
   All,
   Begin,
   Commit,
+  Convert,
   Dbo,
   Delete,
   Distinct,
@@ -125,6 +136,7 @@ Kw keyword(const char* w, size_t len) {
       break;
     case 7:
       if (first == 'g') e = {"getdate", Kw::Getdate};
+      if (first == 'c') e = {"convert", Kw::Convert};
       break;
     case 8:
       if (first == 'r') e = {"rollback", Kw::Rollback};
@@ -137,6 +149,36 @@ Kw keyword(const char* w, size_t len) {
       break;
   }
   return e.lower != nullptr && sameWord(w, e.lower, len) ? e.kw : Kw::None;
+}
+
+// The clause words that end a select list at its own depth.
+bool isClauseWord(Kw kw) {
+  switch (kw) {
+    case Kw::From:
+    case Kw::Into:
+    case Kw::Where:
+    case Kw::Union:
+    case Kw::Order:
+    case Kw::Group:
+    case Kw::Having:
+      return true;
+    default:
+      return false;
+  }
+}
+
+// Records database `name` in `r` once. A statement names one or two; a long
+// list of them is looked up through `seen`, filled on first need.
+void noteDatabase(DialectResult& r, std::string_view name, std::unordered_set<std::string>& seen) {
+  const size_t kScanned = 8;
+  if (r.databases.size() < kScanned) {
+    for (const auto& d : r.databases)
+      if (d == name) return;
+  } else {
+    if (seen.empty()) seen.insert(r.databases.begin(), r.databases.end());
+    if (!seen.emplace(name).second) return;
+  }
+  r.databases.emplace_back(name);
 }
 
 // End of the literal or comment that starts at i ('...', "...", [...], -- to
@@ -225,8 +267,8 @@ std::vector<Token>& tokenBuffer() {
 // the "=" are dropped, those after the expression follow the alias.
 class Rewriter {
  public:
-  Rewriter(const std::string& src, const std::string& homeDatabase)
-      : src_(src), home_(homeDatabase), toks_(tokenBuffer()) {
+  Rewriter(const std::string& src, const Forms& forms, const std::string& homeDatabase)
+      : src_(src), forms_(forms), home_(homeDatabase), toks_(tokenBuffer()) {
     tokenize(src, toks_);
     out_.reserve(src.size() + 32);
     // Text after an unterminated literal would land inside it: with one at
@@ -281,6 +323,13 @@ class Rewriter {
         ++depth_;
       } else if (isPunct(i, ')') && depth_ > 0) {
         --depth_;
+        if (!converts_.empty() && converts_.back().close == i) {
+          // The type of a convert follows its expression.
+          const Convert& c = converts_.back();
+          out().append(" AS ").append(src_, toks_[c.typeBegin].begin,
+                                      toks_[c.typeEnd - 1].begin + toks_[c.typeEnd - 1].len - toks_[c.typeBegin].begin);
+          converts_.pop_back();
+        }
       } else if (toks_[i].type == Tok::Word) {
         const size_t after = rewriteWordAt(i, atStart, atStart && lists_.empty());
         if (after != i) {
@@ -292,7 +341,8 @@ class Rewriter {
     }
     endListsFrom(0);
     flushDeferred();
-    return {std::move(out()), std::move(dbs_)};
+    result_.sql = std::move(out());
+    return std::move(result_);
   }
 
  private:
@@ -320,20 +370,7 @@ class Rewriter {
   }
   // True for a token that ends a select list at its own depth (',' ends an
   // item only).
-  bool endsList(size_t i) const {
-    switch (toks_[i].kw) {
-      case Kw::From:
-      case Kw::Into:
-      case Kw::Where:
-      case Kw::Union:
-      case Kw::Order:
-      case Kw::Group:
-      case Kw::Having:
-        return true;
-      default:
-        return isPunct(i, ')') || isPunct(i, ';');
-    }
-  }
+  bool endsList(size_t i) const { return isClauseWord(toks_[i].kw) || isPunct(i, ')') || isPunct(i, ';'); }
   // True when token i is where the innermost open list ends, so that a form
   // cannot reach over it.
   bool listEndsAt(size_t i) const {
@@ -403,20 +440,6 @@ class Rewriter {
     return std::string_view(src_).substr(toks_[i].begin, toks_[i].len);
   }
 
-  // Records database `db` (the text of token i) once. A statement names one
-  // or two; a long list of them is looked up through a set.
-  void noteDatabase(size_t i) {
-    const std::string_view name = view(i);
-    if (dbs_.size() < kScannedDatabases) {
-      for (const auto& d : dbs_)
-        if (d == name) return;
-    } else {
-      if (seen_.empty()) seen_.insert(dbs_.begin(), dbs_.end());
-      if (!seen_.emplace(name).second) return;
-    }
-    dbs_.push_back(text(i));
-  }
-
   // X..table and X.dbo.table starting at word i name the table of database X;
   // a column may follow (X..table.column). Emits "X.table" ("main.table" for
   // the home database) and returns the index after the table's token, or i
@@ -432,9 +455,9 @@ class Rewriter {
     }
     if (table >= toks_.size() || toks_[table].type != Tok::Word || listEndsAt(table)) return i;
     if (!home_.empty() && view(i) == home_) {
-      out() += "main.";
+      out() += forms_.homePrefix;
     } else {
-      noteDatabase(i);
+      noteDatabase(result_, view(i), seen_);
       emit(i);
       emit(i + 1);  // the first '.': "X." runs on in the source
     }
@@ -481,9 +504,10 @@ class Rewriter {
   // Rewrites the form that begins with word i, if any; returns the index
   // after it, or i when none begins there.
   size_t rewriteWordAt(size_t i, bool statementStart, bool transactionAllowed) {
-    size_t after = transactionAllowed ? transaction(i) : i;
+    size_t after = transactionAllowed && forms_.savepoints ? transaction(i) : i;
     if (after == i && statementStart) after = deleteWithoutFrom(i);
     if (after == i) after = getdateCall(i);
+    if (after == i) after = convertCall(i);
     if (after == i) after = selectStatement(i);
     if (after == i) after = databaseQualifiedName(i);
     return after;
@@ -507,8 +531,50 @@ class Rewriter {
     if (!isPunct(open, '(')) return i;
     const size_t close = nextSig(open + 1);
     if (!isPunct(close, ')')) return i;
-    out() += kNowExpression;
+    out() += forms_.now;
     return close + 1;
+  }
+
+  // "convert(type, expr)" becomes "CAST(expr AS type)": the type is written
+  // when the call's ")" comes. A call with a third argument (a style) or
+  // without a type is left as written.
+  size_t convertCall(size_t i) {
+    if (!isWord(i, Kw::Convert)) return i;
+    const size_t open = nextSig(i + 1);
+    if (!isPunct(open, '(')) return i;
+    matchParentheses();
+    const Call& call = calls_[open];
+    const size_t type = nextSig(open + 1);
+    if (call.close == kNone || call.commas != 1 || type >= call.comma) return i;
+    size_t typeEnd = call.comma;
+    while (!significant(typeEnd - 1)) --typeEnd;
+    out() += "CAST(";
+    converts_.push_back({type, typeEnd, call.close});
+    ++depth_;
+    // The blanks that followed the comma would now follow "CAST(".
+    size_t expr = call.comma + 1;
+    while (expr != toks_.size() && toks_[expr].type == Tok::Space) ++expr;
+    return expr;
+  }
+
+  // For each "(", its ")" and the commas at its own level: one pass over the
+  // tokens, made when the first convert is met.
+  void matchParentheses() {
+    if (!calls_.empty()) return;
+    calls_.assign(toks_.size(), Call{kNone, kNone, 0});
+    std::vector<size_t> open;
+    for (size_t k = 0; k != toks_.size(); ++k) {
+      if (isPunct(k, '(')) {
+        open.push_back(k);
+      } else if (open.empty()) {
+        continue;
+      } else if (isPunct(k, ')')) {
+        calls_[open.back()].close = k;
+        open.pop_back();
+      } else if (isPunct(k, ',') && calls_[open.back()].commas++ == 0) {
+        calls_[open.back()].comma = k;
+      }
+    }
   }
 
   // "select [distinct|all]" opens a select list.
@@ -525,9 +591,19 @@ class Rewriter {
     return startItem(lists_.back(), k);
   }
 
-  static constexpr size_t kScannedDatabases = 8;
+  // A "(" and what is between it and its ")".
+  struct Call {
+    size_t close;  // its ")", or kNone
+    size_t comma;  // its first comma at its own level, or kNone
+    size_t commas;
+  };
+  // A convert being written: its type's tokens and its ")".
+  struct Convert {
+    size_t typeBegin, typeEnd, close;
+  };
 
   const std::string& src_;
+  const Forms& forms_;
   const std::string& home_;
   std::vector<Token>& toks_;
   bool swapAliases_;
@@ -537,17 +613,23 @@ class Rewriter {
   size_t deferred_ = kNone;  // first of the blanks held back, if any
   int depth_ = 0;            // parentheses open
   std::vector<List> lists_;
-  std::vector<std::string> dbs_;
-  std::unordered_set<std::string> seen_;  // dbs_, once it is long
+  std::vector<Call> calls_;  // by token index, once a convert is met
+  std::vector<Convert> converts_;
+  DialectResult result_;
+  std::unordered_set<std::string> seen_;  // result_.databases, once it is long
 };
 
-}  // namespace
+// What a scan of the characters found a text to need.
+enum class Need { Nothing, Names, Tokens };
 
-DialectResult rewriteSybaseToSqlite(const std::string& sybaseSql, const std::string& homeDatabase) {
-  return Rewriter(sybaseSql, homeDatabase).run();
-}
-
-bool mayNeedRewrite(const std::string& str) {
+// Scans a text as the tokenizer would split it, without storing tokens, for
+// what a rewrite would change. Without `out` it stops at the first sign of a
+// change (Tokens). With `out`, it rewrites the qualified names it passes into
+// out->sql as it goes: when the result is Names, that is the whole rewrite;
+// anything else it finds (a keyword of a form, an "=" or a literal inside a
+// select list, a qualified name whose parts are keywords) is Tokens, left to
+// the token-by-token rewrite.
+Need scan(const std::string& str, const Forms& forms, const std::string& home, DialectResult* out) {
   const char* const s = str.data();
   const size_t n = str.size();
   // The parenthesis depths of the select lists open here, innermost last:
@@ -559,6 +641,8 @@ bool mayNeedRewrite(const std::string& str) {
   const auto closeAt = [&](int d) {
     while (open > 0 && lists[open - 1] >= d) --open;
   };
+  size_t copied = 0;  // out->sql holds the rewrite of s up to here
+  std::unordered_set<std::string> seen;
   size_t i = 0;
   while (i != n) {
     const unsigned char c = static_cast<unsigned char>(s[i]);
@@ -566,7 +650,7 @@ bool mayNeedRewrite(const std::string& str) {
     if (const size_t e = mayStartQuoted(c) ? quotedEnd(s, n, i, unterminated) : 0) {
       // A literal or comment in a select list is left to the rewrite, which
       // knows where the list's items begin.
-      if (open > 0) return true;
+      if (open > 0) return Need::Tokens;
       i = e;
       continue;
     }
@@ -580,11 +664,13 @@ bool mayNeedRewrite(const std::string& str) {
       ++i;
       switch (c) {
         case '.':
-          if (i != n && s[i] == '.') return true;
-          if (n - i > 3 && sameWord(s + i, "dbo.", 4)) return true;
+          // Without output, a qualified name is a change; with it, a name
+          // is rewritten where its first word ends.
+          if (out == nullptr && i != n && (s[i] == '.' || (n - i > 3 && sameWord(s + i, "dbo.", 4))))
+            return Need::Tokens;
           break;
         case '=':
-          if (open > 0) return true;
+          if (open > 0) return Need::Tokens;
           break;
         case '(':
           ++depth;
@@ -603,31 +689,78 @@ bool mayNeedRewrite(const std::string& str) {
     }
     size_t j = i + 1;
     while (j != n && isWordChar(static_cast<unsigned char>(s[j]))) ++j;
-    switch (keyword(s + i, j - i)) {
+    const Kw kw = keyword(s + i, j - i);
+    switch (kw) {
       case Kw::Begin:
       case Kw::Commit:
       case Kw::Rollback:
       case Kw::Delete:
       case Kw::Getdate:
-        return true;
+      case Kw::Convert:
+        return Need::Tokens;
       case Kw::Select:
-        if (open == sizeof lists / sizeof lists[0]) return true;
+        if (open == sizeof lists / sizeof lists[0]) return Need::Tokens;
         lists[open++] = depth;
         break;
-      case Kw::From:
-      case Kw::Into:
-      case Kw::Where:
-      case Kw::Union:
-      case Kw::Order:
-      case Kw::Group:
-      case Kw::Having:
-        closeAt(depth);
-        break;
       default:
+        if (isClauseWord(kw)) closeAt(depth);
         break;
     }
-    i = j;
+    // X..table or X.dbo.table: the table's word starts at `table`.
+    size_t table = j;
+    if (out != nullptr && n - j > 2 && s[j] == '.') {
+      if (s[j + 1] == '.')
+        table = j + 2;
+      else if (n - j > 5 && sameWord(s + j + 1, "dbo", 3) && s[j + 4] == '.')
+        table = j + 5;
+    }
+    if (table == j || !isWordStart(static_cast<unsigned char>(s[table]))) {
+      i = j;
+      continue;
+    }
+    size_t end = table + 1;
+    while (end != n && isWordChar(static_cast<unsigned char>(s[end]))) ++end;
+    if (kw != Kw::None || keyword(s + table, end - table) != Kw::None) return Need::Tokens;
+    const std::string_view db(s + i, j - i);
+    out->sql.append(s + copied, i - copied);
+    if (!home.empty() && db == home) {
+      out->sql += forms.homePrefix;
+    } else {
+      noteDatabase(*out, db, seen);
+      out->sql.append(db).append(1, '.');
+    }
+    copied = table;
+    // The table's word is copied as it stands: it starts no name of its own.
+    i = end;
   }
-  return false;
+  if (out == nullptr || copied == 0) return Need::Nothing;
+  out->sql.append(s + copied, n - copied);
+  return Need::Names;
+}
+
+}  // namespace
+
+DialectResult rewriteSybaseByTokens(const std::string& sybaseSql, DialectTarget target,
+                                    const std::string& homeDatabase) {
+  return Rewriter(sybaseSql, formsOf(target), homeDatabase).run();
+}
+
+DialectResult rewriteSybase(const std::string& sybaseSql, DialectTarget target, const std::string& homeDatabase) {
+  const Forms& forms = formsOf(target);
+  DialectResult r;
+  r.sql.reserve(sybaseSql.size());
+  switch (scan(sybaseSql, forms, homeDatabase, &r)) {
+    case Need::Names:
+      return r;
+    case Need::Nothing:
+      r.sql = sybaseSql;
+      return r;
+    default:
+      return Rewriter(sybaseSql, forms, homeDatabase).run();
+  }
+}
+
+bool mayNeedRewrite(const std::string& sybaseSql) {
+  return scan(sybaseSql, kSqliteForms, std::string(), nullptr) != Need::Nothing;
 }
 }  // namespace sybconn
