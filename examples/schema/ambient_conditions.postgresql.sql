@@ -2,8 +2,8 @@
 -- library names them ambient..seeing_torvane and ambient..ka_venna, so this
 -- schema goes into the schema ambient of the database a service connection
 -- logs in to (create schema ambient; set search_path to ambient; then this).
--- start_date is the negated number of seconds since 1980-01-01; fwhm is in hundredths of an arcsecond, 255 marking an invalid
--- measurement.
+-- start_date is the negated number of seconds since 1980-01-01; fwhm is in
+-- hundredths of an arcsecond, 255 marking an invalid measurement.
 create table if not exists seeing_torvane (
   start_date int not null,
   interval   int null,
