@@ -9,9 +9,12 @@
 #include <sybconn/SybUtils.h>
 #include <sybconn/SybaseConnection.h>
 
+#include <atomic>
 #include <functional>
 #include <memory>
+#include <set>
 #include <sstream>
+#include <thread>
 
 #include "tests/support/Backend.h"
 #include "tests/support/LogCapture.h"
@@ -260,6 +263,40 @@ TEST_F(Catalogue, ReplicationRoundTrips) {
   EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Could not submit replication request for file F\n"));
   EXPECT_EQ(missing.loadAll(requests_, *conn_), -1);
   EXPECT_TRUE(log.containsFragment("ERROR [ <t> ] Error executing SQL command select file_id"));
+}
+
+// Eight threads borrow a login through the pool for each step and move requests through the queue inside
+// numbered transactions, the inner one rolled back: every row is there once, and a shared counter took
+// every increment of the outer ones.
+TEST_F(Catalogue, ConcurrentTransactionsLoseAndDoubleNothing) {
+  ASSERT_EQ(queue_.insert(request("counter", 1, "D"), *conn_), 1);
+  const int kThreads = 8, kSteps = 12;
+  std::atomic<int> failed{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([&, t] {
+      ReplicationRequestDAOSyb queue("repl_queue");
+      for (int i = 0; i < kSteps; ++i) {
+        ServiceConnectionSyb c(conn_->server(), "ops", "pw", "archive");
+        const std::string id = "T" + std::to_string(t) + "." + std::to_string(i);
+        const bool ok = c.acquire() == 0 && c.beginTransaction() == 0 &&
+                        queue.insert(request(id, 1, "D"), c) == 1 &&
+                        c.execute("update repl_queue set priority = priority + 1 where file_id = 'counter'")
+                                .commandSucceeded() == 1 &&
+                        c.beginTransaction() == 0 && queue.update(id, RR::Error, "undone", c) == 1 &&
+                        c.rollbackTransaction() == 0 && queue.update(id, RR::Replicated, "", c) == 1 &&
+                        c.commitTransaction() == 0;
+        if (!ok) ++failed;
+      }
+    });
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(failed.load(), 0);
+  ASSERT_EQ(queue_.find(RR::Replicated, requests_, *conn_), kThreads * kSteps);
+  std::set<std::string> ids;
+  for (const RR& r : requests_) ids.insert(r.fileId_);
+  EXPECT_EQ(ids.size(), requests_.size());
+  ASSERT_EQ(queue_.find("counter", requests_ = {}, *conn_), 1);
+  EXPECT_EQ(requests_[0].priority_, 5 + kThreads * kSteps);
 }
 
 TEST_F(Catalogue, FindersFailWhenTheDatabaseFailsThem) {
