@@ -5,6 +5,7 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(ACE REQUIRED IMPORTED_TARGET ACE)
 pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
 find_package(SQLite3 REQUIRED)
+pkg_check_modules(PQ REQUIRED IMPORTED_TARGET libpq)
 
 # FreeTDS's DB-Library ships no pkg-config file or CMake package.
 find_path(SYBDB_INCLUDE_DIR sybdb.h REQUIRED)

@@ -12,6 +12,8 @@
 // A driver owns one login; a cursor is the result of one executed batch.
 // SybaseConnection picks the driver from the server name given to connect():
 //   "sqlite:<path>"  the embedded SQLite driver (sybconn/drivers/SqliteDriver)
+//   "postgresql://..." or "postgres://..."
+//                    the PostgreSQL driver over libpq (sybconn/drivers/PostgresDriver)
 //   anything else    the FreeTDS DB-Library driver (sybconn/drivers/FreeTdsDriver)
 namespace sybconn {
 

@@ -6,6 +6,7 @@
 #include <daLog/Log.h>
 
 #include "sybconn/drivers/FreeTdsDriver.h"
+#include "sybconn/drivers/PostgresDriver.h"
 #include "sybconn/drivers/SqliteDriver.h"
 
 namespace {
@@ -44,6 +45,7 @@ void reportError(const SybaseStatus& status) {
     return makeSqliteDriver();
   }
   target = server;
+  if (isPostgresUri(server)) return makePostgresDriver();
   return makeFreeTdsDriver();
 }
 

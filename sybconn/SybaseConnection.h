@@ -17,6 +17,9 @@ enum class TxVerb;
 //   "sqlite:/path/to/file.db"  embedded SQLite (file created if missing);
 //                              "X..table" in a statement refers to the sibling
 //                              file X.db, attached as X on first use
+//   "postgresql://[user[:password]@]host[:port][/db][?param=value...]" (or
+//   "postgres://...")          PostgreSQL over libpq; the URI's own user,
+//                              password and database win over the ones given
 //   "host:port" or a name from freetds.conf / interfaces   FreeTDS DB-Library
 // Errors never throw: they reach the process-wide error handler as a
 // SybaseStatus and show in isConnected() / commandSucceeded().

@@ -7,7 +7,9 @@
 // error handler (SybaseConnection::setErrorHandler). `msgno` is non-zero for a
 // message from the server and zero for an error of the client library; the
 // client library fills `dbLibSeverity`, `dberr` and `dberrstr`, the server
-// `srvSeverity`, `msgno`, `msgtext` and the rest.
+// `srvSeverity`, `msgno`, `msgtext` and the rest. `sqlstate` is the five
+// characters of a PostgreSQL server message's SQLSTATE (its `msgno` derives
+// from them); it is empty for the other backends and for client errors.
 // Thread safety: a plain value; distinct objects may be used on different threads at once.
 struct SybaseStatus {
   int dbLibSeverity = 0;
@@ -22,6 +24,7 @@ struct SybaseStatus {
   std::string srvname;
   std::string procname;
   int line = 0;
+  std::string sqlstate;
 };
 
 #endif

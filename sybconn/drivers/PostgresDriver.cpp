@@ -1,0 +1,641 @@
+#include "sybconn/drivers/PostgresDriver.h"
+
+#include <libpq-fe.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cctype>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include <daLog/Log.h>
+
+#include "sybconn/SybUtils.h"
+#include "sybconn/drivers/Dialect.h"
+
+namespace sybconn {
+namespace {
+
+std::atomic<int> g_loginTimeout{15};
+std::atomic<int> g_queryTimeout{0};
+
+// Errors of the client side carry DB-Library's numbers and severities, as the
+// FreeTDS driver reports them.
+const int kTimeSeverity = 6;    // EXTIME
+const int kCommSeverity = 9;    // EXCOMM
+const int kErrTimeout = 20003;  // SYBETIME
+const int kErrConnect = 20009;  // SYBECONN: the login failed or was refused
+const int kErrLost = 20017;     // SYBESEOF: the server went away during a command
+const int kErrNoTran = 20037;   // SYBERXID: no such transaction level to end
+const int kErrMemory = 20010;   // SYBEMEM
+// The server's severities on Sybase's scale.
+const int kWarningSeverity = 10;
+const int kErrorSeverity = 16;  // also a fault of the caller's found on the client side
+const int kFatalSeverity = 20;
+const int kPanicSeverity = 24;
+
+// PostgreSQL's type OIDs read specially.
+const Oid kBoolOid = 16;
+const Oid kDateOid = 1082;
+const Oid kTimestampOid = 1114;
+const Oid kTimestampTzOid = 1184;
+
+std::string trimmed(const char* text) {
+  std::string s = text ? text : "";
+  while (!s.empty() && std::isspace(static_cast<unsigned char>(s.back()))) s.pop_back();
+  return s;
+}
+
+// A SQLSTATE's five characters read as a base-36 number ("42P01" gives
+// 6835393): a distinct non-zero message number for every state. "00000", the
+// state of a plain notice, gives 1, so that a server message never reads as
+// a client error.
+int msgnoOf(const std::string& state) {
+  int n = 0;
+  for (char ch : state) {
+    const int digit = std::isdigit(static_cast<unsigned char>(ch)) ? ch - '0'
+                      : std::isalpha(static_cast<unsigned char>(ch))
+                          ? std::toupper(static_cast<unsigned char>(ch)) - 'A' + 10
+                          : 0;
+    n = n * 36 + digit;
+  }
+  return n != 0 ? n : 1;
+}
+
+int severityOf(const char* level) {
+  const std::string l = level ? level : "";
+  if (l == "ERROR") return kErrorSeverity;
+  if (l == "FATAL") return kFatalSeverity;
+  if (l == "PANIC") return kPanicSeverity;
+  if (l == "WARNING") return kWarningSeverity;
+  return 0;  // NOTICE, INFO, LOG, DEBUG
+}
+
+// The time zone the session is given, so that dates read and written as
+// local time are the client's: $TZ (without a leading ':'), else the zone
+// that /etc/localtime links to. Empty when neither names one, or when $PGTZ
+// is set (libpq sends that itself). A name with characters no zone name has
+// is left out rather than failing every login.
+std::string sessionTimeZone() {
+  if (std::getenv("PGTZ")) return std::string();
+  std::string zone;
+  if (const char* tz = std::getenv("TZ")) {
+    zone = tz[0] == ':' ? tz + 1 : tz;
+  } else {
+    char link[512];
+    const ssize_t n = ::readlink("/etc/localtime", link, sizeof link - 1);
+    if (n > 0) {
+      const std::string target(link, static_cast<size_t>(n));
+      const size_t at = target.find("zoneinfo/");
+      if (at != std::string::npos) zone = target.substr(at + 9);
+    }
+  }
+  for (char ch : zone)
+    if (!std::isalnum(static_cast<unsigned char>(ch)) && !std::strchr("/_+-,.", ch)) return std::string();
+  return zone;
+}
+
+// Reads a date, timestamp or timestamptz text of the server (DateStyle ISO)
+// into a timeval. An offset ("+01", "-05:30") gives the exact instant; a text
+// without one is local time, as SybUtils::parseDate reads it.
+bool parsePgDate(std::string text, timeval& tv) {
+  long offset = 0;
+  bool hasOffset = false;
+  const size_t sign = text.size() > 19 ? text.find_last_of("+-") : std::string::npos;
+  if (sign != std::string::npos && sign >= 19) {
+    int h = 0, m = 0, s = 0;
+    if (std::sscanf(text.c_str() + sign + 1, "%d:%d:%d", &h, &m, &s) < 1) return false;
+    offset = (text[sign] == '-' ? -1 : 1) * (h * 3600L + m * 60L + s);
+    hasOffset = true;
+    text.resize(sign);
+  }
+  timeval local{0, 0};
+  if (!SybUtils::parseDate(text, local)) return false;
+  if (hasOffset) {
+    // parseDate took the fields as local time: move them to UTC, then by
+    // the server's offset.
+    std::tm tm{};
+    const time_t t = local.tv_sec;
+    localtime_r(&t, &tm);
+    local.tv_sec += tm.tm_gmtoff - offset;
+  }
+  tv = local;
+  return true;
+}
+
+// The position just past the host part of a "scheme://host/..." URI.
+size_t hostPartEnd(const std::string& uri) {
+  const size_t start = uri.find("://") + 3;
+  const size_t end = uri.find_first_of("/?#", start);
+  return end == std::string::npos ? uri.size() : end;
+}
+
+// A savepoint name as a quoted identifier: any name works, and the same one
+// is written the same way at its opening and its close.
+std::string quoted(const std::string& name) {
+  std::string q = "\"";
+  for (char ch : name) q += ch == '"' ? std::string("\"\"") : std::string(1, ch);
+  return q + "\"";
+}
+
+class PgCursor;
+
+class PostgresDriver : public Driver {
+ public:
+  ~PostgresDriver() override { disconnect(); }
+
+  bool connect(const std::string& target, const std::string& user, const std::string& password) override;
+  bool isConnected() const override { return conn_ && !broken_ && PQstatus(conn_) == CONNECTION_OK; }
+  void disconnect() override;
+  std::shared_ptr<Cursor> execute(const std::string& sql) override;
+  // The outermost level is the server's transaction, inner ones are
+  // savepoints of their name.
+  std::shared_ptr<Cursor> transaction(TxVerb verb, const std::string& name, bool outermost) override;
+  long rowCount() const override;
+  void detachResults() override;
+
+  // Waits for the command's next result: null at the end of the batch.
+  // False when the wait timed out (the command is then cancelled, its
+  // results read off and the time-out reported).
+  bool fetch(PGresult*& result);
+  // Hands a failed result or a notice to the error handler.
+  void report(const PGresult* result) const;
+  // Ends a COPY that a statement started: this library has no data to give.
+  void refuseCopy(ExecStatusType status);
+
+ private:
+  std::shared_ptr<Cursor> run(const std::string& sql);
+  bool loginFailed(int severity, int dberr, const std::string& text);
+  void clientError(int severity, int dberr, const std::string& text) const;
+  // Waits until the socket has `events`, or until `deadline` (none when
+  // zero). False on time-out.
+  bool waitSocket(short events, std::chrono::steady_clock::time_point deadline) const;
+  bool awaitResult();
+  void cancelCommand();
+
+  PGconn* conn_ = nullptr;
+  bool broken_ = false;  // a silent server lost the login after a time-out
+  std::shared_ptr<const std::string> server_ = std::make_shared<const std::string>();
+  std::string home_;                 // the connected database: its qualified names are local
+  std::vector<std::string> levels_;  // the open transaction levels, outermost first
+  std::shared_ptr<PgCursor> current_;
+  long lastCount_ = -1;
+};
+
+// The outcome of one batch. The rows of its first command that returns rows
+// stream one at a time; the other commands are read through, and succeeded()
+// and rowCount() are those of the last command read (the server stops a
+// batch at its first failing command).
+class PgCursor : public Cursor {
+ public:
+  // A batch that could not be sent.
+  PgCursor() = default;
+  // A batch just sent: its results are read up to the first row.
+  explicit PgCursor(PostgresDriver* owner) : owner_(owner), succeeded_(true) { readResults(true); }
+  ~PgCursor() override {
+    PQclear(row_);
+    PQclear(pending_);
+  }
+
+  bool succeeded() const override { return succeeded_; }
+  bool hasRows() const override { return !names_.empty(); }
+  int columnCount() const override { return static_cast<int>(names_.size()); }
+  std::string columnName(int col) const override {
+    return col >= 1 && col <= columnCount() ? names_[static_cast<size_t>(col - 1)] : std::string();
+  }
+
+  bool next() override {
+    PQclear(row_);
+    row_ = nullptr;
+    if (pending_) {
+      row_ = pending_;
+      pending_ = nullptr;
+      ++read_;
+      return true;
+    }
+    if (!inRows_ || !owner_) return false;
+    PGresult* r = nullptr;
+    if (!owner_->fetch(r)) {
+      fail();
+      return false;
+    }
+    if (r && PQresultStatus(r) == PGRES_SINGLE_TUPLE) {
+      row_ = r;
+      ++read_;
+      return true;
+    }
+    if (r) take(r);
+    inRows_ = false;
+    readResults(false);
+    return false;
+  }
+
+  bool isNull(int col) const override { return !valid(col) || PQgetisnull(row_, 0, col - 1); }
+  std::string getString(int col) const override {
+    if (isNull(col)) return std::string();
+    const char* text = PQgetvalue(row_, 0, col - 1);
+    timeval tv;
+    if (isDate(col) && parsePgDate(text, tv)) return SybUtils::convertFromUnixTimeval(tv);
+    return std::string(text, static_cast<size_t>(PQgetlength(row_, 0, col - 1)));
+  }
+  long getLong(int col) const override {
+    if (isNull(col)) return 0;
+    const char* text = PQgetvalue(row_, 0, col - 1);
+    if (types_[static_cast<size_t>(col - 1)] == kBoolOid) return text[0] == 't' ? 1 : 0;
+    if (isDate(col)) return static_cast<long>(getDate(col).tv_sec);
+    char* end = nullptr;
+    const long v = std::strtol(text, &end, 10);
+    if (*end != '.' && *end != 'e' && *end != 'E') return v;
+    // A numeric or floating value: its whole part, held within a long.
+    const double d = std::strtod(text, nullptr);
+    return d >= static_cast<double>(LONG_MAX)   ? LONG_MAX
+           : d <= static_cast<double>(LONG_MIN) ? LONG_MIN
+                                                : static_cast<long>(d);
+  }
+  double getDouble(int col) const override {
+    return isNull(col) ? 0.0 : std::strtod(PQgetvalue(row_, 0, col - 1), nullptr);
+  }
+  timeval getDate(int col) const override {
+    timeval tv{0, 0};
+    if (!isNull(col)) parsePgDate(PQgetvalue(row_, 0, col - 1), tv);
+    return tv;
+  }
+
+  void release() override {
+    PQclear(row_);
+    row_ = nullptr;
+    if (pending_) {
+      PQclear(pending_);
+      pending_ = nullptr;
+      ++read_;
+    }
+    readResults(false);
+  }
+  long rowCount() const override { return inRows_ ? read_ : count_; }
+
+  // Called when the owner runs another batch, detaches its results or logs
+  // out: the rest of the batch is read off and the login never touched again.
+  void detach() {
+    release();
+    owner_ = nullptr;
+  }
+
+ private:
+  bool valid(int col) const { return row_ && col >= 1 && col <= columnCount(); }
+  bool isDate(int col) const {
+    const Oid t = types_[static_cast<size_t>(col - 1)];
+    return t == kDateOid || t == kTimestampOid || t == kTimestampTzOid;
+  }
+
+  // Reads the batch's results to its end; with `stopAtRows`, up to the first
+  // row of its first command that returns rows, which is held back for next().
+  void readResults(bool stopAtRows) {
+    while (owner_ && !done_) {
+      PGresult* r = nullptr;
+      if (!owner_->fetch(r)) {
+        fail();
+        return;
+      }
+      if (!r) {
+        done_ = true;
+        return;
+      }
+      const ExecStatusType status = PQresultStatus(r);
+      if ((status == PGRES_SINGLE_TUPLE || status == PGRES_TUPLES_OK) && names_.empty()) describe(r);
+      if (status != PGRES_SINGLE_TUPLE) {
+        take(r);
+        continue;
+      }
+      if (stopAtRows && !streamed_) {
+        streamed_ = inRows_ = true;
+        pending_ = r;
+        return;
+      }
+      if (inRows_) ++read_;
+      PQclear(r);
+    }
+  }
+
+  void describe(const PGresult* r) {
+    const int n = PQnfields(r);
+    for (int i = 0; i != n; ++i) {
+      names_.emplace_back(PQfname(r, i));
+      types_.push_back(PQftype(r, i));
+    }
+  }
+
+  // A result that ends a command: its outcome and count become the cursor's.
+  void take(PGresult* r) {
+    const ExecStatusType status = PQresultStatus(r);
+    const char* tuples = PQcmdTuples(r);
+    switch (status) {
+      case PGRES_TUPLES_OK:
+      case PGRES_COMMAND_OK:
+      case PGRES_EMPTY_QUERY:
+        succeeded_ = true;
+        count_ = inRows_ ? read_ : *tuples ? std::atol(tuples) : -1;
+        break;
+      case PGRES_COPY_IN:
+      case PGRES_COPY_OUT:
+        owner_->refuseCopy(status);
+        break;
+      default:
+        succeeded_ = false;
+        owner_->report(r);
+        break;
+    }
+    streamed_ = streamed_ || status == PGRES_TUPLES_OK;
+    inRows_ = false;
+    PQclear(r);
+  }
+
+  void fail() {
+    succeeded_ = false;
+    inRows_ = false;
+    done_ = true;
+  }
+
+  PostgresDriver* owner_ = nullptr;  // null once detached
+  bool succeeded_ = false;
+  bool done_ = false;      // the batch's results are all read
+  bool streamed_ = false;  // the command whose rows stream has been met
+  bool inRows_ = false;    // its rows are being read
+  long read_ = 0;
+  long count_ = -1;
+  PGresult* pending_ = nullptr;  // the first row, read ahead
+  PGresult* row_ = nullptr;      // the row next() moved to
+  std::vector<std::string> names_;
+  std::vector<Oid> types_;
+};
+
+void noticeReceiver(void* driver, const PGresult* notice) {
+  static_cast<const PostgresDriver*>(driver)->report(notice);
+}
+
+bool PostgresDriver::connect(const std::string& target, const std::string& user,
+                             const std::string& password) {
+  disconnect();
+  broken_ = false;
+  server_ = std::make_shared<const std::string>(serverForDisplay(target));
+  const std::string zone = sessionTimeZone();
+  const std::string options = "-c DateStyle=ISO,YMD" + (zone.empty() ? "" : " -c TimeZone=" + zone);
+  // The URI comes last, so that its own user, password and database win:
+  // libpq lets a later keyword override an earlier one.
+  const char* const keys[] = {"user", "password", "client_encoding", "options", "dbname", nullptr};
+  const char* const values[] = {user.c_str(),    password.c_str(), "UTF8",
+                                options.c_str(), target.c_str(),   nullptr};
+  conn_ = PQconnectStartParams(keys, values, 1);
+  if (!conn_) return loginFailed(kCommSeverity, kErrMemory, "Unable to allocate a login to " + *server_);
+  // libpq's connect_timeout counts whole seconds from 2 up: the login is
+  // polled here instead, against the setting's own deadline.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(g_loginTimeout.load());
+  PostgresPollingStatusType state =
+      PQstatus(conn_) == CONNECTION_BAD ? PGRES_POLLING_FAILED : PGRES_POLLING_WRITING;
+  while (state != PGRES_POLLING_OK) {
+    if (state == PGRES_POLLING_FAILED)
+      return loginFailed(kCommSeverity, kErrConnect, trimmed(PQerrorMessage(conn_)));
+    if (!waitSocket(state == PGRES_POLLING_READING ? POLLIN : POLLOUT, deadline))
+      return loginFailed(
+          kTimeSeverity, kErrTimeout,
+          "Login to " + *server_ + " timed out after " + std::to_string(g_loginTimeout.load()) + " s");
+    state = PQconnectPoll(conn_);
+  }
+  PQsetNoticeReceiver(conn_, noticeReceiver, this);
+  home_ = PQdb(conn_);
+  DA_LOG_DEBUG("Logged in to %s", server_->c_str());
+  return true;
+}
+
+bool PostgresDriver::loginFailed(int severity, int dberr, const std::string& text) {
+  if (conn_) PQfinish(conn_);
+  conn_ = nullptr;
+  clientError(severity, dberr, text);
+  return false;
+}
+
+void PostgresDriver::clientError(int severity, int dberr, const std::string& text) const {
+  SybaseStatus st;
+  st.dbLibSeverity = severity;
+  st.dberr = dberr;
+  st.dberrstr = text;
+  st.srvname = *server_;
+  reportError(st);
+}
+
+void PostgresDriver::disconnect() {
+  detachResults();
+  if (conn_) PQfinish(conn_);
+  conn_ = nullptr;
+  levels_.clear();
+}
+
+std::shared_ptr<Cursor> PostgresDriver::execute(const std::string& sql) {
+  // Most statements need no rewrite; they run from the caller's text.
+  if (!mayNeedRewrite(sql)) return run(sql);
+  return run(rewriteSybase(sql, DialectTarget::Postgres, home_).sql);
+}
+
+std::shared_ptr<Cursor> PostgresDriver::transaction(TxVerb verb, const std::string& name, bool outermost) {
+  if (verb == TxVerb::Begin) {
+    std::shared_ptr<Cursor> c = run(outermost ? "BEGIN" : "SAVEPOINT " + quoted(name));
+    if (c->succeeded()) levels_.push_back(name);
+    return c;
+  }
+  // The driver keeps its own record of the levels: a step that does not end
+  // the innermost one it opened is refused before it reaches the server.
+  if (levels_.empty() || levels_.back() != name || outermost != (levels_.size() == 1)) {
+    detachResults();
+    clientError(kErrorSeverity, kErrNoTran, "No open transaction level '" + name + "' to end on " + *server_);
+    return current_ = std::make_shared<PgCursor>();
+  }
+  const std::string id = quoted(name);
+  const bool commit = verb == TxVerb::Commit;
+  if (commit && outermost && conn_ && PQtransactionStatus(conn_) == PQTRANS_INERROR) {
+    // The server would take this COMMIT as a ROLLBACK and say so only in its
+    // command tag. Refused instead: the level stays open for its rollback.
+    detachResults();
+    clientError(kErrorSeverity, kErrNoTran,
+                "Transaction '" + name + "' on " + *server_ + " cannot commit: a statement in it failed");
+    return current_ = std::make_shared<PgCursor>();
+  }
+  std::shared_ptr<Cursor> c = run(outermost ? (commit ? "COMMIT" : "ROLLBACK")
+                                  : commit  ? "RELEASE SAVEPOINT " + id
+                                            : "ROLLBACK TO SAVEPOINT " + id + "; RELEASE SAVEPOINT " + id);
+  // As in SybaseConnection, a level ends only when the server took the step.
+  if (c->succeeded()) levels_.pop_back();
+  return c;
+}
+
+std::shared_ptr<Cursor> PostgresDriver::run(const std::string& sql) {
+  detachResults();
+  lastCount_ = -1;
+  if (!isConnected()) return current_ = std::make_shared<PgCursor>();
+  if (!PQsendQuery(conn_, sql.c_str())) {
+    clientError(kCommSeverity, kErrLost, trimmed(PQerrorMessage(conn_)));
+    return current_ = std::make_shared<PgCursor>();
+  }
+  PQsetSingleRowMode(conn_);
+  return current_ = std::make_shared<PgCursor>(this);
+}
+
+long PostgresDriver::rowCount() const { return current_ ? current_->rowCount() : lastCount_; }
+
+void PostgresDriver::detachResults() {
+  if (!current_) return;
+  current_->detach();
+  lastCount_ = current_->rowCount();
+  current_.reset();
+}
+
+bool PostgresDriver::waitSocket(short events, std::chrono::steady_clock::time_point deadline) const {
+  using namespace std::chrono;
+  for (;;) {
+    int ms = -1;
+    if (deadline != steady_clock::time_point()) {
+      const auto left = duration_cast<milliseconds>(deadline - steady_clock::now()).count();
+      if (left <= 0) return false;
+      ms = static_cast<int>(left);
+    }
+    pollfd p{PQsocket(conn_), events, 0};
+    if (p.fd < 0) return true;  // no socket: libpq's next call reports the failure
+    const int rc = ::poll(&p, 1, ms);
+    if (rc > 0 || (rc < 0 && errno != EINTR)) return true;
+  }
+}
+
+bool PostgresDriver::awaitResult() {
+  const int seconds = g_queryTimeout.load();
+  const auto deadline = seconds > 0 ? std::chrono::steady_clock::now() + std::chrono::seconds(seconds)
+                                    : std::chrono::steady_clock::time_point();
+  while (PQisBusy(conn_)) {
+    if (!waitSocket(POLLIN, deadline)) return false;
+    if (!PQconsumeInput(conn_)) return true;  // the failure shows in the next result
+  }
+  return true;
+}
+
+bool PostgresDriver::fetch(PGresult*& result) {
+  result = nullptr;
+  if (!conn_ || broken_) return true;
+  if (awaitResult()) {
+    result = PQgetResult(conn_);
+    return true;
+  }
+  clientError(kTimeSeverity, kErrTimeout,
+              "Command on " + *server_ + " timed out after " + std::to_string(g_queryTimeout.load()) +
+                  " s; cancelled");
+  cancelCommand();
+  return false;
+}
+
+void PostgresDriver::cancelCommand() {
+  char reason[256];
+  if (PGcancel* c = PQgetCancel(conn_)) {
+    PQcancel(c, reason, sizeof reason);
+    PQfreeCancel(c);
+  }
+  // The server ends a cancelled command with an error (not reported: the
+  // time-out was). A server that stays silent for one more time-out loses the
+  // login: its state is unknown.
+  while (awaitResult()) {
+    PGresult* r = PQgetResult(conn_);
+    if (!r) return;
+    PQclear(r);
+  }
+  ::shutdown(PQsocket(conn_), SHUT_RDWR);
+  broken_ = true;
+}
+
+void PostgresDriver::refuseCopy(ExecStatusType status) {
+  if (status == PGRES_COPY_IN) {
+    PQputCopyEnd(conn_, "COPY FROM STDIN is not supported by this library");
+    return;
+  }
+  char* buffer = nullptr;
+  while (PQgetCopyData(conn_, &buffer, 0) > 0) PQfreemem(buffer);
+}
+
+void PostgresDriver::report(const PGresult* result) const {
+  const char* state = PQresultErrorField(result, PG_DIAG_SQLSTATE);
+  if (!state || !*state) {
+    // libpq's own failure: the connection broke, or the reply made no sense.
+    clientError(kCommSeverity, kErrLost, trimmed(PQresultErrorMessage(result)));
+    return;
+  }
+  SybaseStatus st;
+  st.sqlstate = state;
+  st.msgno = msgnoOf(state);
+  st.srvSeverity = severityOf(PQresultErrorField(result, PG_DIAG_SEVERITY_NONLOCALIZED));
+  const char* primary = PQresultErrorField(result, PG_DIAG_MESSAGE_PRIMARY);
+  st.msgtext = primary ? primary : trimmed(PQresultErrorMessage(result));
+  st.srvname = *server_;
+  reportError(st);
+}
+
+}  // namespace
+
+std::unique_ptr<Driver> makePostgresDriver() { return std::make_unique<PostgresDriver>(); }
+
+void PostgresSettings::setLoginTimeout(int seconds) { g_loginTimeout = seconds > 0 ? seconds : 1; }
+int PostgresSettings::loginTimeout() { return g_loginTimeout.load(); }
+void PostgresSettings::setQueryTimeout(int seconds) { g_queryTimeout = seconds > 0 ? seconds : 0; }
+int PostgresSettings::queryTimeout() { return g_queryTimeout.load(); }
+
+bool isPostgresUri(const std::string& server) {
+  return server.compare(0, 13, "postgresql://") == 0 || server.compare(0, 11, "postgres://") == 0;
+}
+
+std::string postgresUriWithDatabase(const std::string& uri, const std::string& database) {
+  if (!isPostgresUri(uri) || database.empty()) return uri;
+  size_t at = hostPartEnd(uri);
+  const bool slash = at < uri.size() && uri[at] == '/';
+  if (slash && at + 1 < uri.size() && uri[at + 1] != '?' && uri[at + 1] != '#') return uri;  // names its own
+  static const char hex[] = "0123456789ABCDEF";
+  std::string path = "/";
+  for (unsigned char ch : database) {
+    if (std::isalnum(ch) || std::strchr("-._~", ch)) {
+      path += static_cast<char>(ch);
+    } else {
+      path += '%';
+      path += hex[ch >> 4];
+      path += hex[ch & 15];
+    }
+  }
+  return uri.substr(0, at) + path + uri.substr(slash ? at + 1 : at);
+}
+
+std::string serverForDisplay(const std::string& server) {
+  if (!isPostgresUri(server)) return server;
+  std::string s = server;
+  // user:password@host: the password goes.
+  const size_t end = hostPartEnd(s);
+  const size_t atSign = s.rfind('@', end);
+  const size_t start = s.find("://") + 3;
+  if (atSign != std::string::npos && atSign >= start) {
+    const size_t colon = s.find(':', start);
+    if (colon < atSign) s.erase(colon, atSign - colon);
+  }
+  // ?...&password=...&...: the parameter goes.
+  const size_t query = s.find('?');
+  if (query == std::string::npos) return s;
+  std::string kept;
+  for (size_t p = query + 1; p <= s.size();) {
+    size_t amp = s.find('&', p);
+    if (amp == std::string::npos) amp = s.size();
+    const std::string param = s.substr(p, amp - p);
+    if (param.compare(0, 9, "password=") != 0 && !param.empty()) kept += (kept.empty() ? "" : "&") + param;
+    p = amp + 1;
+  }
+  return s.substr(0, query) + (kept.empty() ? "" : "?" + kept);
+}
+
+}  // namespace sybconn
