@@ -81,7 +81,7 @@ void reportError(const SybaseStatus& status) {
   st.dbLibSeverity = kSeverityComm;
   st.dberr = kErrNotLoggedIn;
   st.dberrstr = "Statement not executed: the connection is not logged in";
-  st.srvname = server_;
+  st.srvname = sybconn::serverForDisplay(server_);
   sybconn::reportError(st);
   return false;
 }
@@ -100,7 +100,7 @@ SybaseResultSet SybaseConnection::transaction(sybconn::TxVerb verb, const std::s
     st.dberr = kErrNoSuchTransaction;
     st.dberrstr = "No open transaction level '" + name + "' to end (innermost: '" +
                   (levels_.empty() ? std::string() : levels_.back()) + "')";
-    st.srvname = server_;
+    st.srvname = sybconn::serverForDisplay(server_);
     sybconn::reportError(st);
     return SybaseResultSet();
   }

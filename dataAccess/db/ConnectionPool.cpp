@@ -1,4 +1,5 @@
 #include <dataAccess/db/ConnectionPool.h>
+#include <sybconn/PostgresSettings.h>
 
 #include <ace/Guard_T.h>
 #include <ace/OS_NS_sys_time.h>
@@ -145,8 +146,8 @@ SybaseConnection* ConnectionPool::acquireConnection(const std::string& server, c
         it = removeConnection(it);
         continue;
       }
-      DA_LOG_DEBUG("Acquiring available connection to server %s as user %s", daLog::clip(server).c_str(),
-                   daLog::clip(user).c_str());
+      DA_LOG_DEBUG("Acquiring available connection to server %s as user %s",
+                   daLog::clip(sybconn::serverForDisplay(server)).c_str(), daLog::clip(user).c_str());
       it->available = false;
       return it->sybconn;
     }
@@ -161,7 +162,8 @@ SybaseConnection* ConnectionPool::allocateNewConnection(const std::string& serve
     DA_LOG_ERROR("Can't allocate new connection. Pool size %d", static_cast<int>(pool_.size()));
     return nullptr;
   }
-  DA_LOG_DEBUG("Connecting to server %s as user %s", daLog::clip(server).c_str(), daLog::clip(user).c_str());
+  DA_LOG_DEBUG("Connecting to server %s as user %s", daLog::clip(sybconn::serverForDisplay(server)).c_str(),
+               daLog::clip(user).c_str());
   auto* conn = new SybaseConnection();
   conn->connect(server, user, password);
   if (conn->isConnected()) {
@@ -170,8 +172,8 @@ SybaseConnection* ConnectionPool::allocateNewConnection(const std::string& serve
     DA_LOG_DEBUG("Allocated new connection. Pool size %d", static_cast<int>(pool_.size()));
     return conn;
   }
-  DA_LOG_ERROR("Could not connect to server %s as user %s", daLog::clip(server).c_str(),
-               daLog::clip(user).c_str());
+  DA_LOG_ERROR("Could not connect to server %s as user %s",
+               daLog::clip(sybconn::serverForDisplay(server)).c_str(), daLog::clip(user).c_str());
   delete conn;
   return nullptr;
 }
@@ -190,8 +192,8 @@ int ConnectionPool::releaseConnection(SybaseConnection* conn) {
   ACE_Guard<lock_t> guard(lock_);
   for (auto& rec : pool_) {
     if (rec.sybconn == conn) {
-      DA_LOG_DEBUG("Releasing connection to server %s as user %s", daLog::clip(rec.server).c_str(),
-                   daLog::clip(rec.user).c_str());
+      DA_LOG_DEBUG("Releasing connection to server %s as user %s",
+                   daLog::clip(sybconn::serverForDisplay(rec.server)).c_str(), daLog::clip(rec.user).c_str());
       rec.available = true;
       rec.lastReleaseTime = time(nullptr);
       return 0;

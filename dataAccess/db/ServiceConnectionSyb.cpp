@@ -2,6 +2,7 @@
 #include <dataAccess/db/ParametersFile.h>
 #include <dataAccess/db/SelectList.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>
+#include <sybconn/PostgresSettings.h>
 
 #include <algorithm>
 #include <cctype>
@@ -89,7 +90,10 @@ int ServiceConnectionSyb::readDBParameters() {
 
 int ServiceConnectionSyb::acquire() {
   if (conn_ != nullptr) return 0;
-  conn_ = ConnectionPool::instance()->acquireConnection(dbServer_, dbUser_, dbPasswd_);
+  // A PostgreSQL URI without a database of its own logs in to the one of the
+  // parameters; other server names take no database from them.
+  conn_ = ConnectionPool::instance()->acquireConnection(sybconn::postgresUriWithDatabase(dbServer_, dbName_),
+                                                        dbUser_, dbPasswd_);
   if (conn_ == nullptr) {
     DA_LOG_ERROR("Could not establish a connection");
     return -1;
