@@ -134,17 +134,53 @@ TEST_F(Postgres, AMillionRowsStreamInBoundedMemory) {
   EXPECT_EQ(conn_.rowCount(), 300000);
 }
 
-TEST_F(Postgres, NumberedTransactionsNestAsSavepoints) {
+TEST_F(Postgres, NestedTransactionsAreSavepointsInsideTheServersTransaction) {
   ASSERT_TRUE(run("create table t (id int)"));
-  for (const char* sql :
-       {"begin tran A1", "insert into t values (1)", "begin tran A2", "insert into t values (2)",
-        "rollback A2", "begin tran A2", "insert into t values (3)", "commit A2", "commit A1", "begin tran A1",
-        "insert into t values (4)", "rollback A1"})
-    EXPECT_TRUE(run(sql)) << sql;
+  const struct {
+    char step;  // b(egin), c(ommit), r(ollback) of the level `name`, or the statement `sql`
+    const char* what;
+  } steps[] = {{'b', "A1"},
+               {'s', "insert into t values (1)"},
+               {'b', "A2"},
+               {'s', "insert into t values (2)"},
+               {'r', "A2"},
+               {'b', "A2"},
+               {'s', "insert into t values (3)"},
+               {'c', "A2"},
+               {'c', "A1"},
+               {'b', "A1"},
+               {'s', "insert into t values (4)"},
+               {'r', "A1"}};
+  for (const auto& s : steps) {
+    const SybaseResultSet rs = s.step == 'b'   ? conn_.beginTransaction(s.what)
+                               : s.step == 'c' ? conn_.commitTransaction(s.what)
+                               : s.step == 'r' ? conn_.rollbackTransaction(s.what)
+                                               : conn_.execute(s.what);
+    EXPECT_TRUE(rs.commandSucceeded()) << s.step << s.what;
+  }
   EXPECT_EQ(first("select string_agg(id::text, ',' order by id) from t"), "1,3");
-  EXPECT_FALSE(run("commit A7"));
+  // A transaction in which a statement failed is not committed: it stays open
+  // for its rollback.
+  ASSERT_TRUE(conn_.beginTransaction("A1").commandSucceeded());
+  EXPECT_FALSE(run("insert into t values ('x')"));
+  g_seen.clear();
+  EXPECT_FALSE(conn_.commitTransaction("A1").commandSucceeded());
   ASSERT_EQ(g_seen.size(), 1u);
-  EXPECT_EQ(g_seen[0].dberrstr, "No transaction named A7 is open");
+  EXPECT_NE(g_seen[0].dberrstr.find("cannot commit"), std::string::npos) << g_seen[0].dberrstr;
+  EXPECT_TRUE(conn_.rollbackTransaction("A1").commandSucceeded());
+  EXPECT_EQ(conn_.transactionLevels(), 0u);
+}
+
+TEST_F(Postgres, SybaseFormsRunAsPostgresOnes) {
+  ASSERT_TRUE(run("create schema other; create table other.t (id int); create table t (id int)"));
+  EXPECT_TRUE(run("insert into other..t values (1); insert into " + db_ + "..t values (2)"));
+  EXPECT_EQ(first("select n = convert(varchar(5), count(*)) from other..t"), "1");
+  EXPECT_EQ(first("select n = id from " + db_ + "..t"), "2");
+  EXPECT_TRUE(run("delete " + db_ + "..t where id = 2"));
+  SybaseResultSet rs = conn_.execute("select now = getdate()");
+  ASSERT_TRUE(rs.next());
+  EXPECT_EQ(rs.columnName(1), "now");
+  EXPECT_LT(std::labs(rs.getDateAsTimevalValue(1).tv_sec - std::time(nullptr)), 60);
 }
 
 TEST_F(Postgres, RefusedLoginsReportTheServersReasonWithoutThePassword) {
