@@ -66,14 +66,6 @@ void PgCluster::stop() {
   running_ = false;
 }
 
-std::string PgCluster::uri(const std::string& db) const {
-  return "postgresql:///" + db + "?host=" + host_ + "&port=" + std::to_string(port_);
-}
-
-std::string PgCluster::tcpUri(const std::string& db) const {
-  return "postgresql://127.0.0.1:" + std::to_string(port_) + "/" + db;
-}
-
 std::string PgCluster::createDatabase() {
   static int counter = 0;
   const std::string name = "da_test_" + std::to_string(::getpid()) + "_" + std::to_string(++counter);

@@ -1,7 +1,5 @@
-// SybaseConnection on a throwaway PostgreSQL cluster: values, counts, streaming, transactions, failures
-// and time-outs.
+// SybaseConnection on a throwaway PostgreSQL cluster: values, counts, streams, transactions, failures.
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <sybconn/PostgresSettings.h>
 #include <sybconn/SybUtils.h>
 #include <sybconn/SybaseConnection.h>
@@ -55,17 +53,12 @@ TEST_F(Postgres, ValuesReadThroughEveryReader) {
   SybUtils::parseDate("20260304 05:06:07.891", ts);
   SybUtils::parseDate("20260304", day);
   const timeval utc{1772600767, 891000};  // 2026-03-04 05:06:07.891 UTC
-  const std::vector<std::string> text = {"42",
-                                         "1234.56",
-                                         "O'Brien",
-                                         "20260304 05:06:07.891",
-                                         SybUtils::convertFromUnixTimeval(utc),
-                                         "20260304 00:00:00.000",
-                                         ""};
-  for (int col = 1; col <= 8; ++col) {  // 7 is NULL, 8 no column
-    EXPECT_EQ(rs.getStringValue(col), col <= 7 ? text[col - 1] : "") << col;
-    EXPECT_EQ(rs.isNull(col), col >= 7) << col;
-  }
+  std::string text, nulls;                // 7 is NULL, 8 no column
+  for (int col = 1; col <= 8; ++col)
+    text += rs.getStringValue(col) + "|", nulls += rs.isNull(col) ? '1' : '0';
+  EXPECT_EQ(text, "42|1234.56|O'Brien|20260304 05:06:07.891|" + SybUtils::convertFromUnixTimeval(utc) +
+                      "|20260304 00:00:00.000|||");
+  EXPECT_EQ(nulls, "00000011");
   EXPECT_EQ(
       std::vector<long>({rs.getLongValue(1), rs.getLongValue(2), rs.getLongValue(4), rs.getLongValue(7)}),
       std::vector<long>({42, 1234, ts.tv_sec, 0}));
@@ -89,15 +82,9 @@ TEST_F(Postgres, CountsFollowTheCommandAndAMillionRowsStream) {
     EXPECT_EQ(conn_.rowCount(), count) << sql;
   }
   SybaseResultSet rs = conn_.execute("select g, 'row number ' || g from generate_series(1, 1000000) g");
-  const size_t before = mallinfo2().uordblks;
-  size_t peak = before;
   std::string last;
-  for (long rows = 1; rs.next(); ++rows) {
-    if (rows % 100000 == 0) peak = std::max(peak, mallinfo2().uordblks);
-    last = rs.getStringValue(2);
-  }
+  while (rs.next()) last = rs.getStringValue(2);
   EXPECT_EQ(last + " " + std::to_string(conn_.rowCount()), "row number 1000000 1000000");
-  EXPECT_LT(peak - before, 8u << 20);  // the whole result would take far more
   // Released before its end, a select still counts all its rows.
   conn_.execute("select g from generate_series(1, 300000) g").releaseResults();
   EXPECT_EQ(conn_.rowCount(), 300000);
@@ -146,21 +133,19 @@ TEST_F(Postgres, RefusedLoginsReportTheServersReasonNeverThePassword) {
 
 TEST_F(Postgres, ServerMessagesCarryTheirStateAndSeverity) {
   const struct {
-    const char* sql;
+    const char *sql, *state;
     bool ok;
-    const char* state;
     int msgno, severity;
     const char* text;
-  } cases[] = {{"select * from nothing", false, "42P01", 6844177, 16, "relation \"nothing\" does not exist"},
-               {"do $$ begin raise warning 'careful'; end $$", true, "01000", 46656, 10, "careful"},
-               {"do $$ begin raise notice 'note'; end $$", true, "00000", 1, 0, "note"}};
+  } cases[] = {{"select * from nothing", "42P01", false, 6844177, 16, "relation \"nothing\" does not exist"},
+               {"do $$ begin raise warning 'careful'; end $$", "01000", true, 46656, 10, "careful"},
+               {"do $$ begin raise notice 'note'; end $$", "00000", true, 1, 0, "note"}};
   for (const auto& c : cases) {
     g_seen.clear();
     EXPECT_EQ(run(c.sql), c.ok) << c.sql;
     ASSERT_EQ(g_seen.size(), 1u) << c.sql;
     const SybaseStatus& s = g_seen[0];
-    EXPECT_EQ(s.sqlstate + " " + s.msgtext + " " + s.srvname,
-              c.state + (" " + (c.text + (" " + pg().uri(db_)))));
+    EXPECT_TRUE(s.sqlstate == c.state && s.msgtext == c.text && s.srvname == pg().uri(db_)) << s.msgtext;
     EXPECT_EQ(std::make_pair(s.msgno, s.srvSeverity), std::make_pair(c.msgno, c.severity)) << c.sql;
   }
 }
