@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cerrno>
@@ -585,10 +586,11 @@ void PostgresDriver::report(const PGresult* result) const {
 
 std::unique_ptr<Driver> makePostgresDriver() { return std::make_unique<PostgresDriver>(); }
 
-void PostgresSettings::setLoginTimeout(int seconds) { g_loginTimeout = seconds > 0 ? seconds : 1; }
-int PostgresSettings::loginTimeout() { return g_loginTimeout.load(); }
-void PostgresSettings::setQueryTimeout(int seconds) { g_queryTimeout = seconds > 0 ? seconds : 0; }
-int PostgresSettings::queryTimeout() { return g_queryTimeout.load(); }
+// A login takes at least a second; a command's 0 (or less) waits for ever.
+void PostgresSettings::setLoginTimeout(int seconds) { g_loginTimeout = std::max(seconds, 1); }
+int PostgresSettings::loginTimeout() { return g_loginTimeout; }
+void PostgresSettings::setQueryTimeout(int seconds) { g_queryTimeout = std::max(seconds, 0); }
+int PostgresSettings::queryTimeout() { return g_queryTimeout; }
 
 bool isPostgresUri(const std::string& server) {
   return server.compare(0, 13, "postgresql://") == 0 || server.compare(0, 11, "postgres://") == 0;

@@ -20,9 +20,9 @@ PgCluster::PgCluster() {
 
 bool PgCluster::run(const std::string& what, const std::string& command) {
   // The server refuses to run as root: the cluster is postgres's then.
-  static const std::string bin = std::filesystem::exists("/usr/lib/postgresql/15/bin/pg_ctl")
-                                     ? "/usr/lib/postgresql/15/bin/"
-                                     : "$(pg_config --bindir)/";
+  const std::string bin = std::filesystem::exists("/usr/lib/postgresql/15/bin/pg_ctl")
+                              ? "/usr/lib/postgresql/15/bin/"
+                              : "$(pg_config --bindir)/";
   const std::string as = ::geteuid() == 0 ? "runuser -u postgres -- " : "";
   const std::string log = dir_->file("setup.log"), serverLog = dir_->file("server.log");
   const int rc = std::system((as + bin + command + " >>" + log + " 2>&1").c_str());

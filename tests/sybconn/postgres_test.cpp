@@ -7,6 +7,7 @@
 #include <chrono>
 #include <vector>
 
+#include "dataAccess/db/ConnectionPool.h"
 #include "dataAccess/db/ServiceConnectionSyb.h"
 #include "tests/support/ArchiveServer.h"
 #include "tests/support/PgCluster.h"
@@ -194,6 +195,8 @@ TEST_F(Postgres, TheServiceConnectionLogsInToItsDatabase) {
   ASSERT_EQ(service.acquire(), 0);
   ServiceConnectionSyb::ResultSet rs = service.execute("select current_database()");
   EXPECT_EQ(rs.next() ? rs.getStringValue(1) : "", db_);
+  service.release();
+  ConnectionPool::destroyInstance();
 }
 
 }  // namespace
