@@ -53,7 +53,8 @@ enum class TxVerb { Begin, Commit, Rollback };
 class Driver {
  public:
   virtual ~Driver() = default;
-  // Logs in; `target` is the server name with any driver prefix removed.
+  // Logs in; `target` is the server name with any driver prefix removed (a
+  // PostgreSQL URI is passed whole: its scheme is libpq's).
   // Failures are reported through reportError() and return false.
   virtual bool connect(const std::string& target, const std::string& user, const std::string& password) = 0;
   virtual bool isConnected() const = 0;

@@ -396,6 +396,8 @@ bool PostgresDriver::connect(const std::string& target, const std::string& user,
                                 options.c_str(), target.c_str(),   nullptr};
   conn_ = PQconnectStartParams(keys, values, 1);
   if (!conn_) return loginFailed(kCommSeverity, kErrMemory, "Unable to allocate a login to " + *server_);
+  // Notices of the login itself reach the handler too, not libpq's stderr.
+  PQsetNoticeReceiver(conn_, noticeReceiver, this);
   // libpq's connect_timeout counts whole seconds from 2 up: the login is
   // polled here instead, against the setting's own deadline.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(g_loginTimeout.load());
@@ -410,7 +412,6 @@ bool PostgresDriver::connect(const std::string& target, const std::string& user,
           "Login to " + *server_ + " timed out after " + std::to_string(g_loginTimeout.load()) + " s");
     state = PQconnectPoll(conn_);
   }
-  PQsetNoticeReceiver(conn_, noticeReceiver, this);
   home_ = PQdb(conn_);
   DA_LOG_DEBUG("Logged in to %s", server_->c_str());
   return true;
