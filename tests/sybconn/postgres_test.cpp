@@ -1,5 +1,6 @@
 // SybaseConnection on a throwaway PostgreSQL cluster: values, counts, streams, transactions, failures.
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sybconn/PostgresSettings.h>
 #include <sybconn/SybUtils.h>
 #include <sybconn/SybaseConnection.h>
@@ -83,8 +84,14 @@ TEST_F(Postgres, CountsFollowTheCommandAndAMillionRowsStream) {
     EXPECT_EQ(conn_.rowCount(), count) << sql;
   }
   SybaseResultSet rs = conn_.execute("select g, 'row number ' || g from generate_series(1, 1000000) g");
+  const size_t before = mallinfo2().uordblks;
+  size_t midway = before;
   std::string last;
-  while (rs.next()) last = rs.getStringValue(2);
+  for (long rows = 1; rs.next(); ++rows) {
+    if (rows == 500000) midway = mallinfo2().uordblks;
+    last = rs.getStringValue(2);
+  }
+  EXPECT_LT(midway, before + (8u << 20));  // never the whole result (some 100 MB) at once
   EXPECT_EQ(last + " " + std::to_string(conn_.rowCount()), "row number 1000000 1000000");
   // Released before its end, a select still counts all its rows.
   conn_.execute("select g from generate_series(1, 300000) g").releaseResults();
