@@ -36,7 +36,7 @@ const int kCommSeverity = 9;    // EXCOMM
 const int kErrTimeout = 20003;  // SYBETIME
 const int kErrConnect = 20009;  // SYBECONN: the login failed or was refused
 const int kErrLost = 20017;     // SYBESEOF: the server went away during a command
-const int kErrNoTran = 20037;   // SYBERXID: no such transaction level to end
+const int kErrNoTran = 20037;   // SYBERXID: the transaction cannot take the step
 const int kErrMemory = 20010;   // SYBEMEM
 // The server's severities on Sybase's scale.
 const int kWarningSeverity = 10;
@@ -57,7 +57,7 @@ std::string trimmed(const char* text) {
 }
 
 // A SQLSTATE's five characters read as a base-36 number ("42P01" gives
-// 6835393): a distinct non-zero message number for every state. "00000", the
+// 6844177): a distinct non-zero message number for every state. "00000", the
 // state of a plain notice, gives 1, so that a server message never reads as
 // a client error.
 int msgnoOf(const std::string& state) {
@@ -186,8 +186,7 @@ class PostgresDriver : public Driver {
   PGconn* conn_ = nullptr;
   bool broken_ = false;  // a silent server lost the login after a time-out
   std::shared_ptr<const std::string> server_ = std::make_shared<const std::string>();
-  std::string home_;                 // the connected database: its qualified names are local
-  std::vector<std::string> levels_;  // the open transaction levels, outermost first
+  std::string home_;  // the connected database: its qualified names are local
   std::shared_ptr<PgCursor> current_;
   long lastCount_ = -1;
 };
@@ -437,7 +436,6 @@ void PostgresDriver::disconnect() {
   detachResults();
   if (conn_) PQfinish(conn_);
   conn_ = nullptr;
-  levels_.clear();
 }
 
 std::shared_ptr<Cursor> PostgresDriver::execute(const std::string& sql) {
@@ -446,20 +444,11 @@ std::shared_ptr<Cursor> PostgresDriver::execute(const std::string& sql) {
   return run(rewriteSybase(sql, DialectTarget::Postgres, home_).sql);
 }
 
+// SybaseConnection keeps the levels and checks the names: a step that
+// reaches here ends the innermost level.
 std::shared_ptr<Cursor> PostgresDriver::transaction(TxVerb verb, const std::string& name, bool outermost) {
-  if (verb == TxVerb::Begin) {
-    std::shared_ptr<Cursor> c = run(outermost ? "BEGIN" : "SAVEPOINT " + quoted(name));
-    if (c->succeeded()) levels_.push_back(name);
-    return c;
-  }
-  // The driver keeps its own record of the levels: a step that does not end
-  // the innermost one it opened is refused before it reaches the server.
-  if (levels_.empty() || levels_.back() != name || outermost != (levels_.size() == 1)) {
-    detachResults();
-    clientError(kErrorSeverity, kErrNoTran, "No open transaction level '" + name + "' to end on " + *server_);
-    return current_ = std::make_shared<PgCursor>();
-  }
   const std::string id = quoted(name);
+  if (verb == TxVerb::Begin) return run(outermost ? "BEGIN" : "SAVEPOINT " + id);
   const bool commit = verb == TxVerb::Commit;
   if (commit && outermost && conn_ && PQtransactionStatus(conn_) == PQTRANS_INERROR) {
     // The server would take this COMMIT as a ROLLBACK and say so only in its
@@ -469,12 +458,9 @@ std::shared_ptr<Cursor> PostgresDriver::transaction(TxVerb verb, const std::stri
                 "Transaction '" + name + "' on " + *server_ + " cannot commit: a statement in it failed");
     return current_ = std::make_shared<PgCursor>();
   }
-  std::shared_ptr<Cursor> c = run(outermost ? (commit ? "COMMIT" : "ROLLBACK")
-                                  : commit  ? "RELEASE SAVEPOINT " + id
-                                            : "ROLLBACK TO SAVEPOINT " + id + "; RELEASE SAVEPOINT " + id);
-  // As in SybaseConnection, a level ends only when the server took the step.
-  if (c->succeeded()) levels_.pop_back();
-  return c;
+  return run(outermost ? (commit ? "COMMIT" : "ROLLBACK")
+             : commit  ? "RELEASE SAVEPOINT " + id
+                       : "ROLLBACK TO SAVEPOINT " + id + "; RELEASE SAVEPOINT " + id);
 }
 
 std::shared_ptr<Cursor> PostgresDriver::run(const std::string& sql) {

@@ -48,15 +48,15 @@ RR request(const std::string& id, int version, const std::string& disk, const st
 class Catalogue : public ::testing::Test {
  protected:
   void SetUp() override {
+    auto& backend = testsupport::Backend::current();
     std::string schema;
     for (const char* name : {"replication_queue", "file_catalogue", "safe_copies"})
-      schema +=
-          testsupport::readFile(std::string(DA_SOURCE_DIR) + "/examples/schema/" + name + ".sqlite.sql");
+      schema += backend.schema(name);
     SybaseConnection direct;
-    ASSERT_EQ(direct.connect("sqlite:" + dir_.file("archive.db"), "ops", "pw"), 0);
+    ASSERT_EQ(direct.connect(backend.setupServer(dir_.file("archive.db")), "ops", "pw"), 0);
     ASSERT_EQ(direct.execute(schema).commandSucceeded(), 1);
-    conn_ = std::make_unique<ServiceConnectionSyb>(
-        testsupport::Backend::current().server(dir_.file("archive.db")), "ops", "pw", "archive");
+    conn_ = std::make_unique<ServiceConnectionSyb>(backend.server(dir_.file("archive.db")), "ops", "pw",
+                                                   "archive");
     ASSERT_EQ(conn_->acquire(), 0);
     stub_.acquire();
   }
@@ -300,7 +300,7 @@ TEST_F(Catalogue, ConcurrentTransactionsLoseAndDoubleNothing) {
 }
 
 TEST_F(Catalogue, FindersFailWhenTheDatabaseFailsThem) {
-  if (testsupport::Backend::current().isTds()) GTEST_SKIP() << "the faults are made on the embedded file";
+  if (!testsupport::Backend::current().isSqlite()) GTEST_SKIP() << "the faults are made on the embedded file";
   const std::string rows =
       " with recursive n(i) as (select 1 union all select i + 1 from n where i < 300) select 'F', 'D' || i, ";
   // The date index lets the catalogue's finder stream its rows.

@@ -4,27 +4,42 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tests/support/TdsServer.h"
 
 namespace testsupport {
 
 // The database backend of the process, from DA_TEST_BACKEND: "sqlite" (the default) opens database
-// files directly; "tds50" and "tds74" reach them through FreeTDS and a TDS test server that lets all in.
+// files directly; "tds50" and "tds74" reach them through FreeTDS and a TDS test server that lets all in;
+// "postgresql" maps them onto a throwaway PostgreSQL cluster (PgCluster::shared()): a folder is a
+// database of its own, a file FOLDER/X.db the schema X in it (the login's search path), so that
+// `X..table` reaches the sibling "file" X as on SQLite.
 class Backend {
  public:
   static Backend& current();  // the backend of this process
-  bool isTds() const { return !tdsVersion_.empty(); }
-  // "sqlite:FILE", or the address of a TDS test server on FILE, started on first use.
+  bool isSqlite() const { return kind_ == Kind::Sqlite; }
+  bool isTds() const { return kind_ == Kind::Tds; }
+  bool isPostgres() const { return kind_ == Kind::Postgres; }
+  // The server name that reaches the database FILE: "sqlite:FILE", the address of a TDS test server on
+  // FILE (started on first use), or a PostgreSQL URI.
   std::string server(const std::string& dbFile);
+  // The server name that fills FILE with tables and rows: the file itself, which the TDS test server
+  // serves, or the PostgreSQL server.
+  std::string setupServer(const std::string& dbFile);
+  // The text of examples/schema/NAME in the SQL of the setup server.
+  std::string schema(const std::string& name) const;
   // A server name whose logins fail at once: a missing folder, or a loopback port nobody listens on.
-  std::string unreachable() const { return isTds() ? "127.0.0.1:1" : "sqlite:/no/such/dir.db"; }
-  void stopServers() { servers_.clear(); }  // stops the test servers started so far (between tests)
+  std::string unreachable() const;
+  // Stops the test servers and drops the databases made so far (between tests).
+  void stopServers();
 
  private:
-  explicit Backend(std::string tdsVersion) : tdsVersion_(std::move(tdsVersion)) {}
-  std::string tdsVersion_;  // empty for SQLite
+  enum class Kind { Sqlite, Tds, Postgres };
+  explicit Backend(Kind kind) : kind_(kind) {}
+  Kind kind_;
   std::map<std::string, std::unique_ptr<tdstest::TdsServer>> servers_;
+  std::map<std::string, std::string> databases_;  // PostgreSQL: the database of each folder
 };
 
 }  // namespace testsupport

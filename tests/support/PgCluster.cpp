@@ -6,8 +6,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <stdexcept>
 
 namespace testsupport {
@@ -15,7 +17,32 @@ namespace testsupport {
 PgCluster::PgCluster() {
   const char* host = std::getenv("DA_TEST_PG_HOST");
   const char* port = std::getenv("DA_TEST_PG_PORT");
-  if (host && port) external_ = true, host_ = host, port_ = std::atoi(port);
+  const char* state = std::getenv("DA_TEST_PG_STATE");
+  if (host && port) {
+    external_ = true, host_ = host, port_ = std::atoi(port);
+  } else if (state) {
+    std::ifstream in(state);
+    external_ = static_cast<bool>(in >> host_ >> port_);
+  }
+}
+
+bool PgCluster::detach(const std::string& stateFile) {
+  if (!running_ || external_) return false;
+  std::ofstream(stateFile) << host_ << ' ' << port_ << '\n';
+  if (readFile(stateFile).empty()) return false;
+  (void)dir_.release();  // the folder stays: stopDetached removes it
+  running_ = false;
+  return true;
+}
+
+void PgCluster::stopDetached(const std::string& stateFile) {
+  PgCluster c;
+  std::ifstream in(stateFile);
+  if (!(in >> c.host_ >> c.port_)) return;
+  c.dir_ = std::make_unique<TempDir>(c.host_);  // adopted: removed with the object
+  c.running_ = true;
+  c.stop();
+  std::remove(stateFile.c_str());
 }
 
 bool PgCluster::run(const std::string& what, const std::string& command) {

@@ -14,7 +14,9 @@ namespace testsupport {
 // logs); the destructor stops and removes it.
 class PgCluster {
  public:
-  PgCluster();  // not started; DA_TEST_PG_HOST and DA_TEST_PG_PORT name a running one instead
+  // Not started. A running cluster is used instead when DA_TEST_PG_HOST and DA_TEST_PG_PORT name
+  // one, or when DA_TEST_PG_STATE names a file that detach() wrote ("HOST PORT").
+  PgCluster();
   ~PgCluster() { stop(); }
   bool start();
   void stop();
@@ -28,7 +30,12 @@ class PgCluster {
   }
   static std::string password() { return "da-test-secret"; }
   std::string createDatabase();  // a fresh database; its name
-  static PgCluster& shared();    // one per test process, started on first use (throws if it cannot)
+  // Leaves the running cluster running after this object is gone and writes "HOST PORT" to `stateFile`,
+  // for the processes that use it; stopDetached(stateFile) stops and removes it. False if it is not
+  // running or the file cannot be written.
+  bool detach(const std::string& stateFile);
+  static void stopDetached(const std::string& stateFile);
+  static PgCluster& shared();  // one per test process, started on first use (throws if it cannot)
 
  private:
   bool run(const std::string& what, const std::string& command);

@@ -306,7 +306,8 @@ struct TdsServer::Session {
   std::string toSqlite(const std::string& stmt) {
     const std::string& path = server.dbPath_;
     const size_t slash = path.rfind('/'), dot = path.rfind('.');
-    const auto r = sybconn::rewriteSybase(stmt, sybconn::DialectTarget::Sqlite, path.substr(slash + 1, dot - slash - 1));
+    const auto r =
+        sybconn::rewriteSybase(stmt, sybconn::DialectTarget::Sqlite, path.substr(slash + 1, dot - slash - 1));
     for (const std::string& name : r.databases)  // fails harmlessly when attached before
       exec("attach database '" + path.substr(0, slash + 1) + name + ".db' as \"" + name + "\"");
     return r.sql;

@@ -2,6 +2,7 @@
 #define TESTS_SUPPORT_TEMPDIR_H
 
 #include <string>
+#include <utility>
 
 namespace testsupport {
 
@@ -9,6 +10,7 @@ namespace testsupport {
 class TempDir {
  public:
   TempDir();
+  explicit TempDir(std::string existing) : path_(std::move(existing)) {}  // adopts a folder made earlier
   ~TempDir();
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
