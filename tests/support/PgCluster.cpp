@@ -30,7 +30,8 @@ bool PgCluster::detach(const std::string& stateFile) {
   if (!running_ || external_) return false;
   std::ofstream(stateFile) << host_ << ' ' << port_ << '\n';
   if (readFile(stateFile).empty()) return false;
-  (void)dir_.release();  // the folder stays: stopDetached removes it
+  dir_->keep();  // stopDetached removes it
+  dir_.reset();
   running_ = false;
   return true;
 }

@@ -25,7 +25,7 @@ TempDir::TempDir() : path_((std::filesystem::temp_directory_path() / "da-test-XX
 
 TempDir::~TempDir() {
   std::error_code ec;
-  std::filesystem::remove_all(path_, ec);
+  if (!path_.empty()) std::filesystem::remove_all(path_, ec);
 }
 
 std::string TempDir::write(const std::string& name, const std::string& content, int mode) const {

@@ -15,6 +15,7 @@ class TempDir {
   TempDir(const TempDir&) = delete;
   TempDir& operator=(const TempDir&) = delete;
   const std::string& path() const { return path_; }
+  void keep() { path_.clear(); }  // the folder outlives the object
   std::string file(const std::string& name) const { return path_ + "/" + name; }
   std::string write(const std::string& name, const std::string& content, int mode = 0644) const;
   // Overwrites `length` bytes of file(name) from `offset` with 0xFF bytes: a damaged file.
