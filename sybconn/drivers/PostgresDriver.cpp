@@ -105,10 +105,9 @@ std::string sessionTimeZone() {
   return zone;
 }
 
-// Reads a date, timestamp or timestamptz text of the server (DateStyle ISO)
-// into a timeval. An offset ("+01", "-05:30") gives the exact instant; a text
-// without one is local time, as SybUtils::parseDate reads it.
-bool parsePgDate(std::string text, timeval& tv) {
+}  // namespace
+
+bool parsePostgresDate(std::string text, timeval& tv) {
   long offset = 0;
   bool hasOffset = false;
   const size_t sign = text.size() > 19 ? text.find_last_of("+-") : std::string::npos;
@@ -132,6 +131,8 @@ bool parsePgDate(std::string text, timeval& tv) {
   tv = local;
   return true;
 }
+
+namespace {
 
 // The position just past the host part of a "scheme://host/..." URI.
 size_t hostPartEnd(const std::string& uri) {
@@ -244,7 +245,7 @@ class PgCursor : public Cursor {
     if (isNull(col)) return std::string();
     const char* text = PQgetvalue(row_, 0, col - 1);
     timeval tv;
-    if (isDate(col) && parsePgDate(text, tv)) return SybUtils::convertFromUnixTimeval(tv);
+    if (isDate(col) && parsePostgresDate(text, tv)) return SybUtils::convertFromUnixTimeval(tv);
     return std::string(text, static_cast<size_t>(PQgetlength(row_, 0, col - 1)));
   }
   long getLong(int col) const override {
@@ -266,7 +267,7 @@ class PgCursor : public Cursor {
   }
   timeval getDate(int col) const override {
     timeval tv{0, 0};
-    if (!isNull(col)) parsePgDate(PQgetvalue(row_, 0, col - 1), tv);
+    if (!isNull(col)) parsePostgresDate(PQgetvalue(row_, 0, col - 1), tv);
     return tv;
   }
 

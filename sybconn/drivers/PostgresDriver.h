@@ -1,7 +1,10 @@
 #ifndef SYBCONN_DRIVERS_POSTGRESDRIVER_H
 #define SYBCONN_DRIVERS_POSTGRESDRIVER_H
 
+#include <sys/time.h>
+
 #include <memory>
+#include <string>
 
 #include <sybconn/Driver.h>
 #include <sybconn/PostgresSettings.h>
@@ -12,6 +15,12 @@ namespace sybconn {
 // Statements pass through the Sybase dialect rewrite first; rows stream one
 // at a time (libpq's single-row mode).
 std::unique_ptr<Driver> makePostgresDriver();
+
+// Reads a date, timestamp or timestamptz text of the server (DateStyle ISO)
+// into `tv`; false, with `tv` untouched, for any other text. An offset
+// ("+01", "-05:30") gives the exact instant; a text without one is local
+// time, as SybUtils::parseDate reads it. Fuzzed.
+bool parsePostgresDate(std::string text, timeval& tv);
 }  // namespace sybconn
 
 #endif
