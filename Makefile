@@ -4,7 +4,7 @@ JOBS ?= $(shell nproc)
 FUZZ_SECONDS ?= 60
 CMAKE_BUILD = cmake --build --preset
 
-.PHONY: all deps build demo test test-default test-asan test-tsan bench bench-instructions fuzz format install clean
+.PHONY: all deps build demo demo-postgresql test test-default test-asan test-tsan bench bench-instructions fuzz format install clean
 
 all: build
 
@@ -19,6 +19,12 @@ demo: deps
 	cmake --preset default >/dev/null
 	$(CMAKE_BUILD) default -j $(JOBS) --target dataAccessDemo
 	@bash examples/run-demo.sh build/default
+
+# The same demo on a throwaway PostgreSQL cluster (examples/run-demo-postgresql.sh).
+demo-postgresql: deps
+	cmake --preset default >/dev/null
+	$(CMAKE_BUILD) default -j $(JOBS) --target dataAccessDemo da_pg_cluster
+	@bash examples/run-demo-postgresql.sh build/default
 
 test: test-default test-asan test-tsan
 	@echo "make test: all suites passed (default, asan+ubsan, tsan)"

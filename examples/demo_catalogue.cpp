@@ -16,9 +16,7 @@ namespace {
 int run(const std::string& work) {
   ServiceConnectionSyb conn(demo::server(work, "archive.db"), "ops", "secret", "archive");
   if (conn.acquire() != 0) return 1;
-  if (!demo::createTables(
-          conn, {"replication_queue.sqlite.sql", "file_catalogue.sqlite.sql", "safe_copies.sqlite.sql"}))
-    return 1;
+  if (!demo::createTables(conn, {"replication_queue", "file_catalogue", "safe_copies"})) return 1;
   conn.execute("delete repl_queue");
   conn.execute("delete kest_files");
 

@@ -21,14 +21,13 @@ namespace {
 const double kNight = 61000.0;  // MJD of the demo's night
 
 bool createDatabases(const std::string& work) {
-  const char* const databases[][2] = {{"obrep2", "observation_repository.sqlite.sql"},
-                                      {"ambient", "ambient_conditions.sqlite.sql"},
-                                      {"arsystem", "ar_system.sqlite.sql"}};
+  const char* const databases[][2] = {
+      {"obrep2", "observation_repository"}, {"ambient", "ambient_conditions"}, {"arsystem", "ar_system"}};
   for (const auto& db : databases) {
     SybaseConnection conn;
     if (conn.connect(demo::server(work, std::string(db[0]) + ".db"), "ops", "secret") != 0) return false;
-    if (!demo::createTables(conn, {db[1]})) return false;
-    if (demo::serverSetting()) break;  // one server holds them all
+    if (!demo::createTables(conn, {db[1]}, db[0])) return false;
+    if (demo::serverSetting() && !demo::onPostgres()) break;  // one server holds them all
   }
   return true;
 }

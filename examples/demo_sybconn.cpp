@@ -19,17 +19,17 @@ int run(const std::string& work) {
   SybaseConnection conn;
   if (conn.connect(server, "demo", "demo") != 0) return 1;
   std::printf("   connected to %s\n", server.c_str());
-  if (!demo::createTables(conn, {"demo_sqlite.sql"})) return 1;
+  if (!demo::createTables(conn, {"demo"})) return 1;
 
   timeval now{};
   gettimeofday(&now, nullptr);
   const std::string when = SybUtils::convertFromUnixTimeval(now);
-  conn.execute("begin Tran A1");
+  conn.beginTransaction("A1");
   conn.execute("delete observations where obs_id in (1, 2, 3)");
   conn.execute("insert into observations values (1, 'NGC 253', 0.71, '" + when + "')");
   conn.execute("insert into observations values (2, 'M 83', NULL, getdate())");
   conn.execute("insert into observations values (3, 'Eta Carinae', 1.05, '" + when + "')");
-  conn.execute("commit A1");
+  conn.commitTransaction("A1");
   conn.execute("update observations set seeing = seeing + 0.1 where seeing is not null");
   std::printf("   wrote 3 rows, raised the seeing of %ld\n", conn.rowCount());
 
