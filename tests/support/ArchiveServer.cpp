@@ -41,6 +41,8 @@ struct TraceLog : testing::Environment {
 };
 const auto* traceLog = testing::AddGlobalTestEnvironment(new TraceLog);
 
+}  // namespace
+
 int listenLoopback(int backlog, int& port) {
   const int fd = socket(AF_INET, SOCK_STREAM, 0);
   sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
@@ -50,8 +52,6 @@ int listenLoopback(int backlog, int& port) {
   port = ntohs(addr.sin_port);
   return fd;
 }
-
-}  // namespace
 
 ArchiveServer::ArchiveServer() : listenFd_(listenLoopback(16, port_)), thread_([this] { run(); }) {}
 

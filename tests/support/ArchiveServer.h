@@ -66,6 +66,8 @@ inline std::string fileReply(const std::string& fileName, const std::string& con
 
 // The port of a loopback listener whose backlog is full: a connect to it hangs until the client's time-out.
 int fullBacklogPort();
+// A socket listening on 127.0.0.1 at a free port (set in `port`); aborts the program if it cannot.
+int listenLoopback(int backlog, int& port);
 
 using testsupport::readFile;
 // Every function the client log traces as entered is traced as left as often.

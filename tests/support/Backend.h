@@ -21,11 +21,9 @@ class Backend {
   bool isSqlite() const { return kind_ == Kind::Sqlite; }
   bool isTds() const { return kind_ == Kind::Tds; }
   bool isPostgres() const { return kind_ == Kind::Postgres; }
-  // The server name that reaches the database FILE: "sqlite:FILE", the address of a TDS test server on
-  // FILE (started on first use), or a PostgreSQL URI.
+  // The server name that reaches the database FILE: "sqlite:FILE", a TDS test server's on FILE, or a URI.
   std::string server(const std::string& dbFile);
-  // The server name that fills FILE with tables and rows: the file itself, which the TDS test server
-  // serves, or the PostgreSQL server.
+  // The server name that fills FILE with tables: the file itself (also under TDS), or server(FILE).
   std::string setupServer(const std::string& dbFile);
   // The text of examples/schema/NAME in the SQL of the setup server.
   std::string schema(const std::string& name) const;

@@ -1,35 +1,26 @@
 #include "tests/support/PgCluster.h"
 
 #include <libpq-fe.h>
-#include <netinet/in.h>
 #include <pwd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <stdexcept>
+
+#include "tests/support/ArchiveServer.h"
 
 namespace testsupport {
 
 PgCluster::PgCluster() {
-  const char* host = std::getenv("DA_TEST_PG_HOST");
-  const char* port = std::getenv("DA_TEST_PG_PORT");
-  const char* state = std::getenv("DA_TEST_PG_STATE");
-  if (host && port) {
-    external_ = true, host_ = host, port_ = std::atoi(port);
-  } else if (state) {
-    std::ifstream in(state);
-    external_ = static_cast<bool>(in >> host_ >> port_);
-  }
+  if (const char* state = std::getenv("DA_TEST_PG_STATE"))
+    external_ = static_cast<bool>(std::ifstream(state) >> host_ >> port_);
 }
 
 bool PgCluster::detach(const std::string& stateFile) {
   if (!running_ || external_) return false;
-  std::ofstream(stateFile) << host_ << ' ' << port_ << '\n';
-  if (readFile(stateFile).empty()) return false;
+  if (!(std::ofstream(stateFile) << host_ << ' ' << port_ << '\n')) return false;
   dir_->keep();  // stopDetached removes it
   dir_.reset();
   running_ = false;
@@ -38,8 +29,7 @@ bool PgCluster::detach(const std::string& stateFile) {
 
 void PgCluster::stopDetached(const std::string& stateFile) {
   PgCluster c;
-  std::ifstream in(stateFile);
-  if (!(in >> c.host_ >> c.port_)) return;
+  if (!(std::ifstream(stateFile) >> c.host_ >> c.port_)) return;
   c.dir_ = std::make_unique<TempDir>(c.host_);  // adopted: removed with the object
   c.running_ = true;
   c.stop();
@@ -48,9 +38,7 @@ void PgCluster::stopDetached(const std::string& stateFile) {
 
 bool PgCluster::run(const std::string& what, const std::string& command) {
   // The server refuses to run as root: the cluster is postgres's then.
-  const std::string bin = std::filesystem::exists("/usr/lib/postgresql/15/bin/pg_ctl")
-                              ? "/usr/lib/postgresql/15/bin/"
-                              : "$(pg_config --bindir)/";
+  const std::string bin = "$(pg_config --bindir)/";
   const std::string as = ::geteuid() == 0 ? "runuser -u postgres -- " : "";
   const std::string log = dir_->file("setup.log"), serverLog = dir_->file("server.log");
   const int rc = std::system((as + bin + command + " >>" + log + " 2>&1").c_str());
@@ -66,14 +54,7 @@ bool PgCluster::start() {
   if (!dir_) {
     dir_ = std::make_unique<TempDir>();
     host_ = dir_->path();
-    // A port free now: bound to 0, read back, let go.
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    socklen_t len = sizeof addr;
-    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), len);
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    ::close(fd);
-    port_ = ntohs(addr.sin_port);
+    ::close(archivetest::listenLoopback(1, port_));  // a port free now
     const std::string pw = dir_->write("pw", password() + "\n", 0600);
     const passwd* pg = ::geteuid() == 0 ? ::getpwnam("postgres") : nullptr;
     if (pg && (::chown(host_.c_str(), pg->pw_uid, pg->pw_gid) || ::chown(pw.c_str(), pg->pw_uid, pg->pw_gid)))
@@ -94,15 +75,19 @@ void PgCluster::stop() {
   running_ = false;
 }
 
-std::string PgCluster::createDatabase() {
-  static int counter = 0;
-  const std::string name = "da_test_" + std::to_string(::getpid()) + "_" + std::to_string(++counter);
-  PGconn* c = PQconnectdb((uri() + "&user=postgres").c_str());
-  PGresult* r = PQexec(c, ("create database " + name).c_str());
+void PgCluster::exec(const std::string& db, const std::string& sql) const {
+  PGconn* c = PQconnectdb((uri(db) + "&user=postgres").c_str());
+  PGresult* r = PQexec(c, sql.c_str());
   const std::string why = PQresultStatus(r) == PGRES_COMMAND_OK ? "" : PQerrorMessage(c);
   PQclear(r);
   PQfinish(c);
-  if (!why.empty()) throw std::runtime_error("create database " + name + " failed: " + why);
+  if (!why.empty()) throw std::runtime_error(sql + " failed: " + why);
+}
+
+std::string PgCluster::createDatabase() {
+  static int counter = 0;
+  const std::string name = "da_test_" + std::to_string(::getpid()) + "_" + std::to_string(++counter);
+  exec("postgres", "create database " + name);
   return name;
 }
 

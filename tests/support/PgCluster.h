@@ -14,9 +14,7 @@ namespace testsupport {
 // logs); the destructor stops and removes it.
 class PgCluster {
  public:
-  // Not started. A running cluster is used instead when DA_TEST_PG_HOST and DA_TEST_PG_PORT name
-  // one, or when DA_TEST_PG_STATE names a file that detach() wrote ("HOST PORT").
-  PgCluster();
+  PgCluster();  // not started; DA_TEST_PG_STATE names the file of a running one (see detach) instead
   ~PgCluster() { stop(); }
   bool start();
   void stop();
@@ -29,10 +27,10 @@ class PgCluster {
     return "postgresql://127.0.0.1:" + std::to_string(port_) + "/" + db;
   }
   static std::string password() { return "da-test-secret"; }
-  std::string createDatabase();  // a fresh database; its name
-  // Leaves the running cluster running after this object is gone and writes "HOST PORT" to `stateFile`,
-  // for the processes that use it; stopDetached(stateFile) stops and removes it. False if it is not
-  // running or the file cannot be written.
+  std::string createDatabase();                                    // a fresh database; its name
+  void exec(const std::string& db, const std::string& sql) const;  // as the superuser; throws on failure
+  // Leaves the cluster running after this object is gone, "HOST PORT" written to `stateFile` for the
+  // processes that use it, until stopDetached(stateFile). False if not running or not written.
   bool detach(const std::string& stateFile);
   static void stopDetached(const std::string& stateFile);
   static PgCluster& shared();  // one per test process, started on first use (throws if it cannot)

@@ -16,6 +16,7 @@
 #include <sstream>
 
 #include "sybconn/drivers/Dialect.h"
+#include "tests/support/ArchiveServer.h"
 
 namespace tdstest {
 namespace {
@@ -343,15 +344,7 @@ struct TdsServer::Session {
 };
 
 int TdsServer::start() {
-  listenFd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t len = sizeof a;
-  if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0 || ::listen(listenFd_, 16) != 0 ||
-      ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&a), &len) != 0)
-    return 0;
-  port_ = ntohs(a.sin_port);
+  listenFd_ = archivetest::listenLoopback(16, port_);
   acceptThread_ = std::thread([this] {
     while (!stopping_) {
       const int fd = ::accept(listenFd_, nullptr, nullptr);

@@ -244,9 +244,11 @@ TEST_F(Connection, DatesRoundTripThroughStorageToTheMillisecond) {
 TEST(Dialect, Rewrites) {
   const std::string now = "strftime('%Y%m%d %H:%M:%f','now','localtime')";
   // An empty `out` means unchanged; `home`, the login's own database, needs no attaching.
+  using sybconn::DialectTarget;
   const struct {
     std::string in, out, home = "";
     std::vector<std::string> databases = {};
+    DialectTarget target = DialectTarget::Sqlite;
   } cases[] = {
       {"insert into t values ('x'); delete T where a='delete T where'",
        "insert into t values ('x'); delete from T where a='delete T where'"},
@@ -272,30 +274,29 @@ TEST(Dialect, Rewrites) {
        "select x.cs.cs_id from main.cs c, ambient.s, x.y, main.z",
        "obrep2",
        {"x", "ambient"}},
+      // PostgreSQL: schemas for databases, the home database's tables unqualified, its own clock, and
+      // transaction statements as written; a convert with a style or without a type as written.
+      {"select a from obrep2..cs, x.dbo.t where d < getdate()",
+       "select a from cs, x.t where d < LOCALTIMESTAMP(3)",
+       "obrep2",
+       {"x"},
+       DialectTarget::Postgres},
+      {"select convert(varchar(10), a + 1), n = convert(int, '1,2') from x..t",
+       "select CAST(a + 1 AS varchar(10)), CAST('1,2' AS int) AS n from x.t",
+       "",
+       {"x"},
+       DialectTarget::Postgres},
+      {"select convert(char, d, 112), convert(int); begin tran A1", "", "", {}, DialectTarget::Postgres},
   };
-  using sybconn::DialectTarget;
   for (const auto& c : cases) {
     // The character scan and the token rewrite agree.
-    for (const auto& r : {sybconn::rewriteSybase(c.in, DialectTarget::Sqlite, c.home),
-                          sybconn::rewriteSybaseByTokens(c.in, DialectTarget::Sqlite, c.home)}) {
+    for (const auto& r : {sybconn::rewriteSybase(c.in, c.target, c.home),
+                          sybconn::rewriteSybaseByTokens(c.in, c.target, c.home)}) {
       EXPECT_EQ(r.sql, c.out.empty() ? c.in : c.out) << c.in;
       EXPECT_EQ(r.databases, c.databases) << c.in;
     }
     EXPECT_TRUE(sybconn::mayNeedRewrite(c.in) || (c.out.empty() && c.databases.empty())) << c.in;
   }
-  // PostgreSQL: schemas for databases, the home database's tables unqualified, its own clock, and
-  // transaction statements as written.
-  const std::pair<std::string, std::string> pg[] = {
-      {"select a from obrep2..cs, x.dbo.t where d < getdate()",
-       "select a from cs, x.t where d < LOCALTIMESTAMP(3)"},
-      {"select convert(varchar(10), a + 1), n = convert(int, '1,2') from x..t",
-       "select CAST(a + 1 AS varchar(10)), CAST('1,2' AS int) AS n from x.t"},
-      {"select convert(char, d, 112), convert(int)", ""},  // a style, no type: as written
-      {"begin tran A1", ""}};
-  for (const auto& [in, out] : pg)
-    for (const auto& r : {sybconn::rewriteSybase(in, DialectTarget::Postgres, "obrep2"),
-                          sybconn::rewriteSybaseByTokens(in, DialectTarget::Postgres, "obrep2")})
-      EXPECT_EQ(r.sql, out.empty() ? in : out) << in;
   // The quick test passes over what the rewrite would leave as it is: an "="
   // outside every select list, a literal outside one, a number's dots.
   std::string lists;  // as many open lists as it tracks
