@@ -23,6 +23,7 @@
 #include <sstream>
 #include <string>
 
+#include "bench/BenchRows.h"
 #include "bench/BenchUtil.h"
 #include "tests/support/TdsServer.h"
 
@@ -95,16 +96,6 @@ std::string freshQueue(const char* name) {
   return path;
 }
 
-ReplicationRequest request(int i) {
-  ReplicationRequest r("ADP.2026-11-22T01:02:03." + std::to_string(i));
-  r.fileVersion_ = 1;
-  r.diskId_ = "DISK_A";
-  r.submitterId_ = "ingest";
-  r.priority_ = 2;
-  r.statusId(ReplicationRequest::Scheduled);
-  return r;
-}
-
 // A TDS test server on `dbFile`, speaking `version` ("5.0" or "7.4"), and the
 // driver set to that version; nullptr for SQLite.
 std::unique_ptr<tdstest::TdsServer> tdsServer(const std::string& dbFile, const char* version) {
@@ -124,7 +115,7 @@ void insertOurs(benchutil::Pass& pass, bool log, const char* tds = nullptr) {
   logging(log);
   pass.measure([&] {
     conn.beginTransaction();
-    for (int i = 0; i < kInserts; ++i) dao.insert(request(i), conn);
+    for (int i = 0; i < kInserts; ++i) dao.insert(benchrows::request(i), conn);
     conn.commitTransaction();
   });
   logging(false);
@@ -137,11 +128,7 @@ void insertRaw(benchutil::Pass& pass) {
   pass.measure([&] {
     sqlite3_exec(db, "SAVEPOINT A1", nullptr, nullptr, nullptr);
     for (int i = 0; i < kInserts; ++i) {
-      const ReplicationRequest r = request(i);
-      const std::string sql =
-          "insert into repl_queue (file_id,file_version,disk_id,submitter_id,priority,status_id) values ('" +
-          r.fileId_ + "'," + std::to_string(r.fileVersion_) + ",'" + r.diskId_ + "','" + r.submitterId_ +
-          "'," + std::to_string(r.priority_) + "," + std::to_string(r.statusId_) + ")";
+      const std::string sql = benchrows::insertSql(benchrows::request(i));
       sqlite3_stmt* stmt = nullptr;
       sqlite3_prepare_v2(db, sql.c_str(), static_cast<int>(sql.size()), &stmt, nullptr);
       sqlite3_step(stmt);
@@ -176,14 +163,7 @@ void makeBig() {
   sqlite3_close(db);
 }
 
-size_t loadOurs(const std::string& server = "sqlite:" + g_big) {
-  ServiceConnectionSyb conn(server, "u", "p", "db");
-  conn.acquire();
-  std::vector<KestFile> files;
-  KestFileDAOSyb("kest_files").loadAll(files, conn);
-  conn.release();
-  return files.size();
-}
+size_t loadOurs(const std::string& server = "sqlite:" + g_big) { return benchrows::loadAll(server, "u"); }
 
 std::string text(sqlite3_stmt* s, int col) {
   const unsigned char* t = sqlite3_column_text(s, col);

@@ -16,6 +16,7 @@
 #include <string>
 #include <vector>
 
+#include "bench/BenchRows.h"
 #include "bench/BenchUtil.h"
 #include "tests/support/PgCluster.h"
 #include "tests/support/TempDir.h"
@@ -48,16 +49,6 @@ void setup(const std::string& sql) {
   PQfinish(c);
 }
 
-ReplicationRequest request(int i) {
-  ReplicationRequest r("ADP.2026-11-22T01:02:03." + std::to_string(i));
-  r.fileVersion_ = 1;
-  r.diskId_ = "DISK_A";
-  r.submitterId_ = "ingest";
-  r.priority_ = 2;
-  r.statusId(ReplicationRequest::Scheduled);
-  return r;
-}
-
 void insertOurs(benchutil::Pass& pass) {
   setup("truncate repl_queue");
   ServiceConnectionSyb conn(g_uri, "postgres", "", "");
@@ -65,7 +56,7 @@ void insertOurs(benchutil::Pass& pass) {
   ReplicationRequestDAOSyb dao("repl_queue");
   pass.measure([&] {
     conn.beginTransaction();
-    for (int i = 0; i < kInserts; ++i) dao.insert(request(i), conn);
+    for (int i = 0; i < kInserts; ++i) dao.insert(benchrows::request(i), conn);
     conn.commitTransaction();
   });
   conn.release();
@@ -78,26 +69,14 @@ void insertRaw(benchutil::Pass& pass) {
   pass.measure([&] {
     PQclear(PQexec(c, "BEGIN"));
     for (int i = 0; i < kInserts; ++i) {
-      const ReplicationRequest r = request(i);
-      const std::string sql =
-          "insert into repl_queue (file_id,file_version,disk_id,submitter_id,priority,status_id) values ('" +
-          r.fileId_ + "'," + std::to_string(r.fileVersion_) + ",'" + r.diskId_ + "','" + r.submitterId_ +
-          "'," + std::to_string(r.priority_) + "," + std::to_string(r.statusId_) + ")";
-      PQclear(PQexec(c, sql.c_str()));
+      PQclear(PQexec(c, benchrows::insertSql(benchrows::request(i)).c_str()));
     }
     PQclear(PQexec(c, "COMMIT"));
   });
   PQfinish(c);
 }
 
-size_t loadOurs() {
-  ServiceConnectionSyb conn(g_uri, "postgres", "", "");
-  conn.acquire();
-  std::vector<KestFile> files;
-  KestFileDAOSyb("kest_files").loadAll(files, conn);
-  conn.release();
-  return files.size();
-}
+size_t loadOurs() { return benchrows::loadAll(g_uri, "postgres"); }
 
 std::string text(const PGresult* r, int col) {
   return std::string(PQgetvalue(r, 0, col), static_cast<size_t>(PQgetlength(r, 0, col)));

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 namespace fuzzutil {
 
@@ -15,6 +17,17 @@ inline long countByte(const char* data, std::size_t size, char c) {
        (p = static_cast<const char*>(std::memchr(p, c, static_cast<std::size_t>(end - p)))) != nullptr; ++p)
     ++n;
   return n;
+}
+
+// Makes local time UTC, once: no hour that local time skips or repeats, so a
+// date text and its instant map one to one.
+inline void useUtc() {
+  static const bool utc = [] {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    return true;
+  }();
+  (void)utc;
 }
 
 }  // namespace fuzzutil

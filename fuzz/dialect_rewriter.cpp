@@ -2,8 +2,8 @@
 // literal of the input must come out unchanged and in order, and the quick
 // paths (the test that skips a text, the scan that rewrites qualified names
 // alone) must give what the token-by-token rewrite gives.
-#include <cstdint>
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <vector>

@@ -4,17 +4,12 @@
 #include <sybconn/SybUtils.h>
 
 #include <cstdint>
-#include <cstdlib>
-#include <ctime>
 #include <string>
 
+#include "fuzz/FuzzUtil.h"
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool utc = [] {  // no hour that local time skips or repeats
-    setenv("TZ", "UTC", 1);
-    tzset();
-    return true;
-  }();
-  (void)utc;
+  fuzzutil::useUtc();
   const std::string text(reinterpret_cast<const char*>(data), size);
   timeval tv{12345, 678};
   if (!SybUtils::parseDate(text, tv)) {

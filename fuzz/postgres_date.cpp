@@ -2,19 +2,14 @@
 // text: a refused text leaves the value untouched; an accepted one has
 // microseconds in [0, 1e6).
 #include <cstdint>
-#include <cstdlib>
-#include <ctime>
 #include <string>
+
+#include "fuzz/FuzzUtil.h"
 
 #include "sybconn/drivers/PostgresDriver.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool utc = [] {  // no hour that local time skips or repeats
-    setenv("TZ", "UTC", 1);
-    tzset();
-    return true;
-  }();
-  (void)utc;
+  fuzzutil::useUtc();
   timeval tv{12345, 678};
   if (!sybconn::parsePostgresDate(std::string(reinterpret_cast<const char*>(data), size), tv)) {
     if (tv.tv_sec != 12345 || tv.tv_usec != 678) __builtin_trap();
