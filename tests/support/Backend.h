@@ -29,8 +29,7 @@ class Backend {
   std::string schema(const std::string& name) const;
   // A server name whose logins fail at once: a missing folder, or a loopback port nobody listens on.
   std::string unreachable() const;
-  // Stops the test servers and drops the databases made so far (between tests).
-  void stopServers();
+  void stopServers();  // between tests: stops the test servers, drops the databases made so far
 
  private:
   enum class Kind { Sqlite, Tds, Postgres };

@@ -44,7 +44,6 @@ bool PgCluster::run(const std::string& what, const std::string& command) {
   const int rc = std::system((as + bin + command + " >>" + log + " 2>&1").c_str());
   if (rc == 0) return true;
   const std::string text = readFile(log) + readFile(serverLog);
-  // The folder and its logs go with the object: the message carries the end of the logs.
   error_ = what + " failed (status " + std::to_string(rc) +
            "): " + text.substr(text.size() > 500 ? text.size() - 500 : 0);
   return false;
