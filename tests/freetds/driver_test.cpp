@@ -31,8 +31,8 @@ TEST_P(FreeTdsTest, Logins) {
   ASSERT_EQ(0, conn_.connect(alice.address(), "alice", "s3cret"));
   EXPECT_TRUE(saw(5701)) << "informational messages reach the handler too";
   EXPECT_EQ(alice.tdsVersion.load(), sybase() ? 0u : 0x74000004u);
-  sybconn::FreeTdsSettings::setLoginTimeout(0);  // the least there is: 1 s
-  sybconn::FreeTdsSettings::setQueryTimeout(1);
+  sybconn::FreeTdsSettings::setLoginTimeout(0), sybconn::FreeTdsSettings::setQueryTimeout(1);
+  EXPECT_EQ(1, sybconn::FreeTdsSettings::loginTimeout());  // 0 is the least there is: 1 s
   for (Mode mode : {Mode::Normal, Mode::Silent, Mode::SilentAfterLogin}) {
     tdstest::TdsServer server(db_, "u", "p", mode);
     ASSERT_NE(0, server.start());
