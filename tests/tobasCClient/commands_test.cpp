@@ -31,8 +31,8 @@ struct Commands : ::testing::Test {
 }  // namespace
 
 TEST_F(Commands, RequestPaths) {
-  EXPECT_EQ("STATUS", SENT(tobasStatus(host, p, 5, &st)));
   EXPECT_EQ(tobasERR_HOST, tobasStatus(std::string(1000, 'h').c_str(), p, 5, &st));  // a host name too long
+  EXPECT_EQ("STATUS", SENT(tobasStatus(host, p, 5, &st)));
   const size_t inUse = heapInUse();
   EXPECT_EQ("CLONE?wait=\"1\"&file_id=\"f\"", SENT(tobasClone(host, p, 5, "f", -1, "", "", 1, &st)));
   EXPECT_EQ("CLONE?wait=\"0\"&file_id=\"a:b\"&file_version=3&disk_id=\"d=1\"&target_disk_id=\"t\"",
