@@ -3,7 +3,6 @@
 
 // Pieces the observation-condition DAOs share.
 
-#include <map>
 #include <string>
 #include <vector>
 
@@ -11,20 +10,13 @@
 
 namespace dataAccess {
 
-// The position executeSelect entered for a select-list name; 0 (a column
-// every result set reads as NULL) when the name is not in the map. Looked up
-// once per statement, not once per row.
-inline int columnPosition(const std::map<std::string, int>& fields, const std::string& name) {
-  const auto it = fields.find(name);
-  return it == fields.end() ? 0 : it->second;
-}
-
-// Runs a select through the connection's select-list map; a failed one is
-// logged with its statement. Returns what executeSelect returned.
+// Runs a select; a failed one is logged with its statement. Returns what
+// executeSelect returned. The DAOs write their select lists themselves and
+// read column i of a row at position i + 1, where executeSelect's select-list
+// map would put it, without paying for the map.
 template <class Conn>
-int selectLogged(const Conn& conn, const std::string& sql, typename Conn::ResultSet& res,
-                 typename Conn::ListOfFieldIndex& fields) {
-  const int selected = conn.executeSelect(sql, res, fields);
+int selectLogged(const Conn& conn, const std::string& sql, typename Conn::ResultSet& res) {
+  const int selected = conn.executeSelect(sql, res);
   if (selected < 0) DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
   return selected;
 }

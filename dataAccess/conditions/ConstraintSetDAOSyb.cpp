@@ -40,24 +40,10 @@ int ConstraintSetDAOSyb::find(int obsId, std::vector<ConstraintSet>& constraintS
   sql.append("=").append(cs).append(".").append(CS_ID_FIELD);
 
   typename Conn::ResultSet res;
-  typename Conn::ListOfFieldIndex fields;
-  if (dataAccess::selectLogged(conn, sql, res, fields) < 0) return -1;
+  if (dataAccess::selectLogged(conn, sql, res) < 0) return -1;
   const auto before = constraintSets.size();
   int count = 0;
   if (res.hasResultSet()) {
-    // The position of each column under its qualified name, as the select
-    // list wrote it; one pass over the map instead of a look-up a name.
-    int col[12] = {};
-    for (const auto& field : fields) {
-      const std::string& name = field.first;
-      if (name.size() <= cs.size() || name.compare(0, cs.size(), cs) != 0 || name[cs.size()] != '.') continue;
-      const size_t length = name.size() - cs.size() - 1;
-      for (int i = 0; i < 12; ++i)
-        if (columns[i]->size() == length && name.compare(cs.size() + 1, length, *columns[i]) == 0) {
-          col[i] = field.second;
-          break;  // the twelve names differ
-        }
-    }
     // A NULL column reads as 0, 0.0 or an empty string, the defaults of a
     // record: one read a column (see ConditionsSupport.h).
     const auto integer = [&res](int c) { return static_cast<int>(res.getLongValue(c)); };
@@ -65,18 +51,18 @@ int ConstraintSetDAOSyb::find(int obsId, std::vector<ConstraintSet>& constraintS
     const auto text = [&res](int c) { return res.getStringValue(c); };
     while (res.next()) {
       ConstraintSet s;
-      s.csId_ = integer(col[0]);
-      s.userId_ = integer(col[1]);
-      s.itemName_ = text(col[2]);
-      s.itemDescription_ = text(col[3]);
-      s.seeing_ = real(col[4]);
-      s.skyTransparency_ = text(col[5]);
-      s.airMass_ = real(col[6]);
-      s.fli_ = real(col[7]);
-      s.moonDistance_ = integer(col[8]);
-      s.localStorageId_ = text(col[9]);
-      s.strehlRatio_ = real(col[10]);
-      s.baselineId_ = integer(col[11]);
+      s.csId_ = integer(1);
+      s.userId_ = integer(2);
+      s.itemName_ = text(3);
+      s.itemDescription_ = text(4);
+      s.seeing_ = real(5);
+      s.skyTransparency_ = text(6);
+      s.airMass_ = real(7);
+      s.fli_ = real(8);
+      s.moonDistance_ = integer(9);
+      s.localStorageId_ = text(10);
+      s.strehlRatio_ = real(11);
+      s.baselineId_ = integer(12);
       constraintSets.push_back(std::move(s));
       ++count;
     }

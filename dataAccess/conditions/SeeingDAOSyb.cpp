@@ -53,27 +53,24 @@ int SeeingDAOSyb::find(double startDate, double endDate, std::vector<Seeing>& se
          " AND " + std::to_string(startKey) + " AND fwhm <> " + "255" + " AND fwhm IS NOT NULL";
 
   typename Conn::ResultSet res;
-  typename Conn::ListOfFieldIndex fields;
-  const int selected = dataAccess::selectLogged(conn, sql, res, fields);
+  const int selected = dataAccess::selectLogged(conn, sql, res);
   if (selected < 0) return selected;
   const auto before = seeings.size();
   int count = 0;
   if (res.hasResultSet()) {
-    int col[9];
-    for (int i = 0; i < 9; ++i) col[i] = dataAccess::columnPosition(fields, *columns[i]);
     // A NULL column reads as 0 (see ConditionsSupport.h).
     const auto value = [&res](int c) { return static_cast<int>(res.getLongValue(c)); };
     while (res.next()) {
       Seeing s;
-      s.startDate_ = value(col[0]);
-      s.interval_ = value(col[1]);
-      s.fwhm_ = value(col[2]);
-      s.ra_ = value(col[3]);
-      s.dec_ = value(col[4]);
-      s.airmass_ = value(col[5]);
-      s.tau_ = value(col[6]);
-      s.rfl_ = value(col[7]);
-      s.tet_ = value(col[8]);
+      s.startDate_ = value(1);
+      s.interval_ = value(2);
+      s.fwhm_ = value(3);
+      s.ra_ = value(4);
+      s.dec_ = value(5);
+      s.airmass_ = value(6);
+      s.tau_ = value(7);
+      s.rfl_ = value(8);
+      s.tet_ = value(9);
       seeings.push_back(s);
       ++count;
     }

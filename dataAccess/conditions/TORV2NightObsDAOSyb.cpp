@@ -19,22 +19,18 @@ int TORV2NightObsDAOSyb::find(int obsId, std::vector<TORV2NightObs>& records, co
                           TRANSPARENCY_FIELD + " from " + table_ + " where " + OB_ID_FIELD + "='" +
                           obsIdText + "'";
   typename Conn::ResultSet res;
-  typename Conn::ListOfFieldIndex fields;
-  const int selected = dataAccess::selectLogged(conn, sql, res, fields);
+  const int selected = dataAccess::selectLogged(conn, sql, res);
   if (selected < 0) return selected;
   const auto before = records.size();
   int count = 0;
   if (res.hasResultSet()) {
-    const int requestCol = dataAccess::columnPosition(fields, REQUEST_ID_FIELD);
-    const int skyCol = dataAccess::columnPosition(fields, SKY_TRANSPARENCY_FIELD);
-    const int transparencyCol = dataAccess::columnPosition(fields, TRANSPARENCY_FIELD);
     // A NULL column reads as an empty string or 0 (see ConditionsSupport.h).
     while (res.next()) {
       TORV2NightObs r;
-      r.requestId_ = res.getStringValue(requestCol);
+      r.requestId_ = res.getStringValue(1);
       r.obId_ = obsIdText;
-      r.skyTransparency_ = res.getStringValue(skyCol);
-      r.transparency_ = static_cast<int>(res.getLongValue(transparencyCol));
+      r.skyTransparency_ = res.getStringValue(2);
+      r.transparency_ = static_cast<int>(res.getLongValue(3));
       records.push_back(std::move(r));
       ++count;
     }

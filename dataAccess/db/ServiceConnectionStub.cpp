@@ -41,6 +41,14 @@ ServiceConnectionStub::ResultSet ServiceConnectionStub::execute(std::string sql)
 }
 
 int ServiceConnectionStub::executeSelect(std::string sql, ResultSet& res, ListOfFieldIndex& fields) const {
+  return select(sql, res, &fields);
+}
+
+int ServiceConnectionStub::executeSelect(std::string sql, ResultSet& res) const {
+  return select(sql, res, nullptr);
+}
+
+int ServiceConnectionStub::select(const std::string& sql, ResultSet& res, ListOfFieldIndex* fields) const {
   std::string::size_type start = sql.find("select");
   if (start == std::string::npos) start = sql.find("SELECT");
   if (start == std::string::npos) return -1;
@@ -49,11 +57,12 @@ int ServiceConnectionStub::executeSelect(std::string sql, ResultSet& res, ListOf
     DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
     return -1;
   }
+  if (fields == nullptr) return 0;
   start += 6;
   std::string::size_type from = sql.find("from");
   if (from == std::string::npos) from = sql.find("FROM");
   if (from != std::string::npos && start < from)
-    dataAccess::mapSelectList(std::string_view(sql).substr(start, from - start), fields);
+    dataAccess::mapSelectList(std::string_view(sql).substr(start, from - start), *fields);
   return 0;
 }
 

@@ -26,6 +26,7 @@ class ServiceConnectionStub {
 
   ResultSet execute(std::string sql) const;
   int executeSelect(std::string sql, ResultSet& res, ListOfFieldIndex& fields) const;
+  int executeSelect(std::string sql, ResultSet& res) const;  // without the map
 
   int beginTransaction() const;
   int commitTransaction() const;
@@ -38,6 +39,8 @@ class ServiceConnectionStub {
   bool isAcquired() const { return conn_ != 0; }
 
  private:
+  int select(const std::string& sql, ResultSet& res, ListOfFieldIndex* fields) const;
+
   std::string dbServer_;
   std::string dbUser_;
   std::string dbPasswd_;

@@ -155,6 +155,14 @@ bool wordIs(const std::string& text, int n, const char* upper) {
 }  // namespace
 
 int ServiceConnectionSyb::executeSelect(std::string sql, ResultSet& res, ListOfFieldIndex& fields) const {
+  return select(sql, res, &fields);
+}
+
+int ServiceConnectionSyb::executeSelect(std::string sql, ResultSet& res) const {
+  return select(sql, res, nullptr);
+}
+
+int ServiceConnectionSyb::select(const std::string& sql, ResultSet& res, ListOfFieldIndex* fields) const {
   int result = -1;
   std::string::size_type listStart;
   if (wordIs(sql, 1, "DISTINCT")) {
@@ -170,10 +178,11 @@ int ServiceConnectionSyb::executeSelect(std::string sql, ResultSet& res, ListOfF
     return result;
   }
   result = 0;
+  if (fields == nullptr) return result;
   std::string::size_type from = sql.find("from");
   if (from == std::string::npos) from = sql.find("FROM");
   if (from == std::string::npos || listStart >= from) return result;
-  dataAccess::mapSelectList(std::string_view(sql).substr(listStart, from - listStart), fields);
+  dataAccess::mapSelectList(std::string_view(sql).substr(listStart, from - listStart), *fields);
   return result;
 }
 

@@ -49,6 +49,10 @@ class ServiceConnectionSyb {
   // Executes a select and enters each select-list name with its position
   // (from 1) into `fields` (never cleared, never overwritten).
   int executeSelect(std::string sql, ResultSet& res, ListOfFieldIndex& fields) const;
+  // The same without the map, for a caller that wrote the select list and
+  // reads each column at its position there: the map costs two allocations a
+  // name, which a look-up of a single row feels.
+  int executeSelect(std::string sql, ResultSet& res) const;
 
   // Numbered nested transactions: begin Tran A<n> / commit A<n> / rollback A<n>.
   int beginTransaction() const;
@@ -76,6 +80,7 @@ class ServiceConnectionSyb {
  private:
   int readDBParameters();
   int endTransaction(bool commit) const;
+  int select(const std::string& sql, ResultSet& res, ListOfFieldIndex* fields) const;
 
   std::string dbServer_;
   std::string dbName_;
