@@ -129,6 +129,7 @@ TEST_F(Conditions, MeanSeeingOverAPeriod) {
     EXPECT_NEAR(mean, c.mean, 1e-9) << c.duration;
     EXPECT_TRUE(log.containsFragment(c.between)) << c.duration;
     EXPECT_TRUE(log.containsFragment(c.line)) << c.duration;
+    EXPECT_EQ(ConnectionPool::instance()->counts().inUse, 0) << c.duration;  // the login given back
   }
   EXPECT_EQ(AmbientService::seeingTable(static_cast<AmbientService::ObservationSite>(7)),
             "ambient..seeing_torvane");  // an unknown site reads Torvane's table

@@ -131,8 +131,12 @@ struct TobasLog : testing::Test {
 
 TEST_F(TobasLog, LineFormatLevelsAndSettings) {
   EXPECT_EQ(tobasERR_OPEN_LOG_FILE, tobasPrepLog(dir.file("no/dir/x.log").c_str(), LEV3, -1, -1));
-  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, -1));
+  ASSERT_EQ(0, tobasPrepLog("", LEV3, -1, -1));
   tobasSetVerboseLevel(LEV1);
+  testing::internal::CaptureStdout();
+  tobasLogError("no file");
+  EXPECT_HAS(testing::internal::GetCapturedStdout(), "[ERROR] no file");  // echoed without a file
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, -1));
   setenv("TZ", "XXX-5:30", 1);  // the stamps stay UTC whatever the zone
   tzset();
   testing::internal::CaptureStdout();
