@@ -80,17 +80,6 @@ TEST_F(Postgres, AMillionRowsStreamAndCountAsRead) {  // writes' counts: the sui
   EXPECT_EQ(conn_.rowCount(), 300000);
 }
 
-// Nested levels are the suites' (db, catalogue) on PostgreSQL. A transaction in which a statement failed
-// does not commit: it stays open for its rollback.
-TEST_F(Postgres, AFailedStatementKeepsItsTransactionFromCommitting) {
-  ASSERT_TRUE(run("create table t (id int)"));
-  ASSERT_TRUE(conn_.beginTransaction("A1").commandSucceeded());
-  EXPECT_FALSE(run("insert into t values ('x')"));
-  EXPECT_FALSE(conn_.commitTransaction("A1").commandSucceeded());
-  EXPECT_NE(lastError().find("cannot commit"), std::string::npos) << lastError();
-  EXPECT_TRUE(conn_.rollbackTransaction("A1").commandSucceeded());
-}
-
 TEST_F(Postgres, RefusedLoginsReportTheServersReasonNeverThePassword) {
   const std::string tcp = pg().tcpUri(), at = "@" + tcp.substr(13);  // "@127.0.0.1:N/postgres"
   const std::pair<std::string, std::string> cases[] = {
@@ -128,6 +117,13 @@ TEST_F(Postgres, ServerMessagesCarryTheirStateAndSeverity) {
     EXPECT_TRUE(s.sqlstate == c.state && s.msgtext == c.text && s.srvname == pg().uri(db_)) << s.msgtext;
     EXPECT_EQ(std::make_pair(s.msgno, s.srvSeverity), std::make_pair(c.msgno, c.severity)) << c.sql;
   }
+  // (Nested levels are the suites'.) A transaction with a failed statement stays open for its rollback.
+  ASSERT_TRUE(run("create table t (id int)"));
+  ASSERT_TRUE(conn_.beginTransaction("A1").commandSucceeded());
+  EXPECT_FALSE(run("insert into t values ('x')"));
+  EXPECT_FALSE(conn_.commitTransaction("A1").commandSucceeded());
+  EXPECT_NE(lastError().find("cannot commit"), std::string::npos) << lastError();
+  EXPECT_TRUE(conn_.rollbackTransaction("A1").commandSucceeded());
 }
 
 TEST_F(Postgres, LoginsDeadAfterAKilledBackendOrARestartAreDropped) {
