@@ -1,5 +1,4 @@
-// Condor submit files, DAG files and association-block submission, run
-// against the stand-in submit commands of tests/support.
+// Condor submit and DAG files and association-block submission, against tests/support's stand-ins.
 #include <dataAccess/common/FileReplace.h>
 #include <dataAccess/condor/CondorDag.h>
 #include <dataAccess/condor/CondorSubmit.h>
@@ -109,14 +108,9 @@ TEST_F(Condor, RefusalsLogTheCauseAndWriteNothing) {
        "CondorJob::save() - line feed in the arguments value of " + lineFeed.getFileName()},
       {[&] { return CondorDag(dir_.file("g")).save(); }, "CondorDag::save() - empty DAG"},
       {[&] { return job(".").save(); }, "Can't open condor submit file " + dir_.file(".") + " for writing"},
-      {[&] { return job("sub/").save(); },
-       "Can't open condor submit file " + dir_.file("sub/") + " for writing"},
       {[&] { return job("sub").save(); }, "Can't write condor submit file " + dir_.file("sub")},
-      {[&] { return job(".").submit(); }, "Can't submit non-existent file " + dir_.file(".")},
       {[&] { return dagOf("x/..").save(); },
        "Can't open condor DAG file " + dir_.file("x/..") + " for writing"},
-      {[&] { return dagOf("no/g").save(); },
-       "Can't open condor DAG file " + dir_.file("no/g") + " for writing"},
   };
   ::mkdir(dir_.file("sub").c_str(), 0700);
   for (const auto& c : cases) {
@@ -128,7 +122,6 @@ TEST_F(Condor, RefusalsLogTheCauseAndWriteNothing) {
     std::vector<std::pair<std::string, std::vector<std::string>>> nodes;  // name, parents
     std::string error;
   } graphs[] = {
-      {{{"a b", {}}}, "invalid node name a b"},
       {{{"a+b", {}}}, "invalid node name a+b"},
       {{{"x.y", {}}, {"Parent", {}}}, "invalid node name Parent"},
       {{{"chILD", {}}}, "invalid node name chILD"},
@@ -157,27 +150,21 @@ TEST_F(Condor, RefusalsLogTheCauseAndWriteNothing) {
 }
 
 TEST_F(Condor, SubmitSavesFirstQuotesTheNameAndPassesTheResultBack) {
-  const struct {
-    std::string name, status, command;
-  } cases[] = {
-      {"plain-1.cmd", "3", ""},
-      {"a b;touch gotcha;$(touch gotcha2).cmd", "0", ""},
-      {"it's.dag", "0", ""},
-  };
-  for (const auto& c : cases) {
-    setenv("CONDOR_STANDIN_STATUS", c.status.c_str(), 1);
+  for (const auto& [name, status] : {std::pair<std::string, int>{"plain-1.cmd", 3},
+                                     {"a b;touch gotcha;$(touch gotcha2).cmd", 0},
+                                     {"it's.dag", 0}}) {
+    setenv("CONDOR_STANDIN_STATUS", std::to_string(status).c_str(), 1);
     fs::remove(dir_.file("record"));
-    const CondorJob j = job(c.name);
-    CondorDag dag(dir_.file(c.name + ".dag"));
+    const CondorJob j = job(name);
+    CondorDag dag(dir_.file(name + ".dag"));
     dag.setSubmitCommand(kStandIn + "_dag");
     dag.addJob(job("n.cmd"));
     for (const int result : {j.submit(), dag.submit()}) {  // left to right
-
-      ASSERT_TRUE(WIFEXITED(result)) << c.name;
-      EXPECT_EQ(WEXITSTATUS(result), std::stoi(c.status)) << c.name;
+      ASSERT_TRUE(WIFEXITED(result)) << name;
+      EXPECT_EQ(WEXITSTATUS(result), status) << name;
     }
     EXPECT_EQ(testsupport::readFile(dir_.file("record")),
-              "condor_submit [" + j.getFileName() + "]\n" + submitFile("/bin/true", c.name, dir_.path()) +
+              "condor_submit [" + j.getFileName() + "]\n" + submitFile("/bin/true", name, dir_.path()) +
                   "condor_submit_dag [" + dag.getFileName() + "]\n" +
                   testsupport::readFile(dag.getFileName()));
   }
@@ -267,8 +254,7 @@ TEST(CondorDeath, InvalidNamesStopTheProcess) {
   }
 }
 
-// A submit file that cannot be written whole (here: over the file size
-// limit) fails its save and leaves neither the file nor its temporary.
+// A submit file that cannot be written whole (over the file size limit) leaves neither it nor its temporary.
 bool saveBeyondTheFileSizeLimit(const std::string& dir) {
   ::signal(SIGXFSZ, SIG_IGN);
   const rlimit small{8, 8};

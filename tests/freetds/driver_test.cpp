@@ -49,7 +49,7 @@ TEST_P(FreeTdsTest, Logins) {
 }
 
 // 299 ticks of 1/300 s read back as .997; a float as the shortest text that reads back exactly.
-TEST_P(FreeTdsTest, TypedValuesNullsUnicodeDatesAndLargeResults) {
+TEST_P(FreeTdsTest, TypedValuesNullsUnicodeDatesLargeResultsAndErrorsInABatch) {
   ASSERT_EQ(0, conn_.connect(server_.address(), "u", "p"));
   SybaseResultSet rs = conn_.execute("select id, name, score, stamp from t order by id");
   EXPECT_EQ("id|name", rs.columnName(1) + "|" + rs.columnName(2));
@@ -82,6 +82,16 @@ TEST_P(FreeTdsTest, TypedValuesNullsUnicodeDatesAndLargeResults) {
   EXPECT_EQ(3L, rs.rowCount());
   ASSERT_TRUE((rs = conn_.execute("select n from big")).next());  // still held when the next batch runs
   EXPECT_EQ("3", nextRow(conn_.execute("select count(*) from t")));
+
+  // The outcome of a batch is its last command's; the login stays usable.
+  const std::pair<const char*, int> cases[] = {
+      {"select * from missing; select 1", 0},
+      {"update t set score = 1 where id = 1; select * from missing; delete from t where id = 3", 1},
+      {"delete from t where id = 3; select * from missing", 0}};
+  for (const auto& [sql, succeeded] : cases)
+    EXPECT_EQ(succeeded, conn_.execute(sql).commandSucceeded()) << sql;
+  EXPECT_TRUE(saw(102));
+  EXPECT_EQ("2", nextRow(conn_.execute("select count(*) from t")));
 }
 
 TEST_P(FreeTdsTest, LoginsLeaveNoMemoryBehind) {
@@ -91,19 +101,6 @@ TEST_P(FreeTdsTest, LoginsLeaveNoMemoryBehind) {
   for (int i = 0; i < 200; ++i) SybaseConnection().connect(server_.address(), "u", "p");
   server_.stop();                                   // its sessions end
   EXPECT_LT(mallinfo2().uordblks, before + 60000);  // 200 login records left behind take over 100 KB
-}
-
-// The outcome of a batch is its last command's; the login stays usable.
-TEST_P(FreeTdsTest, ErrorsInABatch) {
-  ASSERT_EQ(0, conn_.connect(server_.address(), "u", "p"));
-  const std::pair<const char*, int> cases[] = {
-      {"select * from missing; select 1", 0},
-      {"update t set score = 1 where id = 1; select * from missing; delete from t where id = 3", 1},
-      {"delete from t where id = 3; select * from missing", 0}};
-  for (const auto& [sql, succeeded] : cases)
-    EXPECT_EQ(succeeded, conn_.execute(sql).commandSucceeded()) << sql;
-  EXPECT_TRUE(saw(102));
-  EXPECT_EQ("2", nextRow(conn_.execute("select count(*) from t")));
 }
 
 // A login cut mid-result fails its commands; the pool logs in afresh instead of handing it out again.

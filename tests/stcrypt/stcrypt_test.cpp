@@ -30,7 +30,7 @@ class Stcrypt : public ::testing::Test {
   const std::string key_ = dir_.file("key");
 };
 
-TEST_F(Stcrypt, RoundTripsWithinTheBufferBound) {
+TEST_F(Stcrypt, RoundTripsKeyFileRulesAndRefusalsThatLogOneErrorLineNamingTheKeyFileAndReason) {
   for (const std::string& pw : {std::string(""), std::string("x"), std::string("pa ss\tw\xc3\xb6rd"),
                                 std::string(STCRYPT_MAX_PASSWORD, 'z')}) {
     const std::string text = run(stencrypt, pw);
@@ -39,9 +39,7 @@ TEST_F(Stcrypt, RoundTripsWithinTheBufferBound) {
   }
   EXPECT_NE(run(stencrypt, "same"), run(stencrypt, "same"));  // a fresh nonce each time
   EXPECT_EQ(run(stencrypt, std::string(STCRYPT_MAX_PASSWORD + 1, 'z')), "<refused>");
-}
 
-TEST_F(Stcrypt, KeyFileRulesAndRefusalsThatLogOneErrorLineNamingTheKeyFileAndReason) {
   const std::string good = run(stencrypt, "secret");
   ASSERT_EQ(stcreatekey(dir_.file("other").c_str()), 0);
   const auto expectRefused = [](const std::string& text, const std::string& key, const std::string& why) {

@@ -6,10 +6,8 @@
 
 namespace testsupport {
 
-// Captures every line written through ACE's logger, from every thread, while it is alive (one at a
-// time per process, not copyable), with the time stamp replaced by "<D>" and the thread id between the
-// brackets by "<t>", e.g. "<D> ERROR [ <t> ] Could not open x\n"; a record without a line feed is
-// continued by the next one. ACE's backend and flags are restored.
+// Captures ACE's log lines from every thread while alive (one at a time), stamp and thread id replaced:
+// "<D> ERROR [ <t> ] Could not open x\n"; a record without a line feed is continued by the next one.
 class LogCapture {
  public:
   LogCapture();

@@ -13,8 +13,7 @@
 namespace testsupport {
 
 TempDir::TempDir() : path_((std::filesystem::temp_directory_path() / "da-test-XXXXXX").string()) {
-  // No test writes a file near 1 GiB: a write loop gone wrong ends the test
-  // (SIGXFSZ) instead of filling the disk under every later test.
+  // No test writes near 1 GiB: a write loop gone wrong ends by SIGXFSZ instead of filling the disk.
   static const bool bounded = [] {
     const rlimit limit{1L << 30, 1L << 30};
     return ::setrlimit(RLIMIT_FSIZE, &limit) == 0;

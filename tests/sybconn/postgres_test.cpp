@@ -6,6 +6,7 @@
 #include <sybconn/SybaseConnection.h>
 
 #include <chrono>
+#include <climits>
 #include <vector>
 
 #include "dataAccess/db/ConnectionPool.h"
@@ -48,14 +49,16 @@ class Postgres : public ::testing::Test {
 // numeric through every reader.
 TEST_F(Postgres, DatesAndNumericsReadThroughEveryReader) {
   SybaseResultSet rs = conn_.execute(
-      "select 1234.56::numeric(10,2), '2026-03-04 05:06:07.891+00'::timestamptz, '2026-03-04'::date");
+      "select 1234.56::numeric(10,2), '2026-03-04 05:06:07.891+00'::timestamptz, '2026-03-04'::date, "
+      "9223372036854775808.0");  // 2^63: beyond a long by one
   ASSERT_TRUE(rs.next());
   timeval day{0, 0};
   SybUtils::parseDate("20260304", day);
   const timeval utc{1772600767, 891000};  // 2026-03-04 05:06:07.891 UTC
   EXPECT_EQ(rs.getStringValue(1) + "|" + rs.getStringValue(2) + "|" + rs.getStringValue(3),
             "1234.56|" + SybUtils::convertFromUnixTimeval(utc) + "|20260304 00:00:00.000");
-  EXPECT_EQ(std::make_pair(rs.getLongValue(1), rs.getDoubleValue(1)), std::make_pair(1234L, 1234.56));
+  EXPECT_EQ(std::make_tuple(rs.getLongValue(1), rs.getDoubleValue(1), rs.getLongValue(4)),
+            std::make_tuple(1234L, 1234.56, LONG_MAX));
   EXPECT_EQ(std::vector<long>({rs.getDateAsTimevalValue(2).tv_sec, rs.getDateAsTimevalValue(2).tv_usec,
                                rs.getDateAsTimevalValue(3).tv_sec, rs.getLongValue(3)}),
             std::vector<long>({utc.tv_sec, utc.tv_usec, day.tv_sec, day.tv_sec}));
@@ -75,17 +78,6 @@ TEST_F(Postgres, AMillionRowsStreamAndCountAsRead) {  // writes' counts: the sui
   // Released before its end, a select still counts all its rows.
   conn_.execute("select g from generate_series(1, 300000) g").releaseResults();
   EXPECT_EQ(conn_.rowCount(), 300000);
-}
-
-// Nested levels are the suites' (db, catalogue) on PostgreSQL. A transaction in which a statement failed
-// does not commit: it stays open for its rollback.
-TEST_F(Postgres, AFailedStatementKeepsItsTransactionFromCommitting) {
-  ASSERT_TRUE(run("create table t (id int)"));
-  ASSERT_TRUE(conn_.beginTransaction("A1").commandSucceeded());
-  EXPECT_FALSE(run("insert into t values ('x')"));
-  EXPECT_FALSE(conn_.commitTransaction("A1").commandSucceeded());
-  EXPECT_NE(lastError().find("cannot commit"), std::string::npos) << lastError();
-  EXPECT_TRUE(conn_.rollbackTransaction("A1").commandSucceeded());
 }
 
 TEST_F(Postgres, RefusedLoginsReportTheServersReasonNeverThePassword) {
@@ -125,6 +117,13 @@ TEST_F(Postgres, ServerMessagesCarryTheirStateAndSeverity) {
     EXPECT_TRUE(s.sqlstate == c.state && s.msgtext == c.text && s.srvname == pg().uri(db_)) << s.msgtext;
     EXPECT_EQ(std::make_pair(s.msgno, s.srvSeverity), std::make_pair(c.msgno, c.severity)) << c.sql;
   }
+  // (Nested levels are the suites'.) A transaction with a failed statement stays open for its rollback.
+  ASSERT_TRUE(run("create table t (id int)"));
+  ASSERT_TRUE(conn_.beginTransaction("A1").commandSucceeded());
+  EXPECT_FALSE(run("insert into t values ('x')"));
+  EXPECT_FALSE(conn_.commitTransaction("A1").commandSucceeded());
+  EXPECT_NE(lastError().find("cannot commit"), std::string::npos) << lastError();
+  EXPECT_TRUE(conn_.rollbackTransaction("A1").commandSucceeded());
 }
 
 TEST_F(Postgres, LoginsDeadAfterAKilledBackendOrARestartAreDropped) {

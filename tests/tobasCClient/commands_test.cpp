@@ -105,6 +105,8 @@ TEST_F(Commands, RequestPaths) {
   tobasFreeStatus(&st);
   EXPECT_EQ(tobasERR_INV_PARS, tobasRetrieve2File(host, p, 5, std::string(6000, '=').c_str(), -1, "", "",
                                                   dir.file("x").c_str(), final, &st));
+  EXPECT_EQ(tobasERR_INV_PARS, tobasRestore(host, p, 5, std::string(300, 'u').c_str(), "id", 1, &st));
+  EXPECT_HAS(logText(), "[ERROR] tobasRestore(): request too long or illegal parameters");
   EXPECT_EQ(tobasERR_FILE, tobasArchive(host, p, 5, dir.file("missing").c_str(), "", 0, 0, &st));
   EXPECT_STREQ("Invalid filename specified", st.message);
   const size_t fds = listDir("/proc/self/fd").size();  // a folder is no file to send, and is closed again
@@ -170,6 +172,7 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
   }
   EXPECT_TRUE(listDir(folder).empty());
   EXPECT_HAS(logText(), "[ERROR] Reply names an illegal file to write: \"../out\"");
+  EXPECT_HAS(logText(), "[ERROR] Retrieval refused by the server: 500 ");
   EXPECT_HAS(logText(), "[ERROR] Reply announces no length of the file");  // the last row
   EXPECT_EQ(400, retrieve({httpReply(400, statusDoc("FAILURE", "TOBAS_ER_RETRIEVE:4022:WARNING: not here"))},
                           folder));

@@ -7,19 +7,15 @@
 
 #include "tests/tobasCClient/TobasTest.h"
 
-// A reader of the server lists waits while another thread holds their lock.
-TEST(TobasConcurrency, TheServerListLockExcludesOtherThreads) {
+TEST(TobasConcurrency, ThreadsShareOneServerList) {
   _tobasInitSrvInfo();
-  _tobasLockSrvInfoSem();
+  _tobasLockSrvInfoSem();  // a reader of the lists waits while another thread holds their lock
   int found;
   tobasSRV_INFO* info = nullptr;
   auto reader = std::async(std::launch::async, [&] { _tobasGetSrvInfoObj("no such list", &found, &info); });
   EXPECT_EQ(std::future_status::timeout, reader.wait_for(std::chrono::milliseconds(100)));
   _tobasUnlockSrvInfoSem();
   reader.get();
-}
-
-TEST(TobasConcurrency, ThreadsShareOneServerList) {
   constexpr int kThreads = 4, kPerThread = 10;
   ArchiveServer a, b;
   for (int i = 0; i < kThreads * kPerThread; ++i)

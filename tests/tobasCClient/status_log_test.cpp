@@ -17,7 +17,7 @@ extern "C" int gettimeofday(timeval* tv, void*) noexcept {
   return 0;
 }
 
-TEST(TobasStatus, DocumentsAndCodes) {
+TEST(TobasStatus, DocumentsCodesAndHelpers) {
   const std::string longest(16383, 'm'), invalid = "Invalid reply from data server";
   const std::tuple<std::string, int, int, std::string> cases[] = {
       {statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file"), 0, 4003,
@@ -70,9 +70,7 @@ TEST(TobasStatus, DocumentsAndCodes) {
   EXPECT_EQ(tobasERR_INV_REPLY, st.errorCode);
   EXPECT_EQ(tobasERR_UNKNOWN_STAT, tobasStat2Str(1, st.message));
   tobasFreeStatus(&st);
-}
 
-TEST(TobasUtil, Helpers) {
   tobasBIG_BUF dir;
   std::string name(2 * tobasBIG_BUF_SIZE, 'x');  // room to see that a name cut at its bound ends within it
   EXPECT_EQ(1, tobasSplitFilename(("d/" + std::string(600, 'n')).c_str(), dir, &name[0]));
@@ -99,7 +97,7 @@ TEST(TobasUtil, Helpers) {
   free(loaded);
   EXPECT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", -1));  // its socket, opened as 0, is moved off it
   EXPECT_EQ(0, dup(stdinCopy) + close(stdinCopy));          // 0 is free again: standard input back in it
-  const size_t inUse = heapInUse();
+  inUse = heapInUse();
   EXPECT_EQ(tobasERR_FILE, tobasLoadFile(tmp.path().c_str(), &loaded, &size));  // a folder: reading fails
   EXPECT_EQ(tobasERR_FILE, tobasSaveInFile("/dev/full", "z", 1));               // a full disk: writing fails
   rlimit was, low;  // an endless file beyond the address space left: refused, its buffer freed
@@ -131,8 +129,12 @@ struct TobasLog : testing::Test {
 
 TEST_F(TobasLog, LineFormatLevelsAndSettings) {
   EXPECT_EQ(tobasERR_OPEN_LOG_FILE, tobasPrepLog(dir.file("no/dir/x.log").c_str(), LEV3, -1, -1));
-  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, -1));
+  ASSERT_EQ(0, tobasPrepLog("", LEV3, -1, -1));
   tobasSetVerboseLevel(LEV1);
+  testing::internal::CaptureStdout();
+  tobasLogError("no file");
+  EXPECT_HAS(testing::internal::GetCapturedStdout(), "[ERROR] no file");  // echoed without a file
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, -1));
   setenv("TZ", "XXX-5:30", 1);  // the stamps stay UTC whatever the zone
   tzset();
   testing::internal::CaptureStdout();

@@ -22,11 +22,11 @@ ToolRun tool(const std::string& args, const std::string& cwd = "", const std::st
   return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, readFile(io.file("out")), readFile(io.file("err"))};
 }
 
-TEST(TobasToolUsage, InformationAndWrongCommandLines) {
+TEST(TobasTool, InformationWrongCommandLinesCommandsAndTheirRequests) {
   const std::string at1 = "-host 127.0.0.1 -port 1 -cmd ";
   std::string tooMany = at1 + "INIT";
   for (int i = 0; i < 17; ++i) tooMany += " -par p" + std::to_string(i);
-  const std::tuple<std::string, int, std::string> cases[] = {
+  const std::tuple<std::string, int, std::string> usage[] = {
       {"-help", 0, "-par <Parameter> [-val <Val>]"},
       {"-version", 0, ""},
       {"-license", 0, "Redistribution"},
@@ -45,15 +45,13 @@ TEST(TobasToolUsage, InformationAndWrongCommandLines) {
       {at1 + "OFFLINE -par force -val yes", 2, "parameter force: not a number: yes"},
       {at1 + "RETRIEVE -par file_version -val 2", 2, "RETRIEVE needs -par file_id"},
   };
-  for (const auto& [args, want, message] : cases) {
+  for (const auto& [args, want, message] : usage) {
     const auto [status, out, err] = tool(args);
     EXPECT_EQ(want, status) << args;
     EXPECT_HAS(want ? err : out, message);
     EXPECT_EQ(want != 0, err.find("try 'tobasCClient -help'") != std::string::npos) << err;
   }
-}
 
-TEST(TobasTool, CommandsAndTheirRequests) {
   ArchiveServer srv;
   const std::string at = "-host 127.0.0.1 -port " + std::to_string(srv.port()) + " ";
   auto status = [](const std::string& s, const std::string& m) { return httpReply(200, statusDoc(s, m)); };

@@ -42,9 +42,9 @@ struct VelmoraTest : ::testing::Test {
   std::string in(const std::string& name) const { return base + "/in/" + name; }
 };
 
-TEST(VelmoraKeys, EncodingRoundTripsAndErrorFiles) {
-  const char* keys[][3] = {{"A_B_C", "A&#95;B&#95;C", "A_B_C"}, {"a&#95;b_", "a&#95;b&#95;", "a_b_"}};
-  for (const auto& k : keys)
+TEST(VelmoraKeys, EncodingRoundTripsErrorFilesAndTheRequestMap) {
+  const char* coded[][3] = {{"A_B_C", "A&#95;B&#95;C", "A_B_C"}, {"a&#95;b_", "a&#95;b&#95;", "a_b_"}};
+  for (const auto& k : coded)
     EXPECT_EQ(Velmora::encodeGlobalKey(k[0]) + Velmora::decodeGlobalKey(k[1]), std::string(k[1]) + k[2]);
   std::vector<velmora::ErrorEntry> got;  // entries in order, blank lines skipped, the first malformed stops
   std::string bad;
@@ -56,10 +56,8 @@ TEST(VelmoraKeys, EncodingRoundTripsAndErrorFiles) {
   EXPECT_EQ(std::to_string(velmora::parseErrorFile("K   ", got, bad)) + bad + std::to_string(got.size()),
             "0K   2");
   EXPECT_TRUE(velmora::readRegularFile("/proc/self/mem", 8, bad) && bad.empty());  // its read fails at once
-}
 
-// Each map is destroyed still holding requests: every one must be freed once.
-TEST(VelmoraArchReqsMap, RemovalByAnyKeyAndSharedKeys) {
+  // Removal by any key, and keys shared; each map is destroyed holding requests: every one freed once.
   VelmoraArchiveRequest a, b;  // b shares a's global key
   a.setAll("K", "vol", "/d/a", "/d/a.lab", "/d/.usr/a.OK", "/d/.usr/a.ERR");
   b.setAll("K", "vol", "/d/b", "/d/b.lab", "/d/.usr/b.OK", "/d/.usr/b.ERR");
@@ -141,7 +139,6 @@ TEST_F(VelmoraTest, LabelFileAndStatusFiles) {
   EXPECT_THROW(v.checkArchStatus(false, map, ok, err), fs::filesystem_error);
 }
 
-// One thread submits; another runs the tool, polls and removes; both draw indices.
 TEST_F(VelmoraTest, SubmitterAndPollerShareMapAndIndex) {
   const unsigned n = 150;
   std::thread submitter([&] {
