@@ -6,6 +6,7 @@
 #include <dataAccess/db/ServiceConnectionStub.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>
 #include <gtest/gtest.h>
+#include <sybconn/SybUtils.h>
 #include <sybconn/SybaseConnection.h>
 
 #include <atomic>
@@ -123,6 +124,21 @@ TEST_F(Catalogue, ExactStatements) {
     std::function<int()> call;
     std::string sql, log = "";  // a line the call logs
   } cases[] = {
+      {CALL(kest_.insert(file("F", 2, "D"), stub_)),
+       "insert into kest_files (file_id,file_version,file_name,disk_id,format,file_size,"
+       "uncompressed_file_size,file_status,ingestion_date) values "
+       "('F',2,'F.fits','D','FITS',1000,4000,'S','" +
+           SybUtils::convertFromUnixTimeval(file("F", 2, "D").ingestionDate_) + "')"},
+      {CALL(kest_.insert("D1", "F", 2, "D2", stub_)),
+       "INSERT INTO kest_files (file_id, file_name, file_version, disk_id, format, file_size, "
+       "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
+       "creation_date) SELECT file_id, file_name, file_version, disk_id='D2', format, file_size, "
+       "uncompressed_file_size, compression, ingestion_date, ignore, checksum, checksum_plugin, file_status, "
+       "creation_date=getdate() FROM kest_files WHERE disk_id='D1' AND file_id='F' AND file_version=2"},
+      {CALL(kest_.update("F", 'X', stub_)), "update kest_files set file_status = 'X' where file_id='F'"},
+      {CALL(safe_.find("F", 2, stub_)),
+       "select file_id, file_version from kest_files_safe where file_id='F' AND file_version=2"},
+      {CALL(queue_.loadAll(requests_, stub_)), queueSelect + " order by submission_time"},
       {CALL(kest_.update("F", 1, "D", 'X', stub_)),
        "update kest_files set file_status = 'X' where file_id='F' and file_version=1 and disk_id='D'",
        "DEBUG [ <t> ] Could not update replication request file=F version=1 disk=D to status X"},

@@ -63,16 +63,25 @@ class Conditions : public ::testing::Test {
   std::vector<Seeing> seeings_;
 };
 
-TEST_F(Conditions, SelectsTheStubFails) {
+TEST_F(Conditions, StatementsAsTheStubPrintsThem) {
+  const std::string cs = "obrep2..constraint_sets.", ob = "obrep2..obs_blocks";
+  const std::string sql[] = {
+      "select " + cs + "cs_id," + cs + "user_id," + cs + "item_name," + cs + "item_description," + cs +
+          "seeing," + cs + "sky_transparency," + cs + "airmass," + cs + "fli," + cs + "moon_distance," + cs +
+          "local_storage_id," + cs + "strehl_ratio," + cs + "baseline_id from obrep2..constraint_sets," + ob +
+          " where " + ob + ".ob_id=-7 AND " + ob + ".cs_id=" + cs + "cs_id",
+      "select distinct Request_ID,Sky_Transparency,Transparency from D..TORV2_NightObs where OB_ID='123'"};
   std::vector<ConstraintSet> sets;
   std::vector<TORV2NightObs> nights;
   testsupport::LogCapture log;
   testing::internal::CaptureStdout();
-  EXPECT_EQ(ConstraintSetDAOSyb("c", "o").findByObsId(-7, sets, stub_), -1);
-  EXPECT_EQ(TORV2NightObsDAOSyb("n").findByObsId(123, nights, stub_), -1);
+  EXPECT_EQ(ConstraintSetDAOSyb("obrep2..constraint_sets", ob).findByObsId(-7, sets, stub_), -1);
+  EXPECT_EQ(TORV2NightObsDAOSyb("D..TORV2_NightObs").findByObsId(123, nights, stub_), -1);
   EXPECT_EQ(SeeingDAOSyb("t").findByDate(NAN, 1.0, seeings_, stub_), -1);  // refused unrun
-  EXPECT_EQ(testing::internal::GetCapturedStdout().find("from t"), std::string::npos);
-  EXPECT_EQ(log.count("ERROR [ <t> ] Error executing SQL command select "), 4u);  // stub's and DAO's
+  // The stub's selects fail: its line and the DAO's.
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "EXECUTE : " + sql[0] + "\nEXECUTE : " + sql[1] + "\n");
+  for (const std::string& s : sql)
+    EXPECT_EQ(log.count("ERROR [ <t> ] Error executing SQL command " + s + "\n"), 2u);
   EXPECT_TRUE(log.containsFragment("ERROR [ <t> ] Invalid period from nan to 1.000000"));
 }
 
