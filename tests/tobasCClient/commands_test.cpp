@@ -196,6 +196,8 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
   for (const auto& [cut, hold, timeout, stat] : stops)
     for (const char* name : {"in/part", "in/old"})
       EXPECT_EQ(stat, retrieve({full, cut, 0, hold}, dir.file(name), timeout)) << cut << " " << hold;
+  // A refused target: the rest of the body is awaited no longer than the time-out.
+  EXPECT_EQ(tobasERR_INV_TARG_FILE, retrieve({full, 56, 0, true}, dir.file("no/such/dir/f"), 0.3f));
   EXPECT_EQ(std::vector<std::string>{"old"}, listDir(folder));
   EXPECT_EQ("old", readFile(folder + "/old"));
 }
