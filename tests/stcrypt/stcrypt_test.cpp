@@ -59,6 +59,7 @@ TEST_F(Stcrypt, RoundTripsKeyFileRulesAndRefusalsThatLogOneErrorLineNamingTheKey
     expectRefused(good, key, "");
   std::filesystem::permissions(key_, std::filesystem::perms(0640));
   expectRefused(good, key_, "accessible by group or others");
+  expectRefused(good, dir_.path(), "is not a regular file");
   // Never overwritten; without STCRYPT_KEY_FILE the key is $HOME/.dbrc.key.
   EXPECT_EQ(stcreatekey(key_.c_str()), -1);
   unsetenv("STCRYPT_KEY_FILE");
