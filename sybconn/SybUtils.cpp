@@ -60,12 +60,12 @@ bool parseDate(const std::string& text, timeval& out) {
       ++i;
       if (!digits(text, i, 2, second)) return false;
       if (i < text.size() && (text[i] == '.' || text[i] == ':')) {
-        // A fraction: up to six digits count, further ones are dropped.
+        // A fraction: up to six digits count; the scale of further ones is 0.
         ++i;
         long scale = 100000;
         size_t start = i;
         while (i < text.size() && std::isdigit(static_cast<unsigned char>(text[i]))) {
-          if (scale > 0) usec += (text[i] - '0') * scale;
+          usec += (text[i] - '0') * scale;
           scale /= 10;
           ++i;
         }

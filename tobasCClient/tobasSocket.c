@@ -13,6 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/param.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -193,7 +194,7 @@ int tobasSendFile(int sock, int file, long len, float timeout) {
   char* piece = malloc(TOBAS_SEND_PIECE);
   int stat = piece != NULL ? tobasSTAT_SUCCESS : tobasERR_ALLOC_MEM;
   while (len > 0 && stat == 0) {
-    ssize_t n = read(file, piece, len < TOBAS_SEND_PIECE ? (size_t)len : TOBAS_SEND_PIECE);
+    ssize_t n = read(file, piece, (size_t)MIN(len, TOBAS_SEND_PIECE));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) stat = tobasERR_FILE; /* unreadable, or shorter than its announced size */
     if (n > 0) stat = tobasSendAll(sock, piece, (size_t)n, 0, timeout);

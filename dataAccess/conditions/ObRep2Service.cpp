@@ -19,17 +19,17 @@ int ObRep2Service::findConstraintSetByObsId(int obsId, std::vector<ConstraintSet
   int result;
   // The texts below (two blanks after "of", "occured") are the ones log
   // readers match.
-  if (n == 1) {
-    DA_LOG_DEBUG("Constraint set of  %d obs block successfully retrieved", obsId);
-    result = 1;
+  if (n < 0) {
+    DA_LOG_ERROR("An error occured when retrieving constraint set of %d obs block", obsId);
+    result = -1;
   } else if (n == 0) {
     DA_LOG_DEBUG("no constraint set associated to %d obs block", obsId);
     result = 0;
-  } else if (n > 1) {
-    DA_LOG_ERROR("More than one constraint set associated to %d obs block", obsId);
-    result = -1;
+  } else if (n == 1) {
+    DA_LOG_DEBUG("Constraint set of  %d obs block successfully retrieved", obsId);
+    result = 1;
   } else {
-    DA_LOG_ERROR("An error occured when retrieving constraint set of %d obs block", obsId);
+    DA_LOG_ERROR("More than one constraint set associated to %d obs block", obsId);
     result = -1;
   }
   connection.release();

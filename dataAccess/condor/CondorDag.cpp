@@ -42,10 +42,11 @@ void CondorDag::addJob(const CondorJob& job, const std::list<CondorJob>& parents
 }
 
 std::string CondorDag::graphRefusal() const {
-  std::unordered_map<std::string, size_t> index;
-  index.reserve(dag_.size());
-  std::vector<const std::list<CondorJob>*> parents;
-  parents.reserve(dag_.size());
+  // Sized for every node up front: a graph of many thousand jobs is
+  // indexed without rehashing or regrowing.
+  std::unordered_map<std::string, size_t> index(dag_.size());
+  std::vector<const std::list<CondorJob>*> parents(dag_.size());
+  std::vector<const std::string*> names(dag_.size());
   const std::string dir = submitDir();
   for (const auto& node : dag_) {
     const CondorJob& job = node.first;
@@ -54,9 +55,10 @@ std::string CondorDag::graphRefusal() const {
     if (!validNodeName(job.id_)) return "CondorDag::save() - invalid node name " + job.id_;
     if (hasWhiteSpace(jobLineName(job, dir)))
       return "CondorDag::save() - white space in the submit file name of node " + job.id_;
-    if (!index.emplace(job.id_, parents.size()).second)
-      return "CondorDag::save() - two jobs named " + job.id_;
-    parents.push_back(&node.second);
+    const size_t at = index.size();
+    if (!index.emplace(job.id_, at).second) return "CondorDag::save() - two jobs named " + job.id_;
+    parents[at] = &node.second;
+    names[at] = &job.id_;
   }
   std::vector<std::vector<size_t>> edges(parents.size());
   auto node = dag_.begin();
@@ -72,9 +74,6 @@ std::string CondorDag::graphRefusal() const {
   // not exhaust the stack. 0 unvisited, 1 on the current path, 2 done.
   std::vector<char> state(parents.size(), 0);
   std::vector<std::pair<size_t, size_t>> stack;
-  std::vector<const std::string*> names;
-  names.reserve(parents.size());
-  for (const auto& n : dag_) names.push_back(&n.first.id_);
   for (size_t root = 0; root < parents.size(); ++root) {
     if (state[root] != 0) continue;
     state[root] = 1;

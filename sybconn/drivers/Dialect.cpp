@@ -183,15 +183,15 @@ void noteDatabase(DialectResult& r, std::string_view name, std::unordered_set<st
 
 // End of the literal or comment that starts at i ('...', "...", [...], -- to
 // the line end, /* ... */), or 0 when none starts there. `open` tells whether
-// a quoted text ran to the end of `s` without its closing quote.
+// a quoted text ran to the end of `s` without its closing quote. `s` is a
+// string's data: s[n] is its terminating NUL.
 size_t quotedEnd(const char* s, size_t n, size_t i, bool& open) {
   const char c = s[i];
-  const bool pair = i + 1 < n;
-  if (c == '-' && pair && s[i + 1] == '-') {
+  if (c == '-' && s[i + 1] == '-') {
     const void* nl = std::memchr(s + i + 2, '\n', n - i - 2);
     return nl ? static_cast<size_t>(static_cast<const char*>(nl) - s) : n;
   }
-  if (c == '/' && pair && s[i + 1] == '*') {
+  if (c == '/' && s[i + 1] == '*') {
     const char* const end = s + n;
     const char kClose[] = "*/";
     const char* const close = std::search(s + i + 2, end, kClose, kClose + 2);
@@ -205,7 +205,8 @@ size_t quotedEnd(const char* s, size_t n, size_t i, bool& open) {
     const void* q = std::memchr(s + j, closing, n - j);
     if (q == nullptr) break;
     j = static_cast<size_t>(static_cast<const char*>(q) - s);
-    if (closing == ']' || j + 1 == n || s[j + 1] != closing) {
+    // At the text's end s[n] is the string's terminating NUL, never a quote.
+    if (closing == ']' || s[j + 1] != closing) {
       open = false;
       return j + 1;
     }

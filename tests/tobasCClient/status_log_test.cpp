@@ -129,6 +129,10 @@ struct TobasLog : testing::Test {
 
 TEST_F(TobasLog, LineFormatLevelsAndSettings) {
   EXPECT_EQ(tobasERR_OPEN_LOG_FILE, tobasPrepLog(dir.file("no/dir/x.log").c_str(), LEV3, -1, -1));
+  const std::string tooLong =
+      dir.path() + std::string(tobasBIG_BUF_SIZE - dir.path().size() - 5, '/') + "x.log";
+  EXPECT_EQ(tobasERR_OPEN_LOG_FILE,
+            tobasPrepLog(tooLong.c_str(), LEV3, -1, -1));  // a name that fits no buffer
   ASSERT_EQ(0, tobasPrepLog("", LEV3, -1, -1));
   tobasSetVerboseLevel(LEV1);
   testing::internal::CaptureStdout();
