@@ -298,15 +298,14 @@ TEST_F(Catalogue, FindersFailWhenTheDatabaseFailsThem) {
   const std::string rows =
       " with recursive n(i) as (select 1 union all select i + 1 from n where i < 300) select 'F', 'D' || i, ";
   // The date index lets the catalogue's finder stream its rows.
-  ASSERT_EQ(conn_
-                ->execute("create index kest_date on kest_files (ingestion_date); insert into kest_files "
-                          "(file_id, disk_id, file_status, checksum)" +
-                          rows +
-                          "'S', printf('%0150d', i) from n; insert into repl_queue (file_id, disk_id, "
-                          "file_version, submitter_id, status_id, message)" +
-                          rows + "1, 'ops', 1, printf('%0150d', i) from n")
-                .commandSucceeded(),
-            1);
+  const std::string fill =
+      "create index kest_date on kest_files (ingestion_date); insert into kest_files (file_id, "
+      "disk_id, file_status, checksum)" +
+      rows +
+      "'S', printf('%0150d', i) from n; insert into "
+      "repl_queue (file_id, disk_id, file_version, submitter_id, status_id, message)" +
+      rows + "1, 'ops', 1, printf('%0150d', i) from n";
+  ASSERT_EQ(conn_->execute(fill).commandSucceeded(), 1);
   // One finder of each DAO: the others differ only in their where clauses.
   const std::function<int()> finders[] = {CALL(safe_.find("F", 1, *conn_)),
                                           CALL(kest_.loadAll(files_ = {}, *conn_)),

@@ -246,14 +246,6 @@ TEST_F(Condor, AssociationBlockRequests) {
   EXPECT_TRUE(testsupport::readFile(dir_.file("record")).find("]\nold\n") != std::string::npos);
 }
 
-TEST(CondorDeath, InvalidNamesStopTheProcess) {
-  const std::string names[] = {"", std::string("a\0b", 3)};
-  for (const auto& name : names) {
-    EXPECT_DEATH(CondorJob{name}, "CondorJob::CondorJob\\(\\) - invalid job filename");
-    EXPECT_DEATH(CondorDag{name}, "CondorDag::CondorDag\\(\\) - invalid dag filename");
-  }
-}
-
 // A submit file that cannot be written whole (over the file size limit) leaves neither it nor its temporary.
 bool saveBeyondTheFileSizeLimit(const std::string& dir) {
   ::signal(SIGXFSZ, SIG_IGN);
@@ -266,7 +258,12 @@ bool saveBeyondTheFileSizeLimit(const std::string& dir) {
          log.count("ERROR [ <t> ] Can't write condor submit file") == 1;
 }
 
-TEST(CondorDeath, AFileThatCannotBeWrittenWholeLeavesNothing) {
+TEST(CondorDeath, InvalidNamesStopTheProcessAndAFileCutShortLeavesNothing) {
+  const std::string names[] = {"", std::string("a\0b", 3)};
+  for (const auto& name : names) {
+    EXPECT_DEATH(CondorJob{name}, "CondorJob::CondorJob\\(\\) - invalid job filename");
+    EXPECT_DEATH(CondorDag{name}, "CondorDag::CondorDag\\(\\) - invalid dag filename");
+  }
   testsupport::TempDir dir;
   EXPECT_EXIT(std::exit(saveBeyondTheFileSizeLimit(dir.path()) ? 0 : 1), ::testing::ExitedWithCode(0), "");
 }

@@ -15,14 +15,12 @@
 #include "tests/support/TdsServer.h"
 #include "tests/support/TempDir.h"
 
-// Each test on TDS 7.4 and 5.0 (74, 50), with the server started on tables t (typed rows, NULLs, Unicode)
-// and big (5000 numbered rows); the messages are kept and logged.
+// Each test on TDS 7.4 and 5.0, the server on tables t (typed rows, NULLs, Unicode) and big (5000 rows).
 class FreeTdsTest : public ::testing::TestWithParam<int> {
  protected:
   void SetUp() override {
     sybconn::FreeTdsSettings::setTdsVersion(sybase() ? "5.0" : "7.4");
-    sybconn::FreeTdsSettings::setLoginTimeout(5);
-    sybconn::FreeTdsSettings::setQueryTimeout(20);
+    sybconn::FreeTdsSettings::setLoginTimeout(5), sybconn::FreeTdsSettings::setQueryTimeout(20);
     SybaseConnection::setErrorHandler([](const SybaseStatus& s) {
       std::lock_guard<std::mutex> lock(seenMutex_);
       seen_.push_back(s);

@@ -10,11 +10,9 @@
 
 namespace testsupport {
 
-// The database backend of the process, from DA_TEST_BACKEND: "sqlite" (the default) opens database
-// files directly; "tds50" and "tds74" reach them through FreeTDS and a TDS test server that lets all in;
-// "postgresql" maps them onto a throwaway PostgreSQL cluster (PgCluster::shared()): a folder is a
-// database of its own, a file FOLDER/X.db the schema X in it (the login's search path), so that
-// `X..table` reaches the sibling "file" X as on SQLite.
+// The backend of the process, from DA_TEST_BACKEND: "sqlite" (default) opens the files; "tds50", "tds74"
+// reach them through a TDS test server; "postgresql" makes a folder a database of PgCluster::shared() and
+// FOLDER/X.db its schema X (the login's search path), so that `X..table` reaches the sibling X as on SQLite.
 class Backend {
  public:
   static Backend& current();  // the backend of this process

@@ -48,13 +48,11 @@ LogCapture::~LogCapture() {
 }
 
 void LogCapture::append(const std::string& raw) {
-  // A record without a line feed is continued by the next one: a long message goes out in pieces.
-  if (!lines_.empty() && (lines_.back().empty() || lines_.back().back() != '\n')) {
-    lines_.back() += raw;
-    return;
-  }
   static const std::regex head(R"(^\d{4}-\d{2}-\d{2} \d{2}:\d{2}:\d{2}\.\d{6}(.*?)\[ \d+ \])");
-  lines_.push_back(std::regex_replace(raw, head, "<D>$1[ <t> ]"));
+  if (!lines_.empty() && (lines_.back().empty() || lines_.back().back() != '\n'))
+    lines_.back() += raw;  // a long message goes out in pieces
+  else
+    lines_.push_back(std::regex_replace(raw, head, "<D>$1[ <t> ]"));
 }
 
 void LogCapture::clear() {

@@ -38,8 +38,7 @@ void PgCluster::stopDetached(const std::string& stateFile) {
 
 bool PgCluster::run(const std::string& what, const std::string& command) {
   // The server refuses to run as root: the cluster is postgres's then.
-  const std::string bin = "$(pg_config --bindir)/";
-  const std::string as = ::geteuid() == 0 ? "runuser -u postgres -- " : "";
+  const std::string bin = "$(pg_config --bindir)/", as = ::geteuid() == 0 ? "runuser -u postgres -- " : "";
   const std::string log = dir_->file("setup.log"), serverLog = dir_->file("server.log");
   const int rc = std::system((as + bin + command + " >>" + log + " 2>&1").c_str());
   if (rc == 0) return true;

@@ -8,10 +8,8 @@
 
 namespace testsupport {
 
-// A throwaway PostgreSQL cluster in a temporary folder, fsync off: trust logins on its Unix socket (in
-// that folder), password logins (postgres / password()) on 127.0.0.1. Run as user postgres when the
-// tests run as root. start() creates it on first use (false with error() naming the reason and the
-// logs); the destructor stops and removes it.
+// A throwaway PostgreSQL cluster (fsync off; user postgres's under root) in a temporary folder: trust logins
+// on its socket there, password() logins on 127.0.0.1. start() fails with the reason and logs in error().
 class PgCluster {
  public:
   PgCluster();  // not started; DA_TEST_PG_STATE names the file of a running one (see detach) instead
@@ -29,8 +27,7 @@ class PgCluster {
   static std::string password() { return "da-test-secret"; }
   std::string createDatabase();                                    // a fresh database; its name
   void exec(const std::string& db, const std::string& sql) const;  // as the superuser; throws on failure
-  // Leaves the cluster running after this object is gone, "HOST PORT" written to `stateFile` for the
-  // processes that use it, until stopDetached(stateFile). False if not running or not written.
+  // Leaves it running, "HOST PORT" in `stateFile`, until stopDetached(stateFile); false if it cannot.
   bool detach(const std::string& stateFile);
   static void stopDetached(const std::string& stateFile);
   static PgCluster& shared();  // one per test process, started on first use (throws if it cannot)

@@ -10,9 +10,8 @@
 
 namespace tdstest {
 
-// A small TDS 7.4 and 5.0 server on a loopback port of its own, for tests of the DB-Library driver. Logins
-// are checked against one user and password (none when the user is empty); SQL batches run on an SQLite file
-// through the library's dialect rewriter, each ';'-separated statement as one command.
+// A TDS 7.4 and 5.0 server on loopback: logins checked against one user (none if empty), each ';'-separated
+// statement of a batch one command run on an SQLite file through the library's dialect rewriter.
 class TdsServer {
  public:
   // Silent accepts connections and never answers; SilentAfterLogin logs in, then never answers a batch;

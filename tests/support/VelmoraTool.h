@@ -11,9 +11,8 @@
 
 namespace testsupport {
 
-// In-process stand-in for the request-file tool. runOnce() answers new label files with
-// in/.usr/<label>.OK (.ERR when the data file is missing) and new request files by linking
-// archived files into out/<request name>/ and listing unknown keys in <request file>.ERR.
+// The request-file tool in process. runOnce() answers new label files with in/.usr/<label>.OK (.ERR: no data
+// file), new request files with links in out/<request name>/ and unknown keys in <request file>.ERR.
 class VelmoraTool {
  public:
   explicit VelmoraTool(std::string base) : base_(std::move(base)) {}

@@ -1,6 +1,5 @@
-// da_pg_cluster start|stop STATE: the PostgreSQL cluster that the "postgresql" runs of the suites share
-// (CTest fixture `pgcluster`; also `make demo-postgresql`). A cluster that cannot start fails the
-// fixture with the reason and its logs; CTest then runs none of the tests that need it.
+// da_pg_cluster start|stop STATE: the cluster the "postgresql" suites share (CTest fixture `pgcluster`, make
+// demo-postgresql). One that cannot start fails the fixture with its reason; the tests needing it do not run.
 #include <cstdio>
 #include <string>
 

@@ -30,8 +30,7 @@ class Postgres : public ::testing::Test {
   }
   void TearDown() override {
     SybaseConnection::setErrorHandler(previous_);
-    sybconn::PostgresSettings::setLoginTimeout(15);
-    sybconn::PostgresSettings::setQueryTimeout(0);
+    sybconn::PostgresSettings::setLoginTimeout(15), sybconn::PostgresSettings::setQueryTimeout(0);
   }
   bool run(const std::string& sql) { return conn_.execute(sql).commandSucceeded() != 0; }
   std::string first(const std::string& sql) {
@@ -147,8 +146,7 @@ TEST_F(Postgres, LoginsDeadAfterAKilledBackendOrARestartAreDropped) {
 }
 
 TEST_F(Postgres, TimeOutsBoundTheLoginAndEachCommand) {
-  sybconn::PostgresSettings::setLoginTimeout(1);
-  sybconn::PostgresSettings::setQueryTimeout(1);
+  sybconn::PostgresSettings::setLoginTimeout(1), sybconn::PostgresSettings::setQueryTimeout(1);
   const auto start = std::chrono::steady_clock::now();
   const std::string silent =
       "postgresql://127.0.0.1:" + std::to_string(archivetest::fullBacklogPort()) + "/x";

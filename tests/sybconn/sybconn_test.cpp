@@ -307,15 +307,12 @@ TEST(Dialect, RewritesAndSplits) {
   }
   // Nesting as deep as the text is long neither overflows the stack nor rescans the text for every level.
   std::string deep, want;
-  for (int i = 0; i < 200000; ++i) deep += "select a=(";
-  for (int i = 0; i < 200000; ++i) want += "select (";
+  for (int i = 0; i < 200000; ++i) deep += "select a=(", want += "select (";
   for (int i = 0; i < 200000; ++i) want += " AS a";
   EXPECT_EQ(sybconn::rewriteSybase(deep, DialectTarget::Sqlite).sql, want);
   std::vector<std::string> out{"kept"};
-  ArcSys::split("a|b||c|", "|", out);
-  ArcSys::split("k1 :: k2", " :: ", out);
-  ArcSys::split("", ",", out);
-  ArcSys::split("abc", "", out);
+  for (const auto& [s, by] : {std::pair{"a|b||c|", "|"}, {"k1 :: k2", " :: "}, {"", ","}, {"abc", ""}})
+    ArcSys::split(s, by, out);
   EXPECT_EQ(out, (std::vector<std::string>{"kept", "a", "b", "", "c", "", "k1", "k2", "", "abc"}));
 }
 

@@ -118,14 +118,10 @@ TEST_F(Commands, RequestPaths) {
 TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
   const std::string big = "bin\0"s + std::string(2 << 20, 'q');
   setenv("PWD", dir.path().c_str(), 1);  // this program's working folder is not used otherwise
-  tobasPAR_ARRAY pars;
-  tobasResetParArray(&pars);
-  tobasAddParAndVal(&pars, "internal", "ngas.xml");
+  tobasPAR_ARRAY pars, both;
+  for (auto* a : {&pars, &both}) tobasResetParArray(a), tobasAddParAndVal(a, "internal", "ngas.xml");
   tobasAddParAndVal(&pars, "host_id", "h:1");
-  tobasPAR_ARRAY both;  // a file_id wins over an internal name
-  tobasResetParArray(&both);
-  tobasAddParAndVal(&both, "internal", "ngas.xml");
-  tobasAddParAndVal(&both, "file_id", "f");
+  tobasAddParAndVal(&both, "file_id", "f");  // wins over the internal name
   const std::string in = dir.path(), named = dir.file("named.bin");
   const std::tuple<std::function<int()>, std::string, std::string, std::string> cases[] = {
       {[&] { return tobasRetrieve2File(host, p, 5, "f:1", 2, "proc", "a=b", in.c_str(), final, &st); }, big,

@@ -1,5 +1,4 @@
-// Several threads issuing commands through one server list while another list is registered, and
-// a command with a time-out of its own (run under ThreadSanitizer).
+// Threads sending through one server list while another is parsed; a command's own time-out (TSan too).
 #include <atomic>
 #include <chrono>
 #include <future>

@@ -39,9 +39,7 @@ struct Feed {
     EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(fds[1], bytes.data(), bytes.size()));
     if (closeWriter) close(std::exchange(fds[1], -1));
   }
-  ~Feed() {
-    for (int fd : fds) close(fd);
-  }
+  ~Feed() { close(fds[0]), close(fds[1]); }
 };
 
 std::string local(int port) { return "127.0.0.1:" + std::to_string(port); }

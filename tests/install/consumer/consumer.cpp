@@ -1,5 +1,4 @@
-// A program outside the project that links the installed libraries and calls
-// what the README tells users to call.
+// A program outside the project that links the installed libraries and calls what the README tells users to.
 #include <cstdio>
 #include <string>
 
