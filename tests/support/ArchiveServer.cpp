@@ -1,6 +1,7 @@
 #include "tests/support/ArchiveServer.h"
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <poll.h>
 
 #include <algorithm>
@@ -35,16 +36,25 @@ struct TraceLog : testing::Environment {
     setenv("TOBAS_LOG_FILE", logDir.file("tobas.log").c_str(), 1);
     setenv("TOBAS_LOG_LEVEL", "5", 1);
     unsetenv("TOBAS_VERBOSE_LEVEL");
-    alarm(120);  // a hang ends the program by SIGALRM instead of stalling it
+    alarm(120);           // a hang ends the program by SIGALRM instead of stalling it
+    close(STDIN_FILENO);  // as in a daemon: the files the client opens get descriptor 0 too
   }
   void TearDown() override { expectTracesPaired(readFile(getenv("TOBAS_LOG_FILE"))); }
 };
 const auto* traceLog = testing::AddGlobalTestEnvironment(new TraceLog);
 
+// Keeps the test's own sockets off descriptor 0, which is left to the files the client opens.
+int aboveStdin(int fd) {
+  if (fd != 0) return fd;
+  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
+  close(fd);
+  return moved;
+}
+
 }  // namespace
 
 int listenLoopback(int backlog, int& port) {
-  const int fd = socket(AF_INET, SOCK_STREAM, 0);
+  const int fd = aboveStdin(socket(AF_INET, SOCK_STREAM, 0));
   sockaddr_in addr{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
   auto* sa = reinterpret_cast<sockaddr*>(&addr);
   socklen_t len = sizeof addr;
@@ -57,7 +67,7 @@ ArchiveServer::ArchiveServer() : listenFd_(listenLoopback(16, port_)), thread_([
 
 void ArchiveServer::run() {
   char buf[65536];
-  for (int fd; (fd = accept(listenFd_, nullptr, nullptr)) >= 0; close(fd)) {
+  for (int fd; (fd = aboveStdin(accept(listenFd_, nullptr, nullptr))) >= 0; close(fd)) {
     Reply reply;  // none queued: closed unanswered
     {
       std::lock_guard<std::mutex> lock(mutex_);
