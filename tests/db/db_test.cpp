@@ -156,6 +156,7 @@ TEST_F(Service, SelectListMap) {
     Map map, before = {};  // `before`: what the map held; earlier positions are kept
   } cases[] = {
       {"select a, b, c from t", 0, {{"a", 1}, {"b", 2}, {"c", 3}}},
+      {"select a,b,c from t", 0, {{"a", 1}, {"b", 2}, {"c", 3}}},  // "b" without blanks
       {"SELECT a, b FROM t", 0, {{"a", 1}, {"b", 2}}},
       {"SELECT DISTINCT a , b FROM t", 0, {{"a", 1}, {"b", 2}}},
       {"SELECT DISTINCT+a, b FROM t", 0, {{"DISTINCT+a", 1}, {"b", 2}}},  // a longer word is no DISTINCT
