@@ -72,7 +72,7 @@ TEST_F(Postgres, AMillionRowsStreamAndCountAsRead) {  // writes' counts: the sui
     if (rows == 500000) midway = mallinfo2().uordblks;
     last = rs.getStringValue(2);
   }
-  EXPECT_LT(midway, before + (8u << 20));  // never the whole result (some 100 MB) at once
+  EXPECT_LT(midway, before + (8u << 20));            // never the whole result (some 100 MB) at once
   EXPECT_EQ(last + " " + std::to_string(conn_.rowCount()), "row number 1000000 1000000");
   // Released before its end, a select still counts all its rows.
   conn_.execute("select g from generate_series(1, 300000) g").releaseResults();
@@ -118,6 +118,9 @@ TEST_F(Postgres, ServerMessagesCarryTheirStateAndSeverity) {
   }
   // (Nested levels are the suites'.) A transaction with a failed statement stays open for its rollback.
   ASSERT_TRUE(run("create table t (id int)"));
+  // COPY has no data here: from stdin it is refused, to stdout drained; the login goes on.
+  EXPECT_EQ(std::make_tuple(run("copy t from stdin"), run("copy (select 1) to stdout"), first("select 2")),
+            std::make_tuple(false, true, std::string("2")));
   ASSERT_TRUE(conn_.beginTransaction("A1").commandSucceeded());
   EXPECT_FALSE(run("insert into t values ('x')"));
   EXPECT_FALSE(conn_.commitTransaction("A1").commandSucceeded());

@@ -59,6 +59,7 @@ TEST_F(Connection, ReadsTypedColumnsAndNulls) {
   // NULL, not NULL, no such column; no row after the last, twice.
   EXPECT_EQ(std::vector<bool>({rs.isNull(4), rs.isNull(1), rs.isNull(0), rs.next(), rs.next()}),
             std::vector<bool>({1, 0, 1, 0, 0}));
+  EXPECT_FALSE(conn_.execute("update t set id = 1 where id = 2").hasResultSet());  // a write has no rows
 }
 
 TEST_F(Connection, RowCountsFollowTheCurrentCommand) {
