@@ -204,13 +204,13 @@ int ConnectionPool::releaseConnection(SybaseConnection* conn) {
 }
 
 ConnectionPool::iterator_t ConnectionPool::removeConnection(iterator_t it) {
-  if (it->sybconn) {
-    it->sybconn->disconnect();
-    delete it->sybconn;
-  }
-  it = pool_.erase(it);
+  // Logged off before the entry goes; null for a login that never opened.
+  if (it->sybconn) it->sybconn->disconnect();
+  delete it->sybconn;
+  const auto at = it - pool_.begin();
+  pool_.erase(it);
   DA_LOG_DEBUG("Connection removed. Pool size %d", static_cast<int>(pool_.size()));
-  return it;
+  return pool_.begin() + at;
 }
 
 int ConnectionPool::reap(time_t now) {

@@ -413,7 +413,7 @@ class Rewriter {
     list.alias = false;
     if (!swapAliases_) return b;
     const size_t first = nextSig(b);
-    if (first >= toks_.size() || toks_[first].type != Tok::Word || toks_[first].first == '@' ||
+    if (first == toks_.size() || toks_[first].type != Tok::Word || toks_[first].first == '@' ||
         endsList(first))
       return b;
     const size_t eq = nextSig(first + 1);

@@ -236,7 +236,9 @@ class FreeTdsCursor : public Cursor {
       return tv;
     }
     DBDATETIME dt;
-    if (dbconvert(p, type, data, dbdatlen(p, col), SYBDATETIME, reinterpret_cast<BYTE*>(&dt), sizeof dt) <= 0)
+    // Anything but a whole DBDATETIME (-1 on failure) leaves the zero time.
+    const DBINT full = sizeof dt;
+    if (dbconvert(p, type, data, dbdatlen(p, col), SYBDATETIME, reinterpret_cast<BYTE*>(&dt), full) != full)
       return tv;
     // Days since 1900-01-01 and ticks of 1/300 s, taken as local time.
     long long ticks = static_cast<long long>(static_cast<unsigned>(dt.dttime));

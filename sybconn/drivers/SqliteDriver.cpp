@@ -13,7 +13,8 @@
 namespace sybconn {
 namespace {
 
-std::atomic<int> g_busyTimeoutMs{5000};
+constexpr int kDefaultBusyTimeoutMs = 5000;
+std::atomic<int> g_busyTimeoutMs{kDefaultBusyTimeoutMs};
 
 // Sybase's severity levels, given to SQLite's errors by their kind.
 const int kClientErrorSeverity = 9;  // the database file cannot be opened
@@ -388,7 +389,7 @@ class SqliteDriver : public Driver {
 
 std::unique_ptr<Driver> makeSqliteDriver() { return std::make_unique<SqliteDriver>(); }
 
-void setSqliteBusyTimeoutMs(int ms) { g_busyTimeoutMs.store(ms < 0 ? 0 : ms); }
+void setSqliteBusyTimeoutMs(int ms) { g_busyTimeoutMs.store(ms < 0 ? kDefaultBusyTimeoutMs : ms); }
 int sqliteBusyTimeoutMs() { return g_busyTimeoutMs.load(); }
 
 }  // namespace sybconn

@@ -368,10 +368,17 @@ TEST_F(Pool, ReaperThreadRunsRoundsAndStopsPromptly) {
   EXPECT_EQ(pool()->counts().records, 0);
   EXPECT_TRUE(log.containsFragment("DEBUG [ <t> ] Reaper: looking for disused connections"));
 
-  // Stopped while it waits out its interval, it runs no further round.
+  // A new interval re-arms the wait rather than ending it; stopped while it
+  // waits, it runs no further round.
   const auto start = std::chrono::steady_clock::now();
   pool()->setReaperSleepTime(5);
   const size_t rounds = log.count("looking for disused connections");
+  for (int i = 0; i < 2; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    pool()->setReaperSleepTime(5);
+  }
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  EXPECT_EQ(log.count("looking for disused connections"), rounds);
   pool()->shutdownReaper();
   EXPECT_EQ(log.count("looking for disused connections"), rounds);
   EXPECT_FALSE(pool()->reaperRunning());
