@@ -40,6 +40,8 @@ std::string readFile(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(std::ifstream(path, std::ios::binary).rdbuf()), {});
 }
 
+long openFdCount() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
+
 std::string TempDir::sealHome(const std::string& password) const {
   setenv("HOME", path_.c_str(), 1);
   setenv("STCRYPT_KEY_FILE", file("key").c_str(), 1);

@@ -13,6 +13,7 @@
 #include "dataAccess/db/ServiceConnectionSyb.h"
 #include "tests/support/ArchiveServer.h"
 #include "tests/support/PgCluster.h"
+#include "tests/support/TempDir.h"
 
 namespace {
 
@@ -72,7 +73,7 @@ TEST_F(Postgres, AMillionRowsStreamAndCountAsRead) {  // writes' counts: the sui
     if (rows == 500000) midway = mallinfo2().uordblks;
     last = rs.getStringValue(2);
   }
-  EXPECT_LT(midway, before + (8u << 20));            // never the whole result (some 100 MB) at once
+  EXPECT_LT(midway, before + (8u << 20));  // never the whole result (some 100 MB) at once
   EXPECT_EQ(last + " " + std::to_string(conn_.rowCount()), "row number 1000000 1000000");
   // Released before its end, a select still counts all its rows.
   conn_.execute("select g from generate_series(1, 300000) g").releaseResults();
@@ -153,7 +154,9 @@ TEST_F(Postgres, TimeOutsBoundTheLoginAndEachCommand) {
   const auto start = std::chrono::steady_clock::now();
   const std::string silent =
       "postgresql://127.0.0.1:" + std::to_string(archivetest::fullBacklogPort()) + "/x";
+  const long fds = testsupport::openFdCount();
   EXPECT_EQ(SybaseConnection().connect(silent, "postgres", ""), -1);
+  EXPECT_EQ(testsupport::openFdCount(), fds);  // the abandoned login's socket is closed
   EXPECT_FALSE(run("select pg_sleep(10)"));
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(6));
   ASSERT_EQ(g_seen.size(), 2u);

@@ -6,7 +6,6 @@
 #include <sys/time.h>
 
 #include <chrono>
-#include <filesystem>
 #include <tuple>
 #include <utility>
 
@@ -218,10 +217,9 @@ TEST(TobasTransport, ServerListsRoundRobinFailOverAndBounds) {
   for (int i = 0; i < 3; ++i) ASSERT_EQ(0, ex.get("rr", 0));  // starts at h1, h2, h3
   EXPECT_EQ(tobasSTAT_FAILURE, ex.get("down", 0));
   EXPECT_EQ(tobasERR_CON, ex.get("127.0.0.1", down));  // a single host keeps its code
-  const auto openFds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
-  const auto fds = openFds();
+  const long fds = testsupport::openFdCount();
   for (int i = 0; i < 200; ++i) ASSERT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", down));
-  EXPECT_LE(openFds(), fds);                    // a refused connect closes its socket
+  EXPECT_LE(testsupport::openFdCount(), fds);   // a refused connect closes its socket
   EXPECT_EQ(0, ex.post("post", 0, "", "abc"));  // starts at the closed one, moves on
   EXPECT_EQ((std::vector<size_t>{2, 1, 1}),
             (std::vector<size_t>{h1.requests().size(), h2.requests().size(), h3.requests().size()}));
