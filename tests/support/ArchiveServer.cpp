@@ -67,7 +67,10 @@ ArchiveServer::ArchiveServer() : listenFd_(listenLoopback(16, port_)), thread_([
 
 void ArchiveServer::run() {
   char buf[65536];
-  for (int fd; (fd = aboveStdin(accept(listenFd_, nullptr, nullptr))) >= 0; close(fd)) {
+  // Polled before each accept: a blocked accept() holds the lowest free descriptor, 0, from the client.
+  pollfd l{listenFd_, POLLIN, 0};
+  for (int fd; poll(&l, 1, -1) >= 0 && (fd = aboveStdin(accept(listenFd_, nullptr, nullptr))) >= 0;
+       close(fd)) {
     Reply reply;  // none queued: closed unanswered
     {
       std::lock_guard<std::mutex> lock(mutex_);

@@ -298,6 +298,7 @@ TEST(TobasTransport, TimeOutsHoldThroughSignals) {
   const size_t mark = logText().size();
   EXPECT_EQ(0, _pollFd(ready.fds[0], 0));  // no time-out of its own: the default
   EXPECT_HAS(logText().substr(mark), "Requested timeout: 2.500000s");
+  EXPECT_HAS(logText().substr(mark), "Polling for ready fd's. Timeout: 2500ms");
   Feed silent("", false);
   interruptEvery(60);
   const int rc = _pollFd(silent.fds[0], 5.0f);
