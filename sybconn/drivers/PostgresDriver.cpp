@@ -223,12 +223,8 @@ class PgCursor : public Cursor {
       ++read_;
       return true;
     }
-    if (!inRows_ || !owner_) return false;
     PGresult* r = nullptr;
-    if (!owner_->fetch(r)) {
-      fail();
-      return false;
-    }
+    if (!inRows_ || !fetchRow(r)) return false;
     if (r && PQresultStatus(r) == PGRES_SINGLE_TUPLE) {
       row_ = r;
       ++read_;
@@ -295,6 +291,14 @@ class PgCursor : public Cursor {
   bool isDate(int col) const {
     const Oid t = types_[static_cast<size_t>(col - 1)];
     return t == kDateOid || t == kTimestampOid || t == kTimestampTzOid;
+  }
+
+  // The batch's next result from the login (still attached while rows are
+  // read); false, with the cursor failed, when none came in time.
+  bool fetchRow(PGresult*& r) {
+    if (owner_->fetch(r)) return true;
+    fail();
+    return false;
   }
 
   // Reads the batch's results to its end; with `stopAtRows`, up to the first

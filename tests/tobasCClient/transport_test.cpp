@@ -304,4 +304,5 @@ TEST(TobasTransport, TimeOutsHoldThroughSignals) {
   const int rc = _pollFd(silent.fds[0], 5.0f);
   interruptEvery(0);
   EXPECT_EQ(tobasERR_COM, rc);  // the fourth interrupted poll
+  EXPECT_HAS(logText().substr(mark), "(interrupted system call). Iteration: 3");
 }
