@@ -67,6 +67,7 @@ TEST(TobasStatus, DocumentsCodesAndHelpers) {
   }
   tobasHandleStatus(0, &bad, &st);
   EXPECT_EQ(nullptr, bad.pdata);  // the record owns it now
+  EXPECT_STREQ("not a document", st.replyData[0]);
   EXPECT_EQ(tobasERR_INV_REPLY, st.errorCode);
   EXPECT_EQ(tobasERR_UNKNOWN_STAT, tobasStat2Str(1, st.message));
   tobasFreeStatus(&st);
