@@ -271,7 +271,7 @@ int tobasRecvData(char** data, long dataLen, int* sockFd) {
 int tobasReadLine(int* fd, char* buf, int max) {
   tobasTraceEnter("tobasReadLine");
   int n = 0, peek = 1;
-  while (max > 0 && n < max - 1) {
+  while (n + 1 < max && max > 0) {
     ssize_t r = peek ? recv(*fd, buf + n, (size_t)(max - 1 - n), MSG_PEEK) : read(*fd, buf + n, 1);
     if (r < 0 && errno == EINTR) continue;
     if (r < 0 && peek && errno == ENOTSOCK) {

@@ -440,7 +440,7 @@ int errHandler(DBPROCESS* dbproc, int severity, int dberr, int oserr, char* dber
   // login is marked dead and the call fails.
   if (dberr == SYBETIME && dbproc) {
     int fd = dbiordesc(dbproc);
-    if (fd >= 0) {
+    if (fd != -1) {
       ::shutdown(fd, SHUT_RDWR);
       return INT_TIMEOUT;
     }
