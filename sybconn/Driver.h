@@ -5,7 +5,9 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
+#include <sybconn/SqlRows.h>
 #include <sybconn/SybaseStatus.h>
 
 // The seam between the connection library's public classes and its backends.
@@ -69,6 +71,17 @@ class Driver {
   // SybaseConnection keeps the levels and checks the names; a driver maps the
   // step onto its server's statements. Never null, like execute().
   virtual std::shared_ptr<Cursor> transaction(TxVerb verb, const std::string& name, bool outermost) = 0;
+  // Inserts every row of `rows` into `table` (a name as the library writes
+  // it, "db..table" included) under `columns`, as fast as the backend allows: SQLite reuses one
+  // prepared statement, PostgreSQL sends COPY, FreeTDS sends many inserts a
+  // round trip. SybaseConnection calls it inside a transaction level it
+  // opened and rolls that level back on failure, so a driver need not undo
+  // rows it wrote. Returns the number of rows written, or -1 after reporting
+  // the server's message through reportError(); `failedRow` is then the index
+  // of the row the server refused, or -1 when no row is to blame (a lost
+  // login, a missing table). The login stays usable either way.
+  virtual long insertRows(const std::string& table, const std::vector<std::string>& columns, RowSource& rows,
+                          long& failedRow) = 0;
   // Affected-row count of the current (last executed) command, -1 if none.
   virtual long rowCount() const = 0;
   // Reads off the pending results of the last batch and cuts its cursor loose:

@@ -14,10 +14,10 @@ std::atomic<SybaseConnection::ErrorHandler> g_handler{&SybaseConnection::default
 const char kSqlitePrefix[] = "sqlite:";
 // Client errors raised here carry DB-Library's numbers and severity, as the
 // FreeTDS driver reports its own.
-const int kSeverityComm = 9;           // EXCOMM
-const int kErrServerNotFound = 20012;  // SYBEINTF
-const int kErrNotLoggedIn = 20047;     // SYBEDDNE
-const int kSeverityUser = 16;          // a fault of the caller's
+const int kSeverityComm = 9;              // EXCOMM
+const int kErrServerNotFound = 20012;     // SYBEINTF
+const int kErrNotLoggedIn = 20047;        // SYBEDDNE
+const int kSeverityUser = 16;             // a fault of the caller's
 const int kErrNoSuchTransaction = 20037;  // SYBERXID: the server does not know the transaction
 }  // namespace
 
@@ -104,7 +104,8 @@ SybaseResultSet SybaseConnection::transaction(sybconn::TxVerb verb, const std::s
     sybconn::reportError(st);
     return SybaseResultSet();
   }
-  std::shared_ptr<sybconn::Cursor> c = driver_->transaction(verb, name, begin ? levels_.empty() : levels_.size() == 1);
+  std::shared_ptr<sybconn::Cursor> c =
+      driver_->transaction(verb, name, begin ? levels_.empty() : levels_.size() == 1);
   if (c->succeeded()) {
     if (begin)
       levels_.push_back(name);
@@ -122,6 +123,19 @@ SybaseResultSet SybaseConnection::commitTransaction(const std::string& name) {
 }
 SybaseResultSet SybaseConnection::rollbackTransaction(const std::string& name) {
   return transaction(sybconn::TxVerb::Rollback, name);
+}
+
+long SybaseConnection::insertRows(const std::string& table, const std::vector<std::string>& columns,
+                                  sybconn::RowSource& rows, long& failedRow) {
+  failedRow = -1;
+  static const std::string kLevel = "insertRows";
+  if (!transaction(sybconn::TxVerb::Begin, kLevel).commandSucceeded()) return -1;
+  const long written = driver_->insertRows(table, columns, rows, failedRow);
+  if (written >= 0 && transaction(sybconn::TxVerb::Commit, kLevel).commandSucceeded()) return written;
+  // A level the server could not commit is rolled back too, so the login
+  // leaves with the levels it came with.
+  if (!levels_.empty() && levels_.back() == kLevel) transaction(sybconn::TxVerb::Rollback, kLevel);
+  return -1;
 }
 
 [[gnu::hot]] long SybaseConnection::rowCount() const { return driver_ ? driver_->rowCount() : -1; }

@@ -5,13 +5,14 @@
 #include <string>
 #include <vector>
 
+#include <sybconn/SqlRows.h>
 #include <sybconn/SybaseResultSet.h>
 #include <sybconn/SybaseStatus.h>
 
 namespace sybconn {
 class Driver;
 enum class TxVerb;
-}
+}  // namespace sybconn
 
 // One database login. The server name selects the backend:
 //   "sqlite:/path/to/file.db"  embedded SQLite (file created if missing);
@@ -56,6 +57,15 @@ class SybaseConnection {
   SybaseResultSet rollbackTransaction(const std::string& name);
   // The number of levels open.
   size_t transactionLevels() const { return levels_.size(); }
+
+  // Inserts every row of `rows` into `table` under `columns`, all or none:
+  // inside a transaction level of its own (nested in any level open), rolled
+  // back when a row fails. Returns the number of rows written, or -1 with the
+  // server's message reported through the handler; `failedRow` is then the
+  // index of the refused row, or -1 when no single row is to blame. After a
+  // failure the login stays usable and the levels open before stay open.
+  long insertRows(const std::string& table, const std::vector<std::string>& columns, sybconn::RowSource& rows,
+                  long& failedRow);
 
   // The affected-row count of the connection's current command (DB-Library's
   // dbcount): rows changed by a write, rows read by a select; -1 if unknown.

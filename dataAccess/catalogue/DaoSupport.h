@@ -6,19 +6,10 @@
 #include <string>
 
 #include <daLog/Log.h>
+#include <dataAccess/common/DaoCore.h>
 #include <dataAccess/common/SqlText.h>
 
 namespace dataAccess {
-
-// Logs the statement, executes it and returns the affected-row count, or -1
-// when the statement failed or the count is unknown.
-template <class Conn>
-int executeCounted(const std::string& query, const Conn& conn) {
-  DA_LOG_DEBUG("%s", query.c_str());
-  typename Conn::ResultSet res = conn.execute(query);
-  const long count = conn.rowCount();
-  return res.commandSucceeded() == 1 && count >= 0 ? static_cast<int>(count) : -1;
-}
 
 // The optional part of a row key: " and <version>=N" when the version is
 // above 0 and " and <disk>='D'" when the disk is given; `description` gets

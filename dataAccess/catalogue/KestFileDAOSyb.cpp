@@ -1,5 +1,6 @@
 #include <dataAccess/catalogue/DaoSupport.h>
 #include <dataAccess/catalogue/KestFileDAOSyb.h>
+#include <dataAccess/common/DaoCore.h>
 #include <sybconn/SybUtils.h>
 
 using dataAccess::sqlQuoted;
@@ -44,35 +45,42 @@ std::string replaceFirst(const std::string& list, const std::string& name, const
 }
 }  // namespace
 
+namespace {
+const char* refusal(const KestFile& f) {
+  return f.fileId_.empty() ? "Can't insert kest file with empty fileId" : nullptr;
+}
+}  // namespace
+
+// Compression, ignore, the checksums and the creation date are left to the
+// table, and so are the name, disk and format a record leaves empty.
+void KestFileDAOSyb::fillRow(const KestFile& f, dataAccess::InsertRow& row) {
+  row.addText(fileIdField, f.fileId_);
+  row.addInteger(fileVersionField, f.fileVersion_);
+  if (!f.fileName_.empty()) row.addText(fileNameField, f.fileName_);
+  if (!f.diskId_.empty()) row.addText(diskIdField, f.diskId_);
+  if (!f.format_.empty()) row.addText(formatField, f.format_);
+  row.addInteger(fileSizeField, f.fileSize_);
+  row.addInteger(uncompressedFileSizeField, f.uncompressedFileSize_);
+  row.add(fileStatusField).setText(std::string(1, static_cast<char>(f.fileStatus_)));
+  row.addText(ingestionDateField, SybUtils::convertFromUnixTimeval(f.ingestionDate_));
+}
+
 template <class Conn>
 int KestFileDAOSyb::insertT(const KestFile& f, const Conn& conn) {
-  if (f.fileId_.empty()) {
-    DA_LOG_ERROR("Can't insert kest file with empty fileId");
+  if (const char* why = refusal(f)) {
+    DA_LOG_ERROR("%s", why);
     return -1;
   }
-  std::string columns = fileIdField + "," + fileVersionField;
-  std::string values = "'" + sqlQuoted(f.fileId_) + "'," + std::to_string(f.fileVersion_);
-  if (!f.fileName_.empty()) {
-    columns += "," + fileNameField;
-    values += ",'" + sqlQuoted(f.fileName_) + "'";
-  }
-  if (!f.diskId_.empty()) {
-    columns += "," + diskIdField;
-    values += ",'" + sqlQuoted(f.diskId_) + "'";
-  }
-  if (!f.format_.empty()) {
-    columns += "," + formatField;
-    values += ",'" + sqlQuoted(f.format_) + "'";
-  }
-  columns += "," + fileSizeField + "," + uncompressedFileSizeField + "," + fileStatusField + "," +
-             ingestionDateField;
-  values += "," + std::to_string(f.fileSize_) + "," + std::to_string(f.uncompressedFileSize_) + ",'" +
-            sqlQuoted(std::string(1, static_cast<char>(f.fileStatus_))) + "','" +
-            SybUtils::convertFromUnixTimeval(f.ingestionDate_) + "'";
-  const int result =
-      executeQuery("insert into " + tableName_ + " (" + columns + ") values (" + values + ")", conn);
+  dataAccess::InsertRow row;
+  fillRow(f, row);
+  const int result = executeQuery(row.statement(tableName_), conn);
   logSubmitted(result, f.fileId_);
   return result;
+}
+
+template <class Conn>
+int KestFileDAOSyb::insertAllT(const std::vector<KestFile>& files, const Conn& conn) {
+  return dataAccess::insertBatch(tableName_, files, conn, refusal, fillRow);
 }
 
 template <class Conn>
@@ -126,51 +134,41 @@ int KestFileDAOSyb::select(const Conn& conn, std::vector<KestFile>& files, const
   if (!whereClause.empty()) sql += " where " + whereClause;
   sql += " order by " + ingestionDateField;
   DA_LOG_DEBUG("%s", sql.c_str());
-  SybaseResultSet res = conn.execute(sql);
-  if (!res.commandSucceeded()) {
-    DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
-    return -1;
-  }
-  if (res.hasResultSet()) {
-    while (res.next()) {
-      KestFile file;
-      convertResultSetToKestFile(res, file);
-      files.push_back(file);
-    }
-  }
-  // A row that could not be read fails the whole select.
-  if (!res.commandSucceeded()) {
-    DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
-    return -1;
-  }
-  return static_cast<int>(files.size());
+  const int read = dataAccess::selectRows(conn, sql, files, convertResultSetToKestFile);
+  return read < 0 ? -1 : static_cast<int>(files.size());
 }
 
-void KestFileDAOSyb::convertResultSetToKestFile(SybaseResultSet& res, KestFile& f) {
-  f.fileId_ = res.isNull(1) ? std::string() : res.getStringValue(1);
-  f.fileName_ = res.isNull(2) ? std::string() : res.getStringValue(2);
-  f.fileVersion_ = res.isNull(3) ? 0 : static_cast<int>(res.getLongValue(3));
-  f.diskId_ = res.isNull(4) ? std::string() : res.getStringValue(4);
-  f.format_ = res.isNull(5) ? std::string() : res.getStringValue(5);
-  f.fileSize_ = res.isNull(6) ? 0 : dataAccess::saturatingInt(res.getDoubleValue(6));
-  f.uncompressedFileSize_ = res.isNull(7) ? 0 : dataAccess::saturatingInt(res.getDoubleValue(7));
-  f.compression_ = res.isNull(8) ? std::string() : res.getStringValue(8);
-  if (!res.isNull(9)) f.ingestionDate_ = res.getDateAsTimevalValue(9);
-  f.ignore_ = res.isNull(10) ? 0 : static_cast<int>(res.getLongValue(10));
-  f.checksum_ = res.isNull(11) ? std::string() : res.getStringValue(11);
-  f.checksumPlugin_ = res.isNull(12) ? std::string() : res.getStringValue(12);
-  if (res.isNull(13)) {
-    f.fileStatus_ = ' ';
-  } else {
-    const std::string status = res.getStringValue(13);
-    f.fileStatus_ = status.empty() ? ' ' : static_cast<KestFileStatus>(status[0]);
-  }
-  if (!res.isNull(14)) f.creationDate_ = res.getDateAsTimevalValue(14);
+// NULLs read as the record's empty values (see DaoCore.h); a NULL status is
+// a blank.
+KestFile KestFileDAOSyb::convertResultSetToKestFile(SybaseResultSet& res) {
+  KestFile f;
+  f.fileId_ = res.getStringValue(1);
+  f.fileName_ = res.getStringValue(2);
+  f.fileVersion_ = static_cast<int>(res.getLongValue(3));
+  f.diskId_ = res.getStringValue(4);
+  f.format_ = res.getStringValue(5);
+  f.fileSize_ = dataAccess::saturatingInt(res.getDoubleValue(6));
+  f.uncompressedFileSize_ = dataAccess::saturatingInt(res.getDoubleValue(7));
+  f.compression_ = res.getStringValue(8);
+  f.ingestionDate_ = res.getDateAsTimevalValue(9);
+  f.ignore_ = static_cast<int>(res.getLongValue(10));
+  f.checksum_ = res.getStringValue(11);
+  f.checksumPlugin_ = res.getStringValue(12);
+  const std::string status = res.getStringValue(13);
+  f.fileStatus_ = status.empty() ? ' ' : static_cast<KestFileStatus>(status[0]);
+  f.creationDate_ = res.getDateAsTimevalValue(14);
+  return f;
 }
 
 // One-line overloads: each public operation for both connection types.
 int KestFileDAOSyb::insert(const KestFile& f, const ServiceConnectionSyb& c) { return insertT(f, c); }
 int KestFileDAOSyb::insert(const KestFile& f, const ServiceConnectionStub& c) { return insertT(f, c); }
+int KestFileDAOSyb::insert(const std::vector<KestFile>& f, const ServiceConnectionSyb& c) {
+  return insertAllT(f, c);
+}
+int KestFileDAOSyb::insert(const std::vector<KestFile>& f, const ServiceConnectionStub& c) {
+  return insertAllT(f, c);
+}
 int KestFileDAOSyb::insert(const std::string& s, const std::string& f, int v, const std::string& d,
                            const ServiceConnectionSyb& c) {
   return copyT(s, f, v, d, c);

@@ -8,6 +8,10 @@
 #include <dataAccess/db/ServiceConnectionStub.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>
 
+namespace dataAccess {
+class InsertRow;
+}
+
 // Reads and writes the archive's file catalogue in one table whose name the
 // caller gives. Each operation works on a ServiceConnectionSyb or on the stub;
 // writes return the affected-row count, finders the size of the caller's
@@ -24,6 +28,16 @@ class KestFileDAOSyb {
   // are left to the table's defaults. An empty file id is refused (-1).
   int insert(const KestFile& file, const ServiceConnectionSyb& conn);
   int insert(const KestFile& file, const ServiceConnectionStub& conn);
+  // Inserts every file in one transaction, all or none, with the columns,
+  // quoting and refusals of the single-row insert, through the backend's bulk
+  // path (many rows a round trip). Returns the number of rows written (0 for
+  // an empty vector), or -1 with nothing written: the index of the failing
+  // row is logged at ERROR, the server's message goes to the error handler,
+  // and the connection stays usable. A batch logs its transaction's steps and
+  // one line of its own at DEBUG, never a line a row. The stub prints each
+  // row's insert statement and writes nothing (-1).
+  int insert(const std::vector<KestFile>& files, const ServiceConnectionSyb& conn);
+  int insert(const std::vector<KestFile>& files, const ServiceConnectionStub& conn);
   // Copies the row of (srcDiskId, fileId, fileVersion) to destDiskId inside
   // the database, with the server's current time as creation date. An empty
   // source disk or file id is refused (-1).
@@ -60,6 +74,8 @@ class KestFileDAOSyb {
   template <class Conn>
   int insertT(const KestFile& file, const Conn& conn);
   template <class Conn>
+  int insertAllT(const std::vector<KestFile>& files, const Conn& conn);
+  template <class Conn>
   int copyT(const std::string& srcDiskId, const std::string& fileId, int fileVersion,
             const std::string& destDiskId, const Conn& conn);
   template <class Conn>
@@ -73,7 +89,8 @@ class KestFileDAOSyb {
   int executeQuery(const std::string& query, const Conn& conn);
 
   static std::string allFields();
-  static void convertResultSetToKestFile(SybaseResultSet& res, KestFile& file);
+  static KestFile convertResultSetToKestFile(SybaseResultSet& res);
+  static void fillRow(const KestFile& file, dataAccess::InsertRow& row);
 
   static const std::string fileIdField;
   static const std::string fileNameField;

@@ -1,5 +1,6 @@
 #include <dataAccess/catalogue/DaoSupport.h>
 #include <dataAccess/catalogue/ReplicationRequestDAOSyb.h>
+#include <dataAccess/common/DaoCore.h>
 
 using dataAccess::sqlQuoted;
 
@@ -27,29 +28,40 @@ int ReplicationRequestDAOSyb::executeQuery(const std::string& query, const Conn&
   return dataAccess::executeCounted(query, conn);
 }
 
+namespace {
+const char* refusal(const ReplicationRequest& r) {
+  return r.fileId_.empty() ? "Can't insert replication request with empty fileId" : nullptr;
+}
+}  // namespace
+
+// The table stamps submission and last-update times; a disk or message left
+// empty is left to the table too.
+void ReplicationRequestDAOSyb::fillRow(const ReplicationRequest& r, dataAccess::InsertRow& row) {
+  row.addText(fileIdField, r.fileId_);
+  row.addInteger(fileVersionField, r.fileVersion_);
+  if (!r.diskId_.empty()) row.addText(diskIdField, r.diskId_);
+  row.addText(submitterIdField, r.submitterId_);
+  row.addInteger(priorityField, r.priority_);
+  row.addInteger(statusIdField, r.statusId_);
+  if (!r.message_.empty()) row.addText(messageField, r.message_);
+}
+
 template <class Conn>
 int ReplicationRequestDAOSyb::insertT(const ReplicationRequest& r, const Conn& conn) {
-  if (r.fileId_.empty()) {
-    DA_LOG_ERROR("Can't insert replication request with empty fileId");
+  if (const char* why = refusal(r)) {
+    DA_LOG_ERROR("%s", why);
     return -1;
   }
-  std::string columns = fileIdField + "," + fileVersionField;
-  std::string values = "'" + sqlQuoted(r.fileId_) + "'," + std::to_string(r.fileVersion_);
-  if (!r.diskId_.empty()) {
-    columns += "," + diskIdField;
-    values += ",'" + sqlQuoted(r.diskId_) + "'";
-  }
-  columns += "," + submitterIdField + "," + priorityField + "," + statusIdField;
-  values += ",'" + sqlQuoted(r.submitterId_) + "'," + std::to_string(r.priority_) + "," +
-            std::to_string(r.statusId_);
-  if (!r.message_.empty()) {
-    columns += "," + messageField;
-    values += ",'" + sqlQuoted(r.message_) + "'";
-  }
-  const int result =
-      executeQuery("insert into " + tableName_ + " (" + columns + ") " + "values (" + values + ")", conn);
+  dataAccess::InsertRow row;
+  fillRow(r, row);
+  const int result = executeQuery(row.statement(tableName_), conn);
   dataAccess::logSubmitted(result, r.fileId_);
   return result;
+}
+
+template <class Conn>
+int ReplicationRequestDAOSyb::insertAllT(const std::vector<ReplicationRequest>& requests, const Conn& conn) {
+  return dataAccess::insertBatch(tableName_, requests, conn, refusal, fillRow);
 }
 
 template <class Conn>
@@ -89,39 +101,21 @@ int ReplicationRequestDAOSyb::select_(const Conn& conn, std::vector<ReplicationR
   if (!whereClause.empty()) sql += " where " + whereClause;
   sql += " order by " + submissionTimeField;
   DA_LOG_DEBUG("%s", sql.c_str());
-  SybaseResultSet res = conn.execute(sql);
-  if (!res.commandSucceeded()) {
-    DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
-    return -1;
-  }
-  int count = 0;
-  if (res.hasResultSet()) {
-    while (res.next()) {
-      ReplicationRequest request("");
-      convertResultSetToReplicationRequest(res, request);
-      requests.push_back(request);
-      ++count;
-    }
-  }
-  // A row that could not be read fails the whole select.
-  if (!res.commandSucceeded()) {
-    DA_LOG_ERROR("Error executing SQL command %s", sql.c_str());
-    return -1;
-  }
-  return count;
+  return dataAccess::selectRows(conn, sql, requests, convertResultSetToReplicationRequest);
 }
 
-void ReplicationRequestDAOSyb::convertResultSetToReplicationRequest(SybaseResultSet& res,
-                                                                    ReplicationRequest& request) {
-  request.fileId_ = res.getStringValue(1);
-  request.fileVersion_ = res.isNull(2) ? 0 : static_cast<int>(res.getLongValue(2));
-  request.diskId_ = res.isNull(3) ? std::string() : res.getStringValue(3);
+// NULLs read as the record's empty values (see DaoCore.h).
+ReplicationRequest ReplicationRequestDAOSyb::convertResultSetToReplicationRequest(SybaseResultSet& res) {
+  ReplicationRequest request(res.getStringValue(1));
+  request.fileVersion_ = static_cast<int>(res.getLongValue(2));
+  request.diskId_ = res.getStringValue(3);
   request.submitterId_ = res.getStringValue(4);
   request.submissionTime_ = res.getDateAsTimevalValue(5);
   request.priority_ = static_cast<int>(res.getLongValue(6));
   request.statusId(static_cast<int>(res.getLongValue(7)));
   request.lastUpdateTime_ = res.getDateAsTimevalValue(8);
-  request.message_ = res.isNull(9) ? std::string() : res.getStringValue(9);
+  request.message_ = res.getStringValue(9);
+  return request;
 }
 
 // One-line overloads: each public operation for both connection types.
@@ -130,6 +124,14 @@ int ReplicationRequestDAOSyb::insert(const ReplicationRequest& r, const ServiceC
 }
 int ReplicationRequestDAOSyb::insert(const ReplicationRequest& r, const ServiceConnectionStub& c) {
   return insertT(r, c);
+}
+int ReplicationRequestDAOSyb::insert(const std::vector<ReplicationRequest>& r,
+                                     const ServiceConnectionSyb& c) {
+  return insertAllT(r, c);
+}
+int ReplicationRequestDAOSyb::insert(const std::vector<ReplicationRequest>& r,
+                                     const ServiceConnectionStub& c) {
+  return insertAllT(r, c);
 }
 int ReplicationRequestDAOSyb::update(const std::string& f, ReplicationRequest::RequestStatus s,
                                      const std::string& m, const ServiceConnectionSyb& c) {

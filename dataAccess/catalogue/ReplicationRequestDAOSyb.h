@@ -8,6 +8,10 @@
 #include <dataAccess/db/ServiceConnectionStub.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>
 
+namespace dataAccess {
+class InsertRow;
+}
+
 // Stores the replication queue in one table whose name the caller gives.
 // Every operation takes the connection (a ServiceConnectionSyb, or the stub
 // that only prints its SQL) and returns the affected-row count, the number of
@@ -34,6 +38,10 @@ class ReplicationRequestDAOSyb {
   // An empty file id is refused (-1) and nothing is executed.
   int insert(const ReplicationRequest& request, const ServiceConnectionSyb& conn);
   int insert(const ReplicationRequest& request, const ServiceConnectionStub& conn);
+  // Inserts every request in one transaction, all or none, as
+  // KestFileDAOSyb's batch insert does (same result, refusals and log).
+  int insert(const std::vector<ReplicationRequest>& requests, const ServiceConnectionSyb& conn);
+  int insert(const std::vector<ReplicationRequest>& requests, const ServiceConnectionStub& conn);
 
   // Every version and disk of the file gets the new status.
   int update(const std::string& fileId, ReplicationRequest::RequestStatus status, const std::string& message,
@@ -70,6 +78,8 @@ class ReplicationRequestDAOSyb {
   template <class Conn>
   int insertT(const ReplicationRequest& request, const Conn& conn);
   template <class Conn>
+  int insertAllT(const std::vector<ReplicationRequest>& requests, const Conn& conn);
+  template <class Conn>
   int updateT(const std::string& fileId, int fileVersion, const std::string& diskId,
               ReplicationRequest::RequestStatus status, const std::string& message, const Conn& conn);
   template <class Conn>
@@ -80,7 +90,8 @@ class ReplicationRequestDAOSyb {
   int executeQuery(const std::string& query, const Conn& conn);
 
   static std::string allFields();
-  static void convertResultSetToReplicationRequest(SybaseResultSet& res, ReplicationRequest& request);
+  static ReplicationRequest convertResultSetToReplicationRequest(SybaseResultSet& res);
+  static void fillRow(const ReplicationRequest& request, dataAccess::InsertRow& row);
 
   std::string tableName_;
 };

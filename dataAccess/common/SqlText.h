@@ -5,6 +5,8 @@
 #include <cmath>
 #include <string>
 
+#include <sybconn/SqlRows.h>
+
 namespace dataAccess {
 
 // A value for use between single quotes in a statement: every single quote is
@@ -14,10 +16,7 @@ inline std::string sqlQuoted(const std::string& value) {
   if (value.find('\'') == std::string::npos) return value;
   std::string out;
   out.reserve(value.size() + 4);
-  for (char c : value) {
-    out += c;
-    if (c == '\'') out += '\'';
-  }
+  sybconn::appendQuoted(out, value);
   return out;
 }
 

@@ -1,5 +1,5 @@
 #include <daLog/Log.h>
-#include <dataAccess/conditions/ConditionsSupport.h>
+#include <dataAccess/common/DaoCore.h>
 #include <dataAccess/conditions/ConstraintSetDAOSyb.h>
 
 #include <utility>
@@ -39,35 +39,26 @@ int ConstraintSetDAOSyb::find(int obsId, std::vector<ConstraintSet>& constraintS
   sql.append("=").append(obsIdText).append(" AND ").append(ob).append(".").append(CS_ID_FIELD);
   sql.append("=").append(cs).append(".").append(CS_ID_FIELD);
 
-  typename Conn::ResultSet res;
-  if (dataAccess::selectLogged(conn, sql, res) < 0) return -1;
-  const auto before = constraintSets.size();
-  int count = 0;
-  if (res.hasResultSet()) {
-    // A NULL column reads as 0, 0.0 or an empty string, the defaults of a
-    // record: one read a column (see ConditionsSupport.h).
+  const int count = dataAccess::selectRows(conn, sql, constraintSets, [](typename Conn::ResultSet& res) {
     const auto integer = [&res](int c) { return static_cast<int>(res.getLongValue(c)); };
     const auto real = [&res](int c) { return static_cast<float>(res.getDoubleValue(c)); };
     const auto text = [&res](int c) { return res.getStringValue(c); };
-    while (res.next()) {
-      ConstraintSet s;
-      s.csId_ = integer(1);
-      s.userId_ = integer(2);
-      s.itemName_ = text(3);
-      s.itemDescription_ = text(4);
-      s.seeing_ = real(5);
-      s.skyTransparency_ = text(6);
-      s.airMass_ = real(7);
-      s.fli_ = real(8);
-      s.moonDistance_ = integer(9);
-      s.localStorageId_ = text(10);
-      s.strehlRatio_ = real(11);
-      s.baselineId_ = integer(12);
-      constraintSets.push_back(std::move(s));
-      ++count;
-    }
-  }
-  if (!dataAccess::rowsComplete(res, constraintSets, before, sql)) return -1;
+    ConstraintSet s;
+    s.csId_ = integer(1);
+    s.userId_ = integer(2);
+    s.itemName_ = text(3);
+    s.itemDescription_ = text(4);
+    s.seeing_ = real(5);
+    s.skyTransparency_ = text(6);
+    s.airMass_ = real(7);
+    s.fli_ = real(8);
+    s.moonDistance_ = integer(9);
+    s.localStorageId_ = text(10);
+    s.strehlRatio_ = real(11);
+    s.baselineId_ = integer(12);
+    return s;
+  });
+  if (count < 0) return -1;
   // "where" for "were": log readers rely on this wording.
   DA_LOG_DEBUG("%d constraint set where retrieved for %s", count, obsIdText.c_str());
   return count;

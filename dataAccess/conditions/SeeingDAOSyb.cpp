@@ -1,5 +1,5 @@
 #include <daLog/Log.h>
-#include <dataAccess/conditions/ConditionsSupport.h>
+#include <dataAccess/common/DaoCore.h>
 #include <dataAccess/conditions/SeeingDAOSyb.h>
 
 #include <cmath>
@@ -52,30 +52,21 @@ int SeeingDAOSyb::find(double startDate, double endDate, std::vector<Seeing>& se
   sql += " from " + seeingTable_ + " where " + START_DATE_FIELD + " between " + std::to_string(endKey) +
          " AND " + std::to_string(startKey) + " AND fwhm <> " + "255" + " AND fwhm IS NOT NULL";
 
-  typename Conn::ResultSet res;
-  const int selected = dataAccess::selectLogged(conn, sql, res);
-  if (selected < 0) return selected;
-  const auto before = seeings.size();
-  int count = 0;
-  if (res.hasResultSet()) {
-    // A NULL column reads as 0 (see ConditionsSupport.h).
+  const int count = dataAccess::selectRows(conn, sql, seeings, [](typename Conn::ResultSet& res) {
     const auto value = [&res](int c) { return static_cast<int>(res.getLongValue(c)); };
-    while (res.next()) {
-      Seeing s;
-      s.startDate_ = value(1);
-      s.interval_ = value(2);
-      s.fwhm_ = value(3);
-      s.ra_ = value(4);
-      s.dec_ = value(5);
-      s.airmass_ = value(6);
-      s.tau_ = value(7);
-      s.rfl_ = value(8);
-      s.tet_ = value(9);
-      seeings.push_back(s);
-      ++count;
-    }
-  }
-  if (!dataAccess::rowsComplete(res, seeings, before, sql)) return -1;
+    Seeing s;
+    s.startDate_ = value(1);
+    s.interval_ = value(2);
+    s.fwhm_ = value(3);
+    s.ra_ = value(4);
+    s.dec_ = value(5);
+    s.airmass_ = value(6);
+    s.tau_ = value(7);
+    s.rfl_ = value(8);
+    s.tet_ = value(9);
+    return s;
+  });
+  if (count < 0) return -1;
   // "where" for "were": log readers rely on this wording.
   DA_LOG_DEBUG("%d seeings values where retrieved between %f and %f", count, startDate, endDate);
   return count;

@@ -1,5 +1,5 @@
 #include <daLog/Log.h>
-#include <dataAccess/conditions/ConditionsSupport.h>
+#include <dataAccess/common/DaoCore.h>
 #include <dataAccess/conditions/TORV2NightObsDAOSyb.h>
 
 #include <utility>
@@ -18,24 +18,15 @@ int TORV2NightObsDAOSyb::find(int obsId, std::vector<TORV2NightObs>& records, co
   const std::string sql = "select distinct " + REQUEST_ID_FIELD + "," + SKY_TRANSPARENCY_FIELD + "," +
                           TRANSPARENCY_FIELD + " from " + table_ + " where " + OB_ID_FIELD + "='" +
                           obsIdText + "'";
-  typename Conn::ResultSet res;
-  const int selected = dataAccess::selectLogged(conn, sql, res);
-  if (selected < 0) return selected;
-  const auto before = records.size();
-  int count = 0;
-  if (res.hasResultSet()) {
-    // A NULL column reads as an empty string or 0 (see ConditionsSupport.h).
-    while (res.next()) {
-      TORV2NightObs r;
-      r.requestId_ = res.getStringValue(1);
-      r.obId_ = obsIdText;
-      r.skyTransparency_ = res.getStringValue(2);
-      r.transparency_ = static_cast<int>(res.getLongValue(3));
-      records.push_back(std::move(r));
-      ++count;
-    }
-  }
-  if (!dataAccess::rowsComplete(res, records, before, sql)) return -1;
+  const int count = dataAccess::selectRows(conn, sql, records, [&obsIdText](typename Conn::ResultSet& res) {
+    TORV2NightObs r;
+    r.requestId_ = res.getStringValue(1);
+    r.obId_ = obsIdText;
+    r.skyTransparency_ = res.getStringValue(2);
+    r.transparency_ = static_cast<int>(res.getLongValue(3));
+    return r;
+  });
+  if (count < 0) return -1;
   DA_LOG_DEBUG("%d night observation records were retrieved for %d", count, obsId);
   return count;
 }

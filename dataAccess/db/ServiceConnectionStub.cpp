@@ -40,6 +40,22 @@ ServiceConnectionStub::ResultSet ServiceConnectionStub::execute(std::string sql)
   return ResultSet();
 }
 
+long ServiceConnectionStub::insertRows(const std::string& table, const std::vector<std::string>& columns,
+                                       sybconn::RowSource& rows, long& failedRow) const {
+  failedRow = -1;
+  if (conn_ == 0) {
+    DA_LOG_ERROR("%s", kNoConnection);
+    return -1;
+  }
+  std::string sql;
+  for (const sybconn::SqlValue* v; (v = rows.next()) != nullptr;) {
+    sql.clear();
+    sybconn::appendInsert(sql, table, columns, v);
+    print(sql);
+  }
+  return -1;
+}
+
 int ServiceConnectionStub::executeSelect(std::string sql, ResultSet& res, ListOfFieldIndex& fields) const {
   return select(sql, res, &fields);
 }

@@ -3,7 +3,9 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
+#include <sybconn/SqlRows.h>
 #include <sybconn/SybaseResultSet.h>
 
 // A connection with the operations of ServiceConnectionSyb that talks to no
@@ -31,6 +33,11 @@ class ServiceConnectionStub {
   int beginTransaction() const;
   int commitTransaction() const;
   int rollbackTransaction() const;
+
+  // Prints the insert statement of each row, as the single-row insert would
+  // send it, and writes nothing: -1, with no row to blame (`failedRow` -1).
+  long insertRows(const std::string& table, const std::vector<std::string>& columns, sybconn::RowSource& rows,
+                  long& failedRow) const;
 
   // No command is ever run: always -1.
   long rowCount() const { return -1; }

@@ -217,6 +217,16 @@ int ServiceConnectionSyb::endTransaction(bool commit) const {
   return 0;
 }
 
+long ServiceConnectionSyb::insertRows(const std::string& table, const std::vector<std::string>& columns,
+                                      sybconn::RowSource& rows, long& failedRow) const {
+  failedRow = -1;
+  if (conn_ == nullptr) {
+    DA_LOG_ERROR("%s", kNoConnection);
+    return -1;
+  }
+  return conn_->insertRows(table, columns, rows, failedRow);
+}
+
 long ServiceConnectionSyb::rowCount() const { return conn_ ? conn_->rowCount() : -1; }
 
 std::string ServiceConnectionSyb::getStringValue(ResultSet& res, int col) const {

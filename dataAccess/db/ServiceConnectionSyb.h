@@ -5,6 +5,7 @@
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include <sybconn/SybaseConnection.h>
 #include <sybconn/SybaseResultSet.h>
@@ -58,6 +59,12 @@ class ServiceConnectionSyb {
   int beginTransaction() const;
   int commitTransaction() const;
   int rollbackTransaction() const;
+
+  // Inserts all the rows or none, in a transaction level of its own (see
+  // SybaseConnection::insertRows): the number of rows written, or -1 with
+  // `failedRow` the index of the refused row (-1 when no row is to blame).
+  long insertRows(const std::string& table, const std::vector<std::string>& columns, sybconn::RowSource& rows,
+                  long& failedRow) const;
 
   // The affected-row count of the login's current command (rows changed by a
   // write, rows read by a select); -1 without a login.

@@ -97,6 +97,22 @@ class FreeTdsDriver : public Driver {
   std::shared_ptr<Cursor> transaction(TxVerb verb, const std::string& name, bool outermost) override;
   // Sends one batch as written.
   std::shared_ptr<Cursor> run(const std::string& sql);
+  // Placeholder until the backend's bulk path: one insert a row.
+  long insertRows(const std::string& table, const std::vector<std::string>& columns, RowSource& rows,
+                  long& failedRow) override {
+    failedRow = -1;
+    std::string sql;
+    long n = 0;
+    for (const SqlValue* v; (v = rows.next()) != nullptr; ++n) {
+      sql.clear();
+      appendInsert(sql, table, columns, v);
+      if (!execute(sql)->succeeded()) {
+        failedRow = n;
+        return -1;
+      }
+    }
+    return n;
+  }
   long rowCount() const override { return lastCount_; }
   void detachResults() override;
 

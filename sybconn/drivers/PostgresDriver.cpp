@@ -162,6 +162,22 @@ class PostgresDriver : public Driver {
   // The outermost level is the server's transaction, inner ones are
   // savepoints of their name.
   std::shared_ptr<Cursor> transaction(TxVerb verb, const std::string& name, bool outermost) override;
+  // Placeholder until the backend's bulk path: one insert a row.
+  long insertRows(const std::string& table, const std::vector<std::string>& columns, RowSource& rows,
+                  long& failedRow) override {
+    failedRow = -1;
+    std::string sql;
+    long n = 0;
+    for (const SqlValue* v; (v = rows.next()) != nullptr; ++n) {
+      sql.clear();
+      appendInsert(sql, table, columns, v);
+      if (!execute(sql)->succeeded()) {
+        failedRow = n;
+        return -1;
+      }
+    }
+    return n;
+  }
   long rowCount() const override;
   void detachResults() override;
 

@@ -265,6 +265,58 @@ class SqliteDriver : public Driver {
                                             : "ROLLBACK TO " + id + "; RELEASE " + id);
   }
 
+  // One prepared statement, bound and stepped once a row, inside the level
+  // the caller opened: no statement text and no parse per row.
+  long insertRows(const std::string& table, const std::vector<std::string>& columns, RowSource& rows,
+                  long& failedRow) override {
+    releaseCurrent();
+    failedRow = -1;
+    if (!db_) return -1;
+    const size_t columnCount = columns.size();
+    std::string sql = "insert into " + table + " (" + joinColumns(columns) + ") values (";
+    for (size_t i = 0; i < columnCount; ++i) sql += i == 0 ? "?" : ",?";
+    sql += ')';
+    if (mayNeedRewrite(sql)) {
+      DialectResult r = rewriteSybase(sql, DialectTarget::Sqlite, home_);
+      for (const auto& dbName : r.databases)
+        if (!attach(dbName)) return -1;
+      sql = std::move(r.sql);
+    }
+    sqlite3_stmt* stmt = nullptr;
+    int rc = sqlite3_prepare_v2(db_, sql.c_str(), static_cast<int>(sql.size()), &stmt, nullptr);
+    if (rc != SQLITE_OK) {
+      report(rc);
+      return -1;
+    }
+    long n = 0;
+    for (const SqlValue* v; (v = rows.next()) != nullptr; ++n) {
+      for (size_t c = 0; c < columnCount; ++c) {
+        const int col = static_cast<int>(c) + 1;
+        switch (v[c].kind) {
+          case SqlValue::Kind::Null:
+            sqlite3_bind_null(stmt, col);
+            break;
+          case SqlValue::Kind::Integer:
+            sqlite3_bind_int64(stmt, col, v[c].integer);
+            break;
+          case SqlValue::Kind::Text:
+            sqlite3_bind_text(stmt, col, v[c].text.data(), static_cast<int>(v[c].text.size()), SQLITE_STATIC);
+            break;
+        }
+      }
+      rc = sqlite3_step(stmt);
+      if (rc != SQLITE_DONE) {
+        report(rc);
+        failedRow = n;
+        sqlite3_finalize(stmt);
+        return -1;
+      }
+      sqlite3_reset(stmt);
+    }
+    sqlite3_finalize(stmt);
+    return n;
+  }
+
   long rowCount() const override { return current_ ? current_->rowCount() : -1; }
   void detachResults() override { releaseCurrent(); }
 
