@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cctype>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <climits>
 #include <cstdio>
@@ -16,6 +17,7 @@
 #include <cstring>
 #include <ctime>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <daLog/Log.h>
@@ -162,22 +164,10 @@ class PostgresDriver : public Driver {
   // The outermost level is the server's transaction, inner ones are
   // savepoints of their name.
   std::shared_ptr<Cursor> transaction(TxVerb verb, const std::string& name, bool outermost) override;
-  // Placeholder until the backend's bulk path: one insert a row.
+  // One COPY ... FROM STDIN: the rows go in COPY's text format, some 64 KiB
+  // a message, from one buffer reused for the whole call.
   long insertRows(const std::string& table, const std::vector<std::string>& columns, RowSource& rows,
-                  long& failedRow) override {
-    failedRow = -1;
-    std::string sql;
-    long n = 0;
-    for (const SqlValue* v; (v = rows.next()) != nullptr; ++n) {
-      sql.clear();
-      appendInsert(sql, table, columns, v);
-      if (!execute(sql)->succeeded()) {
-        failedRow = n;
-        return -1;
-      }
-    }
-    return n;
-  }
+                  long& failedRow) override;
   long rowCount() const override;
   void detachResults() override;
 
@@ -192,16 +182,44 @@ class PostgresDriver : public Driver {
 
  private:
   std::shared_ptr<Cursor> run(const std::string& sql);
+  // The statement in PostgreSQL's SQL: `sql` itself when the dialect has
+  // nothing to rewrite in it (most statements), else its rewrite, held in
+  // `scratch`.
+  const std::string& postgresSql(const std::string& sql, std::string& scratch) const;
+  // Sends the COPY's rows (counting them in `sent`) and its end. False when
+  // the server took nothing for the command time-out (reported; the COPY is
+  // cancelled and read off, or the login lost) or libpq could not send
+  // (reported; the login lost).
+  bool sendCopyData(RowSource& rows, size_t columnCount, long& sent);
+  // Sends what libpq holds for the server (nonblocking mode), reading what
+  // the server sends meanwhile so that neither side waits for the other.
+  // False when the server took nothing for the command time-out.
+  bool flushCopy();
+  // After a time-out inside COPY's data: cancels it, ends it and reads its
+  // results off, or gives the login up.
+  void abandonCopy();
+  // A COPY's data that libpq could not send: the login is given up.
+  void copyFailed();
+  // Reads off the rest of a command's results, reporting failures.
+  void drainResults();
   bool loginFailed(int severity, int dberr, const std::string& text);
   void clientError(int severity, int dberr, const std::string& text) const;
   // Waits until the socket has `events`, or until `deadline` (none when
   // zero). False on time-out.
   bool waitSocket(short events, std::chrono::steady_clock::time_point deadline) const;
+  // The time the command time-out gives a wait starting now (none: zero).
+  static std::chrono::steady_clock::time_point commandDeadline();
   bool awaitResult();
-  void cancelCommand();
+  void timedOut() const;
+  void sendCancel();
+  // Reads off a cancelled command's results; a server that stays silent for
+  // one more time-out loses the login.
+  void drainCancelled();
+  // Shuts the socket: from then on the login reads as not connected.
+  void loseLogin();
 
   PGconn* conn_ = nullptr;
-  bool broken_ = false;  // a silent server lost the login after a time-out
+  bool broken_ = false;  // lost: a silent server after a time-out, or a failed send
   std::shared_ptr<const std::string> server_ = std::make_shared<const std::string>();
   std::string home_;  // the connected database: its qualified names are local
   std::shared_ptr<PgCursor> current_;
@@ -460,9 +478,15 @@ void PostgresDriver::disconnect() {
 }
 
 std::shared_ptr<Cursor> PostgresDriver::execute(const std::string& sql) {
+  std::string scratch;
+  return run(postgresSql(sql, scratch));
+}
+
+const std::string& PostgresDriver::postgresSql(const std::string& sql, std::string& scratch) const {
   // Most statements need no rewrite; they run from the caller's text.
-  if (!mayNeedRewrite(sql)) return run(sql);
-  return run(rewriteSybase(sql, DialectTarget::Postgres, home_).sql);
+  if (!mayNeedRewrite(sql)) return sql;
+  scratch = rewriteSybase(sql, DialectTarget::Postgres, home_).sql;
+  return scratch;
 }
 
 // SybaseConnection keeps the levels and checks the names: a step that
@@ -521,10 +545,14 @@ bool PostgresDriver::waitSocket(short events, std::chrono::steady_clock::time_po
   }
 }
 
-bool PostgresDriver::awaitResult() {
+std::chrono::steady_clock::time_point PostgresDriver::commandDeadline() {
   const int seconds = g_queryTimeout.load();
-  const auto deadline = seconds > 0 ? std::chrono::steady_clock::now() + std::chrono::seconds(seconds)
-                                    : std::chrono::steady_clock::time_point();
+  return seconds > 0 ? std::chrono::steady_clock::now() + std::chrono::seconds(seconds)
+                     : std::chrono::steady_clock::time_point();
+}
+
+bool PostgresDriver::awaitResult() {
+  const auto deadline = commandDeadline();
   while (PQisBusy(conn_)) {
     if (!waitSocket(POLLIN, deadline)) return false;
     if (!PQconsumeInput(conn_)) return true;  // the failure shows in the next result
@@ -539,34 +567,276 @@ bool PostgresDriver::fetch(PGresult*& result) {
     result = PQgetResult(conn_);
     return true;
   }
-  clientError(kTimeSeverity, kErrTimeout,
-              "Command on " + *server_ + " timed out after " + std::to_string(g_queryTimeout.load()) +
-                  " s; cancelled");
-  cancelCommand();
+  timedOut();
+  sendCancel();
+  drainCancelled();
   return false;
 }
 
-void PostgresDriver::cancelCommand() {
+void PostgresDriver::timedOut() const {
+  clientError(kTimeSeverity, kErrTimeout,
+              "Command on " + *server_ + " timed out after " + std::to_string(g_queryTimeout.load()) +
+                  " s; cancelled");
+}
+
+void PostgresDriver::sendCancel() {
   char reason[256];
   if (PGcancel* c = PQgetCancel(conn_)) {
     PQcancel(c, reason, sizeof reason);
     PQfreeCancel(c);
   }
+}
+
+void PostgresDriver::drainCancelled() {
   // The server ends a cancelled command with an error (not reported: the
-  // time-out was). A server that stays silent for one more time-out loses the
-  // login: its state is unknown.
+  // time-out was). Its state is unknown once it stays silent.
   while (awaitResult()) {
     PGresult* r = PQgetResult(conn_);
     if (!r) return;
     PQclear(r);
   }
+  loseLogin();
+}
+
+void PostgresDriver::loseLogin() {
   ::shutdown(PQsocket(conn_), SHUT_RDWR);
   broken_ = true;
 }
 
+namespace {
+
+const size_t kCopyChunk = 64 * 1024;  // the data of one CopyData message, about
+
+// Appends `text` as a value of COPY's text format: backslash, tab, newline
+// and carriage return escaped; every other byte as it is.
+void appendCopyText(std::string& out, const std::string& text) {
+  const char* run = text.data();
+  const char* const end = run + text.size();
+  for (const char* p = run; p != end; ++p) {
+    char escaped;
+    switch (*p) {
+      case '\\':
+        escaped = '\\';
+        break;
+      case '\t':
+        escaped = 't';
+        break;
+      case '\n':
+        escaped = 'n';
+        break;
+      case '\r':
+        escaped = 'r';
+        break;
+      default:
+        continue;
+    }
+    out.append(run, static_cast<size_t>(p - run));
+    out += '\\';
+    out += escaped;
+    run = p + 1;
+  }
+  out.append(run, static_cast<size_t>(end - run));
+}
+
+// Appends one row of COPY's text format: values tab-separated, NULL as \N,
+// newline-ended.
+void appendCopyRow(std::string& out, const SqlValue* values, size_t count) {
+  for (size_t c = 0; c < count; ++c) {
+    if (c > 0) out += '\t';
+    const SqlValue& v = values[c];
+    switch (v.kind) {
+      case SqlValue::Kind::Null:
+        out.append("\\N", 2);
+        break;
+      case SqlValue::Kind::Integer: {
+        char digits[24];
+        const auto r = std::to_chars(digits, digits + sizeof digits, v.integer);
+        out.append(digits, static_cast<size_t>(r.ptr - digits));
+        break;
+      }
+      case SqlValue::Kind::Text:
+        appendCopyText(out, v.text);
+        break;
+    }
+  }
+  out += '\n';
+}
+
+// The row a COPY's error names in its context ("COPY t, line 5001[, column
+// ...]": lines count from 1, one a row), as an index from 0 below `sent`;
+// -1 when it names none.
+long copyFailedRow(const PGresult* result, long sent) {
+  const char* context = PQresultErrorField(result, PG_DIAG_CONTEXT);
+  if (!context) return -1;
+  // The context may hold the lines of functions called for the row first.
+  for (const char* line = context; *line;) {
+    const char* eol = std::strchr(line, '\n');
+    if (!eol) eol = line + std::strlen(line);
+    if (std::strncmp(line, "COPY ", 5) == 0) {
+      // ", line N" in English; in a server's other language, the first
+      // number after the table's name.
+      const std::string_view text(line, static_cast<size_t>(eol - line));
+      size_t at = text.find(", line ");
+      if (at == std::string_view::npos) at = text.find(", ");
+      if (at == std::string_view::npos) return -1;
+      at = text.find_first_of("0123456789", at);
+      if (at == std::string_view::npos) return -1;
+      long n = 0;
+      const auto r = std::from_chars(text.data() + at, text.data() + text.size(), n);
+      return r.ec == std::errc() && n >= 1 && n <= sent ? n - 1 : -1;
+    }
+    line = *eol ? eol + 1 : eol;
+  }
+  return -1;
+}
+
+// Nonblocking mode for a COPY's data, so that no send waits beyond the
+// command time-out; blocking again on the way out.
+class NonBlocking {
+ public:
+  explicit NonBlocking(PGconn* conn) : conn_(conn) { PQsetnonblocking(conn_, 1); }
+  ~NonBlocking() { PQsetnonblocking(conn_, 0); }
+  NonBlocking(const NonBlocking&) = delete;
+  NonBlocking& operator=(const NonBlocking&) = delete;
+
+ private:
+  PGconn* conn_;
+};
+
+}  // namespace
+
+long PostgresDriver::insertRows(const std::string& table, const std::vector<std::string>& columns,
+                                RowSource& rows, long& failedRow) {
+  detachResults();
+  lastCount_ = -1;
+  failedRow = -1;
+  if (!isConnected()) {
+    clientError(kCommSeverity, kErrLost, "Not connected to " + *server_);
+    return -1;
+  }
+  // The table's name is rewritten as an insert's would be: "db..table" is
+  // table of schema db.
+  const std::string copy = "COPY " + table + " (" + joinColumns(columns) + ") FROM STDIN";
+  std::string scratch;
+  const std::string& sql = postgresSql(copy, scratch);
+  if (!PQsendQuery(conn_, sql.c_str())) {
+    clientError(kCommSeverity, kErrLost, trimmed(PQerrorMessage(conn_)));
+    return -1;
+  }
+  PGresult* r = nullptr;
+  if (!fetch(r) || !r) return -1;  // timed out (reported), or lost
+  if (PQresultStatus(r) != PGRES_COPY_IN) {
+    // No such table or column, or no right to write it: no row to blame.
+    const ExecStatusType status = PQresultStatus(r);
+    if (status == PGRES_COPY_OUT)
+      refuseCopy(status);
+    else if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK)
+      report(r);
+    else
+      clientError(kErrorSeverity, kErrLost, "COPY into " + table + " on " + *server_ + " did not start");
+    PQclear(r);
+    drainResults();
+    return -1;
+  }
+  PQclear(r);
+
+  long sent = 0;
+  {
+    NonBlocking nonBlocking(conn_);
+    if (!sendCopyData(rows, columns.size(), sent)) return -1;
+  }
+  long written = -1;
+  while (fetch(r) && r) {
+    const ExecStatusType status = PQresultStatus(r);
+    if (status == PGRES_COMMAND_OK) {
+      const char* tuples = PQcmdTuples(r);
+      written = *tuples ? std::atol(tuples) : sent;
+    } else if (status == PGRES_COPY_IN || status == PGRES_COPY_OUT) {
+      refuseCopy(status);  // not this COPY's: it has ended
+      written = -1;
+    } else {
+      report(r);
+      failedRow = copyFailedRow(r, sent);
+      written = -1;
+    }
+    PQclear(r);
+  }
+  lastCount_ = written;
+  return written;
+}
+
+bool PostgresDriver::sendCopyData(RowSource& rows, size_t columnCount, long& sent) {
+  std::string buffer;
+  buffer.reserve(kCopyChunk + 4096);
+  bool more = true;
+  while (more) {
+    buffer.clear();
+    while (buffer.size() < kCopyChunk) {
+      const SqlValue* v = rows.next();
+      if (!v) {
+        more = false;
+        break;
+      }
+      appendCopyRow(buffer, v, columnCount);
+      ++sent;
+    }
+    if (buffer.empty()) break;
+    int rc;
+    while ((rc = PQputCopyData(conn_, buffer.data(), static_cast<int>(buffer.size()))) == 0) {
+      // Not queued: libpq's buffer is full (nonblocking mode only).
+      if (!flushCopy()) return abandonCopy(), false;
+    }
+    if (rc < 0) return copyFailed(), false;
+    if (!flushCopy()) return abandonCopy(), false;
+  }
+  if (PQputCopyEnd(conn_, nullptr) < 0) return copyFailed(), false;
+  if (!flushCopy()) return abandonCopy(), false;
+  return true;
+}
+
+void PostgresDriver::copyFailed() {
+  clientError(kCommSeverity, kErrLost, trimmed(PQerrorMessage(conn_)));
+  loseLogin();
+}
+
+bool PostgresDriver::flushCopy() {
+  const auto deadline = commandDeadline();
+  while (PQflush(conn_) > 0) {
+    if (!waitSocket(POLLIN | POLLOUT, deadline)) return false;
+    // Whatever the server sent (notices) is read, so that it never waits on
+    // this side while this side waits on it.
+    if (!PQconsumeInput(conn_)) return true;  // the failure shows in the result
+  }
+  return true;
+}
+
+void PostgresDriver::abandonCopy() {
+  timedOut();
+  sendCancel();
+  // A cancelled COPY reads and drops the data still on its way; COPY's end
+  // (as a failure, so that nothing of it stays) then brings its results.
+  if (flushCopy() && PQputCopyEnd(conn_, "cancelled after the command time-out") >= 0 && flushCopy())
+    drainCancelled();
+  else
+    loseLogin();
+}
+
+void PostgresDriver::drainResults() {
+  PGresult* r = nullptr;
+  while (fetch(r) && r) {
+    const ExecStatusType status = PQresultStatus(r);
+    if (status == PGRES_COPY_IN || status == PGRES_COPY_OUT)
+      refuseCopy(status);
+    else if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK && status != PGRES_EMPTY_QUERY)
+      report(r);
+    PQclear(r);
+  }
+}
+
 void PostgresDriver::refuseCopy(ExecStatusType status) {
   if (status == PGRES_COPY_IN) {
-    PQputCopyEnd(conn_, "COPY FROM STDIN is not supported by this library");
+    // A login that cannot even end the COPY is given up: it would stay in it.
+    if (PQputCopyEnd(conn_, "COPY FROM STDIN is not supported by this library") < 0) loseLogin();
     return;
   }
   char* buffer = nullptr;
