@@ -38,6 +38,23 @@ inline void logSubmitted(int result, const std::string& fileId) {
   }
 }
 
+// The single-row insert of both DAOs: refused with `refusal`'s reason
+// (logged, nothing run), else the statement of `fill`'s row, logged with the
+// shared wording.
+template <class Conn, class Record, class Refusal, class Fill>
+int insertRecord(const std::string& table, const Record& record, const Conn& conn, Refusal refusal,
+                 Fill fill) {
+  if (const char* why = refusal(record)) {
+    DA_LOG_ERROR("%s", why);
+    return -1;
+  }
+  InsertRow row;
+  fill(record, row);
+  const int result = executeCounted(row.statement(table), conn);
+  logSubmitted(result, record.fileId_);
+  return result;
+}
+
 // "delete <table> where <file>='F'" with the optional version and disk
 // clauses, executed and logged with the shared wording.
 template <class Conn>

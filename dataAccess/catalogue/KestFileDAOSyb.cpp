@@ -66,24 +66,6 @@ void KestFileDAOSyb::fillRow(const KestFile& f, dataAccess::InsertRow& row) {
 }
 
 template <class Conn>
-int KestFileDAOSyb::insertT(const KestFile& f, const Conn& conn) {
-  if (const char* why = refusal(f)) {
-    DA_LOG_ERROR("%s", why);
-    return -1;
-  }
-  dataAccess::InsertRow row;
-  fillRow(f, row);
-  const int result = executeQuery(row.statement(tableName_), conn);
-  logSubmitted(result, f.fileId_);
-  return result;
-}
-
-template <class Conn>
-int KestFileDAOSyb::insertAllT(const std::vector<KestFile>& files, const Conn& conn) {
-  return dataAccess::insertBatch(tableName_, files, conn, refusal, fillRow);
-}
-
-template <class Conn>
 int KestFileDAOSyb::copyT(const std::string& srcDiskId, const std::string& fileId, int fileVersion,
                           const std::string& destDiskId, const Conn& conn) {
   if (srcDiskId.empty() || fileId.empty()) {
@@ -161,13 +143,17 @@ KestFile KestFileDAOSyb::convertResultSetToKestFile(SybaseResultSet& res) {
 }
 
 // One-line overloads: each public operation for both connection types.
-int KestFileDAOSyb::insert(const KestFile& f, const ServiceConnectionSyb& c) { return insertT(f, c); }
-int KestFileDAOSyb::insert(const KestFile& f, const ServiceConnectionStub& c) { return insertT(f, c); }
+int KestFileDAOSyb::insert(const KestFile& f, const ServiceConnectionSyb& c) {
+  return dataAccess::insertRecord(tableName_, f, c, refusal, fillRow);
+}
+int KestFileDAOSyb::insert(const KestFile& f, const ServiceConnectionStub& c) {
+  return dataAccess::insertRecord(tableName_, f, c, refusal, fillRow);
+}
 int KestFileDAOSyb::insert(const std::vector<KestFile>& f, const ServiceConnectionSyb& c) {
-  return insertAllT(f, c);
+  return dataAccess::insertBatch(tableName_, f, c, refusal, fillRow);
 }
 int KestFileDAOSyb::insert(const std::vector<KestFile>& f, const ServiceConnectionStub& c) {
-  return insertAllT(f, c);
+  return dataAccess::insertBatch(tableName_, f, c, refusal, fillRow);
 }
 int KestFileDAOSyb::insert(const std::string& s, const std::string& f, int v, const std::string& d,
                            const ServiceConnectionSyb& c) {

@@ -72,10 +72,6 @@ class KestFileDAOSyb {
 
  private:
   template <class Conn>
-  int insertT(const KestFile& file, const Conn& conn);
-  template <class Conn>
-  int insertAllT(const std::vector<KestFile>& files, const Conn& conn);
-  template <class Conn>
   int copyT(const std::string& srcDiskId, const std::string& fileId, int fileVersion,
             const std::string& destDiskId, const Conn& conn);
   template <class Conn>

@@ -47,24 +47,6 @@ void ReplicationRequestDAOSyb::fillRow(const ReplicationRequest& r, dataAccess::
 }
 
 template <class Conn>
-int ReplicationRequestDAOSyb::insertT(const ReplicationRequest& r, const Conn& conn) {
-  if (const char* why = refusal(r)) {
-    DA_LOG_ERROR("%s", why);
-    return -1;
-  }
-  dataAccess::InsertRow row;
-  fillRow(r, row);
-  const int result = executeQuery(row.statement(tableName_), conn);
-  dataAccess::logSubmitted(result, r.fileId_);
-  return result;
-}
-
-template <class Conn>
-int ReplicationRequestDAOSyb::insertAllT(const std::vector<ReplicationRequest>& requests, const Conn& conn) {
-  return dataAccess::insertBatch(tableName_, requests, conn, refusal, fillRow);
-}
-
-template <class Conn>
 int ReplicationRequestDAOSyb::updateT(const std::string& fileId, int fileVersion, const std::string& diskId,
                                       ReplicationRequest::RequestStatus status, const std::string& message,
                                       const Conn& conn) {
@@ -120,18 +102,18 @@ ReplicationRequest ReplicationRequestDAOSyb::convertResultSetToReplicationReques
 
 // One-line overloads: each public operation for both connection types.
 int ReplicationRequestDAOSyb::insert(const ReplicationRequest& r, const ServiceConnectionSyb& c) {
-  return insertT(r, c);
+  return dataAccess::insertRecord(tableName_, r, c, refusal, fillRow);
 }
 int ReplicationRequestDAOSyb::insert(const ReplicationRequest& r, const ServiceConnectionStub& c) {
-  return insertT(r, c);
+  return dataAccess::insertRecord(tableName_, r, c, refusal, fillRow);
 }
 int ReplicationRequestDAOSyb::insert(const std::vector<ReplicationRequest>& r,
                                      const ServiceConnectionSyb& c) {
-  return insertAllT(r, c);
+  return dataAccess::insertBatch(tableName_, r, c, refusal, fillRow);
 }
 int ReplicationRequestDAOSyb::insert(const std::vector<ReplicationRequest>& r,
                                      const ServiceConnectionStub& c) {
-  return insertAllT(r, c);
+  return dataAccess::insertBatch(tableName_, r, c, refusal, fillRow);
 }
 int ReplicationRequestDAOSyb::update(const std::string& f, ReplicationRequest::RequestStatus s,
                                      const std::string& m, const ServiceConnectionSyb& c) {

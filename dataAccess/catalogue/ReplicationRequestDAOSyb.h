@@ -76,10 +76,6 @@ class ReplicationRequestDAOSyb {
 
  private:
   template <class Conn>
-  int insertT(const ReplicationRequest& request, const Conn& conn);
-  template <class Conn>
-  int insertAllT(const std::vector<ReplicationRequest>& requests, const Conn& conn);
-  template <class Conn>
   int updateT(const std::string& fileId, int fileVersion, const std::string& diskId,
               ReplicationRequest::RequestStatus status, const std::string& message, const Conn& conn);
   template <class Conn>

@@ -15,6 +15,7 @@
 // failed like one that never ran. The records it appended are taken back, the
 // statement is logged, and the DAO returns -1.
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -69,27 +70,29 @@ int selectRows(const Conn& conn, const std::string& sql, std::vector<Record>& re
 class InsertRow {
  public:
   void clear() { size_ = 0; }
-  // Adds `column` and returns its value, to be set by the caller. The slots
+  // Adds `column` (a name that outlives the row: the DAOs' static field
+  // names) and returns its value, to be set by the caller. The value slots
   // keep their buffers from row to row.
   sybconn::SqlValue& add(const std::string& column) {
     if (size_ == values_.size()) {
       values_.emplace_back();
-      columns_.emplace_back();
+      names_.push_back(nullptr);
     }
-    columns_[size_].assign(column);
+    names_[size_] = &column;
     return values_[size_++];
   }
   void addText(const std::string& column, const std::string& value) { add(column).setText(value); }
   void addInteger(const std::string& column, long long value) { add(column).setInteger(value); }
 
-  // The columns added since clear(): a copy, for the start of a batch's run.
-  std::vector<std::string> columns() const { return {columns_.begin(), columns_.begin() + size_}; }
-  // True when the row has exactly `columns`.
-  bool hasColumns(const std::vector<std::string>& columns) const {
-    if (columns.size() != size_) return false;
-    for (size_t i = 0; i < size_; ++i)
-      if (columns[i] != columns_[i]) return false;
-    return true;
+  std::vector<std::string> columns() const {
+    std::vector<std::string> list;
+    list.reserve(size_);
+    for (size_t i = 0; i < size_; ++i) list.push_back(*names_[i]);
+    return list;
+  }
+  // True when both rows name the same columns in the same order.
+  bool sameColumns(const InsertRow& other) const {
+    return size_ == other.size_ && std::equal(names_.begin(), names_.begin() + size_, other.names_.begin());
   }
   const sybconn::SqlValue* values() const { return values_.data(); }
 
@@ -101,7 +104,7 @@ class InsertRow {
   }
 
  private:
-  std::vector<std::string> columns_;
+  std::vector<const std::string*> names_;
   std::vector<sybconn::SqlValue> values_;
   size_t size_ = 0;
 };
@@ -119,7 +122,8 @@ class InsertRuns : public sybconn::RowSource {
     if (next_ >= records_.size()) return false;
     first_ = next_;
     ended_ = false;
-    if (!pending_) fillNext(row_);
+    if (!pending_) fillNext();
+    head_ = row_;
     columns_ = row_.columns();
     return true;
   }
@@ -127,8 +131,8 @@ class InsertRuns : public sybconn::RowSource {
     if (ended_) return nullptr;
     if (!pending_) {
       if (next_ >= records_.size()) return end();
-      fillNext(row_);
-      if (!row_.hasColumns(columns_)) return end();  // kept for the next run
+      fillNext();
+      if (!row_.sameColumns(head_)) return end();  // kept for the next run
     }
     pending_ = false;
     ++next_;
@@ -143,15 +147,16 @@ class InsertRuns : public sybconn::RowSource {
     ended_ = true;
     return nullptr;
   }
-  void fillNext(InsertRow& row) {
-    row.clear();
-    fill_(records_[next_], row);
+  void fillNext() {
+    row_.clear();
+    fill_(records_[next_], row_);
     pending_ = true;
   }
 
   const std::vector<Record>& records_;
   Fill& fill_;
   InsertRow row_;
+  InsertRow head_;  // the run's first row, for its columns
   std::vector<std::string> columns_;
   size_t first_ = 0;
   size_t next_ = 0;       // the record the next row comes from

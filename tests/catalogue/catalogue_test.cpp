@@ -260,6 +260,55 @@ TEST_F(Catalogue, ReplicationRoundTrips) {
   EXPECT_TRUE(log.containsFragment("ERROR [ <t> ] Error executing SQL command select file_id"));
 }
 
+// A batch is one transaction: all rows or none, with the single insert's statements, in runs of rows that set
+// the same columns; the failing row is named and the connection goes on.
+TEST_F(Catalogue, BatchesWriteAllRowsOrNone) {
+  testsupport::LogCapture log;
+  testing::internal::CaptureStdout();
+  kest_.insert(file("F", 2, "D"), stub_);
+  kest_.insert(file("G", 1, "D"), stub_);
+  const std::string singles = testing::internal::GetCapturedStdout();
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(kest_.insert({file("F", 2, "D"), file("G", 1, "D")}, stub_), -1);  // the stub writes nothing
+  EXPECT_EQ(queue_.insert({request("F", 1, ""), RR("")}, stub_), -1);          // refused before it starts
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), singles);
+  EXPECT_TRUE(log.containsFragment("ERROR [ <t> ] Could not submit 2 rows into repl_queue: row 1 refused"));
+
+  EXPECT_EQ(queue_.insert(std::vector<RR>{}, *conn_), 0);
+  const std::vector<RR> mixed = {request("A", 1, "D1", "it's"), request("B", 1, ""), request("C", 1, ""),
+                                 request("D", 2, "D2", "m")};
+  EXPECT_EQ(queue_.insert(mixed, *conn_), 4);
+  EXPECT_EQ(log.count("Successfully submitted"), 1u);  // one line a batch
+  ASSERT_EQ(queue_.loadAll(requests_, *conn_), 4);
+  std::string seen;
+  for (const RR& r : requests_) seen += r.fileId_ + r.diskId_ + ":" + r.message_ + " ";
+  EXPECT_EQ(seen, "AD1:it's B: C: DD2:m ");
+
+  // Inside the caller's transaction the batch is a nested level: the caller's rollback takes it back.
+  ASSERT_EQ(conn_->beginTransaction(), 0);
+  EXPECT_EQ(queue_.insert(mixed, *conn_), 4);
+  ASSERT_EQ(conn_->rollbackTransaction(), 0);
+  EXPECT_EQ(queue_.loadAll(requests_ = {}, *conn_), 4);
+
+  // Two runs (a format from row 2500 on), the key of row 10 again at row 5000 of 10000.
+  ASSERT_EQ(conn_->execute("create unique index kest_key on kest_files (file_id, file_version, disk_id)")
+                .commandSucceeded(),
+            1);
+  for (int i = 0; i < 10000; ++i) {
+    files_.push_back(file("K" + std::to_string(i == 5000 ? 10 : i), 1, "D"));
+    if (i < 2500) files_.back().format_.clear();
+  }
+  EXPECT_EQ(kest_.insert(files_, *conn_), -1);
+  EXPECT_TRUE(log.containsFragment(
+      "ERROR [ <t> ] Could not submit 10000 rows into kest_files: row 5000 refused by the server"));
+  EXPECT_EQ(log.count("UNIQUE constraint") + log.count("unique constraint"), 1u);
+  EXPECT_EQ(kest_.loadAll(files_ = {}, *conn_), 0);
+  EXPECT_EQ(conn_->transactionNumber(), 0);
+  EXPECT_EQ(kest_.insert({file("K1", 1, "D"), file("K2", 1, "D")}, *conn_), 2);
+  ASSERT_EQ(kest_.loadAll(files_, *conn_), 2);
+  EXPECT_EQ(str(files_[1]), "K2|K2.fits|1|D|FITS|1000|4000|0||S|1700000000.123000");
+}
+
 // Threads move requests through the queue in numbered transactions, the inner one rolled back, each step on
 // a login from the pool: every row is there once, and a shared counter took every outer increment.
 TEST_F(Catalogue, ConcurrentTransactionsLoseAndDoubleNothing) {
