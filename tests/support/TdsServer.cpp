@@ -16,6 +16,7 @@
 #include <memory>
 #include <set>
 #include <sstream>
+#include <string_view>
 #include <thread>
 
 #include "sybconn/drivers/Dialect.h"
@@ -87,7 +88,8 @@ std::vector<std::string> words(const std::string& s) {
 }
 
 bool isWordChar(char c) {
-  return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '@' || c == '#';
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '@' ||
+         c == '#';
 }
 
 // The statements of a batch as a server finds them: a statement ends at ';' or where the next one starts, at
@@ -96,10 +98,13 @@ bool isWordChar(char c) {
 // select of an "insert ... select" or the verb after a leading "with". Blank statements are dropped, but an
 // empty batch is one.
 std::vector<std::string> split(const std::string& sql) {
-  static const std::set<std::string> starts = {"insert", "update",   "delete", "begin",
-                                               "commit", "rollback", "save",   "select"};
-  static const std::set<std::string> binding = {"on",      "of",    "do",  "or",     "before",    "after",
-                                                "instead", "union", "all", "except", "intersect", "conflict"};
+  static const std::string_view starts[] = {"insert", "update",   "delete", "begin",
+                                            "commit", "rollback", "save",   "select"};
+  static const std::string_view binding[] = {"on",      "of",    "do",  "or",     "before",    "after",
+                                             "instead", "union", "all", "except", "intersect", "conflict"};
+  const auto in = [](const auto& list, std::string_view w) {
+    return std::find(std::begin(list), std::end(list), w) != std::end(list);
+  };
   std::vector<std::string> out;
   size_t from = 0, depth = 0;
   std::string first, previous;  // the current statement's first word, and the word before
@@ -117,9 +122,9 @@ std::vector<std::string> split(const std::string& sql) {
         if (sql[i] == close && !(i + 1 < sql.size() && sql[i + 1] == close && close != ']' && ++i)) break;
       ++i;
       previous = "'";
-    } else if (sql.compare(i, 2, "--") == 0 || sql.compare(i, 2, "/*") == 0) {
+    } else if ((c == '-' || c == '/') && i + 1 < sql.size() && sql[i + 1] == (c == '-' ? '-' : '*')) {
       const size_t end = c == '-' ? sql.find('\n', i) : sql.find("*/", i + 2);
-      i = end == std::string::npos ? sql.size() : end + 2;
+      i = end == std::string::npos ? sql.size() : end + (c == '-' ? 1 : 2);
     } else if (c == '(' || c == ')') {
       depth = c == '(' ? depth + 1 : depth > 0 ? depth - 1 : 0;
       previous = c, ++i;
@@ -128,9 +133,13 @@ std::vector<std::string> split(const std::string& sql) {
     } else if (isWordChar(c)) {
       size_t end = i;
       while (end < sql.size() && isWordChar(sql[end])) ++end;
-      std::string word = lower(sql.substr(i, end - i));
-      if (depth == 0) {
-        const bool verb = starts.count(word) > 0 && !binding.count(previous);
+      if (depth == 0) {      // words inside parentheses are never statement starts
+        char buf[12] = "-";  // a longer word is none of the keywords
+        const size_t n = end - i < sizeof buf ? end - i : 1;
+        for (size_t k = 0; end - i < sizeof buf && k < n; ++k)
+          buf[k] = static_cast<char>(std::tolower(static_cast<unsigned char>(sql[i + k])));
+        const std::string_view word(buf, n);
+        const bool verb = in(starts, word) && !in(binding, previous);
         const bool cont = open && (word == "select" || first == "with");
         if (verb && !first.empty() && !cont) cut(i);
         if (first.empty()) {
@@ -139,8 +148,8 @@ std::vector<std::string> split(const std::string& sql) {
         } else if (verb || word == "values") {
           open = cont && word == "insert";  // "with ... insert into t select"
         }
+        previous = word;
       }
-      previous = std::move(word);
       i = end;
     } else {
       ++i;
