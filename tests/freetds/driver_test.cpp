@@ -148,8 +148,7 @@ TEST_P(FreeTdsTest, NumberedTransactionsOnSqlServer) {
   EXPECT_EQ("10,11", nextRow(conn.execute("select group_concat(id) from t where id >= 10")));
 }
 
-// Statements one a line, split where a server splits them (not inside a literal, an insert's select or a
-// union, nor after "--"); a round-trip delay holds each answer back.
+// Statements one a line, split as a server splits them; a round-trip delay holds each answer back.
 TEST_P(FreeTdsTest, StatementsOneALineAndARoundTripDelay) {
   ASSERT_EQ(0, conn_.connect(server_.address(), "u", "p"));
   server_.roundTripDelayMs = 200;

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
+#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <memory>
@@ -98,21 +99,18 @@ bool isWordChar(char c) {
 // select of an "insert ... select" or the verb after a leading "with". Blank statements are dropped, but an
 // empty batch is one.
 std::vector<std::string> split(const std::string& sql) {
-  static const std::string_view starts[] = {"insert", "update",   "delete", "begin",
-                                            "commit", "rollback", "save",   "select"};
-  static const std::string_view binding[] = {"on",      "of",    "do",  "or",     "before",    "after",
-                                             "instead", "union", "all", "except", "intersect", "conflict"};
-  const auto in = [](const auto& list, std::string_view w) {
-    return std::find(std::begin(list), std::end(list), w) != std::end(list);
+  const auto in = [](std::string_view list, std::string_view w) {
+    return list.find(" " + std::string(w) + " ") != list.npos;
   };
+  const char *starts = " insert update delete begin commit rollback save select ",
+             *binding = " on of do or before after instead union all except intersect conflict ";
   std::vector<std::string> out;
   size_t from = 0, depth = 0;
   std::string first, previous;  // the current statement's first word, and the word before
   bool open = false;            // an insert waiting for its select, or a with for its verb
   const auto cut = [&](size_t at) {
     if (at > from && !first.empty()) out.push_back(sql.substr(from, at - from));
-    from = at;
-    first.clear();
+    from = at, first.clear();
   };
   for (size_t i = 0; i < sql.size();) {
     const char c = sql[i];
@@ -120,8 +118,7 @@ std::vector<std::string> split(const std::string& sql) {
       const char close = c == '[' ? ']' : c;
       for (++i; i < sql.size(); ++i)
         if (sql[i] == close && !(i + 1 < sql.size() && sql[i + 1] == close && close != ']' && ++i)) break;
-      ++i;
-      previous = "'";
+      ++i, previous = "'";
     } else if ((c == '-' || c == '/') && i + 1 < sql.size() && sql[i + 1] == (c == '-' ? '-' : '*')) {
       const size_t end = c == '-' ? sql.find('\n', i) : sql.find("*/", i + 2);
       i = end == std::string::npos ? sql.size() : end + (c == '-' ? 1 : 2);
@@ -339,13 +336,9 @@ struct TdsServer::Session {
 
   // Adds one statement's reply; false when the connection is to drop.
   bool statement(const std::string& stmt, unsigned more) {
-    size_t at = 0, end = 0;
-    while (at < stmt.size() && std::isspace(static_cast<unsigned char>(stmt[at]))) ++at;
-    for (end = at; end < stmt.size() && isWordChar(stmt[end]);) ++end;
-    if (at == stmt.size()) return done(more);
-    const std::string verb = lower(stmt.substr(at, end - at));
-    const bool tx = verb == "begin" || verb == "save" || verb == "commit" || verb == "rollback";
-    if (!tds5 && tx && transaction(words(stmt), more)) return true;
+    const size_t at = stmt.find_first_not_of(" \t\r\n");
+    if (at == std::string::npos) return done(more);
+    if (!tds5 && std::strchr("bcrsBCRS", stmt[at]) && transaction(words(stmt), more)) return true;
     const bool level =
         stmt.find("@@") != std::string::npos && lower(stmt).find("@@trancount") != std::string::npos;
     const std::string sql = level ? "select " + std::to_string(trancount) : toSqlite(stmt);

@@ -10,9 +10,8 @@
 
 namespace tdstest {
 
-// A TDS 7.4 and 5.0 server on loopback: logins checked against one user (none if empty), each statement of a
-// batch (separated by ';' or starting on its own, as "insert ...\ninsert ...") one command run on an SQLite
-// file through the library's dialect rewriter, with a DONE of its own; a refused one does not end the batch.
+// A TDS 7.4 and 5.0 server on loopback: logins checked against one user (none if empty); each statement of a
+// batch (to ';' or the next statement's start) runs on an SQLite file through the dialect rewriter.
 class TdsServer {
  public:
   // Silent accepts connections and never answers; SilentAfterLogin logs in, then never answers a batch;
