@@ -8,6 +8,7 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cctype>
 #include <cfloat>
@@ -97,34 +98,34 @@ class FreeTdsDriver : public Driver {
   std::shared_ptr<Cursor> transaction(TxVerb verb, const std::string& name, bool outermost) override;
   // Sends one batch as written.
   std::shared_ptr<Cursor> run(const std::string& sql);
-  // Placeholder until the backend's bulk path: one insert a row.
   long insertRows(const std::string& table, const std::vector<std::string>& columns, RowSource& rows,
-                  long& failedRow) override {
-    failedRow = -1;
-    std::string sql;
-    long n = 0;
-    for (const SqlValue* v; (v = rows.next()) != nullptr; ++n) {
-      sql.clear();
-      appendInsert(sql, table, columns, v);
-      if (!execute(sql)->succeeded()) {
-        failedRow = n;
-        return -1;
-      }
-    }
-    return n;
-  }
+                  long& failedRow) override;
   long rowCount() const override { return lastCount_; }
   void detachResults() override;
 
   DBPROCESS* dbproc() const { return dbproc_; }
   void setCount(long c) { lastCount_ = c; }
   const std::string& server() const { return server_; }
+  // The commands of the batch under way: one finished (a DONE that dbsqlexec
+  // or dbresults read), refused by the server or not.
+  void noteCommand(bool refused) {
+    if (refused) noteRefusal();
+    ++commandsRead_;
+  }
+  // A server error (severity over 10) came while the command after the
+  // finished ones was being read: that command is refused.
+  void noteRefusal() {
+    if (firstRefused_ < 0) firstRefused_ = commandsRead_;
+  }
 
  private:
   std::string server_;
   DBPROCESS* dbproc_ = nullptr;
   std::weak_ptr<FreeTdsCursor> cursor_;
   long lastCount_ = -1;
+  long commandsRead_ = 0;   // commands of the last batch finished so far
+  long firstRefused_ = -1;  // the first of them the server refused, -1 if none
+  std::string batchText_;   // the text of insertRows' batches
 };
 
 class FreeTdsCursor : public Cursor {
@@ -306,10 +307,9 @@ class FreeTdsCursor : public Cursor {
       const RETCODE r = dbresults(p);
       if (r == NO_MORE_RESULTS) break;
       succeeded_ = r != FAIL;
-      if (r == FAIL) {
-        if (DBDEAD(p)) break;
-        continue;
-      }
+      if (r == FAIL && DBDEAD(p)) break;
+      owner_->noteCommand(r == FAIL);
+      if (r == FAIL) continue;
       const int n = dbnumcols(p);
       if (n > 0 && stopAtRows) {
         for (int i = 1; i <= n; ++i) {
@@ -420,15 +420,68 @@ std::shared_ptr<Cursor> FreeTdsDriver::transaction(TxVerb verb, const std::strin
 std::shared_ptr<Cursor> FreeTdsDriver::run(const std::string& sql) {
   detachResults();
   lastCount_ = -1;
+  commandsRead_ = 0;
+  firstRefused_ = -1;
   if (!isConnected()) return std::make_shared<FreeTdsCursor>(this, false);
-  bool ok = dbcmd(dbproc_, sql.c_str()) == SUCCEED && dbsqlexec(dbproc_) == SUCCEED;
+  // dbsqlexec reads up to the first command's DONE: it fails when the server
+  // refused that command. The dbresults calls that follow return the first
+  // command (when it succeeded), then one command each.
+  const bool sent = dbcmd(dbproc_, sql.c_str()) == SUCCEED;
+  const bool ok = sent && dbsqlexec(dbproc_) == SUCCEED;
   if (!ok && !DBDEAD(dbproc_)) {
+    if (sent) noteCommand(true);
     // The first command failed: drop whatever else the batch returned.
     dbcancel(dbproc_);
   }
   auto cur = std::make_shared<FreeTdsCursor>(this, ok);
   cursor_ = cur;
   return cur;
+}
+
+// Batches of kRowsPerBatch inserts, one a line, each as appendInsert writes
+// it, in one text kept by the driver from batch to batch. The batch is read
+// to its end before its outcome is taken, so the login stays usable; the
+// commands the server finished meanwhile tell which row it refused first (see
+// run()). No batch follows a failed one.
+long FreeTdsDriver::insertRows(const std::string& table, const std::vector<std::string>& columns,
+                               RowSource& rows, long& failedRow) {
+  constexpr long kRowsPerBatch = 1000;
+  constexpr size_t kKeptText = size_t{4} << 20;  // a larger text is freed afterwards
+  failedRow = -1;
+  std::string& sql = batchText_;
+  sql.reserve(static_cast<size_t>(kRowsPerBatch) * (table.size() + 32 + 16 * columns.size()));
+  long written = 0;
+  for (;;) {
+    sql.clear();
+    long n = 0;
+    for (const SqlValue* v; n < kRowsPerBatch && (v = rows.next()) != nullptr; ++n) {
+      if (n > 0) sql += '\n';
+      appendInsert(sql, table, columns, v);
+    }
+    if (n == 0) break;
+    const std::shared_ptr<Cursor> batch = run(sql);
+    batch->release();
+    if (firstRefused_ >= 0) {
+      failedRow = written + std::min(firstRefused_, n - 1);
+      written = -1;
+    } else if (!batch->succeeded() || !isConnected()) {
+      written = -1;
+    } else if (commandsRead_ < n) {
+      SybaseStatus st;
+      st.dbLibSeverity = EXPROGRAM;
+      st.dberr = SYBESMSG;
+      st.dberrstr = "The server finished " + std::to_string(commandsRead_) + " of the " + std::to_string(n) +
+                    " inserts of a batch";
+      st.srvname = server_;
+      reportError(st);
+      written = -1;
+    } else {
+      written += n;
+    }
+    if (written < 0 || n < kRowsPerBatch) break;
+  }
+  if (sql.capacity() > kKeptText) std::string().swap(sql);
+  return written;
 }
 
 FreeTdsDriver* driverOf(DBPROCESS* dbproc) {
@@ -474,10 +527,9 @@ int msgHandler(DBPROCESS* dbproc, DBINT msgno, int msgstate, int severity, char*
   if (srvname) st.srvname = srvname;
   if (procname) st.procname = procname;
   st.line = line;
-  if (st.srvname.empty()) {
-    FreeTdsDriver* d = driverOf(dbproc);
-    if (d) st.srvname = d->server();
-  }
+  FreeTdsDriver* d = driverOf(dbproc);
+  if (st.srvname.empty() && d) st.srvname = d->server();
+  if (severity > 10 && d) d->noteRefusal();
   reportError(st);
   return 0;
 }

@@ -148,6 +148,18 @@ TEST_P(FreeTdsTest, NumberedTransactionsOnSqlServer) {
   EXPECT_EQ("10,11", nextRow(conn.execute("select group_concat(id) from t where id >= 10")));
 }
 
+// Statements one a line, split as a server splits them; a round-trip delay holds each answer back.
+TEST_P(FreeTdsTest, StatementsOneALineAndARoundTripDelay) {
+  ASSERT_EQ(0, conn_.connect(server_.address(), "u", "p"));
+  server_.roundTripDelayMs = 200;
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ("2|a\nselect 1", nextRow(conn_.execute("insert into t (id, name) values (4, 'a\nselect 1')\n"
+                                                   "insert into t (id) select 5 union select 6\n"
+                                                   "delete from t where id = 6 -- insert\n"
+                                                   "select count(*), max(name) from t where id > 3")));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+}
+
 INSTANTIATE_TEST_SUITE_P(Tds, FreeTdsTest, ::testing::Values(74, 50), ::testing::PrintToStringParamName());
 
 }  // namespace

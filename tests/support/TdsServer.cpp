@@ -10,10 +10,15 @@
 
 #include <algorithm>
 #include <cctype>
+#include <chrono>
+#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <sstream>
+#include <string_view>
+#include <thread>
 
 #include "sybconn/drivers/Dialect.h"
 #include "tests/support/ArchiveServer.h"
@@ -83,18 +88,72 @@ std::vector<std::string> words(const std::string& s) {
   return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
 }
 
-// The statements of a batch, split at ';' outside quotes; blank ones dropped, but an empty batch is one.
+bool isWordChar(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '@' ||
+         c == '#';
+}
+
+// The statements of a batch as a server finds them: a statement ends at ';' or where the next one starts, at
+// a top-level (outside literals, comments and parentheses) insert, update, delete, begin, commit, rollback,
+// save or select, unless the word before binds it ("on delete", "union select", "or rollback"), or it is the
+// select of an "insert ... select" or the verb after a leading "with". Blank statements are dropped, but an
+// empty batch is one.
 std::vector<std::string> split(const std::string& sql) {
-  std::vector<std::string> out(1);
-  char quote = 0;
-  for (char c : sql) {
-    if (c == quote || (!quote && (c == '\'' || c == '"'))) quote = quote ? 0 : c;
-    if (quote || c != ';')
-      out.back() += c;
-    else if (!words(out.back()).empty())
-      out.emplace_back();
+  const auto in = [](std::string_view list, std::string_view w) {
+    return list.find(" " + std::string(w) + " ") != list.npos;
+  };
+  const char *starts = " insert update delete begin commit rollback save select ",
+             *binding = " on of do or before after instead union all except intersect conflict ";
+  std::vector<std::string> out;
+  size_t from = 0, depth = 0;
+  std::string first, previous;  // the current statement's first word, and the word before
+  bool open = false;            // an insert waiting for its select, or a with for its verb
+  const auto cut = [&](size_t at) {
+    if (at > from && !first.empty()) out.push_back(sql.substr(from, at - from));
+    from = at, first.clear();
+  };
+  for (size_t i = 0; i < sql.size();) {
+    const char c = sql[i];
+    if (c == '\'' || c == '"' || c == '[') {
+      const char close = c == '[' ? ']' : c;
+      for (++i; i < sql.size(); ++i)
+        if (sql[i] == close && !(i + 1 < sql.size() && sql[i + 1] == close && close != ']' && ++i)) break;
+      ++i, previous = "'";
+    } else if ((c == '-' || c == '/') && i + 1 < sql.size() && sql[i + 1] == (c == '-' ? '-' : '*')) {
+      const size_t end = c == '-' ? sql.find('\n', i) : sql.find("*/", i + 2);
+      i = end == std::string::npos ? sql.size() : end + (c == '-' ? 1 : 2);
+    } else if (c == '(' || c == ')') {
+      depth = c == '(' ? depth + 1 : depth > 0 ? depth - 1 : 0;
+      previous = c, ++i;
+    } else if (c == ';' && depth == 0) {
+      cut(i), from = ++i, previous.clear();
+    } else if (isWordChar(c)) {
+      size_t end = i;
+      while (end < sql.size() && isWordChar(sql[end])) ++end;
+      if (depth == 0) {      // words inside parentheses are never statement starts
+        char buf[12] = "-";  // a longer word is none of the keywords
+        const size_t n = end - i < sizeof buf ? end - i : 1;
+        for (size_t k = 0; end - i < sizeof buf && k < n; ++k)
+          buf[k] = static_cast<char>(std::tolower(static_cast<unsigned char>(sql[i + k])));
+        const std::string_view word(buf, n);
+        const bool verb = in(starts, word) && !in(binding, previous);
+        const bool cont = open && (word == "select" || first == "with");
+        if (verb && !first.empty() && !cont) cut(i);
+        if (first.empty()) {
+          first = word;
+          open = word == "insert" || word == "with";
+        } else if (verb || word == "values") {
+          open = cont && word == "insert";  // "with ... insert into t select"
+        }
+        previous = word;
+      }
+      i = end;
+    } else {
+      ++i;
+    }
   }
-  if (out.size() > 1 && words(out.back()).empty()) out.pop_back();
+  cut(sql.size());
+  if (out.empty()) out.emplace_back();
   return out;
 }
 
@@ -147,6 +206,7 @@ struct TdsServer::Session {
   bool tds5 = false;
   int trancount = 0;
   std::string outerName;
+  std::set<std::string> attached;  // the sibling files attached so far
   Bytes out;
 
   Session(TdsServer& srv, int socket) : server(srv), fd(socket) {}
@@ -276,10 +336,11 @@ struct TdsServer::Session {
 
   // Adds one statement's reply; false when the connection is to drop.
   bool statement(const std::string& stmt, unsigned more) {
-    const std::vector<std::string> wd = words(stmt);
-    if (wd.empty()) return done(more);
-    if (!tds5 && transaction(wd, more)) return true;
-    const bool level = lower(stmt).find("@@trancount") != std::string::npos;
+    const size_t at = stmt.find_first_not_of(" \t\r\n");
+    if (at == std::string::npos) return done(more);
+    if (!tds5 && std::strchr("bcrsBCRS", stmt[at]) && transaction(words(stmt), more)) return true;
+    const bool level =
+        stmt.find("@@") != std::string::npos && lower(stmt).find("@@trancount") != std::string::npos;
     const std::string sql = level ? "select " + std::to_string(trancount) : toSqlite(stmt);
     sqlite3_stmt* st = nullptr;
     const bool ready = sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) == SQLITE_OK;
@@ -303,15 +364,18 @@ struct TdsServer::Session {
     return done(more | kDoneError);
   }
 
-  // In SQLite's dialect: X..table lies in the sibling file X.db (attached as X), or in main if X is ours.
+  // In SQLite's dialect: X..table lies in the sibling file X.db (attached as X, once), or in main if X is
+  // ours.
   std::string toSqlite(const std::string& stmt) {
+    if (!sybconn::mayNeedRewrite(stmt)) return stmt;
     const std::string& path = server.dbPath_;
     const size_t slash = path.rfind('/'), dot = path.rfind('.');
-    const auto r =
+    auto r =
         sybconn::rewriteSybase(stmt, sybconn::DialectTarget::Sqlite, path.substr(slash + 1, dot - slash - 1));
-    for (const std::string& name : r.databases)  // fails harmlessly when attached before
-      exec("attach database '" + path.substr(0, slash + 1) + name + ".db' as \"" + name + "\"");
-    return r.sql;
+    for (const std::string& name : r.databases)
+      if (attached.insert(name).second)
+        exec("attach database '" + path.substr(0, slash + 1) + name + ".db' as \"" + name + "\"");
+    return std::move(r.sql);
   }
 
   // SQL Server's BEGIN / SAVE / COMMIT / ROLLBACK TRAN: a name needs the TRAN keyword; ROLLBACK TRAN names
@@ -374,8 +438,12 @@ void TdsServer::serve(int fd) {
   uint8_t type = 0;
   Bytes msg;
   Session s(*this, fd);
-  for (bool open = readMessage(fd, type, msg) && s.login(type, msg); open && !stopping_;)
-    open = readMessage(fd, type, msg) && s.batch(type, msg);
+  for (bool open = readMessage(fd, type, msg) && s.login(type, msg); open && !stopping_;) {
+    open = readMessage(fd, type, msg);
+    if (const int ms = roundTripDelayMs.load(); open && ms > 0)
+      std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+    open = open && s.batch(type, msg);
+  }
   std::lock_guard<std::mutex> lock(mutex_);
   clients_.erase(std::find(clients_.begin(), clients_.end(), fd));
   ::close(fd);

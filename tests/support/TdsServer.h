@@ -10,8 +10,8 @@
 
 namespace tdstest {
 
-// A TDS 7.4 and 5.0 server on loopback: logins checked against one user (none if empty), each ';'-separated
-// statement of a batch one command run on an SQLite file through the library's dialect rewriter.
+// A TDS 7.4 and 5.0 server on loopback: logins checked against one user (none if empty); each statement of a
+// batch (to ';' or the next statement's start) runs on an SQLite file through the dialect rewriter.
 class TdsServer {
  public:
   // Silent accepts connections and never answers; SilentAfterLogin logs in, then never answers a batch;
@@ -28,6 +28,9 @@ class TdsServer {
   std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
   int dropAfterRows = 100;
+  // Milliseconds the server waits before it answers each client message after the login (0: none), as a long
+  // link would; may be changed while the server runs.
+  std::atomic<int> roundTripDelayMs{0};
   std::atomic<int> logins{0};           // logins accepted so far
   std::atomic<uint32_t> tdsVersion{0};  // the version the last TDS 7 login asked for
 
