@@ -2,8 +2,9 @@
 #define BENCH_BENCHROWS_H
 
 // The replication requests that the catalogue benchmarks insert, on every
-// backend, and the statement text the DAO sends for one, which the raw sides
-// send themselves; the catalogue's loadAll through the DAO.
+// backend, and the statement text the DAO sends for one (the text
+// sybconn::appendInsert writes), which the raw sides send themselves; the
+// catalogue's loadAll through the DAO.
 #include <dataAccess/catalogue/KestFileDAOSyb.h>
 #include <dataAccess/catalogue/ReplicationRequest.h>
 #include <dataAccess/db/ServiceConnectionSyb.h>
@@ -23,10 +24,27 @@ inline ReplicationRequest request(int i) {
   return r;
 }
 
+// Appends the statement to `out`, so that a batch of them shares one buffer.
+inline void appendInsertSql(std::string& out, const ReplicationRequest& r) {
+  out += "insert into repl_queue (file_id,file_version,disk_id,submitter_id,priority,status_id) values ('";
+  out += r.fileId_;
+  out += "',";
+  out += std::to_string(r.fileVersion_);
+  out += ",'";
+  out += r.diskId_;
+  out += "','";
+  out += r.submitterId_;
+  out += "',";
+  out += std::to_string(r.priority_);
+  out += ',';
+  out += std::to_string(r.statusId_);
+  out += ')';
+}
+
 inline std::string insertSql(const ReplicationRequest& r) {
-  return "insert into repl_queue (file_id,file_version,disk_id,submitter_id,priority,status_id) values ('" +
-         r.fileId_ + "'," + std::to_string(r.fileVersion_) + ",'" + r.diskId_ + "','" + r.submitterId_ +
-         "'," + std::to_string(r.priority_) + "," + std::to_string(r.statusId_) + ")";
+  std::string sql;
+  appendInsertSql(sql, r);
+  return sql;
 }
 
 // Every row of the catalogue table kest_files of `server`, read through the
