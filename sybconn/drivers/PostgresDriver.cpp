@@ -662,34 +662,6 @@ void appendCopyRow(std::string& out, const SqlValue* values, size_t count) {
   out += '\n';
 }
 
-// The row a COPY's error names in its context ("COPY t, line 5001[, column
-// ...]": lines count from 1, one a row), as an index from 0 below `sent`;
-// -1 when it names none.
-long copyFailedRow(const PGresult* result, long sent) {
-  const char* context = PQresultErrorField(result, PG_DIAG_CONTEXT);
-  if (!context) return -1;
-  // The context may hold the lines of functions called for the row first.
-  for (const char* line = context; *line;) {
-    const char* eol = std::strchr(line, '\n');
-    if (!eol) eol = line + std::strlen(line);
-    if (std::strncmp(line, "COPY ", 5) == 0) {
-      // ", line N" in English; in a server's other language, the first
-      // number after the table's name.
-      const std::string_view text(line, static_cast<size_t>(eol - line));
-      size_t at = text.find(", line ");
-      if (at == std::string_view::npos) at = text.find(", ");
-      if (at == std::string_view::npos) return -1;
-      at = text.find_first_of("0123456789", at);
-      if (at == std::string_view::npos) return -1;
-      long n = 0;
-      const auto r = std::from_chars(text.data() + at, text.data() + text.size(), n);
-      return r.ec == std::errc() && n >= 1 && n <= sent ? n - 1 : -1;
-    }
-    line = *eol ? eol + 1 : eol;
-  }
-  return -1;
-}
-
 // Nonblocking mode for a COPY's data, so that no send waits beyond the
 // command time-out; blocking again on the way out.
 class NonBlocking {
@@ -756,7 +728,7 @@ long PostgresDriver::insertRows(const std::string& table, const std::vector<std:
       written = -1;
     } else {
       report(r);
-      failedRow = copyFailedRow(r, sent);
+      failedRow = copyFailedRow(PQresultErrorField(r, PG_DIAG_CONTEXT), sent);
       written = -1;
     }
     PQclear(r);
@@ -861,6 +833,30 @@ void PostgresDriver::report(const PGresult* result) const {
 }
 
 }  // namespace
+
+long copyFailedRow(const char* context, long sent) {
+  if (!context) return -1;
+  // The context may hold the lines of functions called for the row first.
+  for (const char* line = context; *line;) {
+    const char* eol = std::strchr(line, '\n');
+    if (!eol) eol = line + std::strlen(line);
+    if (std::strncmp(line, "COPY ", 5) == 0) {
+      // ", line N" in English; in a server's other language, the first
+      // number after the table's name.
+      const std::string_view text(line, static_cast<size_t>(eol - line));
+      size_t at = text.find(", line ");
+      if (at == std::string_view::npos) at = text.find(", ");
+      if (at == std::string_view::npos) return -1;
+      at = text.find_first_of("0123456789", at);
+      if (at == std::string_view::npos) return -1;
+      long n = 0;
+      const auto r = std::from_chars(text.data() + at, text.data() + text.size(), n);
+      return r.ec == std::errc() && n >= 1 && n <= sent ? n - 1 : -1;
+    }
+    line = *eol ? eol + 1 : eol;
+  }
+  return -1;
+}
 
 std::unique_ptr<Driver> makePostgresDriver() { return std::make_unique<PostgresDriver>(); }
 
