@@ -150,7 +150,7 @@ TEST_F(Condor, RefusalsLogTheCauseAndWriteNothing) {
 }
 
 TEST_F(Condor, SubmitSavesFirstQuotesTheNameAndPassesTheResultBack) {
-  for (const auto& [name, status] : {std::pair<std::string, int>{"plain-1.cmd", 3},
+  for (const auto& [name, status] : {std::pair<std::string, int>{"Plain-az09AZ.cmd", 3},
                                      {"a b;touch gotcha;$(touch gotcha2).cmd", 0},
                                      {"it's.dag", 0}}) {
     setenv("CONDOR_STANDIN_STATUS", std::to_string(status).c_str(), 1);
@@ -170,7 +170,7 @@ TEST_F(Condor, SubmitSavesFirstQuotesTheNameAndPassesTheResultBack) {
   }
   EXPECT_FALSE(fs::exists(kStartDir + "/gotcha") || fs::exists(kStartDir + "/gotcha2"));
   EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Executing shell command: " + kStandIn + " " + dir_.path() +
-                            "/plain-1.cmd\n"));
+                            "/Plain-az09AZ.cmd\n"));
   CondorJob never(dir_.file("never.cmd"));
   EXPECT_EQ(never.submit() + CondorDag(dir_.file("never.dag")).submit(), -2);  // their saves fail
   EXPECT_TRUE(
