@@ -315,6 +315,7 @@ TEST(Dialect, RewritesAndSplits) {
       {"select a = select b = 2 , c from t", "select select 2 AS b AS a , c from t"},
       // A clause word ends the select list at its depth only, even after "X..".
       {"select (y..order), x..from t", "select (y.order), x..from t", "", {"y"}},
+      {"select a from \x80q..t", "select a from \x80q.t", "", {"\x80q"}},  // a byte above ASCII starts a name
       {"select x..cs.cs_id from obrep2..cs c, ambient.dbo.s, x..y, obrep2..z",
        "select x.cs.cs_id from main.cs c, ambient.s, x.y, main.z",
        "obrep2",
