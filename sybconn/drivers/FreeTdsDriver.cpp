@@ -540,7 +540,7 @@ std::unique_ptr<Driver> makeFreeTdsDriver() { return std::make_unique<FreeTdsDri
 
 void FreeTdsSettings::setLoginTimeout(int seconds) { g_loginTimeout = seconds > 0 ? seconds : 1; }
 int FreeTdsSettings::loginTimeout() { return g_loginTimeout.load(); }
-void FreeTdsSettings::setQueryTimeout(int seconds) { g_queryTimeout = seconds > 0 ? seconds : 0; }
+void FreeTdsSettings::setQueryTimeout(int seconds) { g_queryTimeout = seconds < 1 ? 0 : seconds; }
 int FreeTdsSettings::queryTimeout() { return g_queryTimeout.load(); }
 void FreeTdsSettings::setTdsVersion(const std::string& version) {
   std::lock_guard<std::mutex> lock(g_versionMutex);

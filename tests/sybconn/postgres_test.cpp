@@ -62,15 +62,15 @@ class Postgres : public ::testing::Test {
 TEST_F(Postgres, DatesAndNumericsReadThroughEveryReader) {
   SybaseResultSet rs = conn_.execute(
       "select 1234.56::numeric(10,2), '2026-03-04 05:06:07.891+00'::timestamptz, '2026-03-04'::date, "
-      "9223372036854775808.0");  // 2^63: beyond a long by one
+      "9223372036854775808.0, true");  // 2^63: beyond a long by one
   ASSERT_TRUE(rs.next());
   timeval day{0, 0};
   SybUtils::parseDate("20260304", day);
   const timeval utc{1772600767, 891000};  // 2026-03-04 05:06:07.891 UTC
   EXPECT_EQ(rs.getStringValue(1) + "|" + rs.getStringValue(2) + "|" + rs.getStringValue(3),
             "1234.56|" + SybUtils::convertFromUnixTimeval(utc) + "|20260304 00:00:00.000");
-  EXPECT_EQ(std::make_tuple(rs.getLongValue(1), rs.getDoubleValue(1), rs.getLongValue(4)),
-            std::make_tuple(1234L, 1234.56, LONG_MAX));
+  EXPECT_EQ(std::make_tuple(rs.getLongValue(1), rs.getDoubleValue(1), rs.getLongValue(4), rs.getLongValue(5)),
+            std::make_tuple(1234L, 1234.56, LONG_MAX, 1L));
   EXPECT_EQ(std::vector<long>({rs.getDateAsTimevalValue(2).tv_sec, rs.getDateAsTimevalValue(2).tv_usec,
                                rs.getDateAsTimevalValue(3).tv_sec, rs.getLongValue(3)}),
             std::vector<long>({utc.tv_sec, utc.tv_usec, day.tv_sec, day.tv_sec}));

@@ -105,7 +105,10 @@ TEST_F(Commands, RequestPaths) {
   tobasFreeStatus(&st);
   EXPECT_EQ(tobasERR_INV_PARS, tobasRetrieve2File(host, p, 5, std::string(6000, '=').c_str(), -1, "", "",
                                                   dir.file("x").c_str(), final, &st));
+  tobasFreeStatus(&st);
+  tobasInitStatus(&st);
   EXPECT_EQ(tobasERR_INV_PARS, tobasRestore(host, p, 5, std::string(300, 'u').c_str(), "id", 1, &st));
+  EXPECT_EQ(tobasERR_INV_PARS, st.errorCode);
   EXPECT_HAS(logText(), "[ERROR] tobasRestore(): request too long or illegal parameters");
   EXPECT_EQ(tobasERR_FILE, tobasArchive(host, p, 5, dir.file("missing").c_str(), "", 0, 0, &st));
   EXPECT_STREQ("Invalid filename specified", st.message);
@@ -136,6 +139,8 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
       {[&] { return tobasGenRetrieve2File(host, p, 5, tobasCMD_RETRIEVE, &both, in.c_str(), final, &st); },
        "fid", "x.fits", "RETRIEVE?file_id=\"f\""},
   };
+  // A temporary name taken already (the first this process tries) is skipped and left alone.
+  const std::string taken = dir.write(".x.fits.part-" + std::to_string(getpid()) + "-0", "not ours");
   const size_t inUse = heapInUse();
   for (const auto& [call, body, file, path] : cases) {
     srv.push({fileReply("x.fits", body)});
@@ -147,6 +152,7 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
     EXPECT_EQ("OK Successfully handled RETRIEVE command", std::string(st.status) + " " + st.message);
   }
   EXPECT_NO_GROWTH(inUse, 65536);  // a retrieval holds no memory after it
+  EXPECT_EQ("not ours", readFile(taken));
 }
 
 TEST_F(Commands, RetrievalFailuresLeaveNoFile) {

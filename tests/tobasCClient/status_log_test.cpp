@@ -158,7 +158,7 @@ TEST_F(TobasLog, LineFormatLevelsAndSettings) {
   unsetenv("TZ");
   tzset();
   // Error types reach the file at every level; DEBUG only above level 4.
-  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV0, -1, -1));
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV4, -1, -1));
   tobasLogWarning("w");
   tobasLogDebug("d");
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV5, 7200, 3));
