@@ -117,8 +117,7 @@ static void setLocalTimeOfDay(long secs) {
   const long offset = (time(nullptr) - secs) % 86400;  // local = UTC - offset
   char tz[64];
   snprintf(tz, sizeof tz, "XXX+%ld:%02ld:%02ld", offset / 3600, (offset / 60) % 60, offset % 60);
-  setenv("TZ", tz, 1);
-  tzset();
+  setenv("TZ", tz, 1);  // without tzset(): the rotation must read the zone anew itself
 }
 
 struct TobasLog : testing::Test {
@@ -158,7 +157,7 @@ TEST_F(TobasLog, LineFormatLevelsAndSettings) {
   unsetenv("TZ");
   tzset();
   // Error types reach the file at every level; DEBUG only above level 4.
-  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV4, -1, -1));
+  ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV0, -1, -1));
   tobasLogWarning("w");
   tobasLogDebug("d");
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV5, 7200, 3));
