@@ -225,6 +225,8 @@ int tobasIsDir(const char* path);
 /* Host name from HOSTNAME, else HOST; hostName: tobasMED_BUF. 0, or 1 when neither is set. */
 int tobasGetHostName(char* hostName);
 const char* tobasVersion(void);
+/* The library's own name and version ("libtobasCClient 0.1.0"). */
+const char* tobasLibraryVersion(void);
 const char* tobasVersionDate(void);
 const char* tobasLicense(void);
 const char* tobasManPage(void);

@@ -1,6 +1,8 @@
 // Server commands of the archive client: request paths, archiving and retrieval.
 #include <sys/stat.h>
 
+#include <filesystem>
+
 #include "tests/tobasCClient/TobasTest.h"
 
 namespace {
@@ -139,8 +141,14 @@ TEST_F(Commands, RetrievalIntoFileFolderAndWorkingFolder) {
       {[&] { return tobasGenRetrieve2File(host, p, 5, tobasCMD_RETRIEVE, &both, in.c_str(), final, &st); },
        "fid", "x.fits", "RETRIEVE?file_id=\"f\""},
   };
-  // A temporary name taken already (the first this process tries) is skipped and left alone.
-  const std::string taken = dir.write(".x.fits.part-" + std::to_string(getpid()) + "-0", "not ours");
+  // Temporary names taken already are skipped and left alone; when all the hundred names a retrieval tries
+  // (the first this process tries) are taken, it fails and writes nothing.
+  std::string taken;
+  for (int n = 0; n < 100; ++n)
+    taken = dir.write(".x.fits.part-" + std::to_string(getpid()) + "-" + std::to_string(n), "not ours");
+  srv.push({fileReply("x.fits", "data")});
+  EXPECT_NE(0, std::get<0>(cases[0])());
+  EXPECT_FALSE(std::filesystem::exists(dir.file("x.fits")));
   const size_t inUse = heapInUse();
   for (const auto& [call, body, file, path] : cases) {
     srv.push({fileReply("x.fits", body)});

@@ -1,5 +1,9 @@
 // Status document, code texts, utilities and the client log with its rotation.
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -87,7 +91,9 @@ TEST(TobasStatus, DocumentsCodesAndHelpers) {
   ASSERT_EQ(0, tobasSaveInFile(tmp.file("f").c_str(), data.data(), data.size()));
   char* loaded = nullptr;
   size_t size = 0;
+  const long fds = testsupport::openFdCount();
   ASSERT_EQ(0, tobasLoadFile(tmp.file("f").c_str(), &loaded, &size));
+  EXPECT_EQ(fds, testsupport::openFdCount());  // the file is closed again
   EXPECT_EQ(data, std::string(loaded, size));
   free(loaded);
   // Descriptor 0 is free in these tests (see the trace log): the file is opened as 0, still a file.
@@ -96,6 +102,28 @@ TEST(TobasStatus, DocumentsCodesAndHelpers) {
   EXPECT_STREQ("z", loaded);
   free(loaded);
   EXPECT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", -1));  // its socket, opened as 0, is moved off it
+  {  // At the descriptor limit, a socket above 2 is used as it comes: nothing is duplicated.
+    const int lis = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    ASSERT_TRUE(bind(lis, reinterpret_cast<sockaddr*>(&a), len) == 0 && listen(lis, 4) == 0 &&
+                getsockname(lis, reinterpret_cast<sockaddr*>(&a), &len) == 0);
+    std::vector<int> low;  // descriptors below 3 left free are filled, so the socket's is the last one
+    int next;
+    while ((next = open("/dev/null", O_RDONLY)) < 3) low.push_back(next);
+    close(next);
+    rlimit was, limit;
+    getrlimit(RLIMIT_NOFILE, &was);
+    limit = {static_cast<rlim_t>(next) + 1, was.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const int fd = tobasPrepSock("127.0.0.1", ntohs(a.sin_port));
+    setrlimit(RLIMIT_NOFILE, &was);
+    EXPECT_EQ(next, fd);
+    for (int f : low) close(f);
+    close(fd), close(lis);
+  }
   inUse = heapInUse();
   EXPECT_EQ(tobasERR_FILE, tobasLoadFile(tmp.path().c_str(), &loaded, &size));  // a folder: reading fails
   EXPECT_EQ(tobasERR_FILE, tobasSaveInFile("/dev/full", "z", 1));               // a full disk: writing fails
@@ -109,7 +137,9 @@ TEST(TobasStatus, DocumentsCodesAndHelpers) {
   }
   EXPECT_NO_GROWTH(inUse, 4096);
 
+  tobasLibraryVersion();
   EXPECT_HAS(logText(), "[DEBUG] Entering tobasSaveInFile() [");  // traced, with the thread
+  EXPECT_HAS(logText(), "[DEBUG] Leaving tobasLibraryVersion() [");
 }
 
 // Sets the time zone that makes the local time of day `secs` now.
