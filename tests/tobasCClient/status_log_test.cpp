@@ -114,12 +114,17 @@ TEST(TobasStatus, DocumentsCodesAndHelpers) {
     int next;
     while ((next = open("/dev/null", O_RDONLY)) < 3) low.push_back(next);
     close(next);
+    tobasBIG_BUF logFile;  // no tracing meanwhile: the log could not be opened at the limit
+    int level, verbose, rotate, history;
+    tobasGetLogSettings(logFile, &level, &verbose, &rotate, &history);
+    tobasPrepLog(logFile, LEV0, rotate, history);
     rlimit was, limit;
     getrlimit(RLIMIT_NOFILE, &was);
     limit = {static_cast<rlim_t>(next) + 1, was.rlim_max};
     setrlimit(RLIMIT_NOFILE, &limit);
     const int fd = tobasPrepSock("127.0.0.1", ntohs(a.sin_port));
     setrlimit(RLIMIT_NOFILE, &was);
+    tobasPrepLog(logFile, level, rotate, history);
     EXPECT_EQ(next, fd);
     for (int f : low) close(f);
     close(fd), close(lis);
