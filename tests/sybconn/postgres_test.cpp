@@ -14,6 +14,7 @@
 #include "dataAccess/db/ServiceConnectionSyb.h"
 #include "tests/support/ArchiveServer.h"
 #include "tests/support/PgCluster.h"
+#include "tests/support/TableRows.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -23,16 +24,9 @@ std::vector<SybaseStatus> g_seen;
 void record(const SybaseStatus& s) { g_seen.push_back(s); }
 PgCluster& pg() { return PgCluster::shared(); }
 
-using Row = std::vector<sybconn::SqlValue>;
-sybconn::SqlValue value(long long v) { return sybconn::SqlValue{sybconn::SqlValue::Kind::Integer, v, {}}; }
-sybconn::SqlValue value(const std::string& v) {
-  return sybconn::SqlValue{sybconn::SqlValue::Kind::Text, 0, v};
-}
-struct Rows : sybconn::RowSource {
-  std::vector<Row> rows;
-  size_t at = 0;
-  const sybconn::SqlValue* next() override { return at < rows.size() ? rows[at++].data() : nullptr; }
-};
+using testsupport::Row;
+using testsupport::Rows;
+using testsupport::value;
 
 class Postgres : public ::testing::Test {
  protected:

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "sybconn/drivers/Dialect.h"
+#include "tests/support/TableRows.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -62,44 +63,27 @@ TEST_F(Connection, ReadsTypedColumnsAndNulls) {
   EXPECT_FALSE(conn_.execute("update t set id = 1 where id = 2").hasResultSet());  // a write has no rows
 }
 
-// Rows handed out from a table of values.
-class Rows : public sybconn::RowSource {
- public:
-  explicit Rows(std::vector<std::vector<sybconn::SqlValue>> rows) : rows_(std::move(rows)) {}
-  const sybconn::SqlValue* next() override { return next_ < rows_.size() ? rows_[next_++].data() : nullptr; }
-
- private:
-  std::vector<std::vector<sybconn::SqlValue>> rows_;
-  size_t next_ = 0;
-};
-
-sybconn::SqlValue val(long long n) {
-  sybconn::SqlValue v;
-  v.setInteger(n);
-  return v;
-}
-sybconn::SqlValue val(const std::string& text) {
-  sybconn::SqlValue v;
-  v.setText(text);
-  return v;
-}
+using testsupport::Rows;
+using testsupport::value;
 
 // A bulk insert writes numbers, texts and NULLs in a level of its own: all rows, or none and the refused row.
 TEST_F(Connection, BulkInsertsWriteAllRowsOrNone) {
   const std::vector<std::string> cols = {"id", "name", "ignore"};
-  const std::vector<sybconn::SqlValue> row = {val(-7), val("O'Brien''s"), sybconn::SqlValue()};
+  const testsupport::Row row = {value(-7), value("O'Brien''s"), sybconn::SqlValue()};
   std::string sql;
   sybconn::appendInsert(sql, "db..t", cols, row.data());
   EXPECT_EQ(sql, "insert into db..t (id,name,ignore) values (-7,'O''Brien''''s',NULL)");
 
   long failed = 9;
-  Rows good({row, {val(2), val("x"), val(5)}});
+  Rows good, dup, none;
+  good.rows = {row, {value(2), value("x"), value(5)}};
   EXPECT_EQ(conn_.insertRows("t", cols, good, failed), 2);
   EXPECT_EQ(failed, -1);
   EXPECT_EQ(first(conn_, "select group_concat(id || name || coalesce(ignore, 'N'), ' ') from t"),
             "-7O'Brien''sN 2x5");
   ASSERT_EQ(conn_.beginTransaction("outer").commandSucceeded(), 1);
-  Rows dup({{val(3), val("y"), val(0)}, {val(2), val("z"), val(0)}, {val(4), val("w"), val(0)}});
+  dup.rows = {
+      {value(3), value("y"), value(0)}, {value(2), value("z"), value(0)}, {value(4), value("w"), value(0)}};
   EXPECT_EQ(conn_.insertRows("t", cols, dup, failed), -1);
   EXPECT_EQ(failed, 1);
   expectOneError("UNIQUE constraint failed", 16);
@@ -107,7 +91,7 @@ TEST_F(Connection, BulkInsertsWriteAllRowsOrNone) {
   EXPECT_EQ(first(conn_, "select count(*) from t"), "2");
   ASSERT_EQ(conn_.rollbackTransaction("outer").commandSucceeded(), 1);
 
-  Rows none({row});
+  none.rows = {row};
   EXPECT_EQ(conn_.insertRows("missing", cols, none, failed), -1);  // no row to blame
   EXPECT_EQ(failed, -1);
   expectOneError("no such table", 16);
