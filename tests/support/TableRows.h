@@ -1,10 +1,7 @@
 #ifndef TESTS_SUPPORT_TABLEROWS_H
 #define TESTS_SUPPORT_TABLEROWS_H
 
-#include <sybconn/SqlRows.h>
-
-#include <string>
-#include <vector>
+#include <sybconn/SqlRows.h>  // std::string, std::vector
 
 namespace testsupport {
 

@@ -24,9 +24,7 @@ std::vector<SybaseStatus> g_seen;
 void record(const SybaseStatus& s) { g_seen.push_back(s); }
 PgCluster& pg() { return PgCluster::shared(); }
 
-using testsupport::Row;
-using testsupport::Rows;
-using testsupport::value;
+using testsupport::Row, testsupport::Rows, testsupport::value;
 
 class Postgres : public ::testing::Test {
  protected:

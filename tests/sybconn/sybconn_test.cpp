@@ -63,8 +63,7 @@ TEST_F(Connection, ReadsTypedColumnsAndNulls) {
   EXPECT_FALSE(conn_.execute("update t set id = 1 where id = 2").hasResultSet());  // a write has no rows
 }
 
-using testsupport::Rows;
-using testsupport::value;
+using testsupport::Rows, testsupport::value;
 
 // A bulk insert writes numbers, texts and NULLs in a level of its own: all rows, or none and the refused row.
 TEST_F(Connection, BulkInsertsWriteAllRowsOrNone) {
