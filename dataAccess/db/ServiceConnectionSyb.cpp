@@ -29,20 +29,18 @@ void mapSelectList(std::string_view list, std::map<std::string, int>& fields) {
   int position = 1;
   std::string_view::size_type from = 0;
   for (;;) {
-    // The name runs to the next comma; the runs between its blanks are
-    // copied whole, not character by character (a select list of a DAO has
-    // a dozen names of some thirty characters, per statement).
+    // The name runs to the next comma, its blanks left out.
     const std::string_view::size_type comma = list.find(',', from);
     const std::string_view item = list.substr(from, comma - from);  // to the end when no comma follows
     if (item.find(' ') == std::string_view::npos) {
-      // The usual name, without blanks, is built where the map keeps it.
+      // The usual name, without blanks (a select list of a DAO has a dozen
+      // of them, per statement), is built where the map keeps it.
       fields.emplace(std::piecewise_construct, std::forward_as_tuple(item), std::forward_as_tuple(position));
     } else {
       std::string name;
-      for (std::string_view::size_type at = 0; at < item.size();) {
-        const std::string_view::size_type blank = std::min(item.find(' ', at), item.size());
-        name.append(item, at, blank - at);
-        at = blank + 1;
+      for (std::string_view::size_type at = 0; at < item.size(); ++at) {
+        if (item[at] == ' ') continue;
+        name.push_back(item[at]);
       }
       fields.emplace(std::move(name), position);
     }
