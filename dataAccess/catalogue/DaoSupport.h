@@ -48,7 +48,10 @@ int insertRecord(const std::string& table, const Record& record, const Conn& con
     DA_LOG_ERROR("%s", why);
     return -1;
   }
-  InsertRow row;
+  // One row a thread, refilled call after call: its value buffers and
+  // column list are built once, not for every insert.
+  thread_local InsertRow row;
+  row.clear();
   fill(record, row);
   const int result = executeCounted(row.statement(table), conn);
   logSubmitted(result, record.fileId_);

@@ -84,11 +84,16 @@ class InsertRow {
   void addText(const std::string& column, const std::string& value) { add(column).setText(value); }
   void addInteger(const std::string& column, long long value) { add(column).setInteger(value); }
 
-  std::vector<std::string> columns() const {
-    std::vector<std::string> list;
-    list.reserve(size_);
-    for (size_t i = 0; i < size_; ++i) list.push_back(*names_[i]);
-    return list;
+  // The names of the columns added since clear(). The list is kept, and
+  // rebuilt only when the row names other columns than last time: a row
+  // refilled for the next record of its kind names the same ones.
+  const std::vector<std::string>& columns() const {
+    if (listed_.size() != size_ || !std::equal(names_.begin(), names_.begin() + size_, listed_.begin())) {
+      listed_.assign(names_.begin(), names_.begin() + size_);
+      columns_.clear();
+      for (const std::string* name : listed_) columns_.push_back(*name);
+    }
+    return columns_;
   }
   // True when both rows name the same columns in the same order.
   bool sameColumns(const InsertRow& other) const {
@@ -99,14 +104,20 @@ class InsertRow {
   // "insert into <table> (...) values (...)".
   std::string statement(const std::string& table) const {
     std::string sql;
+    sql.reserve(kStatementReserve);
     sybconn::appendInsert(sql, table, columns(), values_.data());
     return sql;
   }
 
  private:
+  // Room for a catalogue row's statement without growing it on the way.
+  static constexpr size_t kStatementReserve = 512;
+
   std::vector<const std::string*> names_;
   std::vector<sybconn::SqlValue> values_;
   size_t size_ = 0;
+  mutable std::vector<const std::string*> listed_;  // the names columns_ was built from
+  mutable std::vector<std::string> columns_;
 };
 
 // The rows of a batch, in runs of consecutive records that set the same
