@@ -4,8 +4,8 @@
 // Log macros of the class-based parts (sybconn, stcrypt, dataAccess). Every
 // line goes through ACE's process-wide logger, so the host program keeps
 // control of the priority mask and of where lines go. A line reads
-//   "%D DEBUG [ %t ] message\n"   (INFO is followed by two blanks, so the
-//                                   brackets of all levels line up)
+//   "%D DEBUG [ %t ] message\n"   (INFO and WARN are followed by two blanks,
+//                                   so the brackets of all levels line up)
 // Format strings are printf's (checked by the compiler); pass std::string as
 // .c_str(). A message of any length is written whole (see daLog::write).
 // Internal to the library: not installed.
@@ -21,13 +21,19 @@
 
 #define DA_LOG_DEBUG(fmt, ...) ::daLog::write(LM_DEBUG, "%D DEBUG [ %t ] %s%s", fmt, ##__VA_ARGS__)
 #define DA_LOG_INFO(fmt, ...) ::daLog::write(LM_INFO, "%D INFO  [ %t ] %s%s", fmt, ##__VA_ARGS__)
+#define DA_LOG_WARNING(fmt, ...) ::daLog::write(LM_WARNING, "%D WARN  [ %t ] %s%s", fmt, ##__VA_ARGS__)
 #define DA_LOG_ERROR(fmt, ...) ::daLog::write(LM_ERROR, "%D ERROR [ %t ] %s%s", fmt, ##__VA_ARGS__)
 
 namespace daLog {
 
 // True when a DEBUG line would be written. Check it before building a string
 // that only a DEBUG line needs: the macros evaluate their arguments anyway.
-inline bool debugEnabled() { return ACE_LOG_MSG->log_priority_enabled(LM_DEBUG) != 0; }
+// The thread's logger is looked up once per thread (ACE keeps one per thread
+// until the thread ends): the check sits on paths as short as a pool borrow.
+inline bool debugEnabled() {
+  thread_local ACE_Log_Msg* const log = ACE_LOG_MSG;
+  return log->log_priority_enabled(LM_DEBUG) != 0;
+}
 
 // At most the first 128 bytes of `text`, followed by "..." when it was longer,
 // for logging a value read from outside whose length nothing bounds:
