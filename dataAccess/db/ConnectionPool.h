@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,22 @@
 // it is about to be handed out is removed and the search goes on. Its log
 // lines name the server and user by at most their first 128 characters and
 // "...": these come from the parameters file, where a line may be 4 KiB long.
+//
+// Opt-in settings (the defaults keep the behaviour above):
+// - setAcquireTimeoutMs(ms): a borrower that finds the pool full waits up to
+//   `ms` for a login instead of failing at once. Waiters sleep (no polling)
+//   and are served in the order they came: a login given back goes to the
+//   earliest waiter of its server and user, room under the size limit to the
+//   earliest waiter of all. A free login that no waiter can use is closed to
+//   make room for one. On expiry the borrower fails as a full pool does.
+// - setLeakThresholdMs(ms): a login held longer is reported once at WARNING
+//   (server, user, borrowing thread, time held) by the reaper's next round,
+//   and at INFO when it comes back.
+// Each login retires from its maximum lifetime a random share of up to 2.5%
+// early, so that logins opened together do not all close together. A login
+// is opened without the pool's lock held: other borrowers and returns go
+// on while a slow server answers.
+//
 // Thread safety: every member may be called from any thread at once (one lock guards the pool), except
 // destroyInstance(), which must not run while another thread uses the pool.
 class ConnectionPool {
@@ -32,6 +49,13 @@ class ConnectionPool {
     std::string password;
     time_t lastReleaseTime;
     time_t creationTime;
+    // The share of the maximum lifetime this login lives, 0.975 to 1.
+    double lifeShare;
+    // The current borrow: since when (monotonic ms), by which thread, and
+    // whether it has been reported as a leak.
+    long long borrowedAtMs;
+    unsigned long borrower;
+    bool leakReported;
   };
   typedef std::vector<Connection> pool_t;
   typedef pool_t::iterator iterator_t;
@@ -75,6 +99,21 @@ class ConnectionPool {
     int free;
   };
 
+  // A snapshot for monitoring: logins and borrowers now, then totals since
+  // the pool was created.
+  struct Stats {
+    long total;          // logins open
+    long inUse;          // logins borrowed
+    long free;           // logins free
+    long waiting;        // borrowers waiting for a login
+    long borrowed;       // logins handed out
+    long timedOut;       // borrowers that waited in vain
+    long deadDropped;    // free logins found dead and removed
+    long reaped;         // logins the reaper closed
+    long leaksReported;  // borrows reported as held too long
+    long longestWaitMs;  // the longest wait of a borrower, served or not
+  };
+
   // The single pool, created (with its reaper thread) on first call.
   static ConnectionPool* instance();
   // Shuts the single pool down: ends the reaper and closes every login. The
@@ -109,20 +148,54 @@ class ConnectionPool {
 
   // Records, logins in use and free logins, for monitoring.
   Counts counts() const;
+  Stats stats() const;
+
+  // How long a borrower waits for a login when the pool is full, in ms; 0
+  // (the default) fails at once. A negative value is refused (logged).
+  void setAcquireTimeoutMs(long ms);
+  long acquireTimeoutMs() const;
+  // How long a borrow may last before it is reported, in ms; 0 (the
+  // default) reports none. A negative value is refused (logged).
+  void setLeakThresholdMs(long ms);
+  long leakThresholdMs() const;
 
   ~ConnectionPool();
   ConnectionPool(const ConnectionPool&) = delete;
   ConnectionPool& operator=(const ConnectionPool&) = delete;
 
  private:
+  friend class ServiceConnectionSyb;
+  struct Waiter;
+
   ConnectionPool();
   SybaseConnection* allocateNewConnection(const std::string& server, const std::string& user,
                                           const std::string& password);
   iterator_t removeConnection(iterator_t it);
   int reap(time_t now);
+  // The steps of acquire and release, called with the lock held.
+  // Marks the login borrowed by `thread` at `nowMs` (monotonic).
+  SybaseConnection* borrow(Connection& rec, unsigned long thread, long long nowMs);
+  // Opens a login in a place already counted in opening_; the lock is let go
+  // meanwhile.
+  SybaseConnection* open(const std::string& server, const std::string& user, const std::string& password);
+  // Waits in line for a login or a place, up to the acquire time-out.
+  SybaseConnection* wait(const std::string& server, const std::string& user, const std::string& password);
+  static bool alive(const Connection& rec);
+  int placesTaken() const;
+  bool roomForOne() const;
+  // Hands free logins and places to the waiters that can take them.
+  void serveWaiters();
+  // Gives back a login whose results its holder has already read off.
+  int giveBack(SybaseConnection* conn);
 
   pool_t pool_;
   Reaper reaper_;
+  std::vector<Waiter*> waiters_;  // in the order they came
+  int opening_ = 0;               // logins being opened (counted against the size limit)
+  long acquireTimeoutMs_ = 0;
+  std::atomic<long> leakThresholdMs_{0};
+  Stats totals_{};        // the counters since start (the others are filled by stats())
+  std::minstd_rand rng_;  // draws the lifetime shares
 
   static int maxPoolSize_;
   static std::atomic<ConnectionPool*> instance_;

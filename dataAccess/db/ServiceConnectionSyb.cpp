@@ -59,6 +59,7 @@ const char kNoConnection[] = "KestFileDAOSyb::executeQuery. No connection availa
 ServiceConnectionSyb::ServiceConnectionSyb(std::string alias)
     : dbAlias_(std::move(alias)), transactionNumber_(0), conn_(nullptr) {
   readDBParameters();
+  poolServer_ = sybconn::postgresUriWithDatabase(dbServer_, dbName_);
 }
 
 ServiceConnectionSyb::ServiceConnectionSyb(std::string server, std::string user, std::string passwd,
@@ -67,6 +68,7 @@ ServiceConnectionSyb::ServiceConnectionSyb(std::string server, std::string user,
       dbName_(std::move(dbName)),
       dbUser_(std::move(user)),
       dbPasswd_(std::move(passwd)),
+      poolServer_(sybconn::postgresUriWithDatabase(dbServer_, dbName_)),
       transactionNumber_(0),
       conn_(nullptr) {
   SybaseConnection::setErrorHandler(&ArcSys::SimpleErrorHandler);
@@ -90,8 +92,7 @@ int ServiceConnectionSyb::acquire() {
   if (conn_ != nullptr) return 0;
   // A PostgreSQL URI without a database of its own logs in to the one of the
   // parameters; other server names take no database from them.
-  conn_ = ConnectionPool::instance()->acquireConnection(sybconn::postgresUriWithDatabase(dbServer_, dbName_),
-                                                        dbUser_, dbPasswd_);
+  conn_ = ConnectionPool::instance()->acquireConnection(poolServer_, dbUser_, dbPasswd_);
   if (conn_ == nullptr) {
     DA_LOG_ERROR("Could not establish a connection");
     return -1;
@@ -101,7 +102,10 @@ int ServiceConnectionSyb::acquire() {
 
 int ServiceConnectionSyb::release() {
   if (conn_ == nullptr) return -1;
-  if (ConnectionPool::instance()->releaseConnection(conn_) != 0) return -1;
+  // The login is this connection's own: its pending results are read off
+  // here, and the pool takes it back without looking first.
+  conn_->releaseResults();
+  if (ConnectionPool::instance()->giveBack(conn_) != 0) return -1;
   conn_ = nullptr;
   transactionNumber_ = 0;
   return 0;

@@ -94,6 +94,9 @@ class ServiceConnectionSyb {
   std::string dbUser_;
   std::string dbPasswd_;
   std::string dbAlias_;
+  // The server name the pool knows the login by (a PostgreSQL URI with the
+  // database added), made once rather than at every acquire.
+  std::string poolServer_;
   mutable int transactionNumber_;
   SybaseConnection* conn_;
 };
