@@ -342,6 +342,7 @@ TEST_F(Pool, ReuseLimitsAndFailures) {
   EXPECT_EQ(pool()->reaperSleepTimeMs(), 250);
   for (const std::string& line : std::vector<std::string>{
            "DEBUG [ <t> ] Creating unique instance of ConnectionPool",
+           "DEBUG [ <t> ] ConnectionPool::ConnectionPool: starting reaper thread",
            "DEBUG [ <t> ] Allocated new connection. Pool size 2",
            "DEBUG [ <t> ] Acquiring available connection to server " + server() + " as user u",
            "ERROR [ <t> ] Invalid maxPoolSize = 0", "ERROR [ <t> ] Invalid maxPoolSize = 21",

@@ -218,12 +218,14 @@ TEST_F(VelmoraTest, WholeCycleAgainstTheStandInTool) {
   v.checkReqStatus("S", reqFile, pending, delivered, failed, done);  // not waited on, nor renamed
   EXPECT_TRUE(fs::is_fifo(reqFile + ".ERR") && fs::remove(reqFile + ".ERR"));
   std::ofstream(reqFile + ".ERR") << "K&#95;b lost\nK&#95;b again\nbroken\n";
+  testsupport::LogCapture log;
   try {
     v.checkReqErrorStatus("S", pending, failed);
     ADD_FAILURE() << "no exception";
   } catch (const ArcSysEx& e) {
     EXPECT_STREQ(e.what(),
                  "Velmora::checkReqFiles(): Illegal Error Status Message received from vel_mora: broken");
+    EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] " + std::string(e.what()) + "\n"));  // logged as thrown
   }
   EXPECT_EQ(pending["K_b"].getStatus() + std::to_string(fs::exists(reqFile + ".ERR")), "lost1");
 }
