@@ -12,6 +12,7 @@
 
 #include "dataAccess/db/ConnectionPool.h"
 #include "dataAccess/db/ServiceConnectionSyb.h"
+#include "sybconn/drivers/PostgresDriver.h"
 #include "tests/support/ArchiveServer.h"
 #include "tests/support/PgCluster.h"
 #include "tests/support/TableRows.h"
@@ -174,6 +175,25 @@ TEST_F(Postgres, BulkInsertsCopyEveryByteAndFailWithTheLoginUsable) {
     // The login goes on, with all of the batch written or none.
     EXPECT_EQ(first("select string_agg(coalesce(v, 'NULL'), '|' order by id) from s.t"), all) << c.table;
   }
+}
+
+// The row a refused COPY's error context names, counted from 0, or -1.
+TEST(PostgresCopyContext, NamesTheRefusedRowOrNone) {
+  const struct {
+    const char* context;
+    long row;
+  } cases[] = {
+      {nullptr, -1},
+      {"PL/pgSQL function nap() line 3 at PERFORM", -1},  // no COPY line
+      {"COPY t, line 5, column v: \"x\"", 4},
+      {"PL/pgSQL function nap() line 3\nCOPY slow, line 2", 1},
+      {"COPY t, Zeile 7", 6},  // another language: the first number after the table
+      {"COPY t, line 11", -1},
+      {"COPY t, line 0", -1},
+      {"COPY t", -1},  // beyond the 10 rows sent, none
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(sybconn::copyFailedRow(c.context, 10), c.row) << (c.context ? c.context : "");
 }
 
 TEST_F(Postgres, LoginsDeadAfterAKilledBackendOrARestartAreDropped) {
