@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <climits>
+#include <utility>
 #include <vector>
 
 #include "dataAccess/db/ConnectionPool.h"
@@ -177,23 +178,18 @@ TEST_F(Postgres, BulkInsertsCopyEveryByteAndFailWithTheLoginUsable) {
   }
 }
 
-// The row a refused COPY's error context names, counted from 0, or -1.
+// A COPY error's context names the refused row (from 0), also after a function's line or in another language.
 TEST(PostgresCopyContext, NamesTheRefusedRowOrNone) {
-  const struct {
-    const char* context;
-    long row;
-  } cases[] = {
-      {nullptr, -1},
-      {"PL/pgSQL function nap() line 3 at PERFORM", -1},  // no COPY line
-      {"COPY t, line 5, column v: \"x\"", 4},
-      {"PL/pgSQL function nap() line 3\nCOPY slow, line 2", 1},
-      {"COPY t, Zeile 7", 6},  // another language: the first number after the table
-      {"COPY t, line 11", -1},
-      {"COPY t, line 0", -1},
-      {"COPY t", -1},  // beyond the 10 rows sent, none
-  };
-  for (const auto& c : cases)
-    EXPECT_EQ(sybconn::copyFailedRow(c.context, 10), c.row) << (c.context ? c.context : "");
+  const std::pair<const char*, long> cases[] = {{nullptr, -1},
+                                                {"PL/pgSQL function nap() line 3", -1},  // no COPY line
+                                                {"COPY t, line 5, column v: \"x\"", 4},
+                                                {"PL/pgSQL function nap() line 3\nCOPY slow, line 2", 1},
+                                                {"COPY t, Zeile 7", 6},   // the first number after the table
+                                                {"COPY t, line 11", -1},  // beyond the 10 rows sent
+                                                {"COPY t, line 0", -1},
+                                                {"COPY t", -1}};
+  for (const auto& [context, row] : cases)
+    EXPECT_EQ(sybconn::copyFailedRow(context, 10), row) << (context ? context : "");
 }
 
 TEST_F(Postgres, LoginsDeadAfterAKilledBackendOrARestartAreDropped) {
