@@ -300,10 +300,7 @@ TEST_F(Service, LongMessagesAreWholeLinesFromEveryThread) {
 
 class Pool : public DbFixture {
  protected:
-  void TearDown() override {
-    pool()->setMaxPoolSize(20);  // the size outlives the pool
-    DbFixture::TearDown();
-  }
+  void TearDown() override { pool()->setMaxPoolSize(20), DbFixture::TearDown(); }  // the size outlives a pool
   ConnectionPool* pool() { return ConnectionPool::instance(); }
   SybaseConnection* take(const std::string& user) { return pool()->acquireConnection(server(), user, "p"); }
   // Waits (up to 5 s) until `done` holds.
@@ -405,9 +402,8 @@ TEST_F(Pool, ReaperThreadRunsRoundsAndStopsPromptly) {
   EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Terminating reaper thread\n"));
 }
 
-// A full pool with a time-out: waiters are served in the order they came (by room as the pool grows, by
-// logins as they come back, a dead one replaced), a free login of another user gives way at once, and a
-// wait in vain ends at its time-out with the failure of a full pool.
+// A full pool with a time-out serves waiters in order (room as it grows, logins as they come back, a dead
+// one replaced), closes a free login of another user for one, and fails a wait in vain at its time-out.
 TEST_F(Pool, WaitersAreServedInOrderAndTimeOut) {
   pool()->setMaxPoolSize(1), pool()->setAcquireTimeoutMs(5000),
       pool()->setAcquireTimeoutMs(-1);  // -1: refused
@@ -448,8 +444,7 @@ TEST_F(Pool, WaitersAreServedInOrderAndTimeOut) {
   EXPECT_EQ(std::vector<long>({s.total, s.inUse, s.free, s.waiting, s.borrowed, s.timedOut, s.deadDropped}),
             std::vector<long>({1, 1, 0, 0, 6, tries, 1}));
 }
-// A borrow held past the threshold is reported once, within a reaper round, and again when it comes back;
-// a shorter one is not.
+// A borrow held past the threshold is reported once, within a reaper round, and when it comes back.
 TEST_F(Pool, LeaksAreReportedOnceAndOnReturn) {
   testsupport::LogCapture log;
   pool()->setLeakThresholdMs(100), pool()->setLeakThresholdMs(-5);  // the second is refused
@@ -470,8 +465,7 @@ TEST_F(Pool, LeaksAreReportedOnceAndOnReturn) {
   EXPECT_EQ(log.count("as user brief held"), 0u);
 }
 
-// A login that takes long to open (a server that never accepts) holds a place in the pool but holds up no
-// other borrower; when it fails, its place goes to a waiter.
+// A slow login holds its place in the pool but holds up no other borrower; then its place goes to a waiter.
 TEST_F(Pool, OpeningALoginLeavesThePoolFree) {
   testsupport::LogCapture log;
   const std::string mine = server();  // made before the clock runs (on PostgreSQL, a new database)

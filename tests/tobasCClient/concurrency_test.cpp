@@ -15,6 +15,10 @@ TEST(TobasConcurrency, ThreadsShareOneServerList) {
   EXPECT_EQ(std::future_status::timeout, reader.wait_for(std::chrono::milliseconds(100)));
   _tobasUnlockSrvInfoSem();
   reader.get();
+  tobasSRV_INFO none{};  // a list without servers: no next one, and the lock let go for the lookups below
+  tobasMED_BUF host;
+  int idx = -1, port = 0;
+  EXPECT_NE(0, _tobasGetNextSrv(&idx, &none, host, &port));
   constexpr int kThreads = 4, kPerThread = 10;
   ArchiveServer a, b;
   for (int i = 0; i < kThreads * kPerThread; ++i)
