@@ -16,6 +16,7 @@
 #include <daLog/Log.h>
 
 int ConnectionPool::maxPoolSize_ = 20;
+uint64_t ConnectionPool::logins_ = 0;
 std::atomic<ConnectionPool*> ConnectionPool::instance_{nullptr};
 namespace {
 // The pool's lock is held for a short walk at a time. A borrower that finds
@@ -48,7 +49,6 @@ class Locked {
 }  // namespace
 
 namespace {
-const long kMaxPoolSizeLimit = 20;
 // The largest share of the maximum lifetime by which a login retires early.
 const double kLifeJitter = 0.025;
 }  // namespace
@@ -143,6 +143,17 @@ long long monotonicMs() {
 
 unsigned long thisThread() { return static_cast<unsigned long>(ACE_OS::thr_self()); }
 
+// The status in the low two bits of a place's state word.
+enum : uint64_t { kEmpty = 0, kFree = 1, kInUse = 2, kClosing = 3, kStatus = 3 };
+uint64_t statusOf(uint64_t word) { return word & kStatus; }
+uint64_t withStatus(uint64_t word, uint64_t status) { return (word & ~kStatus) | status; }
+
+// Takes a place from the state `seen` to `status`; fails when another thread
+// changed it first (a borrow or return without the lock).
+bool claim(std::atomic<uint64_t>& state, uint64_t seen, uint64_t status) {
+  return state.compare_exchange_strong(seen, withStatus(seen, status));
+}
+
 }  // namespace
 
 // A borrower waiting for a login, on its own stack. It sleeps on its own
@@ -155,6 +166,7 @@ struct ConnectionPool::Waiter {
   const unsigned long thread = thisThread();
   ACE_Condition_Thread_Mutex ready;     // signalled with lock_ held
   SybaseConnection* granted = nullptr;  // a login handed over, borrowed for this waiter
+  int slot = -1;                        // and its place
   bool room = false;                    // a place under the size limit, counted in opening_
 };
 
@@ -167,13 +179,11 @@ ConnectionPool::~ConnectionPool() {
   DA_LOG_DEBUG("Terminating reaper thread");
   reaper_.stop();
   Locked guard(lock_);
-  for (auto& rec : pool_) {
-    if (rec.sybconn) {
-      rec.sybconn->disconnect();
-      delete rec.sybconn;
-    }
+  for (auto& slot : slots_) {
+    if (statusOf(slot.state.load()) == kEmpty) continue;
+    slot.sybconn->disconnect();
+    delete slot.sybconn;
   }
-  pool_.clear();
 }
 
 ConnectionPool* ConnectionPool::instance() {
@@ -202,60 +212,83 @@ void ConnectionPool::destroyInstance() {
 
 SybaseConnection* ConnectionPool::acquireConnection(const std::string& server, const std::string& user,
                                                     const std::string& password) {
+  return acquire(server, user, password, nullptr);
+}
+
+SybaseConnection* ConnectionPool::acquire(const std::string& server, const std::string& user,
+                                          const std::string& password, Ticket* ticket) {
   // What a borrow needs from outside the pool is read before the lock, which
-  // is then held for the walk alone.
+  // is then held for the walk alone. The texts of the DEBUG line are built
+  // only for a line that is written.
   const bool debug = daLog::debugEnabled();
   const unsigned long thread = thisThread();
   const long long nowMs = monotonicMs();
-  Locked guard(lock_);
-  for (iterator_t it = pool_.begin(); it != pool_.end();) {
-    if (it->available && it->server == server && it->user == user) {
-      if (!alive(*it)) {
-        // A login that died while it was free (server restart): drop it.
-        it = removeConnection(it);
-        ++totals_.deadDropped;
-        continue;
-      }
-      // The texts are built only for a line that is written: a borrow costs
-      // little more than the lock.
-      if (debug)
-        DA_LOG_DEBUG("Acquiring available connection to server %s as user %s",
-                     daLog::clip(sybconn::serverForDisplay(server)).c_str(), daLog::clip(user).c_str());
-      return borrow(*it, thread, nowMs);
+  const auto handOut = [&](Slot& slot) {
+    if (debug)
+      DA_LOG_DEBUG("Acquiring available connection to server %s as user %s",
+                   daLog::clip(sybconn::serverForDisplay(server)).c_str(), daLog::clip(user).c_str());
+    return borrow(slot, thread, nowMs);
+  };
+  // The login the ticket's holder gave back last, if no one took it since:
+  // its state word is still the one the return left.
+  Slot* dead = nullptr;
+  if (ticket != nullptr && statusOf(ticket->word) == kFree) {
+    Slot& slot = slots_[ticket->slot];
+    const uint64_t seen = std::exchange(ticket->word, 0);
+    if (claim(slot.state, seen, kInUse)) {
+      ticket->word = withStatus(seen, kInUse);
+      if (slot.sybconn->isConnected()) return handOut(slot);
+      dead = &slot;
     }
-    ++it;
   }
-  return allocateNewConnection(server, user, password);
+  Locked guard(lock_);
+  if (dead != nullptr) {
+    // A login that died while it was free (server restart): drop it.
+    close(*dead);
+    ++totals_.deadDropped;
+  }
+  for (int i = 0; i < kSlots; ++i) {
+    Slot& slot = slots_[i];
+    const uint64_t seen = slot.state.load();
+    if (statusOf(seen) != kFree || slot.server != server || slot.user != user) continue;
+    if (!claim(slot.state, seen, kInUse)) continue;  // taken back by its last holder
+    if (!slot.sybconn->isConnected()) {
+      close(slot);
+      ++totals_.deadDropped;
+      continue;
+    }
+    if (ticket != nullptr) *ticket = Ticket{i, withStatus(seen, kInUse)};
+    return handOut(slot);
+  }
+  return allocateNewConnection(server, user, password, ticket);
 }
 
-SybaseConnection* ConnectionPool::borrow(Connection& rec, unsigned long thread, long long nowMs) {
-  rec.available = false;
-  rec.borrowedAtMs = nowMs;
-  rec.borrower = thread;
-  rec.leakReported = false;
-  ++totals_.borrowed;
-  return rec.sybconn;
+SybaseConnection* ConnectionPool::borrow(Slot& slot, unsigned long thread, long long nowMs) {
+  // Only the holder writes these; the reaper reads the time last, so that it
+  // never pairs this borrow with the last one's thread.
+  slot.borrower.store(thread, std::memory_order_relaxed);
+  slot.borrows.store(slot.borrows.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  slot.borrowedAtMs.store(nowMs, std::memory_order_release);
+  return slot.sybconn;
 }
-
-bool ConnectionPool::alive(const Connection& rec) { return rec.sybconn->isConnected(); }
 
 // Logins open and being opened: what the size limit bounds.
-int ConnectionPool::placesTaken() const { return static_cast<int>(pool_.size()) + opening_; }
+int ConnectionPool::placesTaken() const { return size_ + opening_; }
 bool ConnectionPool::roomForOne() const { return placesTaken() < maxPoolSize_; }
 
 SybaseConnection* ConnectionPool::allocateNewConnection(const std::string& server, const std::string& user,
-                                                        const std::string& password) {
+                                                        const std::string& password, Ticket* ticket) {
   if (!roomForOne()) {
-    if (acquireTimeoutMs_ > 0) return wait(server, user, password);
+    if (acquireTimeoutMs_ > 0) return wait(server, user, password, ticket);
     DA_LOG_ERROR("Can't allocate new connection. Pool size %d", placesTaken());
     return nullptr;
   }
   ++opening_;
-  return open(server, user, password);
+  return open(server, user, password, ticket);
 }
 
 SybaseConnection* ConnectionPool::open(const std::string& server, const std::string& user,
-                                       const std::string& password) {
+                                       const std::string& password, Ticket* ticket) {
   auto conn = std::make_unique<SybaseConnection>();
   {
     // A slow server answers the login while other borrowers and returns go
@@ -267,23 +300,39 @@ SybaseConnection* ConnectionPool::open(const std::string& server, const std::str
     conn->connect(server, user, password);
   }
   --opening_;
-  if (conn->isConnected()) {
-    const time_t now = time(nullptr);
-    const double share = 1.0 - kLifeJitter * std::uniform_real_distribution<double>(0.0, 1.0)(rng_);
-    pool_.push_back(Connection{conn.release(), false, server, user, password, now, now, share, 0, 0, false});
-    DA_LOG_DEBUG("Allocated new connection. Pool size %d", static_cast<int>(pool_.size()));
-    return borrow(pool_.back(), thisThread(), monotonicMs());
+  if (!conn->isConnected()) {
+    DA_LOG_ERROR("Could not connect to server %s as user %s",
+                 daLog::clip(sybconn::serverForDisplay(server)).c_str(), daLog::clip(user).c_str());
+    serveWaiters();  // the place it held is free again
+    return nullptr;
   }
-  DA_LOG_ERROR("Could not connect to server %s as user %s",
-               daLog::clip(sybconn::serverForDisplay(server)).c_str(), daLog::clip(user).c_str());
-  serveWaiters();  // the place it held is free again
-  return nullptr;
+  // The size limit is at most kSlots, and this login's place was counted:
+  // an empty place is there.
+  int i = 0;
+  while (statusOf(slots_[i].state.load()) != kEmpty) ++i;
+  Slot& slot = slots_[i];
+  const time_t now = time(nullptr);
+  slot.sybconn = conn.release();
+  slot.server = server;
+  slot.user = user;
+  slot.password = password;
+  slot.creationTime = now;
+  slot.lifeShare = 1.0 - kLifeJitter * std::uniform_real_distribution<double>(0.0, 1.0)(rng_);
+  slot.lastReleaseTime = now;
+  slot.borrows = 0;
+  slot.leakReported = -1;
+  slot.state.store(++logins_ << 2 | kInUse);
+  ++size_;
+  DA_LOG_DEBUG("Allocated new connection. Pool size %d", size_);
+  if (ticket != nullptr) *ticket = Ticket{i, slot.state.load()};
+  return borrow(slot, thisThread(), monotonicMs());
 }
 
 SybaseConnection* ConnectionPool::wait(const std::string& server, const std::string& user,
-                                       const std::string& password) {
+                                       const std::string& password, Ticket* ticket) {
   Waiter me(server, user);
   waiters_.push_back(&me);
+  setWaiting();
   // Free logins of other servers and users may give way at once.
   serveWaiters();
   const long long start = monotonicMs();
@@ -292,97 +341,128 @@ SybaseConnection* ConnectionPool::wait(const std::string& server, const std::str
   // Woken by a hand-over, the deadline, or for no reason (then again).
   while (me.granted == nullptr && !me.room && ACE_OS::gettimeofday() < deadline) me.ready.wait(&deadline);
   totals_.longestWaitMs = std::max(totals_.longestWaitMs, static_cast<long>(monotonicMs() - start));
-  if (me.granted != nullptr) return me.granted;
-  if (me.room) return open(server, user, password);
+  if (me.granted != nullptr) {
+    if (ticket != nullptr) *ticket = Ticket{me.slot, slots_[me.slot].state.load()};
+    return me.granted;
+  }
+  if (me.room) return open(server, user, password, ticket);
   waiters_.erase(std::find(waiters_.begin(), waiters_.end(), &me));
+  setWaiting();
   ++totals_.timedOut;
   DA_LOG_ERROR("Can't allocate new connection. Pool size %d", placesTaken());
   return nullptr;
 }
+
+void ConnectionPool::setWaiting() { waiting_.store(static_cast<long>(waiters_.size())); }
 
 void ConnectionPool::serveWaiters() {
   // The waiter leaves the line and wakes (once the lock is let go).
   const auto handOver = [this](std::vector<Waiter*>::iterator w) {
     (*w)->ready.signal();
     waiters_.erase(w);
+    setWaiting();
   };
   // A free login goes to the earliest waiter of its server and user.
-  for (iterator_t it = pool_.begin(); it != pool_.end() && !waiters_.empty();) {
-    const auto w = !it->available ? waiters_.end()
-                                  : std::find_if(waiters_.begin(), waiters_.end(), [&](const Waiter* x) {
-                                      return x->server == it->server && x->user == it->user;
-                                    });
-    if (w == waiters_.end()) {
-      ++it;
-    } else if (!alive(*it)) {
-      it = removeConnection(it);
+  for (int i = 0; i < kSlots && !waiters_.empty(); ++i) {
+    Slot& slot = slots_[i];
+    const uint64_t seen = slot.state.load();
+    if (statusOf(seen) != kFree) continue;
+    const auto w = std::find_if(waiters_.begin(), waiters_.end(), [&](const Waiter* x) {
+      return x->server == slot.server && x->user == slot.user;
+    });
+    if (w == waiters_.end() || !claim(slot.state, seen, kInUse)) continue;
+    if (!slot.sybconn->isConnected()) {
+      close(slot);
       ++totals_.deadDropped;
-    } else {
-      (*w)->granted = borrow(*it, (*w)->thread, monotonicMs());
-      handOver(w);
-      ++it;
+      continue;
     }
+    (*w)->granted = borrow(slot, (*w)->thread, monotonicMs());
+    (*w)->slot = i;
+    handOver(w);
   }
   // Room under the size limit goes to the earliest waiters; a free login that
   // none of them can use is closed to make more.
-  for (iterator_t it = pool_.begin(); !waiters_.empty();) {
+  for (int i = 0; !waiters_.empty();) {
     if (roomForOne()) {
       ++opening_;
       waiters_.front()->room = true;
       handOver(waiters_.begin());
       continue;
     }
-    while (it != pool_.end() && !it->available) ++it;
-    if (it == pool_.end()) return;
-    it = removeConnection(it);
+    while (i < kSlots && !claim(slots_[i].state, withStatus(slots_[i].state.load(), kFree), kClosing)) ++i;
+    if (i == kSlots) return;
+    close(slots_[i]);
   }
 }
 
+int ConnectionPool::slotOf(const SybaseConnection* conn) const {
+  for (int i = 0; i < kSlots; ++i)
+    if (statusOf(slots_[i].state.load()) != kEmpty && slots_[i].sybconn == conn) return i;
+  return -1;
+}
+
 int ConnectionPool::releaseConnection(SybaseConnection* conn) {
+  Ticket none;
+  return giveBack(conn, none);
+}
+
+int ConnectionPool::giveBack(SybaseConnection* conn, Ticket& ticket) {
+  // A ticket whose word is still the place's names the login without a look.
+  int at = ticket.slot;
+  if (at < 0 || statusOf(ticket.word) != kInUse || slots_[at].state.load() != ticket.word) {
+    Locked guard(lock_);
+    at = slotOf(conn);
+  }
+  if (at < 0) {
+    DA_LOG_ERROR("Could not release connection. This should never happen!");
+    return -1;
+  }
+  // Given back twice: it is free already.
+  if (statusOf(slots_[at].state.load()) != kInUse) return 0;
   // A result set that the giver still holds must never reach the login once
   // another thread has it: its pending results are read off now, while the
   // login is still the giver's, and outside the lock, since reading waits on
   // the server.
-  bool held = false;
-  {
+  conn->releaseResults();
+  putBack(at, ticket);
+  return 0;
+}
+
+void ConnectionPool::putBack(int at, Ticket& ticket) {
+  Slot& slot = slots_[at];
+  if (daLog::debugEnabled())
+    DA_LOG_DEBUG("Releasing connection to server %s as user %s",
+                 daLog::clip(sybconn::serverForDisplay(slot.server)).c_str(), daLog::clip(slot.user).c_str());
+  if (slot.leakReported.load() == slot.borrows.load(std::memory_order_relaxed))
+    DA_LOG_INFO("Connection to server %s as user %s given back by thread %lu after %lld ms",
+                daLog::clip(sybconn::serverForDisplay(slot.server)).c_str(), daLog::clip(slot.user).c_str(),
+                slot.borrower.load(), monotonicMs() - slot.borrowedAtMs.load());
+  slot.borrowedAtMs.store(0, std::memory_order_relaxed);
+  slot.lastReleaseTime.store(time(nullptr), std::memory_order_relaxed);
+  // Sequentially consistent, as is the count of waiters a waiter raises
+  // before it looks for a free login: either that look finds this login or
+  // this return sees the waiter.
+  const uint64_t free = withStatus(slot.state.load(std::memory_order_relaxed), kFree);
+  slot.state.store(free);
+  ticket = Ticket{at, free};
+  if (waiting_.load() > 0) {
     Locked guard(lock_);
-    for (const auto& rec : pool_) held = held || (rec.sybconn == conn && !rec.available);
+    serveWaiters();
   }
-  if (held) conn->releaseResults();
-  return giveBack(conn);
 }
 
-int ConnectionPool::giveBack(SybaseConnection* conn) {
-  const bool debug = daLog::debugEnabled();
-  const time_t now = time(nullptr);
-  Locked guard(lock_);
-  for (auto& rec : pool_) {
-    if (rec.sybconn != conn) continue;
-    if (debug)
-      DA_LOG_DEBUG("Releasing connection to server %s as user %s",
-                   daLog::clip(sybconn::serverForDisplay(rec.server)).c_str(), daLog::clip(rec.user).c_str());
-    if (rec.leakReported)
-      DA_LOG_INFO("Connection to server %s as user %s given back by thread %lu after %lld ms",
-                  daLog::clip(sybconn::serverForDisplay(rec.server)).c_str(), daLog::clip(rec.user).c_str(),
-                  rec.borrower, monotonicMs() - rec.borrowedAtMs);
-    rec.available = true;
-    rec.leakReported = false;
-    rec.lastReleaseTime = now;
-    if (!waiters_.empty()) serveWaiters();
-    return 0;
-  }
-  DA_LOG_ERROR("Could not release connection. This should never happen!");
-  return -1;
-}
-
-ConnectionPool::iterator_t ConnectionPool::removeConnection(iterator_t it) {
-  // Logged off before the entry goes; null for a login that never opened.
-  if (it->sybconn) it->sybconn->disconnect();
-  delete it->sybconn;
-  const auto at = it - pool_.begin();
-  pool_.erase(it);
-  DA_LOG_DEBUG("Connection removed. Pool size %d", static_cast<int>(pool_.size()));
-  return pool_.begin() + at;
+void ConnectionPool::close(Slot& slot) {
+  // Logged off before the place is emptied.
+  slot.sybconn->disconnect();
+  delete slot.sybconn;
+  slot.sybconn = nullptr;
+  slot.server.clear();
+  slot.user.clear();
+  slot.password.clear();
+  totals_.borrowed += slot.borrows.exchange(0);
+  slot.state.store(withStatus(slot.state.load(), kEmpty));
+  --size_;
+  DA_LOG_DEBUG("Connection removed. Pool size %d", size_);
 }
 
 int ConnectionPool::reap(time_t now) {
@@ -392,28 +472,35 @@ int ConnectionPool::reap(time_t now) {
   const long long nowMs = monotonicMs();
   int removed = 0;
   Locked guard(lock_);
-  for (iterator_t it = pool_.begin(); it != pool_.end();) {
-    if (!it->available) {
-      if (leakMs > 0 && !it->leakReported && nowMs - it->borrowedAtMs >= leakMs) {
+  for (Slot& slot : slots_) {
+    const uint64_t seen = slot.state.load();
+    if (statusOf(seen) == kInUse) {
+      // Read against a borrow and return on the way: the borrow's number
+      // before and after the time must agree.
+      const long borrowNo = slot.borrows.load();
+      const long long since = slot.borrowedAtMs.load(std::memory_order_acquire);
+      const unsigned long thread = slot.borrower.load();
+      if (leakMs > 0 && since != 0 && nowMs - since >= leakMs && slot.leakReported.load() != borrowNo &&
+          slot.borrows.load() == borrowNo) {
         DA_LOG_WARNING("Connection to server %s as user %s held by thread %lu for %lld ms",
-                       daLog::clip(sybconn::serverForDisplay(it->server)).c_str(),
-                       daLog::clip(it->user).c_str(), it->borrower, nowMs - it->borrowedAtMs);
-        it->leakReported = true;
+                       daLog::clip(sybconn::serverForDisplay(slot.server)).c_str(),
+                       daLog::clip(slot.user).c_str(), thread, nowMs - since);
+        slot.leakReported = borrowNo;
         ++totals_.leaksReported;
       }
-      ++it;
       continue;
     }
-    const double age = static_cast<double>(now - it->creationTime);
-    if (it->lastReleaseTime + maxIdle < now || static_cast<double>(maxLife) * it->lifeShare < age) {
-      DA_LOG_INFO("Reaper: removing connection %s/%s. LifeTime %d s. IdleLifeTime %d s",
-                  daLog::clip(sybconn::serverForDisplay(it->server)).c_str(), daLog::clip(it->user).c_str(),
-                  static_cast<int>(now - it->creationTime), static_cast<int>(now - it->lastReleaseTime));
-      it = removeConnection(it);
-      ++removed;
-    } else {
-      ++it;
-    }
+    if (statusOf(seen) != kFree) continue;
+    const time_t released = slot.lastReleaseTime.load();
+    const double age = static_cast<double>(now - slot.creationTime);
+    if (released + maxIdle >= now && static_cast<double>(maxLife) * slot.lifeShare >= age) continue;
+    // Taken back by its last holder meanwhile: not idle after all.
+    if (!claim(slot.state, seen, kClosing)) continue;
+    DA_LOG_INFO("Reaper: removing connection %s/%s. LifeTime %d s. IdleLifeTime %d s",
+                daLog::clip(sybconn::serverForDisplay(slot.server)).c_str(), daLog::clip(slot.user).c_str(),
+                static_cast<int>(now - slot.creationTime), static_cast<int>(now - released));
+    close(slot);
+    ++removed;
   }
   // No waiter is served here: while one waits, no login is free (each is
   // handed over or closed to make room as it comes back).
@@ -425,14 +512,13 @@ int ConnectionPool::reapNow() { return reap(time(nullptr)); }
 
 void ConnectionPool::setMaxPoolSize(int n) {
   Locked guard(lock_);
-  if (n < 1 || n > kMaxPoolSizeLimit) {
+  if (n < 1 || n > kSlots) {
     DA_LOG_ERROR("Invalid maxPoolSize = %d", n);
     return;
   }
   maxPoolSize_ = n;
   serveWaiters();
 }
-
 int ConnectionPool::maxPoolSize() const {
   Locked guard(lock_);
   return maxPoolSize_;
@@ -472,9 +558,12 @@ void ConnectionPool::shutdownReaper() { reaper_.stop(); }
 ConnectionPool::Stats ConnectionPool::stats() const {
   Locked guard(lock_);
   Stats s = totals_;
-  s.total = static_cast<long>(pool_.size());
+  s.total = size_;
   s.inUse = 0;
-  for (const auto& rec : pool_) s.inUse += rec.available ? 0 : 1;
+  for (const Slot& slot : slots_) {
+    s.inUse += statusOf(slot.state.load()) == kInUse ? 1 : 0;
+    s.borrowed += slot.borrows.load();
+  }
   s.free = s.total - s.inUse;
   s.waiting = static_cast<long>(waiters_.size());
   return s;

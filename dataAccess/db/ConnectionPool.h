@@ -6,6 +6,7 @@
 #include <ace/Thread_Mutex.h>
 
 #include <atomic>
+#include <cstdint>
 #include <ctime>
 #include <random>
 #include <string>
@@ -37,28 +38,19 @@
 // is opened without the pool's lock held: other borrowers and returns go
 // on while a slow server answers.
 //
-// Thread safety: every member may be called from any thread at once (one lock guards the pool), except
-// destroyInstance(), which must not run while another thread uses the pool.
+// A service connection takes the login it gave back last again without the
+// pool's lock when that login is still free, and gives it back the same way
+// when no one waits: a program whose threads each keep one service connection
+// does not queue on the lock. Each login's place holds an atomic state word
+// (free, borrowed, or being opened or closed under the lock) that names the
+// login, so a stale claim never takes another login.
+//
+// Thread safety: every member may be called from any thread at once (one lock
+// guards the list of logins and the waiters, each login's state is atomic),
+// except destroyInstance(), which must not run while another thread uses the
+// pool.
 class ConnectionPool {
  public:
-  struct Connection {
-    SybaseConnection* sybconn;
-    bool available;
-    std::string server;
-    std::string user;
-    std::string password;
-    time_t lastReleaseTime;
-    time_t creationTime;
-    // The share of the maximum lifetime this login lives, 0.975 to 1.
-    double lifeShare;
-    // The current borrow: since when (monotonic ms), by which thread, and
-    // whether it has been reported as a leak.
-    long long borrowedAtMs;
-    unsigned long borrower;
-    bool leakReported;
-  };
-  typedef std::vector<Connection> pool_t;
-  typedef pool_t::iterator iterator_t;
   typedef ACE_Thread_Mutex lock_t;
 
   // Closes free logins that have been idle longer than the maximum idle
@@ -166,37 +158,82 @@ class ConnectionPool {
  private:
   friend class ServiceConnectionSyb;
   struct Waiter;
+  // The most logins the pool holds: the upper bound of setMaxPoolSize.
+  static const int kSlots = 20;
+
+  // The place of one login. `state` holds a number naming the login (drawn
+  // when the place is filled, never reused in the process) times four plus
+  // the place's status; the fields between are set while the place is being
+  // filled or emptied, under the lock, and stay fixed while it holds a login.
+  struct alignas(64) Slot {
+    std::atomic<uint64_t> state{0};
+    SybaseConnection* sybconn = nullptr;
+    std::string server;
+    std::string user;
+    std::string password;
+    time_t creationTime = 0;
+    double lifeShare = 1;  // the share of the maximum lifetime it lives, 0.975 to 1
+    // Written by the login's holder, read by the reaper and stats().
+    std::atomic<time_t> lastReleaseTime{0};
+    std::atomic<long long> borrowedAtMs{0};  // monotonic; 0 while free
+    std::atomic<unsigned long> borrower{0};
+    std::atomic<long> borrows{0};        // this login's borrows so far
+    std::atomic<long> leakReported{-1};  // the borrow (by number) reported as held too long
+  };
+  // Where a service connection's login is: its place, and the state word it
+  // put there when it took the login or gave it back. A word that is no
+  // longer the place's is a login gone to another borrower or closed.
+  struct Ticket {
+    int slot = -1;
+    uint64_t word = 0;
+  };
 
   ConnectionPool();
+  // acquireConnection, first trying the ticket's login without the lock; the
+  // ticket is set to the login handed out.
+  SybaseConnection* acquire(const std::string& server, const std::string& user, const std::string& password,
+                            Ticket* ticket);
+  // Marks a login the caller has claimed as borrowed by `thread` at `nowMs`.
+  static SybaseConnection* borrow(Slot& slot, unsigned long thread, long long nowMs);
+  // Gives a borrowed login back (releaseConnection), found through the ticket
+  // when it names it; the ticket then names the free login.
+  int giveBack(SybaseConnection* conn, Ticket& ticket);
+  // Gives back the borrowed login in `slot`, whose results its holder has
+  // read off.
+  void putBack(int slot, Ticket& ticket);
+  // The place of `conn`, or -1; called with the lock held.
+  int slotOf(const SybaseConnection* conn) const;
+  // The steps of acquire and release below are called with the lock held.
   SybaseConnection* allocateNewConnection(const std::string& server, const std::string& user,
-                                          const std::string& password);
-  iterator_t removeConnection(iterator_t it);
+                                          const std::string& password, Ticket* ticket);
+  // Closes the login of a place the caller has claimed and empties it.
+  void close(Slot& slot);
   int reap(time_t now);
-  // The steps of acquire and release, called with the lock held.
-  // Marks the login borrowed by `thread` at `nowMs` (monotonic).
-  SybaseConnection* borrow(Connection& rec, unsigned long thread, long long nowMs);
   // Opens a login in a place already counted in opening_; the lock is let go
   // meanwhile.
-  SybaseConnection* open(const std::string& server, const std::string& user, const std::string& password);
+  SybaseConnection* open(const std::string& server, const std::string& user, const std::string& password,
+                         Ticket* ticket);
   // Waits in line for a login or a place, up to the acquire time-out.
-  SybaseConnection* wait(const std::string& server, const std::string& user, const std::string& password);
-  static bool alive(const Connection& rec);
+  SybaseConnection* wait(const std::string& server, const std::string& user, const std::string& password,
+                         Ticket* ticket);
   int placesTaken() const;
   bool roomForOne() const;
   // Hands free logins and places to the waiters that can take them.
   void serveWaiters();
-  // Gives back a login whose results its holder has already read off.
-  int giveBack(SybaseConnection* conn);
+  void setWaiting();
 
-  pool_t pool_;
+  Slot slots_[kSlots];
+  int size_ = 0;  // places holding a login
   Reaper reaper_;
   std::vector<Waiter*> waiters_;  // in the order they came
+  std::atomic<long> waiting_{0};  // waiters_.size(), read by returns without the lock
   int opening_ = 0;               // logins being opened (counted against the size limit)
   long acquireTimeoutMs_ = 0;
   std::atomic<long> leakThresholdMs_{0};
   Stats totals_{};        // the counters since start (the others are filled by stats())
   std::minstd_rand rng_;  // draws the lifetime shares
 
+  static uint64_t logins_;  // the last number given to a login; under the lock
   static int maxPoolSize_;
   static std::atomic<ConnectionPool*> instance_;
   static lock_t lock_;

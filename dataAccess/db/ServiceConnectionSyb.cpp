@@ -75,7 +75,7 @@ ServiceConnectionSyb::ServiceConnectionSyb(std::string server, std::string user,
 }
 
 ServiceConnectionSyb::~ServiceConnectionSyb() {
-  if (conn_ != nullptr) ConnectionPool::instance()->releaseConnection(conn_);
+  if (conn_ != nullptr) ConnectionPool::instance()->giveBack(conn_, ticket_);
 }
 
 int ServiceConnectionSyb::readDBParameters() {
@@ -92,7 +92,7 @@ int ServiceConnectionSyb::acquire() {
   if (conn_ != nullptr) return 0;
   // A PostgreSQL URI without a database of its own logs in to the one of the
   // parameters; other server names take no database from them.
-  conn_ = ConnectionPool::instance()->acquireConnection(poolServer_, dbUser_, dbPasswd_);
+  conn_ = ConnectionPool::instance()->acquire(poolServer_, dbUser_, dbPasswd_, &ticket_);
   if (conn_ == nullptr) {
     DA_LOG_ERROR("Could not establish a connection");
     return -1;
@@ -102,10 +102,9 @@ int ServiceConnectionSyb::acquire() {
 
 int ServiceConnectionSyb::release() {
   if (conn_ == nullptr) return -1;
-  // The login is this connection's own: its pending results are read off
-  // here, and the pool takes it back without looking first.
-  conn_->releaseResults();
-  if (ConnectionPool::instance()->giveBack(conn_) != 0) return -1;
+  // The ticket names the login's place: the pool takes it back without a
+  // look, and the next acquire takes it again if no one took it meanwhile.
+  if (ConnectionPool::instance()->giveBack(conn_, ticket_) != 0) return -1;
   conn_ = nullptr;
   transactionNumber_ = 0;
   return 0;

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include <dataAccess/db/ConnectionPool.h>
 #include <sybconn/SybaseConnection.h>
 #include <sybconn/SybaseResultSet.h>
 #include <sybconn/SybaseStatus.h>
@@ -99,6 +100,9 @@ class ServiceConnectionSyb {
   std::string poolServer_;
   mutable int transactionNumber_;
   SybaseConnection* conn_;
+  // The place of the login borrowed last, for the pool's borrow and return
+  // without its lock.
+  ConnectionPool::Ticket ticket_;
 };
 
 #endif
