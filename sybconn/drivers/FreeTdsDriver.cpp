@@ -6,6 +6,7 @@
 #include <syberror.h>
 // clang-format on
 
+#include <iconv.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -42,6 +43,12 @@ int msgHandler(DBPROCESS* dbproc, DBINT msgno, int msgstate, int severity, char*
 
 void initOnce() {
   std::call_once(g_initOnce, [] {
+    // Each login converts between UTF-8 and the server's UTF-16 or ISO-8859-1
+    // through iconv, whose modules glibc loads on first use and unloads when
+    // their last user closes. Held open for the life of the process, they
+    // load once: logins opened at once on several threads neither load and
+    // unload them in turn nor race in the dynamic loader doing so.
+    for (const char* charset : {"UTF-16LE", "ISO-8859-1"}) iconv_open(charset, "UTF-8");
     dbinit();
     dberrhandle(errHandler);
     dbmsghandle(msgHandler);

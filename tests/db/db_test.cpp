@@ -513,9 +513,11 @@ TEST_F(Pool, SixteenThreadsThreeServerUserPairsOneReaper) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 16; ++t) {
     threads.emplace_back([&, t] {
+      std::vector<ServiceConnectionSyb> aliases;  // kept: each takes its last login back first
+      for (int a = 0; a < 6; ++a) aliases.emplace_back("ALIAS" + std::to_string(a));
       for (int i = 0; i < 40; ++i) {
         if (i % 2 == 0) {  // through a service connection named by an alias
-          ServiceConnectionSyb conn("ALIAS" + std::to_string((t + i) % 6));
+          ServiceConnectionSyb& conn = aliases[(t + i) % 6];
           useAlone(conn.acquire() == 0 ? &conn : nullptr, t, [&] { return conn.release(); });
         } else {
           SybaseConnection* login =
