@@ -48,7 +48,8 @@ void initOnce() {
     // their last user closes. Held open for the life of the process, they
     // load once: logins opened at once on several threads neither load and
     // unload them in turn nor race in the dynamic loader doing so.
-    for (const char* charset : {"UTF-16LE", "ISO-8859-1"}) iconv_open(charset, "UTF-8");
+    static iconv_t pinned[] = {iconv_open("UTF-16LE", "UTF-8"), iconv_open("ISO-8859-1", "UTF-8")};
+    (void)pinned;
     dbinit();
     dberrhandle(errHandler);
     dbmsghandle(msgHandler);
