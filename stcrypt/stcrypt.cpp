@@ -59,6 +59,8 @@ bool loadKey(const std::string& path, unsigned char key[kKeyBytes]) {
     ::close(fd);
     return false;
   }
+  // One byte more than a key, so that a longer file shows. A full buffer ends
+  // the loop by itself: a read of no bytes returns 0.
   unsigned char buf[kKeyBytes + 1];
   size_t got = 0;
   for (;;) {
@@ -66,18 +68,15 @@ bool loadKey(const std::string& path, unsigned char key[kKeyBytes]) {
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     got += static_cast<size_t>(n);
-    if (got == sizeof buf) break;
   }
   ::close(fd);
-  if (got != kKeyBytes) {
+  const bool whole = got == kKeyBytes;
+  if (whole) std::memcpy(key, buf, kKeyBytes);
+  sodium_memzero(buf, sizeof buf);  // the key's bytes leave no copy on the stack
+  if (!whole)
     DA_LOG_ERROR("stcrypt: key file %s must hold exactly %d bytes", path.c_str(),
                  static_cast<int>(kKeyBytes));
-    sodium_memzero(buf, sizeof buf);
-    return false;
-  }
-  std::memcpy(key, buf, kKeyBytes);
-  sodium_memzero(buf, sizeof buf);
-  return true;
+  return whole;
 }
 
 }  // namespace

@@ -158,7 +158,7 @@ void tobasSetVerboseLevel(int level) {
 
 long _tobasRotationTime(const char* text, size_t len) {
   char head[MARKER_HEAD + 1];
-  size_t n = len < MARKER_HEAD ? len : MARKER_HEAD;
+  size_t n = TOBAS_MIN(len, (size_t)MARKER_HEAD);
   memcpy(head, text, n);
   head[n] = '\0';
   /* The head may hold NUL bytes: search it piece by piece. */
