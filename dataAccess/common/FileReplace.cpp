@@ -1,7 +1,7 @@
 // Exclusive creation of a temporary beside the target, then rename.
 #include <dataAccess/common/FileReplace.h>
 #include <fcntl.h>
-#include <sys/random.h>
+#include <sodium.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -13,13 +13,12 @@ namespace {
 
 // Twelve random lowercase letters and digits: 62 bits, so a name that an
 // attacker planted in advance is hit with negligible chance, and a retry on
-// EEXIST settles the rest. A request of at most 256 bytes is answered whole
-// and never interrupted; should getrandom fail all the same, the tag is
-// predictable but still safe, since O_EXCL alone keeps links out.
+// EEXIST settles the rest. libsodium's generator sets itself up on first use
+// and cannot fail; O_EXCL alone would keep links out all the same.
 std::string randomTag() {
   static const char alphabet[] = "abcdefghijklmnopqrstuvwxyz0123456789";
   unsigned char bytes[12] = {};
-  (void)::getrandom(bytes, sizeof bytes, 0);
+  ::randombytes_buf(bytes, sizeof bytes);
   std::string tag;
   for (const unsigned char b : bytes) tag += alphabet[b % (sizeof alphabet - 1)];
   return tag;
