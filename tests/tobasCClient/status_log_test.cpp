@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <thread>
@@ -166,6 +167,13 @@ TEST_F(TobasLog, LineFormatLevelsAndSettings) {
       dir.path() + std::string(tobasBIG_BUF_SIZE - dir.path().size() - 5, '/') + "x.log";
   EXPECT_EQ(tobasERR_OPEN_LOG_FILE,
             tobasPrepLog(tooLong.c_str(), LEV3, -1, -1));  // a name that fits no buffer
+  std::filesystem::create_directory(
+      dir.file("gone"));  // a log that can no longer be opened drops each line whole
+  ASSERT_EQ(0, tobasPrepLog(dir.file("gone/x.log").c_str(), LEV3, -1, -1));
+  std::filesystem::remove_all(dir.file("gone"));
+  const size_t inUse = heapInUse();
+  for (int i = 0; i < 1000; ++i) tobasLogError("line %d", i);
+  EXPECT_NO_GROWTH(inUse, 4096);
   ASSERT_EQ(0, tobasPrepLog("", LEV3, -1, -1));
   tobasSetVerboseLevel(LEV1);
   testing::internal::CaptureStdout();
