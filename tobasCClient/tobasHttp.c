@@ -11,6 +11,7 @@
 #include <string.h>
 #include <strings.h>
 #include <sys/ioctl.h>
+#include <sys/param.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -53,7 +54,7 @@ static Reader* readerNew(int* fd, int keepBody, float timeout) {
 /* Length of the line at p: through its '\n', or TOBAS_LINE_MAX-1 bytes of a longer one; 0 when
  * neither lies within avail bytes. */
 static size_t lineLen(const char* p, size_t avail) {
-  size_t limit = TOBAS_MIN(avail, (size_t)TOBAS_LINE_MAX - 1);
+  size_t limit = MIN(avail, (size_t)TOBAS_LINE_MAX - 1);
   const char* nl = memchr(p, '\n', limit);
   if (nl != NULL) return (size_t)(nl - p) + 1;
   return avail >= TOBAS_LINE_MAX - 1 ? TOBAS_LINE_MAX - 1 : 0;
@@ -119,7 +120,7 @@ static int storeHeaderLine(tobasHdrParse* ps, const char* line, size_t n) {
     return tobasERR_INV_REPLY;
   }
   char* row = ps->hdr[ps->rows++];
-  size_t kept = TOBAS_MIN(n, (size_t)tobasHTTP_HDR_ROW_LEN - 1);
+  size_t kept = MIN(n, (size_t)tobasHTTP_HDR_ROW_LEN - 1);
   memcpy(row, line, kept);
   row[kept] = '\0';
   for (char* p = row; *p && *p != ':'; ++p) *p = (char)tolower((unsigned char)*p);

@@ -21,9 +21,6 @@ extern "C" {
 /* Result of tobasSendAll when the peer no longer takes data. */
 #define TOBAS_SEND_FAILED (-1)
 
-/* The smaller of a and b, of one type (each is evaluated twice). */
-#define TOBAS_MIN(a, b) ((a) < (b) ? (a) : (b))
-
 /* Longest reply header line read in one piece (longer lines come in pieces of this size less 1). */
 #define TOBAS_LINE_MAX tobasHUGE_BUF_SIZE
 /* Piece in which a retrieved body moves from the socket into its file. */

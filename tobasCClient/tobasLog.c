@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/param.h>
 #include <sys/uio.h>
 #include <time.h>
 #include <unistd.h>
@@ -158,7 +159,7 @@ void tobasSetVerboseLevel(int level) {
 
 long _tobasRotationTime(const char* text, size_t len) {
   char head[MARKER_HEAD + 1];
-  size_t n = TOBAS_MIN(len, (size_t)MARKER_HEAD);
+  size_t n = MIN(len, (size_t)MARKER_HEAD);
   memcpy(head, text, n);
   head[n] = '\0';
   /* The head may hold NUL bytes: search it piece by piece. */

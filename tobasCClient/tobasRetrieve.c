@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/param.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -131,7 +132,7 @@ static int copyBody(int sock, int out, long* left, float timeout) {
 static void drain(int fd, long left, float timeout) {
   char buf[64 * 1024];
   while (left > 0 && _pollFd(fd, timeout) == 0) {
-    ssize_t n = read(fd, buf, (size_t)TOBAS_MIN(left, (long)sizeof buf));
+    ssize_t n = read(fd, buf, (size_t)MIN(left, (long)sizeof buf));
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     left -= n;
