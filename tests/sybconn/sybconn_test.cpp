@@ -234,6 +234,7 @@ timeval local(const char* text, long usec = 0) {
 }
 
 TEST(Dates, TextFormAndParsing) {
+  setenv("TZ", "UTC0", 1), tzset();  // where the last second of 1969 is mktime's -1, and still a date
   const timeval tv = local("2026-11-22 13:05:09", 250999);
   EXPECT_EQ(SybUtils::convertFromUnixTimeval(tv), "20261122 13:05:09.250");
   // Microseconds out of range are carried into the seconds.
@@ -242,7 +243,8 @@ TEST(Dates, TextFormAndParsing) {
       {"20261122 13:05:09.250", {tv.tv_sec, 250000}},
       {"2026-11-22T13:05:09.123456789", {tv.tv_sec, 123456}},
       {"2026-11-22 13:05:09:500", {tv.tv_sec, 500000}},  // Sybase's colon before milliseconds
-      {"2026-11-22", local("2026-11-22 00:00:00")}};
+      {"2026-11-22", local("2026-11-22 00:00:00")},
+      {"1969-12-31 23:59:59", {-1, 0}}};
   for (const auto& [text, want] : good) {
     timeval t{};
     EXPECT_TRUE(SybUtils::parseDate(text, t)) << text;
@@ -253,6 +255,7 @@ TEST(Dates, TextFormAndParsing) {
     timeval t{7, 7};
     EXPECT_FALSE(SybUtils::parseDate(bad, t) || t.tv_sec != 7) << bad;  // refused, the value left alone
   }
+  unsetenv("TZ"), tzset();
 }
 
 TEST_F(Connection, DatesReadFromStorage) {
