@@ -39,6 +39,8 @@ TEST_F(Stcrypt, RoundTripsKeyFileRulesAndRefusalsThatLogOneErrorLineNamingTheKey
   }
   EXPECT_NE(run(stencrypt, "same"), run(stencrypt, "same"));  // a fresh nonce each time
   EXPECT_EQ(run(stencrypt, std::string(STCRYPT_MAX_PASSWORD + 1, 'z')), "<refused>");
+  char out[STCRYPT_BUF_SIZE];
+  for (auto* f : {stencrypt, stdecrypt}) EXPECT_EQ(f(nullptr, out), -1);  // no text at all
 
   const std::string good = run(stencrypt, "secret");
   ASSERT_EQ(stcreatekey(dir_.file("other").c_str()), 0);

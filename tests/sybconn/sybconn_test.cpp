@@ -89,6 +89,9 @@ TEST_F(Connection, BulkInsertsWriteAllRowsOrNone) {
   EXPECT_EQ(conn_.transactionLevels(), 1u);  // its own level rolled back, the caller's kept
   EXPECT_EQ(first(conn_, "select count(*) from t"), "2");
   ASSERT_EQ(conn_.rollbackTransaction("outer").commandSucceeded(), 1);
+  ASSERT_EQ(conn_.beginTransaction("left open").commandSucceeded(), 1);
+  ASSERT_EQ(conn_.connect(server_, "u", "p"), 0);
+  EXPECT_EQ(conn_.transactionLevels(), 0u);  // a new login starts without the old one's levels
 
   none.rows = {row};
   EXPECT_EQ(conn_.insertRows("missing", cols, none, failed), -1);  // no row to blame
