@@ -303,6 +303,8 @@ TEST_F(Catalogue, BatchesWriteAllRowsOrNone) {
   EXPECT_EQ(log.count("UNIQUE constraint") + log.count("unique constraint"), 1u);
   EXPECT_EQ(kest_.loadAll(files_ = {}, *conn_) + conn_->transactionNumber(), 0);  // none written or open
   EXPECT_EQ(kest_.insert({file("K1", 1, "D"), file("K2", 1, "D")}, *conn_), 2);
+  EXPECT_EQ(kest_.insert({file("K1", 1, "D"), file("K3", 1, "D")}, *conn_), -1);  // the first row refused
+  EXPECT_TRUE(log.containsFragment("Could not submit 2 rows into kest_files: row 0 refused by the server"));
   ASSERT_EQ(kest_.loadAll(files_, *conn_), 2);
   EXPECT_EQ(str(files_[1]), "K2|K2.fits|1|D|FITS|1000|4000|0||S|1700000000.123000");
 }
