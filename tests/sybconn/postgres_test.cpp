@@ -163,8 +163,6 @@ TEST_F(Postgres, BulkInsertsCopyEveryByteAndFailWithTheLoginUsable) {
       {"s..missing", {"id", "v"}, good, -1, -1, "relation \"s.missing\" does not exist"},
       {"slow", {"v"}, big, -1, -1, "timed out after 1 s; cancelled"}};
   sybconn::PostgresSettings::setQueryTimeout(1);
-  SybaseResultSet held = conn_.execute("select generate_series(1, 100000)");  // its rows left unread
-  ASSERT_TRUE(held.next());
   for (const auto& c : cases) {
     g_seen.clear();
     c.rows.at = 0;
@@ -178,7 +176,6 @@ TEST_F(Postgres, BulkInsertsCopyEveryByteAndFailWithTheLoginUsable) {
     // The login goes on, with all of the batch written or none.
     EXPECT_EQ(first("select string_agg(coalesce(v, 'NULL'), '|' order by id) from s.t"), all) << c.table;
   }
-  EXPECT_FALSE(held.next());  // let go by the first batch
 }
 
 // A COPY error's context names the refused row (from 0), also after a function's line or in another language.
