@@ -225,6 +225,12 @@ TEST_F(Postgres, TimeOutsBoundTheLoginAndEachCommand) {
   ASSERT_EQ(g_seen.size(), 2u);
   EXPECT_EQ(g_seen[0].dberr + g_seen[1].dberr, 2 * 20003);
   EXPECT_EQ(first("select 8"), "8");  // the cancelled command left the login usable
+  // Rows that stop coming part-way: the rows read stand, the command fails.
+  SybaseResultSet rs =
+      conn_.execute("select g, case when g = 100000 then pg_sleep(3) end from generate_series(1, 100000) g");
+  long rows = 0;
+  while (rs.next()) ++rows;
+  EXPECT_TRUE(rows > 0 && rows < 100000 && !rs.commandSucceeded()) << rows;
 }
 
 TEST_F(Postgres, TheServiceConnectionLogsInToItsDatabase) {
