@@ -71,6 +71,7 @@ typedef enum {
   tobasERR_UNKNOWN_CMD = -1001,
   tobasERR_INV_TARG_FILE = -1002,
   tobasERR_INV_PARS = -1003,
+  tobasERR_CHECKSUM = -1004, /* the file retrieved is not the one expected */
 
   tobasERR_OPEN_LOG_FILE = -2000,
 
@@ -360,6 +361,47 @@ int _tobasRetrieve2File(const char* host, int port, float timeoutSecs, const cha
                         const char* fileId, int fileVersion, const char* processing,
                         const char* processingPars, const char* targetFile, char* finalTargetFile,
                         int internal, const char* hostId, tobasSTATUS* status);
+
+/* ------------------------------------------------------------------ transfers over bad networks */
+
+/* Retries of retrievals and of STATUS, for the whole process; never of archiving, which is not safe
+ * to repeat. Default: one attempt. maxAttempts: attempts in all (1: no retry). The wait before
+ * retry k (1, 2, ...) is the server's Retry-After (seconds, when its reply has one) plus a random
+ * share of min(firstDelayMs * 2^(k-1), maxDelayMs), so that clients refused together come back
+ * apart. Retried: connection errors, time-outs, replies cut short, and replies 408, 429, 500, 502,
+ * 503 and 504; any other failure ends the call at once. deadlineMs: no retry starts later than this
+ * many ms after the call began (0: no deadline). With a server list each attempt goes through its
+ * fail-over. 0, or tobasERR_INV_PARS (policy unchanged) for maxAttempts < 1, a negative value or
+ * maxDelayMs < firstDelayMs. Safe to call while other threads transfer: a call takes the policy
+ * once, when it starts. */
+int tobasSetRetryPolicy(int maxAttempts, int firstDelayMs, int maxDelayMs, int deadlineMs);
+/* The policy now in force; any pointer may be NULL. */
+void tobasGetRetryPolicy(int* maxAttempts, int* firstDelayMs, int* maxDelayMs, int* deadlineMs);
+
+/* Options of one retrieval. A zeroed record (or NULL) asks for none: the plain retrieval. */
+typedef struct {
+  /* Keep what arrived as "<final name>.part" when the retrieval fails, and go on from the end of
+   * such a file ("Range: bytes=N-") when one is there. Without it a failure leaves nothing.
+   * Within one call, retries always go on from where the previous attempt broke off. */
+  int resume;
+  /* Expected checksum and its method: "crc32", "md5" or "sha256" (any case). The value is in hex
+   * (crc32 also as a decimal number, signed or not). The checksum is computed while the bytes
+   * arrive; a mismatch fails the retrieval with tobasERR_CHECKSUM and leaves no file. NULL or "":
+   * no check. */
+  const char* checksumMethod;
+  const char* checksum;
+} tobasRETRIEVE_OPTS;
+
+/* 1 when name is a checksum method that tobasRETRIEVE_OPTS takes, else 0. */
+int tobasChecksumMethodKnown(const char* name);
+/* tobasRetrieve2File and tobasGenRetrieve2File with options; opts may be NULL. An unknown method
+ * or a malformed value is tobasERR_INV_PARS before any request. */
+int tobasRetrieve2FileOpts(const char* host, int port, float timeoutSecs, const char* fileId, int fileVersion,
+                           const char* processing, const char* processingPars, const char* targetFile,
+                           char* finalTargetFile, const tobasRETRIEVE_OPTS* opts, tobasSTATUS* status);
+int tobasGenRetrieve2FileOpts(const char* host, int port, float timeoutSecs, int cmdCode,
+                              const tobasPAR_ARRAY* parArray, const char* targetFile, char* finalTargetFile,
+                              const tobasRETRIEVE_OPTS* opts, tobasSTATUS* status);
 
 /* Parameter arrays. tobasAddParAndVal: 0, or tobasERR_INV_PARS when full or a text is too long. */
 int tobasResetParArray(tobasPAR_ARRAY* parArray);
