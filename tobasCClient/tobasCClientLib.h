@@ -1,7 +1,7 @@
 /*
  * tobasCClientLib.h - client library for the archive servers' HTTP command protocol.
  *
- * Plain C (C11), usable from C++. Depends on libc and pthreads only.
+ * Plain C (C11), usable from C++. Depends on libc and pthreads (zlib and nettle inside, for checksums).
  *
  * Conventions: every function returns an int status code of tobasSTAT (0 = success) unless
  * said otherwise; the caller owns every buffer passed in; heap results are freed by the
@@ -76,6 +76,7 @@ typedef enum {
   tobasERR_OPEN_LOG_FILE = -2000,
 
   tobasSRV_OK = 200,
+  tobasSRV_PARTIAL = 206, /* the rest of a file, from the offset asked for */
   tobasSRV_REDIRECT = 303,
   tobasSRV_INV_QUERY = 400,
 
@@ -384,10 +385,10 @@ typedef struct {
    * such a file ("Range: bytes=N-") when one is there. Without it a failure leaves nothing.
    * Within one call, retries always go on from where the previous attempt broke off. */
   int resume;
-  /* Expected checksum and its method: "crc32", "md5" or "sha256" (any case). The value is in hex
-   * (crc32 also as a decimal number, signed or not). The checksum is computed while the bytes
+  /* Expected checksum and its method: "crc32", "md5" or "sha256" (any case). The checksum is computed while the bytes
    * arrive; a mismatch fails the retrieval with tobasERR_CHECKSUM and leaves no file. NULL or "":
-   * no check. */
+   * no check. Values: crc32 a decimal number (signed or not) or "0x" and hex digits; md5 and
+   * sha256 hex digits (any case). */
   const char* checksumMethod;
   const char* checksum;
 } tobasRETRIEVE_OPTS;

@@ -94,6 +94,7 @@ void tobasCmdBegin(tobasCommand* c, const char* fn, float timeoutSecs, tobasSTAT
   tobasTraceEnter(fn);
   tobasInitStatus(status);
   c->fn = fn;
+  c->retry = 0;
   c->timeout = tobasReplyTimeout(timeoutSecs);
   c->path = malloc(2 * tobasHUGE_BUF_SIZE);
   c->enc = c->path != NULL ? c->path + tobasHUGE_BUF_SIZE : NULL;
@@ -136,8 +137,18 @@ int tobasCmdGet(tobasCommand* c, const char* host, int port, tobasSTATUS* status
   int stat = tobasERR_ALLOC_MEM;
   if (b != NULL) {
     const tobasRequest rq = {c->timeout, tobasUSER_AGENT, c->path, 1, NULL, NULL, NULL, NULL, 0, &rep,
-                             &len,       &b->resp,        b->hdr};
-    stat = tobasGetFrom(host, port, &rq);
+                             &len,       &b->resp,        b->hdr,  0};
+    tobasRetry r;
+    tobasRetryBegin(&r);
+    if (!c->retry) r.maxAttempts = 1;
+    b->resp.status = 0;
+    while ((stat = tobasGetFrom(host, port, &rq)) != 0 || b->resp.status != tobasSRV_OK) {
+      if (!tobasRetryAgain(&r, stat, b->resp.status, b->hdr)) break;
+      free(rep.pdata); /* the reply of the attempt that failed */
+      if (rep.fd > 0) close(rep.fd);
+      rep.pdata = NULL;
+      rep.fd = 0;
+    }
   }
   takeReply(c, stat, &rep, status);
   free(b);
@@ -162,7 +173,7 @@ static int cmdPost(tobasCommand* c, const char* host, int port, const char* mime
   int stat = tobasERR_ALLOC_MEM;
   if (b != NULL) {
     const tobasRequest rq = {c->timeout, tobasUSER_AGENT, c->path, 0,    mimeType, contentDisp, srcFilename,
-                             data,       dataLen,         &rep,    &len, &b->resp, b->hdr};
+                             data,       dataLen,         &rep,    &len, &b->resp, b->hdr, 0};
     stat = tobasPostTo(host, port, &rq);
   }
   takeReply(c, stat, &rep, status);
@@ -248,6 +259,7 @@ int tobasStatus(const char* host, int port, float timeoutSecs, tobasSTATUS* stat
   tobasCommand c;
   tobasCmdBegin(&c, "tobasStatus", timeoutSecs, status);
   tobasCmdAppend(&c, "STATUS");
+  c.retry = 1; /* asking again changes nothing on the server */
   return tobasCmdGet(&c, host, port, status);
 }
 

@@ -389,6 +389,7 @@ typedef struct {
   char (*hdr)[tobasHTTP_HDR_ROW_LEN];
   const char* auth; /* access code sent to this server, or NULL */
   float timeout;
+  long rangeFrom; /* > 0: the body is asked for from this offset on */
 } Exchange;
 
 /* Every failure of a request is logged once, with its URL. */
@@ -485,12 +486,13 @@ static int getHop(const Exchange* x, const char* userAgent, int receiveData, cha
   int fd = tobasOpenSocket(x->host, x->port);
   if (fd < 0) return tobasTraceLeave("_tobasHttpGet", urlError(x, "Error calling tobasPrepSock()", fd));
   const char* auth = x->auth;
-  char small[SMALL_REQUEST];
+  char small[SMALL_REQUEST], range[48] = "";
   int len = 0;
+  if (x->rangeFrom > 0) snprintf(range, sizeof range, "\r\nRange: bytes=%ld-", x->rangeFrom);
   /* The request line ends with a bare LF, the header with CR LF LF, and "%20" stands where POST
-   * has a blank: the servers expect these bytes. */
-  char* header = formatRequest(small, &len, "GET %s HTTP/1.0\nUser-Agent: %s%s%s\r\n\n", x->path, userAgent,
-                               auth ? "\r\nAuthorization: Basic%20" : "", auth ? auth : "");
+   * has a blank: the servers expect these bytes. The access code stays last, where the log masks it. */
+  char* header = formatRequest(small, &len, "GET %s HTTP/1.0\nUser-Agent: %s%s%s%s\r\n\n", x->path, userAgent,
+                               range, auth ? "\r\nAuthorization: Basic%20" : "", auth ? auth : "");
   int stat = sendHeader(x, fd, small, header, len, 0);
   Reader* r = NULL;
   if (stat == 0) {
@@ -514,7 +516,7 @@ int tobasGetAt(const char* host, int port, const tobasRequest* rq) {
   tobasMED_BUF curHost, nextHost;
   const char* auth = tobasGetAuthorization();
   if (host == NULL) host = "";
-  Exchange x = {curHost, port, rq->path, rq->rep, rq->replyLen, rq->resp, rq->hdr, auth, rq->timeout};
+  Exchange x = {curHost, port, rq->path, rq->rep, rq->replyLen, rq->resp, rq->hdr, auth, rq->timeout, rq->rangeFrom};
   if (tobasCopyStr(curHost, sizeof curHost, host) != 0) {
     tobasTraceEnter("_tobasHttpGet");
     return tobasTraceLeave("_tobasHttpGet", urlError(&x, "Host name too long", tobasERR_HOST));
@@ -584,7 +586,7 @@ int tobasPostAt(const char* host, int port, const tobasRequest* rq) {
   tobasTraceEnter("_tobasHttpPost");
   /* POST always identifies itself with the library's agent string, not rq->userAgent. */
   Exchange x = {host ? host : "",        port,       rq->path, rq->rep, rq->replyLen, rq->resp, rq->hdr,
-                tobasGetAuthorization(), rq->timeout};
+                tobasGetAuthorization(), rq->timeout,  0};
   resetReply(&x);
   long dataLen = rq->dataLen;
   int file = -1, fd = 0, stat = tobasSTAT_SUCCESS;

@@ -89,6 +89,7 @@ typedef struct {
   long* replyLen;
   tobasHTTP_RESP* resp;
   char (*hdr)[tobasHTTP_HDR_ROW_LEN];
+  long rangeFrom; /* GET: > 0 asks for the body from this offset on ("Range: bytes=N-") */
 } tobasRequest;
 
 /* One attempt at host:port, as _tobasHttpGet and _tobasHttpPost. */
@@ -100,6 +101,36 @@ TOBAS_HIDDEN int tobasPostTo(const char* host, int port, const tobasRequest* rq)
 /* tobasHandleStatus, with the time-out that a time-out's message names. */
 TOBAS_HIDDEN void tobasFillStatus(int retCode, tobasHTTP_DATA* repDataRef, tobasSTATUS* status,
                                   float timeout);
+
+/* The retry policy as one call took it when it began, and the attempts it has made. */
+typedef struct {
+  int maxAttempts, firstDelayMs, maxDelayMs, deadlineMs;
+  int attempts;
+  double start;
+} tobasRetry;
+TOBAS_HIDDEN void tobasRetryBegin(tobasRetry* r);
+/* After a failed attempt: its code, and the HTTP status and header of its reply (httpStatus 0 when
+ * no reply came; the header is then not looked at). 1 after the wait when another attempt is due,
+ * else 0. */
+TOBAS_HIDDEN int tobasRetryAgain(tobasRetry* r, int stat, int httpStatus, tobasHTTP_HDR hdr);
+
+/* A checksum being computed over a body as it arrives, and the value it must come to. */
+typedef struct tobasSum tobasSum;
+/* *sum NULL when no method is given. 0, tobasERR_INV_PARS (unknown method or malformed value,
+ * logged) or tobasERR_ALLOC_MEM. */
+TOBAS_HIDDEN int tobasSumNew(const char* method, const char* value, tobasSum** sum);
+/* Hands p[0..n) to the sum's thread and returns once the piece fed before is hashed: p must stay
+ * unchanged until the next call of any function below. */
+TOBAS_HIDDEN void tobasSumFeed(tobasSum* s, const void* p, size_t n);
+/* Hashes p[0..n) in the calling thread (after what was fed). */
+TOBAS_HIDDEN void tobasSumUpdate(tobasSum* s, const void* p, size_t n);
+/* Until the piece fed last is hashed. */
+TOBAS_HIDDEN void tobasSumWait(tobasSum* s);
+/* Forgets every byte hashed: the body starts again. */
+TOBAS_HIDDEN void tobasSumRestart(tobasSum* s);
+/* 0 when the bytes hashed come to the value expected, else tobasERR_CHECKSUM (logged). */
+TOBAS_HIDDEN int tobasSumCheck(tobasSum* s);
+TOBAS_HIDDEN void tobasSumFree(tobasSum* s);
 
 /* Parsers of what servers send, exported for the fuzz targets (not part of the public API). */
 
@@ -137,6 +168,7 @@ typedef struct {
   char* enc;  /* tobasHUGE_BUF */
   int stat;
   float timeout; /* the command's reply time-out */
+  int retry;     /* the process's retry policy applies (commands safe to repeat) */
 } tobasCommand;
 
 /* Writes the entering trace of fn, takes the command's reply time-out and clears the status. */

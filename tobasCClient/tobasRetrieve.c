@@ -1,6 +1,9 @@
 /* Retrieval of a file from an archive server into the local file system. The body is written
  * under a temporary name beside the target and renamed into place once it is complete, so that a
- * failed retrieval leaves nothing under the final name. */
+ * failed retrieval leaves nothing under the final name. A retrieval that breaks off goes on where
+ * it stopped ("Range: bytes=N-") when the retry policy grants another attempt, and across calls
+ * from "<final name>.part" when resuming is asked for; a checksum, when one is expected, is computed
+ * as the bytes arrive. */
 #define _GNU_SOURCE
 #include <errno.h>
 #include <fcntl.h>
@@ -11,6 +14,7 @@
 #include <string.h>
 #include <sys/param.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "tobasInternal.h"
@@ -97,32 +101,50 @@ static int createTemp(const char* final, char* temp, size_t tempSize) {
 
 /* ------------------------------------------------------------------ copying the body */
 
-/* Copies the socket's next `*left` bytes into the file through one buffer of TOBAS_IO_CHUNK. Each
- * wait for data is bounded by the reply time-out, counted from the last data received; a connection
- * closed early ends the copy at once. Plain reads and writes: a splice through a pipe saved the copy
- * into this process but took as long again in one pass out of two, and the bytes must pass through
- * here anyway wherever they are to be looked at. */
-static int copyBody(int sock, int out, long* left, float timeout) {
-  char* buf = malloc(TOBAS_IO_CHUNK);
+/* The piece of the buffer just filled goes to the checksum (when there is one), and the other piece
+ * takes the next bytes while it is hashed. Without a checksum the one piece is used again. */
+static char* handOver(tobasSum* sum, char* buf, char* piece, size_t* fill) {
+  if (sum != NULL) tobasSumFeed(sum, piece, *fill);
+  *fill = 0;
+  return sum == NULL ? piece : piece == buf ? buf + TOBAS_IO_CHUNK : buf;
+}
+
+/* Copies the socket's next `*left` bytes into the file through a buffer of TOBAS_IO_CHUNK (two with
+ * a checksum: one is hashed while the other fills). Each wait for data is bounded by the reply
+ * time-out, counted from the last data received; a connection closed early ends the copy at once,
+ * and what was written up to then is hashed all the same, so that a later attempt can go on from
+ * it. Plain reads and writes: a splice through a pipe saved the copy into this process but took as
+ * long again in one pass out of two, and the bytes must pass through here anyway to be hashed. */
+static int copyBody(int sock, int out, long* left, float timeout, tobasSum* sum) {
+  char* buf = malloc(sum != NULL ? 2 * (size_t)TOBAS_IO_CHUNK : TOBAS_IO_CHUNK);
   if (buf == NULL) return tobasERR_ALLOC_MEM;
+  char* piece = buf;
+  size_t fill = 0;
   double lastData = tobasNow();
   int stat = tobasSTAT_SUCCESS;
   while (*left > 0 && stat == 0) {
     const double wait = lastData + timeout - tobasNow();
     stat = wait > 0 ? _pollFd(sock, (float)wait) : tobasERR_TIMEOUT;
     if (stat != 0) break;
-    ssize_t n = recv(sock, buf, *left < TOBAS_IO_CHUNK ? (size_t)*left : TOBAS_IO_CHUNK, MSG_DONTWAIT);
+    ssize_t n = recv(sock, piece + fill, MIN((size_t)*left, TOBAS_IO_CHUNK - fill), MSG_DONTWAIT);
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) continue; /* woken without data */
     if (n < 0) {
       stat = tobasERR_RD_DATA;
     } else if (n == 0) {
       tobasLogError("Connection closed with %ld bytes of the body missing", *left);
       stat = tobasERR_RD_DATA;
+    } else if (tobasWriteAll(out, piece + fill, (size_t)n) != 0) {
+      stat = tobasERR_FILE;
     } else {
       lastData = tobasNow();
       *left -= n;
-      if (tobasWriteAll(out, buf, (size_t)n) != 0) stat = tobasERR_FILE;
+      fill += (size_t)n;
+      if (fill == TOBAS_IO_CHUNK) piece = handOver(sum, buf, piece, &fill);
     }
+  }
+  if (sum != NULL) {
+    if (fill > 0) handOver(sum, buf, piece, &fill);
+    tobasSumWait(sum); /* the buffer goes */
   }
   free(buf);
   return stat;
@@ -141,7 +163,7 @@ static void drain(int fd, long left, float timeout) {
 
 /* ------------------------------------------------------------------ retrieval */
 
-/* One retrieval: the reply structures and the names of the file. */
+/* One retrieval: the reply structures, the names of the file and what of it is here. */
 typedef struct {
   tobasHTTP_DATA rep;
   long len, left;
@@ -150,13 +172,52 @@ typedef struct {
   char temp[tobasBIG_BUF_SIZE + 64];
   tobasHTTP_RESP resp;
   tobasHTTP_HDR hdr;
+  int out;    /* the file being written, -1 before the first body */
+  long have;  /* bytes in it */
+  long total; /* the whole file's size once a reply told it, else -1 */
+  int resume; /* "<final>.part" is kept after a failure and gone on from */
+  tobasSum* sum;
 } Retrieval;
 
-/* Only a 200 reply that announces the length of its body is written to a file (a body without a
- * length cannot be told from one cut short); any other reply fails the retrieval. */
+/* A reply that cannot be used, where a new request at once (for the whole file, or for the rest
+ * of a partial file found) can. */
+#define ASK_AGAIN 1
+/* Requests of one attempt: the first, one to resume a partial file found by the name the reply
+ * gave, one for the whole file after a reply with the wrong part. */
+#define ASKS 3
+
+/* Forgets the bytes of the file: the body starts again from its first byte. */
+static int startOver(Retrieval* rt) {
+  tobasLogInfo(LEV3, "Retrieval starts again from the first byte of %s", rt->final);
+  rt->have = 0;
+  if (rt->sum != NULL) tobasSumRestart(rt->sum);
+  return ftruncate(rt->out, 0) == 0 && lseek(rt->out, 0, SEEK_SET) == 0 ? tobasSTAT_SUCCESS : tobasERR_FILE;
+}
+
+/* A 206 reply is the rest of the file only when its range starts where the file ends and runs to
+ * the end of a file of the size known; otherwise the file is started again. */
+static int acceptPartial(Retrieval* rt) {
+  tobasMED_BUF range;
+  long from = -1, last = -1, total = -1;
+  if (tobasGetHttpHdrEntry(rt->hdr, "content-range", "", range) != 0 ||
+      sscanf(range, "bytes %ld-%ld/%ld", &from, &last, &total) != 3 || from != rt->have || last != total - 1 ||
+      rt->len != total - from || (rt->total >= 0 && total != rt->total)) {
+    tobasLogError("Reply holds another part of the file than the rest from byte %ld", rt->have);
+    rt->left = 0; /* not worth reading */
+    const int stat = startOver(rt);
+    return stat != 0 ? stat : ASK_AGAIN;
+  }
+  rt->total = total;
+  return tobasSTAT_SUCCESS;
+}
+
+/* Only a 200 reply, or a 206 one to a request for the rest, that announces the length of its body
+ * is written to a file (a body without a length cannot be told from one cut short); any other
+ * reply fails the attempt. */
 static int acceptReply(Retrieval* rt) {
   tobasMED_BUF length;
-  if (rt->resp.status != tobasSRV_OK) {
+  const int partial = rt->resp.status == tobasSRV_PARTIAL && rt->have > 0;
+  if (rt->resp.status != tobasSRV_OK && !partial) {
     tobasLogError("Retrieval refused by the server: %d %s", rt->resp.status, rt->resp.message);
     return tobasERR_INV_REPLY;
   }
@@ -164,24 +225,112 @@ static int acceptReply(Retrieval* rt) {
     tobasLogError("Reply announces no length of the file");
     return tobasERR_INV_REPLY;
   }
-  return tobasSTAT_SUCCESS;
+  return partial ? acceptPartial(rt) : tobasSTAT_SUCCESS;
 }
 
-/* Writes the body of the reply into the target file. */
-static int receiveFile(Retrieval* rt, const char* targetFile) {
+/* "<final>.part": a new file, or the one an earlier call left when it is a plain file of its own
+ * (never a link), positioned at its end; its size into rt->have. The descriptor, or -1. */
+static int openPart(Retrieval* rt) {
+  struct stat st;
+  if (snprintf(rt->temp, sizeof rt->temp, "%s.part", rt->final) >= (int)sizeof rt->temp) return -1;
+  int fd = open(rt->temp, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0664);
+  if (fd >= 0 &&
+      (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 || lseek(fd, 0, SEEK_END) < 0)) {
+    close(fd);
+    return -1;
+  }
+  if (fd >= 0) rt->have = (long)st.st_size;
+  return fd;
+}
+
+/* The checksum of the bytes an earlier call left in the file. */
+static int hashPart(Retrieval* rt) {
+  char* buf = malloc(TOBAS_IO_CHUNK);
+  if (buf == NULL) return tobasERR_ALLOC_MEM;
+  long at = 0;
+  while (at < rt->have) {
+    ssize_t n = pread(rt->out, buf, (size_t)MIN(rt->have - at, (long)TOBAS_IO_CHUNK), at);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    tobasSumUpdate(rt->sum, buf, (size_t)n);
+    at += n;
+  }
+  free(buf);
+  return at == rt->have ? tobasSTAT_SUCCESS : tobasERR_FILE;
+}
+
+/* Opens the file the body goes into, named after the final name. */
+static int openTarget(Retrieval* rt, const char* targetFile) {
   int stat = targetName(targetFile, rt->hdr, rt->final);
-  int out = stat == 0 ? createTemp(rt->final, rt->temp, sizeof rt->temp) : -1;
-  if (stat == 0 && out < 0) {
+  if (stat != 0) return stat;
+  rt->out = rt->resume ? openPart(rt) : createTemp(rt->final, rt->temp, sizeof rt->temp);
+  if (rt->out < 0) {
+    tobasLogError("Cannot create target file: %s", rt->final);
+    return tobasERR_INV_TARG_FILE;
+  }
+  if (rt->have > 0) tobasLogInfo(LEV3, "Going on from byte %ld of %s", rt->have, rt->temp);
+  return rt->have > 0 && rt->sum != NULL ? hashPart(rt) : tobasSTAT_SUCCESS;
+}
+
+/* Closes the connection of an earlier request without reading on. */
+static void hangUp(Retrieval* rt) {
+  if (rt->rep.fd > 0) close(rt->rep.fd);
+  free(rt->rep.pdata);
+  rt->rep.fd = 0;
+  rt->rep.pdata = NULL;
+}
+
+/* One request: for the rest of the file when part of it is here, else for all of it; its body is
+ * appended to the file. */
+static int exchange(Retrieval* rt, const char* host, int port, const char* path, const char* targetFile) {
+  hangUp(rt);
+  rt->len = 0;
+  rt->resp.status = 0;
+  const tobasRequest rq = {rt->timeout, tobasUSER_AGENT, path,     0,         NULL,   NULL,    NULL,
+                           NULL,        0,               &rt->rep, &rt->len, &rt->resp, rt->hdr, rt->have};
+  int stat = tobasGetFrom(host, port, &rq);
+  if (stat != 0) tobasLogError("Error invoking tobasHttpGet(). Host:port/URL: %s:%d/%s", host, port, path);
+  rt->left = rt->len;
+  if (stat == 0) stat = acceptReply(rt);
+  if (stat == 0 && rt->out < 0) {
+    stat = openTarget(rt, targetFile);
+    if (stat == 0 && rt->have > 0) {
+      rt->left = 0; /* the whole file came, and part of it is here already */
+      return ASK_AGAIN;
+    }
+  }
+  if (stat == 0 && rt->resp.status == tobasSRV_OK) {
+    if (rt->have > 0) stat = startOver(rt);
+    rt->total = rt->len;
+  }
+  if (stat != 0) return stat;
+  const long before = rt->left;
+  stat = copyBody(rt->rep.fd, rt->out, &rt->left, rt->timeout, rt->sum);
+  rt->have += before - rt->left;
+  return stat;
+}
+
+static int attempt(Retrieval* rt, const char* host, int port, const char* path, const char* targetFile) {
+  int stat = ASK_AGAIN;
+  for (int asks = 0; stat == ASK_AGAIN && asks < ASKS; ++asks) stat = exchange(rt, host, port, path, targetFile);
+  return stat == ASK_AGAIN ? tobasERR_INV_REPLY : stat;
+}
+
+/* Closes the file: renamed into place after a retrieval that succeeded (and whose checksum, when one
+ * is expected, matches); after one that failed removed, or kept with what arrived when resuming. */
+static int closeTarget(Retrieval* rt, int stat) {
+  if (rt->out < 0) return stat;
+  if (stat == 0 && rt->sum != NULL) stat = tobasSumCheck(rt->sum);
+  if (close(rt->out) != 0 && stat == 0) stat = tobasERR_FILE;
+  rt->out = -1;
+  if (stat == 0 && rename(rt->temp, rt->final) != 0) {
     tobasLogError("Cannot create target file: %s", rt->final);
     stat = tobasERR_INV_TARG_FILE;
   }
-  if (stat == 0) stat = copyBody(rt->rep.fd, out, &rt->left, rt->timeout);
-  if (out >= 0 && close(out) != 0 && stat == 0) stat = tobasERR_FILE;
-  if (out >= 0 && stat == 0 && rename(rt->temp, rt->final) != 0) {
-    tobasLogError("Cannot create target file: %s", rt->final);
-    stat = tobasERR_INV_TARG_FILE;
-  }
-  if (out >= 0 && stat != 0) unlink(rt->temp);
+  if (stat != 0 && rt->resume && rt->have > 0 && stat != tobasERR_CHECKSUM)
+    tobasLogInfo(LEV1, "Partial file kept: %s (%ld bytes)", rt->temp, rt->have);
+  else if (stat != 0)
+    unlink(rt->temp);
   return stat;
 }
 
@@ -202,48 +351,82 @@ static void retrievalStatus(int stat, Retrieval* rt, tobasSTATUS* status) {
   status->errorCode = tobasSTAT_SUCCESS;
 }
 
-int _tobasRetrieve2File(const char* host, int port, float timeoutSecs, const char* cmdName,
-                        const char* fileId, int fileVersion, const char* processing,
-                        const char* processingPars, const char* targetFile, char* finalTargetFile,
-                        int internal, const char* hostId, tobasSTATUS* status) {
+/* A retrieval with the attempts the retry policy grants. A file named by the caller is opened
+ * before the first request when resuming, so that it asks for the rest of a partial file at once. */
+static int retrieveWith(const char* fn, const char* host, int port, float timeoutSecs, const char* cmdName,
+                        const char* fileId, int fileVersion, const char* processing, const char* processingPars,
+                        const char* targetFile, char* finalTargetFile, int internal, const char* hostId,
+                        const tobasRETRIEVE_OPTS* opts, tobasSTATUS* status) {
   tobasCommand c;
-  tobasCmdBegin(&c, "_tobasRetrieve2File", timeoutSecs, status);
+  tobasCmdBegin(&c, fn, timeoutSecs, status);
   if (finalTargetFile) finalTargetFile[0] = '\0';
   retrievePath(&c, cmdName, fileId, fileVersion, processing, processingPars, internal, hostId);
   Retrieval* rt = c.stat == 0 ? malloc(sizeof *rt) : NULL;
   if (c.stat == 0 && rt == NULL) c.stat = tobasERR_ALLOC_MEM;
-  if (c.stat != 0) return tobasCmdRefuse(&c, c.stat, status);
+  if (c.stat == 0) c.stat = tobasSumNew(opts ? opts->checksumMethod : NULL, opts ? opts->checksum : NULL, &rt->sum);
+  if (c.stat != 0) {
+    free(rt);
+    return tobasCmdRefuse(&c, c.stat, status);
+  }
   rt->rep.pdata = NULL;
   rt->rep.fd = 0;
-  rt->len = 0;
+  rt->len = rt->left = rt->have = 0;
+  rt->total = -1;
+  rt->out = -1;
+  rt->resume = opts != NULL && opts->resume;
   rt->timeout = c.timeout;
-  const tobasRequest rq = {c.timeout, tobasUSER_AGENT, c.path,   0,         NULL,   NULL, NULL, NULL,
-                           0,         &rt->rep,        &rt->len, &rt->resp, rt->hdr};
-  int stat = tobasGetFrom(host, port, &rq);
-  if (stat != 0) tobasLogError("Error invoking tobasHttpGet(). Host:port/URL: %s:%d/%s", host, port, c.path);
-  rt->left = rt->len;
-  if (stat == 0) stat = acceptReply(rt);
-  if (stat == 0) stat = receiveFile(rt, targetFile);
+  int stat = rt->resume && given(targetFile) && !tobasIsDir(targetFile) ? openTarget(rt, targetFile) : 0;
+  tobasRetry retry;
+  tobasRetryBegin(&retry);
+  while (stat == 0) {
+    stat = attempt(rt, host, port, c.path, targetFile);
+    if (stat == 0 || !tobasRetryAgain(&retry, stat, rt->resp.status, rt->hdr)) break;
+    stat = 0;
+  }
+  stat = closeTarget(rt, stat);
   if (stat == 0 && finalTargetFile) strcpy(finalTargetFile, rt->final);
   retrievalStatus(stat, rt, status);
+  tobasSumFree(rt->sum);
   free(rt);
   free(c.path);
   return tobasTraceLeave(c.fn, stat);
 }
 
+int _tobasRetrieve2File(const char* host, int port, float timeoutSecs, const char* cmdName,
+                        const char* fileId, int fileVersion, const char* processing,
+                        const char* processingPars, const char* targetFile, char* finalTargetFile,
+                        int internal, const char* hostId, tobasSTATUS* status) {
+  return retrieveWith("_tobasRetrieve2File", host, port, timeoutSecs, cmdName, fileId, fileVersion, processing,
+                      processingPars, targetFile, finalTargetFile, internal, hostId, NULL, status);
+}
+
 int tobasRetrieve2File(const char* host, int port, float timeoutSecs, const char* fileId, int fileVersion,
                        const char* processing, const char* processingPars, const char* targetFile,
                        char* finalTargetFile, tobasSTATUS* status) {
+  return tobasRetrieve2FileOpts(host, port, timeoutSecs, fileId, fileVersion, processing, processingPars,
+                                targetFile, finalTargetFile, NULL, status);
+}
+
+int tobasRetrieve2FileOpts(const char* host, int port, float timeoutSecs, const char* fileId, int fileVersion,
+                           const char* processing, const char* processingPars, const char* targetFile,
+                           char* finalTargetFile, const tobasRETRIEVE_OPTS* opts, tobasSTATUS* status) {
   tobasTraceEnter("tobasRetrieve2File");
-  return tobasTraceLeave(
-      "tobasRetrieve2File",
-      _tobasRetrieve2File(host, port, timeoutSecs, "RETRIEVE", fileId, fileVersion, processing,
-                          processingPars, targetFile, finalTargetFile, 0, "", status));
+  return tobasTraceLeave("tobasRetrieve2File",
+                         retrieveWith("_tobasRetrieve2File", host, port, timeoutSecs, "RETRIEVE", fileId,
+                                      fileVersion, processing, processingPars, targetFile, finalTargetFile, 0,
+                                      "", opts, status));
 }
 
 int tobasGenRetrieve2File(const char* host, int port, float timeoutSecs, int cmdCode,
                           const tobasPAR_ARRAY* parArray, const char* targetFile, char* finalTargetFile,
                           tobasSTATUS* status) {
+  return tobasGenRetrieve2FileOpts(host, port, timeoutSecs, cmdCode, parArray, targetFile, finalTargetFile, NULL,
+                                   status);
+}
+
+int tobasGenRetrieve2FileOpts(const char* host, int port, float timeoutSecs, int cmdCode,
+                              const tobasPAR_ARRAY* parArray, const char* targetFile, char* finalTargetFile,
+                              const tobasRETRIEVE_OPTS* opts, tobasSTATUS* status) {
   tobasSMALL_BUF cmdName;
   if (tobasCmd2Str(cmdCode, cmdName) != 0) {
     tobasCommand c;
@@ -255,9 +438,9 @@ int tobasGenRetrieve2File(const char* host, int port, float timeoutSecs, int cmd
   const char* internalId = tobasGetParVal(parArray, "internal");
   const char* version = tobasGetParVal(parArray, "file_version");
   int internal = fileId == NULL && internalId != NULL;
-  int stat = _tobasRetrieve2File(host, port, timeoutSecs, cmdName, internal ? internalId : fileId,
-                                 given(version) ? atoi(version) : -1, tobasGetParVal(parArray, "processing"),
-                                 tobasGetParVal(parArray, "processing_pars"), targetFile, finalTargetFile,
-                                 internal, tobasGetParVal(parArray, "host_id"), status);
+  int stat = retrieveWith("_tobasRetrieve2File", host, port, timeoutSecs, cmdName, internal ? internalId : fileId,
+                          given(version) ? atoi(version) : -1, tobasGetParVal(parArray, "processing"),
+                          tobasGetParVal(parArray, "processing_pars"), targetFile, finalTargetFile, internal,
+                          tobasGetParVal(parArray, "host_id"), opts, status);
   return tobasTraceLeave("tobasGenRetrieve2File", stat);
 }

@@ -211,7 +211,7 @@ int tobasPostTo(const char* host, int port, const tobasRequest* rq) {
   int fnName(const char* host, int port, const char* userAgent, const char* path, int receiveData,         \
              tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp, tobasHTTP_HDR httpHdr) { \
     const tobasRequest rq = {_getTimeOut(), userAgent, path,       receiveData, NULL,     NULL,   NULL,    \
-                             NULL,          0,         repDataRef, dataLen,     httpResp, httpHdr};        \
+                             NULL,          0,         repDataRef, dataLen,     httpResp, httpHdr, 0};        \
     return send(host, port, &rq);                                                                          \
   }
 
@@ -221,7 +221,7 @@ int tobasPostTo(const char* host, int port, const tobasRequest* rq) {
              tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp, tobasHTTP_HDR httpHdr) { \
     const tobasRequest rq = {_getTimeOut(), userAgent,   path,   0,       mimeType,                         \
                              contentDisp,   srcFilename, data,   dataLen, repDataRef,                       \
-                             replyLen,      httpResp,    httpHdr};                                          \
+                             replyLen,      httpResp,    httpHdr, 0};                                          \
     return send(host, port, &rq);                                                                           \
   }
 

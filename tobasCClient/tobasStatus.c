@@ -129,6 +129,7 @@ static const struct {
     {tobasERR_UNKNOWN_CMD, "Unknown command issued"},
     {tobasERR_INV_TARG_FILE, "Invalid target filename specified"},
     {tobasERR_INV_PARS, "Illegal parameters given"},
+    {tobasERR_CHECKSUM, "Checksum of the retrieved file does not match"},
     {tobasERR_OPEN_LOG_FILE, "Could not open specified log file"},
     {tobasSRV_OK, "Request sucessfully handled by server"},
     {tobasSRV_INV_QUERY, "Invalid query"},

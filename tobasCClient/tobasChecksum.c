@@ -1,0 +1,249 @@
+/* Checksums of retrieved files: CRC-32 from zlib, MD5 and SHA-256 from nettle. A retrieval hands
+ * each piece of the body over as it is written; a thread of the sum hashes it while the next piece
+ * is read from the network, so that the check costs the transfer little as long as the hash keeps
+ * pace with the network. */
+#define _GNU_SOURCE
+#include <ctype.h>
+#include <errno.h>
+#include <limits.h>
+#include <nettle/md5.h>
+#include <nettle/sha2.h>
+#include <pthread.h>
+#include <stdint.h>
+#include <stdlib.h>
+#include <string.h>
+#include <strings.h>
+#include <zlib.h>
+
+#include "tobasInternal.h"
+
+typedef enum { SUM_CRC32, SUM_MD5, SUM_SHA256 } SumKind;
+
+static const struct {
+  const char* name;
+  SumKind kind;
+  size_t size; /* digest bytes */
+} kMethods[] = {{"crc32", SUM_CRC32, 4}, {"md5", SUM_MD5, MD5_DIGEST_SIZE}, {"sha256", SUM_SHA256, SHA256_DIGEST_SIZE}};
+#define METHODS (sizeof kMethods / sizeof kMethods[0])
+#define MAX_DIGEST SHA256_DIGEST_SIZE
+
+struct tobasSum {
+  SumKind kind;
+  size_t size;
+  unsigned char want[MAX_DIGEST];
+  union {
+    uLong crc;
+    struct md5_ctx md5;
+    struct sha256_ctx sha;
+  } ctx;
+  /* The hashing thread and the one piece it is given at a time. */
+  pthread_mutex_t mutex;
+  pthread_cond_t changed;
+  pthread_t thread;
+  int started, stop;
+  const unsigned char* piece; /* NULL: the thread is idle */
+  size_t pieceLen;
+};
+
+static int methodIndex(const char* name) {
+  for (size_t i = 0; name != NULL && i < METHODS; ++i)
+    if (strcasecmp(name, kMethods[i].name) == 0) return (int)i;
+  return -1;
+}
+
+int tobasChecksumMethodKnown(const char* name) { return methodIndex(name) >= 0; }
+
+static void update(tobasSum* s, const unsigned char* p, size_t n) {
+  switch (s->kind) {
+    case SUM_CRC32:
+      /* zlib takes lengths as uInt: hash a long piece in parts. */
+      for (size_t part; n > 0; p += part, n -= part) {
+        part = n < UINT_MAX ? n : UINT_MAX;
+        s->ctx.crc = crc32(s->ctx.crc, p, (uInt)part);
+      }
+      break;
+    case SUM_MD5:
+      md5_update(&s->ctx.md5, n, p);
+      break;
+    case SUM_SHA256:
+      sha256_update(&s->ctx.sha, n, p);
+      break;
+  }
+}
+
+static void restart(tobasSum* s) {
+  switch (s->kind) {
+    case SUM_CRC32:
+      s->ctx.crc = crc32(0L, Z_NULL, 0);
+      break;
+    case SUM_MD5:
+      md5_init(&s->ctx.md5);
+      break;
+    case SUM_SHA256:
+      sha256_init(&s->ctx.sha);
+      break;
+  }
+}
+
+static int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  c = (char)tolower((unsigned char)c);
+  return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
+}
+
+/* Hex digits of exactly `size` bytes into out. */
+static int parseHex(const char* text, unsigned char* out, size_t size) {
+  if (strlen(text) != 2 * size) return -1;
+  for (size_t i = 0; i < size; ++i) {
+    const int hi = hexValue(text[2 * i]), lo = hexValue(text[2 * i + 1]);
+    if (hi < 0 || lo < 0) return -1;
+    out[i] = (unsigned char)(hi << 4 | lo);
+  }
+  return 0;
+}
+
+/* A CRC-32 as a decimal number, signed (as some tools print it) or not, or as "0x" and hex. */
+static int parseCrc(const char* text, unsigned char* out) {
+  uint32_t v;
+  if (strncasecmp(text, "0x", 2) == 0 && strlen(text) <= 10 && strlen(text) > 2) {
+    unsigned char digits[4] = {0};
+    char padded[9] = "00000000";
+    memcpy(padded + 8 - (strlen(text) - 2), text + 2, strlen(text) - 2);
+    if (parseHex(padded, digits, 4) != 0) return -1;
+    v = (uint32_t)digits[0] << 24 | (uint32_t)digits[1] << 16 | (uint32_t)digits[2] << 8 | digits[3];
+  } else {
+    char* end;
+    errno = 0;
+    const long long n = strtoll(text, &end, 10);
+    if (!isdigit((unsigned char)text[text[0] == '-']) || *end != '\0' || errno != 0 || n < INT32_MIN ||
+        n > (long long)UINT32_MAX)
+      return -1;
+    v = (uint32_t)n;
+  }
+  for (int i = 0; i < 4; ++i) out[i] = (unsigned char)(v >> (24 - 8 * i));
+  return 0;
+}
+
+int tobasSumNew(const char* method, const char* value, tobasSum** sum) {
+  *sum = NULL;
+  if (method == NULL || method[0] == '\0') return tobasSTAT_SUCCESS;
+  const int i = methodIndex(method);
+  if (i < 0) {
+    tobasLogError("Unknown checksum method: %s", method);
+    return tobasERR_INV_PARS;
+  }
+  tobasSum* s = calloc(1, sizeof *s);
+  if (s == NULL) return tobasERR_ALLOC_MEM;
+  s->kind = kMethods[i].kind;
+  s->size = kMethods[i].size;
+  const int bad = value == NULL || (s->kind == SUM_CRC32 ? parseCrc(value, s->want) : parseHex(value, s->want, s->size));
+  if (bad) {
+    tobasLogError("Malformed %s checksum: %s", kMethods[i].name, value != NULL ? value : "(none)");
+    free(s);
+    return tobasERR_INV_PARS;
+  }
+  pthread_mutex_init(&s->mutex, NULL);
+  pthread_cond_init(&s->changed, NULL);
+  restart(s);
+  *sum = s;
+  return tobasSTAT_SUCCESS;
+}
+
+static void* hashing(void* arg) {
+  tobasSum* s = arg;
+  pthread_mutex_lock(&s->mutex);
+  for (;;) {
+    while (s->piece == NULL && !s->stop) pthread_cond_wait(&s->changed, &s->mutex);
+    if (s->piece == NULL) break;
+    const unsigned char* p = s->piece;
+    const size_t n = s->pieceLen;
+    pthread_mutex_unlock(&s->mutex);
+    update(s, p, n);
+    pthread_mutex_lock(&s->mutex);
+    s->piece = NULL;
+    pthread_cond_broadcast(&s->changed);
+  }
+  pthread_mutex_unlock(&s->mutex);
+  return NULL;
+}
+
+/* Until the thread has hashed the piece it was given; called with the mutex held. */
+static void awaitIdle(tobasSum* s) {
+  while (s->piece != NULL) pthread_cond_wait(&s->changed, &s->mutex);
+}
+
+void tobasSumWait(tobasSum* s) {
+  pthread_mutex_lock(&s->mutex);
+  awaitIdle(s);
+  pthread_mutex_unlock(&s->mutex);
+}
+
+void tobasSumFeed(tobasSum* s, const void* p, size_t n) {
+  pthread_mutex_lock(&s->mutex);
+  awaitIdle(s);
+  if (!s->started) s->started = pthread_create(&s->thread, NULL, hashing, s) == 0 ? 1 : -1;
+  if (s->started < 0) {
+    pthread_mutex_unlock(&s->mutex);
+    update(s, p, n); /* no thread to be had: hash here */
+    return;
+  }
+  s->piece = p;
+  s->pieceLen = n;
+  pthread_cond_broadcast(&s->changed);
+  pthread_mutex_unlock(&s->mutex);
+}
+
+void tobasSumUpdate(tobasSum* s, const void* p, size_t n) {
+  tobasSumWait(s);
+  update(s, p, n);
+}
+
+void tobasSumRestart(tobasSum* s) {
+  tobasSumWait(s);
+  restart(s);
+}
+
+/* Digest bytes as lower-case hex into text (2 * size + 1 bytes). */
+static void toHex(const unsigned char* d, size_t size, char* text) {
+  static const char digits[] = "0123456789abcdef";
+  for (size_t i = 0; i < size; ++i) {
+    text[2 * i] = digits[d[i] >> 4];
+    text[2 * i + 1] = digits[d[i] & 15];
+  }
+  text[2 * size] = '\0';
+}
+
+int tobasSumCheck(tobasSum* s) {
+  unsigned char got[MAX_DIGEST];
+  tobasSumWait(s);
+  switch (s->kind) {
+    case SUM_CRC32:
+      for (int i = 0; i < 4; ++i) got[i] = (unsigned char)(s->ctx.crc >> (24 - 8 * i));
+      break;
+    case SUM_MD5:
+      md5_digest(&s->ctx.md5, MD5_DIGEST_SIZE, got);
+      break;
+    case SUM_SHA256:
+      sha256_digest(&s->ctx.sha, SHA256_DIGEST_SIZE, got);
+      break;
+  }
+  if (memcmp(got, s->want, s->size) == 0) return tobasSTAT_SUCCESS;
+  char want[2 * MAX_DIGEST + 1], have[2 * MAX_DIGEST + 1];
+  toHex(s->want, s->size, want);
+  toHex(got, s->size, have);
+  tobasLogError("Checksum mismatch of the retrieved file: expected %s, got %s", want, have);
+  return tobasERR_CHECKSUM;
+}
+
+void tobasSumFree(tobasSum* s) {
+  if (s == NULL) return;
+  pthread_mutex_lock(&s->mutex);
+  awaitIdle(s);
+  s->stop = 1;
+  pthread_cond_broadcast(&s->changed);
+  pthread_mutex_unlock(&s->mutex);
+  if (s->started > 0) pthread_join(s->thread, NULL);
+  pthread_cond_destroy(&s->changed);
+  pthread_mutex_destroy(&s->mutex);
+  free(s);
+}
