@@ -385,8 +385,8 @@ typedef struct {
    * such a file ("Range: bytes=N-") when one is there. Without it a failure leaves nothing.
    * Within one call, retries always go on from where the previous attempt broke off. */
   int resume;
-  /* Expected checksum and its method: "crc32", "md5" or "sha256" (any case). The checksum is computed while the bytes
-   * arrive; a mismatch fails the retrieval with tobasERR_CHECKSUM and leaves no file. NULL or "":
+  /* Expected checksum and its method: "crc32", "md5" or "sha256" (any case). The checksum is computed while
+   * the bytes arrive; a mismatch fails the retrieval with tobasERR_CHECKSUM and leaves no file. NULL or "":
    * no check. Values: crc32 a decimal number (signed or not) or "0x" and hex digits; md5 and
    * sha256 hex digits (any case). */
   const char* checksumMethod;

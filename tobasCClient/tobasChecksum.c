@@ -23,7 +23,8 @@ static const struct {
   const char* name;
   SumKind kind;
   size_t size; /* digest bytes */
-} kMethods[] = {{"crc32", SUM_CRC32, 4}, {"md5", SUM_MD5, MD5_DIGEST_SIZE}, {"sha256", SUM_SHA256, SHA256_DIGEST_SIZE}};
+} kMethods[] = {
+    {"crc32", SUM_CRC32, 4}, {"md5", SUM_MD5, MD5_DIGEST_SIZE}, {"sha256", SUM_SHA256, SHA256_DIGEST_SIZE}};
 #define METHODS (sizeof kMethods / sizeof kMethods[0])
 #define MAX_DIGEST SHA256_DIGEST_SIZE
 
@@ -136,7 +137,8 @@ int tobasSumNew(const char* method, const char* value, tobasSum** sum) {
   if (s == NULL) return tobasERR_ALLOC_MEM;
   s->kind = kMethods[i].kind;
   s->size = kMethods[i].size;
-  const int bad = value == NULL || (s->kind == SUM_CRC32 ? parseCrc(value, s->want) : parseHex(value, s->want, s->size));
+  const int bad =
+      value == NULL || (s->kind == SUM_CRC32 ? parseCrc(value, s->want) : parseHex(value, s->want, s->size));
   if (bad) {
     tobasLogError("Malformed %s checksum: %s", kMethods[i].name, value != NULL ? value : "(none)");
     free(s);

@@ -173,7 +173,7 @@ static int cmdPost(tobasCommand* c, const char* host, int port, const char* mime
   int stat = tobasERR_ALLOC_MEM;
   if (b != NULL) {
     const tobasRequest rq = {c->timeout, tobasUSER_AGENT, c->path, 0,    mimeType, contentDisp, srcFilename,
-                             data,       dataLen,         &rep,    &len, &b->resp, b->hdr, 0};
+                             data,       dataLen,         &rep,    &len, &b->resp, b->hdr,      0};
     stat = tobasPostTo(host, port, &rq);
   }
   takeReply(c, stat, &rep, status);

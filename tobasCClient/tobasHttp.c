@@ -516,7 +516,8 @@ int tobasGetAt(const char* host, int port, const tobasRequest* rq) {
   tobasMED_BUF curHost, nextHost;
   const char* auth = tobasGetAuthorization();
   if (host == NULL) host = "";
-  Exchange x = {curHost, port, rq->path, rq->rep, rq->replyLen, rq->resp, rq->hdr, auth, rq->timeout, rq->rangeFrom};
+  Exchange x = {curHost,  port,    rq->path, rq->rep,     rq->replyLen,
+                rq->resp, rq->hdr, auth,     rq->timeout, rq->rangeFrom};
   if (tobasCopyStr(curHost, sizeof curHost, host) != 0) {
     tobasTraceEnter("_tobasHttpGet");
     return tobasTraceLeave("_tobasHttpGet", urlError(&x, "Host name too long", tobasERR_HOST));
@@ -585,8 +586,8 @@ static int recvPostReply(const Exchange* x, int* fd) {
 int tobasPostAt(const char* host, int port, const tobasRequest* rq) {
   tobasTraceEnter("_tobasHttpPost");
   /* POST always identifies itself with the library's agent string, not rq->userAgent. */
-  Exchange x = {host ? host : "",        port,       rq->path, rq->rep, rq->replyLen, rq->resp, rq->hdr,
-                tobasGetAuthorization(), rq->timeout,  0};
+  Exchange x = {host ? host : "",        port,        rq->path, rq->rep, rq->replyLen, rq->resp, rq->hdr,
+                tobasGetAuthorization(), rq->timeout, 0};
   resetReply(&x);
   long dataLen = rq->dataLen;
   int file = -1, fd = 0, stat = tobasSTAT_SUCCESS;

@@ -200,8 +200,8 @@ static int acceptPartial(Retrieval* rt) {
   tobasMED_BUF range;
   long from = -1, last = -1, total = -1;
   if (tobasGetHttpHdrEntry(rt->hdr, "content-range", "", range) != 0 ||
-      sscanf(range, "bytes %ld-%ld/%ld", &from, &last, &total) != 3 || from != rt->have || last != total - 1 ||
-      rt->len != total - from || (rt->total >= 0 && total != rt->total)) {
+      sscanf(range, "bytes %ld-%ld/%ld", &from, &last, &total) != 3 || from != rt->have ||
+      last != total - 1 || rt->len != total - from || (rt->total >= 0 && total != rt->total)) {
     tobasLogError("Reply holds another part of the file than the rest from byte %ld", rt->have);
     rt->left = 0; /* not worth reading */
     const int stat = startOver(rt);
@@ -286,8 +286,8 @@ static int exchange(Retrieval* rt, const char* host, int port, const char* path,
   hangUp(rt);
   rt->len = 0;
   rt->resp.status = 0;
-  const tobasRequest rq = {rt->timeout, tobasUSER_AGENT, path,     0,         NULL,   NULL,    NULL,
-                           NULL,        0,               &rt->rep, &rt->len, &rt->resp, rt->hdr, rt->have};
+  const tobasRequest rq = {rt->timeout, tobasUSER_AGENT, path,     0,         NULL,    NULL,    NULL, NULL,
+                           0,           &rt->rep,        &rt->len, &rt->resp, rt->hdr, rt->have};
   int stat = tobasGetFrom(host, port, &rq);
   if (stat != 0) tobasLogError("Error invoking tobasHttpGet(). Host:port/URL: %s:%d/%s", host, port, path);
   rt->left = rt->len;
@@ -312,7 +312,8 @@ static int exchange(Retrieval* rt, const char* host, int port, const char* path,
 
 static int attempt(Retrieval* rt, const char* host, int port, const char* path, const char* targetFile) {
   int stat = ASK_AGAIN;
-  for (int asks = 0; stat == ASK_AGAIN && asks < ASKS; ++asks) stat = exchange(rt, host, port, path, targetFile);
+  for (int asks = 0; stat == ASK_AGAIN && asks < ASKS; ++asks)
+    stat = exchange(rt, host, port, path, targetFile);
   return stat == ASK_AGAIN ? tobasERR_INV_REPLY : stat;
 }
 
@@ -354,16 +355,18 @@ static void retrievalStatus(int stat, Retrieval* rt, tobasSTATUS* status) {
 /* A retrieval with the attempts the retry policy grants. A file named by the caller is opened
  * before the first request when resuming, so that it asks for the rest of a partial file at once. */
 static int retrieveWith(const char* fn, const char* host, int port, float timeoutSecs, const char* cmdName,
-                        const char* fileId, int fileVersion, const char* processing, const char* processingPars,
-                        const char* targetFile, char* finalTargetFile, int internal, const char* hostId,
-                        const tobasRETRIEVE_OPTS* opts, tobasSTATUS* status) {
+                        const char* fileId, int fileVersion, const char* processing,
+                        const char* processingPars, const char* targetFile, char* finalTargetFile,
+                        int internal, const char* hostId, const tobasRETRIEVE_OPTS* opts,
+                        tobasSTATUS* status) {
   tobasCommand c;
   tobasCmdBegin(&c, fn, timeoutSecs, status);
   if (finalTargetFile) finalTargetFile[0] = '\0';
   retrievePath(&c, cmdName, fileId, fileVersion, processing, processingPars, internal, hostId);
   Retrieval* rt = c.stat == 0 ? malloc(sizeof *rt) : NULL;
   if (c.stat == 0 && rt == NULL) c.stat = tobasERR_ALLOC_MEM;
-  if (c.stat == 0) c.stat = tobasSumNew(opts ? opts->checksumMethod : NULL, opts ? opts->checksum : NULL, &rt->sum);
+  if (c.stat == 0)
+    c.stat = tobasSumNew(opts ? opts->checksumMethod : NULL, opts ? opts->checksum : NULL, &rt->sum);
   if (c.stat != 0) {
     free(rt);
     return tobasCmdRefuse(&c, c.stat, status);
@@ -396,8 +399,9 @@ int _tobasRetrieve2File(const char* host, int port, float timeoutSecs, const cha
                         const char* fileId, int fileVersion, const char* processing,
                         const char* processingPars, const char* targetFile, char* finalTargetFile,
                         int internal, const char* hostId, tobasSTATUS* status) {
-  return retrieveWith("_tobasRetrieve2File", host, port, timeoutSecs, cmdName, fileId, fileVersion, processing,
-                      processingPars, targetFile, finalTargetFile, internal, hostId, NULL, status);
+  return retrieveWith("_tobasRetrieve2File", host, port, timeoutSecs, cmdName, fileId, fileVersion,
+                      processing, processingPars, targetFile, finalTargetFile, internal, hostId, NULL,
+                      status);
 }
 
 int tobasRetrieve2File(const char* host, int port, float timeoutSecs, const char* fileId, int fileVersion,
@@ -411,17 +415,17 @@ int tobasRetrieve2FileOpts(const char* host, int port, float timeoutSecs, const 
                            const char* processing, const char* processingPars, const char* targetFile,
                            char* finalTargetFile, const tobasRETRIEVE_OPTS* opts, tobasSTATUS* status) {
   tobasTraceEnter("tobasRetrieve2File");
-  return tobasTraceLeave("tobasRetrieve2File",
-                         retrieveWith("_tobasRetrieve2File", host, port, timeoutSecs, "RETRIEVE", fileId,
-                                      fileVersion, processing, processingPars, targetFile, finalTargetFile, 0,
-                                      "", opts, status));
+  return tobasTraceLeave(
+      "tobasRetrieve2File",
+      retrieveWith("_tobasRetrieve2File", host, port, timeoutSecs, "RETRIEVE", fileId, fileVersion,
+                   processing, processingPars, targetFile, finalTargetFile, 0, "", opts, status));
 }
 
 int tobasGenRetrieve2File(const char* host, int port, float timeoutSecs, int cmdCode,
                           const tobasPAR_ARRAY* parArray, const char* targetFile, char* finalTargetFile,
                           tobasSTATUS* status) {
-  return tobasGenRetrieve2FileOpts(host, port, timeoutSecs, cmdCode, parArray, targetFile, finalTargetFile, NULL,
-                                   status);
+  return tobasGenRetrieve2FileOpts(host, port, timeoutSecs, cmdCode, parArray, targetFile, finalTargetFile,
+                                   NULL, status);
 }
 
 int tobasGenRetrieve2FileOpts(const char* host, int port, float timeoutSecs, int cmdCode,
@@ -438,9 +442,10 @@ int tobasGenRetrieve2FileOpts(const char* host, int port, float timeoutSecs, int
   const char* internalId = tobasGetParVal(parArray, "internal");
   const char* version = tobasGetParVal(parArray, "file_version");
   int internal = fileId == NULL && internalId != NULL;
-  int stat = retrieveWith("_tobasRetrieve2File", host, port, timeoutSecs, cmdName, internal ? internalId : fileId,
-                          given(version) ? atoi(version) : -1, tobasGetParVal(parArray, "processing"),
-                          tobasGetParVal(parArray, "processing_pars"), targetFile, finalTargetFile, internal,
-                          tobasGetParVal(parArray, "host_id"), opts, status);
+  int stat =
+      retrieveWith("_tobasRetrieve2File", host, port, timeoutSecs, cmdName, internal ? internalId : fileId,
+                   given(version) ? atoi(version) : -1, tobasGetParVal(parArray, "processing"),
+                   tobasGetParVal(parArray, "processing_pars"), targetFile, finalTargetFile, internal,
+                   tobasGetParVal(parArray, "host_id"), opts, status);
   return tobasTraceLeave("tobasGenRetrieve2File", stat);
 }

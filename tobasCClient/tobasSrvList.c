@@ -210,8 +210,8 @@ int tobasPostTo(const char* host, int port, const tobasRequest* rq) {
 #define TOBAS_DEFINE_GET(fnName, send)                                                                     \
   int fnName(const char* host, int port, const char* userAgent, const char* path, int receiveData,         \
              tobasHTTP_DATA* repDataRef, long* dataLen, tobasHTTP_RESP* httpResp, tobasHTTP_HDR httpHdr) { \
-    const tobasRequest rq = {_getTimeOut(), userAgent, path,       receiveData, NULL,     NULL,   NULL,    \
-                             NULL,          0,         repDataRef, dataLen,     httpResp, httpHdr, 0};        \
+    const tobasRequest rq = {_getTimeOut(), userAgent, path,       receiveData, NULL,     NULL,    NULL,   \
+                             NULL,          0,         repDataRef, dataLen,     httpResp, httpHdr, 0};     \
     return send(host, port, &rq);                                                                          \
   }
 
@@ -219,9 +219,9 @@ int tobasPostTo(const char* host, int port, const tobasRequest* rq) {
   int fnName(const char* host, int port, const char* userAgent, const char* path, const char* mimeType,     \
              const char* contentDisp, const char* srcFilename, const char* data, long dataLen,              \
              tobasHTTP_DATA* repDataRef, long* replyLen, tobasHTTP_RESP* httpResp, tobasHTTP_HDR httpHdr) { \
-    const tobasRequest rq = {_getTimeOut(), userAgent,   path,   0,       mimeType,                         \
-                             contentDisp,   srcFilename, data,   dataLen, repDataRef,                       \
-                             replyLen,      httpResp,    httpHdr, 0};                                          \
+    const tobasRequest rq = {_getTimeOut(), userAgent,   path,    0,       mimeType,                        \
+                             contentDisp,   srcFilename, data,    dataLen, repDataRef,                      \
+                             replyLen,      httpResp,    httpHdr, 0};                                       \
     return send(host, port, &rq);                                                                           \
   }
 
