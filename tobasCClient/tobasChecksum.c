@@ -4,8 +4,8 @@
  * pace with the network. */
 #define _GNU_SOURCE
 #include <ctype.h>
-#include <errno.h>
 #include <limits.h>
+#include <nettle/base16.h>
 #include <nettle/md5.h>
 #include <nettle/sha2.h>
 #include <pthread.h>
@@ -86,37 +86,28 @@ static void restart(tobasSum* s) {
   }
 }
 
-static int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  c = (char)tolower((unsigned char)c);
-  return c >= 'a' && c <= 'f' ? c - 'a' + 10 : -1;
-}
-
-/* Hex digits of exactly `size` bytes into out. */
+/* Hex digits (any case) of exactly `size` bytes into out. */
 static int parseHex(const char* text, unsigned char* out, size_t size) {
-  if (strlen(text) != 2 * size) return -1;
-  for (size_t i = 0; i < size; ++i) {
-    const int hi = hexValue(text[2 * i]), lo = hexValue(text[2 * i + 1]);
-    if (hi < 0 || lo < 0) return -1;
-    out[i] = (unsigned char)(hi << 4 | lo);
-  }
-  return 0;
+  struct base16_decode_ctx ctx;
+  size_t got = size;
+  base16_decode_init(&ctx);
+  /* The decoder passes over blanks: the count of bytes tells them. */
+  const int ok = strlen(text) == 2 * size && base16_decode_update(&ctx, &got, out, 2 * size, text);
+  return ok && got == size ? 0 : -1;
 }
 
 /* A CRC-32 as a decimal number, signed (as some tools print it) or not, or as "0x" and hex. */
 static int parseCrc(const char* text, unsigned char* out) {
   uint32_t v;
-  if (strncasecmp(text, "0x", 2) == 0 && strlen(text) <= 10 && strlen(text) > 2) {
-    unsigned char digits[4] = {0};
-    char padded[9] = "00000000";
-    memcpy(padded + 8 - (strlen(text) - 2), text + 2, strlen(text) - 2);
-    if (parseHex(padded, digits, 4) != 0) return -1;
-    v = (uint32_t)digits[0] << 24 | (uint32_t)digits[1] << 16 | (uint32_t)digits[2] << 8 | digits[3];
+  /* Out of range, strtoull and strtoll return their largest values, which the bounds refuse too. */
+  char* end;
+  if (strncasecmp(text, "0x", 2) == 0) {
+    const unsigned long long n = strtoull(text + 2, &end, 16);
+    if (!isxdigit((unsigned char)text[2]) || *end != '\0' || n > UINT32_MAX) return -1;
+    v = (uint32_t)n;
   } else {
-    char* end;
-    errno = 0;
     const long long n = strtoll(text, &end, 10);
-    if (!isdigit((unsigned char)text[text[0] == '-']) || *end != '\0' || errno != 0 || n < INT32_MIN ||
+    if (!isdigit((unsigned char)text[text[0] == '-']) || *end != '\0' || n < INT32_MIN ||
         n > (long long)UINT32_MAX)
       return -1;
     v = (uint32_t)n;
@@ -184,15 +175,14 @@ void tobasSumFeed(tobasSum* s, const void* p, size_t n) {
   pthread_mutex_lock(&s->mutex);
   awaitIdle(s);
   if (!s->started) s->started = pthread_create(&s->thread, NULL, hashing, s) == 0 ? 1 : -1;
-  if (s->started < 0) {
-    pthread_mutex_unlock(&s->mutex);
-    update(s, p, n); /* no thread to be had: hash here */
-    return;
+  const int here = s->started < 0; /* no thread to be had: hash here */
+  if (!here) {
+    s->piece = p;
+    s->pieceLen = n;
+    pthread_cond_broadcast(&s->changed);
   }
-  s->piece = p;
-  s->pieceLen = n;
-  pthread_cond_broadcast(&s->changed);
   pthread_mutex_unlock(&s->mutex);
+  if (here) update(s, p, n);
 }
 
 void tobasSumUpdate(tobasSum* s, const void* p, size_t n) {
@@ -203,16 +193,6 @@ void tobasSumUpdate(tobasSum* s, const void* p, size_t n) {
 void tobasSumRestart(tobasSum* s) {
   tobasSumWait(s);
   restart(s);
-}
-
-/* Digest bytes as lower-case hex into text (2 * size + 1 bytes). */
-static void toHex(const unsigned char* d, size_t size, char* text) {
-  static const char digits[] = "0123456789abcdef";
-  for (size_t i = 0; i < size; ++i) {
-    text[2 * i] = digits[d[i] >> 4];
-    text[2 * i + 1] = digits[d[i] & 15];
-  }
-  text[2 * size] = '\0';
 }
 
 int tobasSumCheck(tobasSum* s) {
@@ -230,10 +210,11 @@ int tobasSumCheck(tobasSum* s) {
       break;
   }
   if (memcmp(got, s->want, s->size) == 0) return tobasSTAT_SUCCESS;
-  char want[2 * MAX_DIGEST + 1], have[2 * MAX_DIGEST + 1];
-  toHex(s->want, s->size, want);
-  toHex(got, s->size, have);
-  tobasLogError("Checksum mismatch of the retrieved file: expected %s, got %s", want, have);
+  char want[BASE16_ENCODE_LENGTH(MAX_DIGEST)], have[BASE16_ENCODE_LENGTH(MAX_DIGEST)];
+  base16_encode_update(want, s->size, s->want);
+  base16_encode_update(have, s->size, got);
+  tobasLogError("Checksum mismatch of the retrieved file: expected %.*s, got %.*s", (int)(2 * s->size), want,
+                (int)(2 * s->size), have);
   return tobasERR_CHECKSUM;
 }
 

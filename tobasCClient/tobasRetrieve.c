@@ -272,12 +272,11 @@ static int openTarget(Retrieval* rt, const char* targetFile) {
   return rt->have > 0 && rt->sum != NULL ? hashPart(rt) : tobasSTAT_SUCCESS;
 }
 
-/* Closes the connection of an earlier request without reading on. */
+/* Closes the connection of an earlier request without reading on. (Only a 400 reply, which is not
+ * tried again, leaves a body in rep.pdata.) */
 static void hangUp(Retrieval* rt) {
   if (rt->rep.fd > 0) close(rt->rep.fd);
-  free(rt->rep.pdata);
   rt->rep.fd = 0;
-  rt->rep.pdata = NULL;
 }
 
 /* One request: for the rest of the file when part of it is here, else for all of it; its body is

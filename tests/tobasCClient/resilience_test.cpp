@@ -75,6 +75,8 @@ TEST_F(Resilience, RetriesGoOnWhereTheTransferBrokeOffAndCheckTheWholeFile) {
       {{{gone}}, {}, tobasERR_INV_REPLY, {""}},  // not worth another attempt
       {{{fileReply("f", kBody)}}, {0, "sha256", kZeros}, tobasERR_CHECKSUM, {""}},
   };
+  const auto openFds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
+  const auto fds = openFds();
   for (Case& c : cases) {
     const auto start = std::chrono::steady_clock::now();
     const size_t before = srv.requests().size();
@@ -88,6 +90,8 @@ TEST_F(Resilience, RetriesGoOnWhereTheTransferBrokeOffAndCheckTheWholeFile) {
     }
     std::filesystem::remove(dir.file("out"));
   }
+  EXPECT_EQ(fds, openFds());  // no connection of an attempt left open
+  EXPECT_HAS(logText(), "Retrieval starts again from the first byte of " + dir.file("out"));
   EXPECT_HAS(logText(), "[ERROR] Checksum mismatch of the retrieved file: expected 0000");
   EXPECT_HAS(logText(), "[WARNING] Attempt 1 of 3 failed (status -103, reply 503); next attempt in 1000 ms");
 }
@@ -143,6 +147,7 @@ TEST(ResilienceSettings, BadPoliciesAndChecksumsAreRefusedBeforeAnyRequest) {
   const std::pair<const char*, const char*> bad[] = {{"sha1", "00"},
                                                      {"md5", "5a6a"},
                                                      {"md5", "gggggggggggggggggggggggggggggggg"},
+                                                     {"md5", "7874d3c1 3d4ed33f057def947e0621e"},
                                                      {"crc32", "12x"},
                                                      {"crc32", ""},
                                                      {"crc32", "4294967296"},
