@@ -33,7 +33,7 @@ TEST(TobasTool, InformationWrongCommandLinesCommandsAndTheirRequests) {
       {"", 2, "no command"},
       {"-bogus", 2, "unknown option: -bogus"},
       {"-host", 2, "-host needs a value"},
-      {"-host 127.0.0.1 -port 99999 -cmd STATUS", 2, "invalid port: 99999"},
+      {"-host 127.0.0.1 -port 99999 -cmd STATUS", 2, "invalid port (1-65535): 99999"},
       {"-cmd STATUS", 2, "no server given"},
       {"-servers 127.0.0.1:1 -host 127.0.0.1 -cmd STATUS", 2, "exclude each other"},
       {at1 + "FROBNICATE", 2, "unknown command: FROBNICATE"},
@@ -44,6 +44,14 @@ TEST(TobasTool, InformationWrongCommandLinesCommandsAndTheirRequests) {
       {at1 + "LABEL -par slot_id", 2, "LABEL needs -par slot_id"},
       {at1 + "OFFLINE -par force -val yes", 2, "parameter force: not a number: yes"},
       {at1 + "RETRIEVE -par file_version -val 2", 2, "RETRIEVE needs -par file_id"},
+      {at1 + "STATUS --continue", 2, "-continue only goes with RETRIEVE"},
+      {at1 + "ARCHIVE -retry 2 -par filename -val x", 2, "-retry only goes with RETRIEVE and STATUS"},
+      {at1 + "STATUS --retry -1", 2, "invalid retry count (0-1000): -1"},
+      {at1 + "STATUS -retry-max-time 5", 2, "-retry-max-time needs -retry"},
+      {at1 + "STATUS -retry 1 -retry-max-time 2147484", 2, "retry time in seconds (0-2147483): 2147484"},
+      {at1 + "RETRIEVE -checksum sha1:ab", 2,
+       "invalid checksum: sha1:ab (<Method>:<Value>, the method one of"},
+      {at1 + "RETRIEVE --checksum md5", 2, "invalid checksum: md5 "},
   };
   for (const auto& [args, want, message] : usage) {
     const auto [status, out, err] = tool(args);
