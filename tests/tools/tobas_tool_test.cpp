@@ -121,6 +121,22 @@ TEST(TobasTool, Retrieval) {
     EXPECT_EQ(body, readFile(work + "/" + written));
   }
   EXPECT_EQ("RETRIEVE?file_id=\"X%3A1\"", srv.lastPath());
+  // After a 503, the rest of the part; checked. A mismatch fails and leaves nothing, not even a part.
+  TempDir root;
+  root.write("named.part", "he");
+  srv.push({httpReply(503, "busy")});
+  srv.push({"HTTP/1.0 206 Partial\r\nContent-Range: bytes 2-4/5\r\nContent-Length: 3\r\n\r\nllo"});
+  auto [status, out, err] = tool(at + " -target " + root.file("named") +
+                                 " --continue -retry 1 --checksum md5:5d41402abc4b2a76b9719d911017c592");
+  EXPECT_EQ(0, status) << err;
+  EXPECT_EQ("hello", readFile(root.file("named")));
+  EXPECT_HAS(srv.requests().back(), "Range: bytes=2-");
+  srv.push({fileReply("z.fits", "hellO")});
+  std::tie(status, out, err) =
+      tool(at + " -target " + root.file("bad") + " -continue -checksum crc32:0x3610a686");
+  EXPECT_EQ(1, status);
+  EXPECT_HAS(err, "RETRIEVE failed");
+  EXPECT_EQ(std::vector<std::string>{"named"}, listDir(root.path()));
   std::string shown;
   char buf[4096];
   pollfd p{master, POLLIN, 0};
