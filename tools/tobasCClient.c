@@ -6,9 +6,10 @@
  *
  * Commands with a function of their own in the library (STATUS, ARCHIVE, RETRIEVE, CLONE ...) go
  * through it; parameters it does not know, and the commands without one, go through the generic
- * command sender. Exit status: 0 when the server reports success, 1 when the command fails (the
- * status text on standard error), 2 for a wrong command line. `tobasCClient -help` prints the
- * manual page.
+ * command sender. A retrieval can go on from a partial file, be retried and have its checksum
+ * checked (-continue, -retry, -checksum); STATUS can be retried too. Exit status: 0 when the
+ * server reports success, 1 when the command fails (the status text on standard error), 2 for a
+ * wrong command line. `tobasCClient -help` prints the manual page.
  */
 #define _GNU_SOURCE
 #include <dirent.h>
@@ -39,6 +40,11 @@
 #define MAX_TIMEOUT_SECS 1e8f  /* the library's longest reply time-out */
 #define PROGRESS_PERIOD_SECS 1 /* between two progress lines */
 #define BYTES_PER_MIB 1048576.0
+#define MAX_RETRIES 1000
+#define MS_PER_SEC 1000
+#define MAX_RETRY_SECS (INT_MAX / MS_PER_SEC) /* the deadline goes to the library in ms, an int */
+#define FIRST_RETRY_WAIT_MS 1000              /* then twice as long before each further retry */
+#define MAX_RETRY_WAIT_MS 600000              /* 10 minutes */
 
 typedef struct {
   const char* host;
@@ -51,7 +57,12 @@ typedef struct {
   int wait;
   int printDoc;
   int printStatus;
-  int verbose; /* -1: not given */
+  int verbose;          /* -1: not given */
+  int retries;          /* -1: not given */
+  int retrySecs;        /* -1: not given */
+  const char* checksum; /* <Method>:<Value> */
+  tobasSMALL_BUF checksumMethod;
+  tobasRETRIEVE_OPTS retrieve;
   tobasPAR_ARRAY pars;
 } Options;
 
@@ -99,6 +110,11 @@ static int parseSeconds(const char* text, float* out) {
 
 /* ------------------------------------------------------------------ command line */
 
+/* Options are spelt with one dash (-host); two (--host) are taken as well. */
+static const char* optionName(const char* arg) {
+  return strncmp(arg, "--", 2) == 0 && arg[2] != '\0' && arg[2] != '-' ? arg + 1 : arg;
+}
+
 static void printManPage(void) { fputs(tobasManPage(), stdout); }
 static void printVersion(void) { printf("%s %s (%s)\n", TOOL, tobasVersion(), tobasVersionDate()); }
 static void printLicense(void) { fputs(tobasLicense(), stdout); }
@@ -107,33 +123,36 @@ static void printLicense(void) { fputs(tobasLicense(), stdout); }
 static const struct {
   const char* name;
   void (*print)(void);
-} kInfoOptions[] = {{"-help", printManPage},
-                    {"-h", printManPage},
-                    {"--help", printManPage},
-                    {"-version", printVersion},
-                    {"-license", printLicense}};
+} kInfoOptions[] = {
+    {"-help", printManPage}, {"-h", printManPage}, {"-version", printVersion}, {"-license", printLicense}};
 
-typedef enum { OPT_TEXT, OPT_PORT, OPT_LEVEL, OPT_SECONDS, OPT_SET, OPT_CLEAR } OptionKind;
+typedef enum { OPT_TEXT, OPT_INT, OPT_SECONDS, OPT_SET, OPT_CLEAR } OptionKind;
 
 typedef struct {
   const char* name;
   OptionKind kind;
   size_t field;        /* offset of the field in Options */
   const char* invalid; /* what a refused value is called */
+  long lo, hi;         /* OPT_INT: the values taken */
 } OptionDef;
 
 static const OptionDef kOptions[] = {
-    {"-host", OPT_TEXT, offsetof(Options, host), NULL},
-    {"-port", OPT_PORT, offsetof(Options, port), "invalid port"},
-    {"-servers", OPT_TEXT, offsetof(Options, servers), NULL},
-    {"-cmd", OPT_TEXT, offsetof(Options, cmd), NULL},
-    {"-auth", OPT_TEXT, offsetof(Options, auth), NULL},
-    {"-target", OPT_TEXT, offsetof(Options, target), NULL},
-    {"-v", OPT_LEVEL, offsetof(Options, verbose), "invalid verbose level (0-5)"},
-    {"-timeOut", OPT_SECONDS, offsetof(Options, timeOut), "invalid time-out"},
-    {"-d", OPT_SET, offsetof(Options, printDoc), NULL},
-    {"-status", OPT_SET, offsetof(Options, printStatus), NULL},
-    {"-noWait", OPT_CLEAR, offsetof(Options, wait), NULL},
+    {"-host", OPT_TEXT, offsetof(Options, host), NULL, 0, 0},
+    {"-port", OPT_INT, offsetof(Options, port), "invalid port", 1, MAX_PORT},
+    {"-servers", OPT_TEXT, offsetof(Options, servers), NULL, 0, 0},
+    {"-cmd", OPT_TEXT, offsetof(Options, cmd), NULL, 0, 0},
+    {"-auth", OPT_TEXT, offsetof(Options, auth), NULL, 0, 0},
+    {"-target", OPT_TEXT, offsetof(Options, target), NULL, 0, 0},
+    {"-v", OPT_INT, offsetof(Options, verbose), "invalid verbose level", 0, MAX_VERBOSE_LEVEL},
+    {"-timeOut", OPT_SECONDS, offsetof(Options, timeOut), "invalid time-out", 0, 0},
+    {"-d", OPT_SET, offsetof(Options, printDoc), NULL, 0, 0},
+    {"-status", OPT_SET, offsetof(Options, printStatus), NULL, 0, 0},
+    {"-noWait", OPT_CLEAR, offsetof(Options, wait), NULL, 0, 0},
+    {"-continue", OPT_SET, offsetof(Options, retrieve.resume), NULL, 0, 0},
+    {"-retry", OPT_INT, offsetof(Options, retries), "invalid retry count", 0, MAX_RETRIES},
+    {"-retry-max-time", OPT_INT, offsetof(Options, retrySecs), "invalid retry time in seconds", 0,
+     MAX_RETRY_SECS},
+    {"-checksum", OPT_TEXT, offsetof(Options, checksum), NULL, 0, 0},
 };
 
 /* Sets the option `opt` from argv[*i] (and the value after it, *i then moved on to it). */
@@ -145,22 +164,19 @@ static int setOption(Options* o, const OptionDef* opt, int argc, char** argv, in
   }
   if (*i + 1 >= argc) return usage("%s needs a value", argv[*i]);
   const char* value = argv[++*i];
-  int ok = 1;
   switch (opt->kind) {
-    case OPT_PORT:
-      ok = parseInt(value, 1, MAX_PORT, field) == 0;
-      break;
-    case OPT_LEVEL:
-      ok = parseInt(value, 0, MAX_VERBOSE_LEVEL, field) == 0;
+    case OPT_INT:
+      if (parseInt(value, opt->lo, opt->hi, field) != 0)
+        return usage("%s (%ld-%ld): %s", opt->invalid, opt->lo, opt->hi, value);
       break;
     case OPT_SECONDS:
-      ok = parseSeconds(value, field) == 0;
+      if (parseSeconds(value, field) != 0) return usage("%s: %s", opt->invalid, value);
       break;
     default:
       *(const char**)field = value;
       break;
   }
-  return ok ? KEEP_GOING : usage("%s: %s", opt->invalid, value);
+  return KEEP_GOING;
 }
 
 /* -par <Parameter> [-val <Val>] at argv[*i]. */
@@ -168,7 +184,7 @@ static int addPar(Options* o, int argc, char** argv, int* i) {
   if (*i + 1 >= argc) return usage("%s needs a value", argv[*i]);
   const char* name = argv[++*i];
   const char* val = "";
-  if (*i + 2 < argc && strcmp(argv[*i + 1], "-val") == 0) {
+  if (*i + 2 < argc && strcmp(optionName(argv[*i + 1]), "-val") == 0) {
     val = argv[*i + 2];
     *i += 2;
   }
@@ -196,10 +212,12 @@ static int parseArgs(int argc, char** argv, Options* o) {
   o->timeOut = NO_TIMEOUT;
   o->wait = 1;
   o->verbose = -1;
+  o->retries = -1;
+  o->retrySecs = -1;
   tobasResetParArray(&o->pars);
   if (argc < 2) return usage("no command given");
   for (int i = 1; i < argc; ++i) {
-    const char* a = argv[i];
+    const char* a = optionName(argv[i]);
     for (size_t k = 0; k < sizeof kInfoOptions / sizeof kInfoOptions[0]; ++k) {
       if (strcmp(a, kInfoOptions[k].name) != 0) continue;
       kInfoOptions[k].print();
@@ -216,7 +234,7 @@ static int parseArgs(int argc, char** argv, Options* o) {
     else if (strcmp(a, "-val") == 0)
       rc = usage("%s must follow -par <Parameter>", a);
     else
-      rc = usage("unknown option: %s", a);
+      rc = usage("unknown option: %s", argv[i]);
     if (rc != KEEP_GOING) return rc;
   }
   return checkServer(o);
@@ -420,8 +438,13 @@ static int runUnsubscribe(const Call* c) { return tobasUnsubscribe(SERVER(c), pa
 static int runRetrieve(const Call* c) {
   if (!given(par(c->o, "file_id")) && !given(par(c->o, "internal")))
     return refuse("RETRIEVE needs -par file_id -val <File Id>");
-  return tobasGenRetrieve2File(SERVER(c), tobasCMD_RETRIEVE, &c->o->pars, c->o->target ? c->o->target : "",
-                               c->finalTarget, c->st);
+  const Options* o = c->o;
+  const char* target = o->target ? o->target : "";
+  /* Without -continue, -retry and -checksum the plain call, whose request is the plain retrieval's. */
+  if (!o->retrieve.resume && o->checksum == NULL && o->retries < 0)
+    return tobasGenRetrieve2File(SERVER(c), tobasCMD_RETRIEVE, &o->pars, target, c->finalTarget, c->st);
+  return tobasGenRetrieve2FileOpts(SERVER(c), tobasCMD_RETRIEVE, &o->pars, target, c->finalTarget,
+                                   &o->retrieve, c->st);
 }
 
 static const Param kArchivePars[] = {NEEDED_PAR("filename", "File or URL"), TEXT_PAR("mime_type"),
@@ -525,6 +548,20 @@ static int runCommand(const Call* c, int code) {
 
 /* ------------------------------------------------------------------ main */
 
+/* -checksum <Method>:<Value> into the retrieval's options. */
+static int setChecksum(Options* o) {
+  if (o->checksum == NULL) return KEEP_GOING;
+  const char* colon = strchr(o->checksum, ':');
+  if (colon != NULL)
+    snprintf(o->checksumMethod, sizeof o->checksumMethod, "%.*s", (int)(colon - o->checksum), o->checksum);
+  if (colon == NULL || colon[1] == '\0' || !tobasChecksumMethodKnown(o->checksumMethod))
+    return usage("invalid checksum: %s (<Method>:<Value>, the method one of crc32, md5, sha256)",
+                 o->checksum);
+  o->retrieve.checksumMethod = o->checksumMethod;
+  o->retrieve.checksum = colon + 1;
+  return KEEP_GOING;
+}
+
 /* The command's code, its name in upper case into `name` (tobasSMALL_BUF), and the settings it
  * runs with. Returns KEEP_GOING or EXIT_USAGE (reported). */
 static int prepare(Options* o, char* name, int* code) {
@@ -533,7 +570,22 @@ static int prepare(Options* o, char* name, int* code) {
   tobasToUpper(name);
   if (tobasCmd2No(name, code) != 0) return usage("unknown command: %s", o->cmd);
   o->cmd = name;
-  if (o->target != NULL && *code != tobasCMD_RETRIEVE) return usage("-target only goes with RETRIEVE");
+  /* The options that only some commands take. */
+  const int retrieving = *code == tobasCMD_RETRIEVE, retriable = retrieving || *code == tobasCMD_STATUS;
+  const struct {
+    int given, taken;
+    const char* otherwise;
+  } limited[] = {
+      {o->target != NULL, retrieving, "-target only goes with RETRIEVE"},
+      {o->retrieve.resume, retrieving, "-continue only goes with RETRIEVE"},
+      {o->checksum != NULL, retrieving, "-checksum only goes with RETRIEVE"},
+      {o->retries >= 0, retriable, "-retry only goes with RETRIEVE and STATUS"},
+      {o->retrySecs >= 0, o->retries >= 0, "-retry-max-time needs -retry"},
+  };
+  for (size_t k = 0; k < sizeof limited / sizeof limited[0]; ++k)
+    if (limited[k].given && !limited[k].taken) return usage("%s", limited[k].otherwise);
+  const int rc = setChecksum(o);
+  if (rc != KEEP_GOING) return rc;
   if (o->servers != NULL) {
     if (tobasParseSrvList(o->servers) != 0) return usage("invalid server list: %s", o->servers);
     o->host = ""; /* the default list: fail-over across its servers */
@@ -541,6 +593,9 @@ static int prepare(Options* o, char* name, int* code) {
   }
   if (o->verbose >= 0) tobasSetVerboseLevel(o->verbose);
   if (o->auth != NULL) tobasSetAuthorization(o->auth);
+  if (o->retries >= 0)
+    tobasSetRetryPolicy(o->retries + 1, FIRST_RETRY_WAIT_MS, MAX_RETRY_WAIT_MS,
+                        (o->retrySecs > 0 ? o->retrySecs : 0) * MS_PER_SEC);
   return KEEP_GOING;
 }
 

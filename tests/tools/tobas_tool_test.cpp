@@ -33,7 +33,7 @@ TEST(TobasTool, InformationWrongCommandLinesCommandsAndTheirRequests) {
       {"", 2, "no command"},
       {"-bogus", 2, "unknown option: -bogus"},
       {"-host", 2, "-host needs a value"},
-      {"-host 127.0.0.1 -port 99999 -cmd STATUS", 2, "invalid port: 99999"},
+      {"-host 127.0.0.1 -port 99999 -cmd STATUS", 2, "invalid port (1-65535): 99999"},
       {"-cmd STATUS", 2, "no server given"},
       {"-servers 127.0.0.1:1 -host 127.0.0.1 -cmd STATUS", 2, "exclude each other"},
       {at1 + "FROBNICATE", 2, "unknown command: FROBNICATE"},
@@ -44,6 +44,14 @@ TEST(TobasTool, InformationWrongCommandLinesCommandsAndTheirRequests) {
       {at1 + "LABEL -par slot_id", 2, "LABEL needs -par slot_id"},
       {at1 + "OFFLINE -par force -val yes", 2, "parameter force: not a number: yes"},
       {at1 + "RETRIEVE -par file_version -val 2", 2, "RETRIEVE needs -par file_id"},
+      {at1 + "STATUS --continue", 2, "-continue only goes with RETRIEVE"},
+      {at1 + "ARCHIVE -retry 2 -par filename -val x", 2, "-retry only goes with RETRIEVE and STATUS"},
+      {at1 + "STATUS --retry -1", 2, "invalid retry count (0-1000): -1"},
+      {at1 + "STATUS -retry-max-time 5", 2, "-retry-max-time needs -retry"},
+      {at1 + "STATUS -retry 1 -retry-max-time 2147484", 2, "retry time in seconds (0-2147483): 2147484"},
+      {at1 + "RETRIEVE -checksum sha1:ab", 2,
+       "invalid checksum: sha1:ab (<Method>:<Value>, the method one of"},
+      {at1 + "RETRIEVE --checksum md5", 2, "invalid checksum: md5 "},
   };
   for (const auto& [args, want, message] : usage) {
     const auto [status, out, err] = tool(args);
@@ -113,6 +121,22 @@ TEST(TobasTool, Retrieval) {
     EXPECT_EQ(body, readFile(work + "/" + written));
   }
   EXPECT_EQ("RETRIEVE?file_id=\"X%3A1\"", srv.lastPath());
+  // After a 503, the rest of the part; checked. A mismatch fails and leaves nothing, not even a part.
+  TempDir root;
+  root.write("named.part", "he");
+  srv.push({httpReply(503, "busy")});
+  srv.push({"HTTP/1.0 206 Partial\r\nContent-Range: bytes 2-4/5\r\nContent-Length: 3\r\n\r\nllo"});
+  auto [status, out, err] = tool(at + " -target " + root.file("named") +
+                                 " --continue -retry 1 --checksum md5:5d41402abc4b2a76b9719d911017c592");
+  EXPECT_EQ(0, status) << err;
+  EXPECT_EQ("hello", readFile(root.file("named")));
+  EXPECT_HAS(srv.requests().back(), "Range: bytes=2-");
+  srv.push({fileReply("z.fits", "hellO")});
+  std::tie(status, out, err) =
+      tool(at + " -target " + root.file("bad") + " -continue -checksum crc32:0x3610a686");
+  EXPECT_EQ(1, status);
+  EXPECT_HAS(err, "RETRIEVE failed");
+  EXPECT_EQ(std::vector<std::string>{"named"}, listDir(root.path()));
   std::string shown;
   char buf[4096];
   pollfd p{master, POLLIN, 0};
