@@ -77,6 +77,7 @@ TEST_F(Resilience, RetriesGoOnWhereTheTransferBrokeOffAndCheckTheWholeFile) {
   };
   const auto openFds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
   const auto fds = openFds();
+  const size_t inUse = heapInUse();
   for (Case& c : cases) {
     const auto start = std::chrono::steady_clock::now();
     const size_t before = srv.requests().size();
@@ -90,9 +91,11 @@ TEST_F(Resilience, RetriesGoOnWhereTheTransferBrokeOffAndCheckTheWholeFile) {
     }
     std::filesystem::remove(dir.file("out"));
   }
-  EXPECT_EQ(fds, openFds());  // no connection of an attempt left open
+  EXPECT_EQ(fds, openFds());       // no connection of an attempt left open
+  EXPECT_NO_GROWTH(inUse, 65536);  // nor memory (a retrieval takes 130 KiB)
   EXPECT_HAS(logText(), "Retrieval starts again from the first byte of " + dir.file("out"));
-  EXPECT_HAS(logText(), "[ERROR] Checksum mismatch of the retrieved file: expected 0000");
+  EXPECT_HAS(logText(),
+             "[ERROR] Checksum mismatch of the retrieved file: expected " + zeros + ", got "s + kSha);
   EXPECT_HAS(logText(), "[WARNING] Attempt 1 of 3 failed (status -103, reply 503); next attempt in 1000 ms");
 }
 
