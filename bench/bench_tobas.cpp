@@ -120,12 +120,15 @@ long long headerNumber(const std::string& header, const char* name) {
 
 // A loopback listener with its own thread and accept loop, one connection at a
 // time: it reads the request header, hands the connection to `serve` (with
-// the bytes read so far and where the header ends), then ends it with a FIN
-// and waits for the peer to close, so that no reply is cut by a reset.
+// the bytes read so far and where the header ends), then ends it with a FIN.
+// With `awaitPeerClose` it then waits for the peer to close, so that no reply
+// is cut by a reset while the peer still sends; without, it closes at once and
+// a peer that keeps its end open does not hold up the next connection.
 class LoopbackServer {
  public:
   using Serve = std::function<void(int fd, const std::string& req, size_t end, std::vector<char>& buf)>;
-  LoopbackServer(int backlog, Serve serve) : serve_(std::move(serve)) {
+  LoopbackServer(int backlog, bool awaitPeerClose, Serve serve)
+      : serve_(std::move(serve)), awaitPeerClose_(awaitPeerClose) {
     listenFd_ = ::socket(AF_INET, SOCK_STREAM, 0);
     int one = 1;
     ::setsockopt(listenFd_, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
@@ -159,7 +162,7 @@ class LoopbackServer {
       if (end != std::string::npos) {
         serve_(fd, req, end, buf);
         ::shutdown(fd, SHUT_WR);
-        while (::read(fd, buf.data(), 65536) > 0) {
+        while (awaitPeerClose_ && ::read(fd, buf.data(), 65536) > 0) {
         }
       }
       ::close(fd);
@@ -167,6 +170,7 @@ class LoopbackServer {
   }
 
   Serve serve_;
+  bool awaitPeerClose_;
   int listenFd_ = -1;
   int port_ = 0;
   std::atomic<bool> stop_{false};
@@ -181,7 +185,7 @@ class LoopbackServer {
 class BenchServer {
  public:
   BenchServer()
-      : server_(128, [this](int fd, const std::string& req, size_t end, std::vector<char>& buf) {
+      : server_(128, true, [this](int fd, const std::string& req, size_t end, std::vector<char>& buf) {
           serve(fd, req, end, buf);
         }) {}
   int port() const { return server_.port(); }
@@ -269,11 +273,13 @@ class BenchServer {
 };
 
 // Answers every request "503 Service Unavailable" with "Retry-After: 1" and
-// notes when each arrived. Its backlog holds a hundred clients at once.
+// notes when each arrived. Its backlog holds a hundred clients at once, and it
+// closes right after each reply: the arrival times must not wait on clients
+// that keep the refused connection open while they wait to retry.
 class BusyServer {
  public:
   BusyServer()
-      : server_(256, [this](int fd, const std::string&, size_t, std::vector<char>&) {
+      : server_(256, false, [this](int fd, const std::string&, size_t, std::vector<char>&) {
           {
             std::lock_guard<std::mutex> lock(mutex_);
             arrivals_.push_back(std::chrono::steady_clock::now());
@@ -540,10 +546,14 @@ void retrySpread() {
   std::pair<long long, int> busiest{0, 0};
   for (const auto& b : perSecond)
     if (b.second > busiest.second) busiest = b;
-  std::printf("503 retries: %zu retries from %d clients over %.1f s; busiest second %lld..%lld s: %d\n",
-              retries, kClients,
-              arrivals.empty() ? 0.0 : std::chrono::duration<double>(arrivals.back() - released).count(),
-              busiest.first, busiest.first + 1, busiest.second);
+  const auto sinceRelease = [&](size_t i) {
+    return i < arrivals.size() ? std::chrono::duration<double>(arrivals[i] - released).count() : 0.0;
+  };
+  std::printf(
+      "503 retries: %zu retries from %d clients over %.1f s (first requests within %.0f ms of the "
+      "release); busiest second %lld..%lld s: %d\n",
+      retries, kClients, sinceRelease(arrivals.size() - 1), sinceRelease(kClients - 1) * 1e3, busiest.first,
+      busiest.first + 1, busiest.second);
   benchutil::printRatio("tobas_503_retries_busiest_second_share", {static_cast<double>(busiest.second)},
                         {static_cast<double>(retries)}, "0.10");
 }
@@ -580,7 +590,7 @@ int main(int argc, char** argv) {
     char hex[2 * SHA256_DIGEST_SIZE + 1];
     for (size_t i = 0; i < sizeof digest; ++i) std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
     g_sha256 = hex;
-    std::snprintf(hex, sizeof hex, "%08lx", crc);
+    std::snprintf(hex, sizeof hex, "0x%08lx", crc);
     g_crc32 = hex;
     g_sha256Opts.checksum = g_sha256.c_str();
     g_crc32Opts.checksum = g_crc32.c_str();
