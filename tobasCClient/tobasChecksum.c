@@ -124,8 +124,11 @@ int tobasSumNew(const char* method, const char* value, tobasSum** sum) {
     tobasLogError("Unknown checksum method: %s", method);
     return tobasERR_INV_PARS;
   }
-  tobasSum* s = calloc(1, sizeof *s);
+  /* A new sum starts as this one: idle, no thread, its mutex and condition set up as statics are. */
+  static const tobasSum blank = {.mutex = PTHREAD_MUTEX_INITIALIZER, .changed = PTHREAD_COND_INITIALIZER};
+  tobasSum* s = malloc(sizeof *s);
   if (s == NULL) return tobasERR_ALLOC_MEM;
+  *s = blank;
   s->kind = kMethods[i].kind;
   s->size = kMethods[i].size;
   const int bad =
@@ -135,8 +138,6 @@ int tobasSumNew(const char* method, const char* value, tobasSum** sum) {
     free(s);
     return tobasERR_INV_PARS;
   }
-  pthread_mutex_init(&s->mutex, NULL);
-  pthread_cond_init(&s->changed, NULL);
   restart(s);
   *sum = s;
   return tobasSTAT_SUCCESS;
@@ -226,7 +227,5 @@ void tobasSumFree(tobasSum* s) {
   pthread_cond_broadcast(&s->changed);
   pthread_mutex_unlock(&s->mutex);
   if (s->started > 0) pthread_join(s->thread, NULL);
-  pthread_cond_destroy(&s->changed);
-  pthread_mutex_destroy(&s->mutex);
   free(s);
 }

@@ -143,11 +143,9 @@ int tobasCmdGet(tobasCommand* c, const char* host, int port, tobasSTATUS* status
     if (!c->retry) r.maxAttempts = 1;
     b->resp.status = 0;
     while ((stat = tobasGetFrom(host, port, &rq)) != 0 || b->resp.status != tobasSRV_OK) {
-      if (!tobasRetryAgain(&r, stat, b->resp.status, b->hdr)) break;
+      if (!tobasRetryAgain(&r, stat, b->resp.status, b->hdr, &rep.fd)) break;
       free(rep.pdata); /* the reply of the attempt that failed */
-      if (rep.fd > 0) close(rep.fd);
       rep.pdata = NULL;
-      rep.fd = 0;
     }
   }
   takeReply(c, stat, &rep, status);

@@ -110,9 +110,10 @@ typedef struct {
 } tobasRetry;
 TOBAS_HIDDEN void tobasRetryBegin(tobasRetry* r);
 /* After a failed attempt: its code, and the HTTP status and header of its reply (httpStatus 0 when
- * no reply came; the header is then not looked at). 1 after the wait when another attempt is due,
- * else 0. */
-TOBAS_HIDDEN int tobasRetryAgain(tobasRetry* r, int stat, int httpStatus, tobasHTTP_HDR hdr);
+ * no reply came; the header is then not looked at). When another attempt is due, closes the failed
+ * attempt's connection *conn (when > 0; set to 0), so that the server is not kept waiting, then
+ * waits and returns 1; else returns 0 and leaves *conn as it is. */
+TOBAS_HIDDEN int tobasRetryAgain(tobasRetry* r, int stat, int httpStatus, tobasHTTP_HDR hdr, int* conn);
 
 /* A checksum being computed over a body as it arrives, and the value it must come to. */
 typedef struct tobasSum tobasSum;

@@ -382,7 +382,7 @@ static int retrieveWith(const char* fn, const char* host, int port, float timeou
   tobasRetryBegin(&retry);
   while (stat == 0) {
     stat = attempt(rt, host, port, c.path, targetFile);
-    if (stat == 0 || !tobasRetryAgain(&retry, stat, rt->resp.status, rt->hdr)) break;
+    if (stat == 0 || !tobasRetryAgain(&retry, stat, rt->resp.status, rt->hdr, &rt->rep.fd)) break;
     stat = 0;
   }
   stat = closeTarget(rt, stat);

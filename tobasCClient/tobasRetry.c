@@ -8,6 +8,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 #include <time.h>
+#include <unistd.h>
 
 #include "tobasInternal.h"
 
@@ -84,7 +85,7 @@ static void sleepMs(long ms) {
   }
 }
 
-int tobasRetryAgain(tobasRetry* r, int stat, int httpStatus, tobasHTTP_HDR hdr) {
+int tobasRetryAgain(tobasRetry* r, int stat, int httpStatus, tobasHTTP_HDR hdr, int* conn) {
   if (r->attempts >= r->maxAttempts || !retryable(stat, httpStatus)) return 0;
   long cap = r->firstDelayMs;
   for (int k = 1; k < r->attempts && cap < r->maxDelayMs; ++k) cap *= 2;
@@ -98,6 +99,8 @@ int tobasRetryAgain(tobasRetry* r, int stat, int httpStatus, tobasHTTP_HDR hdr) 
   }
   tobasLogWarning("Attempt %d of %d failed (status %d, reply %d); next attempt in %ld ms", r->attempts,
                   r->maxAttempts, stat, httpStatus, wait);
+  if (*conn > 0) close(*conn);
+  *conn = 0;
   sleepMs(wait);
   ++r->attempts;
   return 1;
