@@ -4,9 +4,9 @@
  * pace with the network. */
 #define _GNU_SOURCE
 #include <ctype.h>
-#include <limits.h>
 #include <nettle/base16.h>
 #include <nettle/md5.h>
+#include <nettle/nettle-meta.h>
 #include <nettle/sha2.h>
 #include <pthread.h>
 #include <stdint.h>
@@ -17,20 +17,20 @@
 
 #include "tobasInternal.h"
 
-typedef enum { SUM_CRC32, SUM_MD5, SUM_SHA256 } SumKind;
+/* CRC-32 in the shape of nettle's hashes, so that one table serves every method. */
+static void crcInit(void* ctx) { *(uLong*)ctx = crc32_z(0L, Z_NULL, 0); }
+static void crcUpdate(void* ctx, size_t n, const uint8_t* p) { *(uLong*)ctx = crc32_z(*(uLong*)ctx, p, n); }
+static void crcDigest(void* ctx, size_t size, uint8_t* d) {
+  for (size_t i = 0; i < size; ++i) d[i] = (uint8_t)(*(uLong*)ctx >> (24 - 8 * i));
+}
+static const struct nettle_hash crc32Hash = {"crc32", sizeof(uLong), 4, 1, crcInit, crcUpdate, crcDigest};
 
-static const struct {
-  const char* name;
-  SumKind kind;
-  size_t size; /* digest bytes */
-} kMethods[] = {
-    {"crc32", SUM_CRC32, 4}, {"md5", SUM_MD5, MD5_DIGEST_SIZE}, {"sha256", SUM_SHA256, SHA256_DIGEST_SIZE}};
+static const struct nettle_hash* const kMethods[] = {&crc32Hash, &nettle_md5, &nettle_sha256};
 #define METHODS (sizeof kMethods / sizeof kMethods[0])
 #define MAX_DIGEST SHA256_DIGEST_SIZE
 
 struct tobasSum {
-  SumKind kind;
-  size_t size;
+  const struct nettle_hash* hash;
   unsigned char want[MAX_DIGEST];
   union {
     uLong crc;
@@ -46,45 +46,15 @@ struct tobasSum {
   size_t pieceLen;
 };
 
-static int methodIndex(const char* name) {
+static const struct nettle_hash* hashNamed(const char* name) {
   for (size_t i = 0; name != NULL && i < METHODS; ++i)
-    if (strcasecmp(name, kMethods[i].name) == 0) return (int)i;
-  return -1;
+    if (strcasecmp(name, kMethods[i]->name) == 0) return kMethods[i];
+  return NULL;
 }
 
-int tobasChecksumMethodKnown(const char* name) { return methodIndex(name) >= 0; }
+int tobasChecksumMethodKnown(const char* name) { return hashNamed(name) != NULL; }
 
-static void update(tobasSum* s, const unsigned char* p, size_t n) {
-  switch (s->kind) {
-    case SUM_CRC32:
-      /* zlib takes lengths as uInt: hash a long piece in parts. */
-      for (size_t part; n > 0; p += part, n -= part) {
-        part = n < UINT_MAX ? n : UINT_MAX;
-        s->ctx.crc = crc32(s->ctx.crc, p, (uInt)part);
-      }
-      break;
-    case SUM_MD5:
-      md5_update(&s->ctx.md5, n, p);
-      break;
-    case SUM_SHA256:
-      sha256_update(&s->ctx.sha, n, p);
-      break;
-  }
-}
-
-static void restart(tobasSum* s) {
-  switch (s->kind) {
-    case SUM_CRC32:
-      s->ctx.crc = crc32(0L, Z_NULL, 0);
-      break;
-    case SUM_MD5:
-      md5_init(&s->ctx.md5);
-      break;
-    case SUM_SHA256:
-      sha256_init(&s->ctx.sha);
-      break;
-  }
-}
+static void update(tobasSum* s, const unsigned char* p, size_t n) { s->hash->update(&s->ctx, n, p); }
 
 /* Hex digits (any case) of exactly `size` bytes into out. */
 static int parseHex(const char* text, unsigned char* out, size_t size) {
@@ -119,8 +89,8 @@ static int parseCrc(const char* text, unsigned char* out) {
 int tobasSumNew(const char* method, const char* value, tobasSum** sum) {
   *sum = NULL;
   if (method == NULL || method[0] == '\0') return tobasSTAT_SUCCESS;
-  const int i = methodIndex(method);
-  if (i < 0) {
+  const struct nettle_hash* hash = hashNamed(method);
+  if (hash == NULL) {
     tobasLogError("Unknown checksum method: %s", method);
     return tobasERR_INV_PARS;
   }
@@ -129,16 +99,15 @@ int tobasSumNew(const char* method, const char* value, tobasSum** sum) {
   tobasSum* s = malloc(sizeof *s);
   if (s == NULL) return tobasERR_ALLOC_MEM;
   *s = blank;
-  s->kind = kMethods[i].kind;
-  s->size = kMethods[i].size;
-  const int bad =
-      value == NULL || (s->kind == SUM_CRC32 ? parseCrc(value, s->want) : parseHex(value, s->want, s->size));
+  s->hash = hash;
+  const int bad = value == NULL || (hash == &crc32Hash ? parseCrc(value, s->want)
+                                                       : parseHex(value, s->want, hash->digest_size));
   if (bad) {
-    tobasLogError("Malformed %s checksum: %s", kMethods[i].name, value != NULL ? value : "(none)");
+    tobasLogError("Malformed %s checksum: %s", hash->name, value != NULL ? value : "(none)");
     free(s);
     return tobasERR_INV_PARS;
   }
-  restart(s);
+  hash->init(&s->ctx);
   *sum = s;
   return tobasSTAT_SUCCESS;
 }
@@ -193,29 +162,20 @@ void tobasSumUpdate(tobasSum* s, const void* p, size_t n) {
 
 void tobasSumRestart(tobasSum* s) {
   tobasSumWait(s);
-  restart(s);
+  s->hash->init(&s->ctx);
 }
 
 int tobasSumCheck(tobasSum* s) {
   unsigned char got[MAX_DIGEST];
   tobasSumWait(s);
-  switch (s->kind) {
-    case SUM_CRC32:
-      for (int i = 0; i < 4; ++i) got[i] = (unsigned char)(s->ctx.crc >> (24 - 8 * i));
-      break;
-    case SUM_MD5:
-      md5_digest(&s->ctx.md5, MD5_DIGEST_SIZE, got);
-      break;
-    case SUM_SHA256:
-      sha256_digest(&s->ctx.sha, SHA256_DIGEST_SIZE, got);
-      break;
-  }
-  if (memcmp(got, s->want, s->size) == 0) return tobasSTAT_SUCCESS;
+  const size_t size = s->hash->digest_size;
+  s->hash->digest(&s->ctx, size, got);
+  if (memcmp(got, s->want, size) == 0) return tobasSTAT_SUCCESS;
   char want[BASE16_ENCODE_LENGTH(MAX_DIGEST)], have[BASE16_ENCODE_LENGTH(MAX_DIGEST)];
-  base16_encode_update(want, s->size, s->want);
-  base16_encode_update(have, s->size, got);
-  tobasLogError("Checksum mismatch of the retrieved file: expected %.*s, got %.*s", (int)(2 * s->size), want,
-                (int)(2 * s->size), have);
+  base16_encode_update(want, size, s->want);
+  base16_encode_update(have, size, got);
+  tobasLogError("Checksum mismatch of the retrieved file: expected %.*s, got %.*s", (int)(2 * size), want,
+                (int)(2 * size), have);
   return tobasERR_CHECKSUM;
 }
 
