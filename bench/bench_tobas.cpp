@@ -3,7 +3,9 @@
 //   - retrieval of a 1 GiB file: tobasRetrieve2File, `curl -o`, and a raw
 //     socket loop writing the same bytes into a file (the machine's limit);
 //   - the same retrieval checking a SHA-256 and a CRC-32 while the bytes arrive
-//     (tobasRetrieve2FileOpts), against the plain one, round by round;
+//     (tobasRetrieve2FileOpts), against the plain one, round by round: once at
+//     loopback's full speed, where the server's own sendfile takes one of the
+//     machine's cores, and once paced by the kernel as over a 10 Gbit/s link;
 //   - archive push of a 1 GiB file: tobasArchive, curl's streamed upload, and
 //     a raw socket loop sending the same bytes;
 //   - STATUS commands per second: tobasStatus against a raw connect-send-
@@ -56,6 +58,7 @@ extern char** environ;
 namespace {
 
 const long long kBig = 1LL << 30;
+const unsigned kLinkBytesPerSecond = 1250000000;  // 10 Gbit/s
 const size_t kChunk = 1 << 20;
 std::string g_dir, g_source, g_target;
 
@@ -213,6 +216,11 @@ class BenchServer {
   void serve(int fd, const std::string& req, size_t end, std::vector<char>& buf) {
     const std::string header = req.substr(0, end);
     if (header.find("RETRIEVE") != std::string::npos) {
+      // The file "paced" comes as over a 10 Gbit/s link: the kernel's TCP pacing spaces the packets.
+      if (header.find("file_id=\"paced\"") != std::string::npos) {
+        const unsigned rate = kLinkBytesPerSecond;
+        ::setsockopt(fd, SOL_SOCKET, SO_MAX_PACING_RATE, &rate, sizeof rate);
+      }
       retrieve(fd, headerNumber(header, "range: bytes="));
     } else if (header.compare(0, 5, "POST ") == 0) {
       long long left = headerNumber(header, "content-length:") - static_cast<long long>(req.size() - end);
@@ -381,15 +389,15 @@ void retrieveCurl(benchutil::Pass& pass) {
 std::string g_sha256, g_crc32;
 tobasRETRIEVE_OPTS g_sha256Opts{0, "sha256", ""}, g_crc32Opts{0, "crc32", ""};
 
-// tobasRetrieve2File, or tobasRetrieve2FileOpts when there are options.
-void retrieveWith(benchutil::Pass& pass, const tobasRETRIEVE_OPTS* opts) {
+// tobasRetrieve2File, or tobasRetrieve2FileOpts when there are options, of the file `id`.
+void retrieveWith(benchutil::Pass& pass, const tobasRETRIEVE_OPTS* opts, const char* id = "big") {
   pass.measure([&] {
     tobasSTATUS st;
     tobasInitStatus(&st);
     tobasBIG_BUF final;
-    const int rc = opts ? tobasRetrieve2FileOpts("127.0.0.1", g_server->port(), 60, "big", -1, "", "",
+    const int rc = opts ? tobasRetrieve2FileOpts("127.0.0.1", g_server->port(), 60, id, -1, "", "",
                                                  g_target.c_str(), final, opts, &st)
-                        : tobasRetrieve2File("127.0.0.1", g_server->port(), 60, "big", -1, "", "",
+                        : tobasRetrieve2File("127.0.0.1", g_server->port(), 60, id, -1, "", "",
                                              g_target.c_str(), final, &st);
     if (rc != 0) pass.fail(st.message[0] ? st.message : "retrieval failed");
     tobasFreeStatus(&st);
@@ -400,6 +408,9 @@ void retrieveWith(benchutil::Pass& pass, const tobasRETRIEVE_OPTS* opts) {
 void retrieveOurs(benchutil::Pass& pass) { retrieveWith(pass, nullptr); }
 void retrieveSha256(benchutil::Pass& pass) { retrieveWith(pass, &g_sha256Opts); }
 void retrieveCrc32(benchutil::Pass& pass) { retrieveWith(pass, &g_crc32Opts); }
+void retrievePaced(benchutil::Pass& pass) { retrieveWith(pass, nullptr, "paced"); }
+void retrievePacedSha256(benchutil::Pass& pass) { retrieveWith(pass, &g_sha256Opts, "paced"); }
+void retrievePacedCrc32(benchutil::Pass& pass) { retrieveWith(pass, &g_crc32Opts, "paced"); }
 
 void archiveRaw(benchutil::Pass& pass) {
   std::vector<char> buf(kChunk);
@@ -619,6 +630,9 @@ int main(int argc, char** argv) {
       .side("BM_retrieve_ours", retrieveOurs)
       .side("BM_retrieve_sha256", retrieveSha256)
       .side("BM_retrieve_crc32", retrieveCrc32)
+      .side("BM_retrieve_10gbit", retrievePaced)
+      .side("BM_retrieve_10gbit_sha256", retrievePacedSha256)
+      .side("BM_retrieve_10gbit_crc32", retrievePacedCrc32)
       .side("BM_archive_raw", archiveRaw)
       .side("BM_archive_curl", archiveCurl)
       .side("BM_archive_ours", archiveOurs)
@@ -628,8 +642,10 @@ int main(int argc, char** argv) {
   benchmark::Shutdown();
 
   const double gib = static_cast<double>(kBig) / (1 << 30);
-  for (const char* name : {"BM_retrieve_raw", "BM_retrieve_curl", "BM_retrieve_ours", "BM_retrieve_sha256",
-                           "BM_retrieve_crc32", "BM_archive_raw", "BM_archive_curl", "BM_archive_ours"}) {
+  for (const char* name :
+       {"BM_retrieve_raw", "BM_retrieve_curl", "BM_retrieve_ours", "BM_retrieve_sha256", "BM_retrieve_crc32",
+        "BM_retrieve_10gbit", "BM_retrieve_10gbit_sha256", "BM_retrieve_10gbit_crc32", "BM_archive_raw",
+        "BM_archive_curl", "BM_archive_ours"}) {
     const std::vector<double> t = rounds.times(name);
     if (t.empty()) continue;
     const double best = *std::min_element(t.begin(), t.end()), median = benchutil::median(t);
@@ -648,6 +664,10 @@ int main(int argc, char** argv) {
   rounds.ratio("tobas_retrieve_1GiB_vs_raw", "BM_retrieve_ours", "BM_retrieve_raw", "1.25");
   rounds.ratio("tobas_retrieve_sha256_vs_plain", "BM_retrieve_sha256", "BM_retrieve_ours", "1.15");
   rounds.ratio("tobas_retrieve_crc32_vs_plain", "BM_retrieve_crc32", "BM_retrieve_ours", "1.05");
+  rounds.ratio("tobas_retrieve_10gbit_sha256_vs_plain", "BM_retrieve_10gbit_sha256", "BM_retrieve_10gbit",
+               "1.15");
+  rounds.ratio("tobas_retrieve_10gbit_crc32_vs_plain", "BM_retrieve_10gbit_crc32", "BM_retrieve_10gbit",
+               "1.05");
   rounds.ratio("tobas_archive_1GiB_vs_curl", "BM_archive_ours", "BM_archive_curl", "1.0");
   rounds.ratio("tobas_archive_1GiB_vs_raw", "BM_archive_ours", "BM_archive_raw", "1.25");
   rounds.ratio("tobas_status_vs_raw", "BM_status_ours", "BM_status_raw", "1.25");

@@ -25,12 +25,19 @@ static void crcDigest(void* ctx, size_t size, uint8_t* d) {
 }
 static const struct nettle_hash crc32Hash = {"crc32", sizeof(uLong), 4, 1, crcInit, crcUpdate, crcDigest};
 
-static const struct nettle_hash* const kMethods[] = {&crc32Hash, &nettle_md5, &nettle_sha256};
+/* CRC-32 keeps pace with the network in the receiving thread, on bytes still in the cache; handing
+ * its pieces to a thread costs more than it saves. MD5 and SHA-256 are slower than a fast link and
+ * get a thread of their own. */
+static const struct {
+  const struct nettle_hash* hash;
+  int here; /* hashed in the receiving thread */
+} kMethods[] = {{&crc32Hash, 1}, {&nettle_md5, 0}, {&nettle_sha256, 0}};
 #define METHODS (sizeof kMethods / sizeof kMethods[0])
 #define MAX_DIGEST SHA256_DIGEST_SIZE
 
 struct tobasSum {
   const struct nettle_hash* hash;
+  int here;
   unsigned char want[MAX_DIGEST];
   union {
     uLong crc;
@@ -46,13 +53,13 @@ struct tobasSum {
   size_t pieceLen;
 };
 
-static const struct nettle_hash* hashNamed(const char* name) {
+static int methodIndex(const char* name) {
   for (size_t i = 0; name != NULL && i < METHODS; ++i)
-    if (strcasecmp(name, kMethods[i]->name) == 0) return kMethods[i];
-  return NULL;
+    if (strcasecmp(name, kMethods[i].hash->name) == 0) return (int)i;
+  return -1;
 }
 
-int tobasChecksumMethodKnown(const char* name) { return hashNamed(name) != NULL; }
+int tobasChecksumMethodKnown(const char* name) { return methodIndex(name) >= 0; }
 
 static void update(tobasSum* s, const unsigned char* p, size_t n) { s->hash->update(&s->ctx, n, p); }
 
@@ -89,8 +96,8 @@ static int parseCrc(const char* text, unsigned char* out) {
 int tobasSumNew(const char* method, const char* value, tobasSum** sum) {
   *sum = NULL;
   if (method == NULL || method[0] == '\0') return tobasSTAT_SUCCESS;
-  const struct nettle_hash* hash = hashNamed(method);
-  if (hash == NULL) {
+  const int i = methodIndex(method);
+  if (i < 0) {
     tobasLogError("Unknown checksum method: %s", method);
     return tobasERR_INV_PARS;
   }
@@ -99,7 +106,8 @@ int tobasSumNew(const char* method, const char* value, tobasSum** sum) {
   tobasSum* s = malloc(sizeof *s);
   if (s == NULL) return tobasERR_ALLOC_MEM;
   *s = blank;
-  s->hash = hash;
+  const struct nettle_hash* hash = s->hash = kMethods[i].hash;
+  s->here = kMethods[i].here;
   const int bad = value == NULL || (hash == &crc32Hash ? parseCrc(value, s->want)
                                                        : parseHex(value, s->want, hash->digest_size));
   if (bad) {
@@ -154,6 +162,8 @@ void tobasSumFeed(tobasSum* s, const void* p, size_t n) {
   pthread_mutex_unlock(&s->mutex);
   if (here) update(s, p, n);
 }
+
+int tobasSumHere(const tobasSum* s) { return s->here; }
 
 void tobasSumUpdate(tobasSum* s, const void* p, size_t n) {
   tobasSumWait(s);

@@ -120,6 +120,9 @@ typedef struct tobasSum tobasSum;
 /* *sum NULL when no method is given. 0, tobasERR_INV_PARS (unknown method or malformed value,
  * logged) or tobasERR_ALLOC_MEM. */
 TOBAS_HIDDEN int tobasSumNew(const char* method, const char* value, tobasSum** sum);
+/* 1 when the sum is cheap enough to be computed in the receiving thread, by tobasSumUpdate on each
+ * piece as it arrives; else it is fed whole pieces, which a thread of its own hashes. */
+TOBAS_HIDDEN int tobasSumHere(const tobasSum* s);
 /* Hands p[0..n) to the sum's thread and returns once the piece fed before is hashed: p must stay
  * unchanged until the next call of any function below. */
 TOBAS_HIDDEN void tobasSumFeed(tobasSum* s, const void* p, size_t n);

@@ -101,22 +101,29 @@ static int createTemp(const char* final, char* temp, size_t tempSize) {
 
 /* ------------------------------------------------------------------ copying the body */
 
-/* The piece of the buffer just filled goes to the checksum (when there is one), and the other piece
- * takes the next bytes while it is hashed. Without a checksum the one piece is used again. */
-static char* handOver(tobasSum* sum, char* buf, char* piece, size_t* fill) {
-  if (sum != NULL) tobasSumFeed(sum, piece, *fill);
+/* A checksum fed whole pieces: one piece of the buffer is hashed while the other fills. */
+static int fedPieces(tobasSum* sum) { return sum != NULL && !tobasSumHere(sum); }
+
+/* After n bytes arrived at the end of the piece being filled: a checksum computed here takes them
+ * while they are in the cache; a full piece goes to a checksum fed pieces, and the other piece takes
+ * the next bytes. The piece the next bytes go to. */
+static char* received(tobasSum* sum, char* buf, char* piece, size_t* fill, size_t n) {
+  if (sum != NULL && tobasSumHere(sum)) tobasSumUpdate(sum, piece + *fill - n, n);
+  if (*fill < TOBAS_IO_CHUNK) return piece;
   *fill = 0;
-  return sum == NULL ? piece : piece == buf ? buf + TOBAS_IO_CHUNK : buf;
+  if (!fedPieces(sum)) return piece;
+  tobasSumFeed(sum, piece, TOBAS_IO_CHUNK);
+  return piece == buf ? buf + TOBAS_IO_CHUNK : buf;
 }
 
 /* Copies the socket's next `*left` bytes into the file through a buffer of TOBAS_IO_CHUNK (two with
- * a checksum: one is hashed while the other fills). Each wait for data is bounded by the reply
+ * a checksum fed pieces: one is hashed while the other fills). Each wait for data is bounded by the reply
  * time-out, counted from the last data received; a connection closed early ends the copy at once,
  * and what was written up to then is hashed all the same, so that a later attempt can go on from
  * it. Plain reads and writes: a splice through a pipe saved the copy into this process but took as
  * long again in one pass out of two, and the bytes must pass through here anyway to be hashed. */
 static int copyBody(int sock, int out, long* left, float timeout, tobasSum* sum) {
-  char* buf = malloc(sum != NULL ? 2 * (size_t)TOBAS_IO_CHUNK : TOBAS_IO_CHUNK);
+  char* buf = malloc(fedPieces(sum) ? 2 * (size_t)TOBAS_IO_CHUNK : TOBAS_IO_CHUNK);
   if (buf == NULL) return tobasERR_ALLOC_MEM;
   char* piece = buf;
   size_t fill = 0;
@@ -139,13 +146,11 @@ static int copyBody(int sock, int out, long* left, float timeout, tobasSum* sum)
       lastData = tobasNow();
       *left -= n;
       fill += (size_t)n;
-      if (fill == TOBAS_IO_CHUNK) piece = handOver(sum, buf, piece, &fill);
+      piece = received(sum, buf, piece, &fill, (size_t)n);
     }
   }
-  if (sum != NULL) {
-    if (fill > 0) handOver(sum, buf, piece, &fill);
-    tobasSumWait(sum); /* the buffer goes */
-  }
+  if (fedPieces(sum) && fill > 0) tobasSumFeed(sum, piece, fill);
+  if (sum != NULL) tobasSumWait(sum); /* the buffer goes */
   free(buf);
   return stat;
 }
