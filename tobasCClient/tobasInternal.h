@@ -161,6 +161,13 @@ int _tobasReplyFileName(tobasHTTP_HDR hdr, char* name);
  * bytes of text (the top of a log file); 0 without a marker. */
 long _tobasRotationTime(const char* text, size_t len);
 
+/* A 206 reply's Content-Range value "bytes FROM-LAST/TOTAL", with 0 <= FROM <= LAST < TOTAL.
+ * 0 or tobasERR_INV_REPLY. */
+int _tobasParseContentRange(const char* value, long* from, long* last, long* total);
+/* A Retry-After value in ms: delta seconds (a longer wait than a day is taken as a day); 0 for
+ * anything else, the date form included. */
+long _tobasRetryAfterMs(const char* value);
+
 /* 1 when host:port is a server of a registered list. */
 TOBAS_HIDDEN int tobasSrvListed(const char* host, int port);
 

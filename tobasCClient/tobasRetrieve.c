@@ -199,14 +199,21 @@ static int startOver(Retrieval* rt) {
   return ftruncate(rt->out, 0) == 0 && lseek(rt->out, 0, SEEK_SET) == 0 ? tobasSTAT_SUCCESS : tobasERR_FILE;
 }
 
+int _tobasParseContentRange(const char* value, long* from, long* last, long* total) {
+  int end = 0;
+  const int ok = sscanf(value, "bytes %ld-%ld/%ld%n", from, last, total, &end) == 3 && value[end] == '\0' &&
+                 *from >= 0 && *from <= *last && *last < *total;
+  return ok ? tobasSTAT_SUCCESS : tobasERR_INV_REPLY;
+}
+
 /* A 206 reply is the rest of the file only when its range starts where the file ends and runs to
  * the end of a file of the size known; otherwise the file is started again. */
 static int acceptPartial(Retrieval* rt) {
   tobasMED_BUF range;
   long from = -1, last = -1, total = -1;
   if (tobasGetHttpHdrEntry(rt->hdr, "content-range", "", range) != 0 ||
-      sscanf(range, "bytes %ld-%ld/%ld", &from, &last, &total) != 3 || from != rt->have ||
-      last != total - 1 || rt->len != total - from || (rt->total >= 0 && total != rt->total)) {
+      _tobasParseContentRange(range, &from, &last, &total) != 0 || from != rt->have || last != total - 1 ||
+      rt->len != total - from || (rt->total >= 0 && total != rt->total)) {
     tobasLogError("Reply holds another part of the file than the rest from byte %ld", rt->have);
     rt->left = 0; /* not worth reading */
     const int stat = startOver(rt);

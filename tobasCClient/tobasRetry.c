@@ -3,6 +3,7 @@
  * server's Retry-After, so that clients that a busy server turned away together do not all come
  * back in the same moment. */
 #define _GNU_SOURCE
+#include <ctype.h>
 #include <errno.h>
 #include <pthread.h>
 #include <stdint.h>
@@ -69,14 +70,18 @@ static int retryable(int stat, int httpStatus) {
          stat == tobasERR_RD_DATA || stat == tobasSTAT_FAILURE;
 }
 
-/* The reply's Retry-After in ms (delta seconds; the date form is not taken), 0 without one. */
-static long retryAfterMs(tobasHTTP_HDR hdr) {
-  tobasMED_BUF value;
-  if (hdr == NULL || tobasGetHttpHdrEntry(hdr, "retry-after", "", value) != 0) return 0;
+long _tobasRetryAfterMs(const char* value) {
   char* end;
   const long secs = strtol(value, &end, 10);
-  if (end == value || secs <= 0) return 0;
+  if (!isdigit((unsigned char)value[0]) || (*end != '\0' && !isspace((unsigned char)*end))) return 0;
   return 1000L * (secs < LONGEST_RETRY_AFTER_SECS ? secs : LONGEST_RETRY_AFTER_SECS);
+}
+
+/* The reply's Retry-After in ms, 0 without one. */
+static long retryAfterMs(tobasHTTP_HDR hdr) {
+  tobasMED_BUF value;
+  return hdr != NULL && tobasGetHttpHdrEntry(hdr, "retry-after", "", value) == 0 ? _tobasRetryAfterMs(value)
+                                                                                 : 0;
 }
 
 static void sleepMs(long ms) {

@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "tests/tobasCClient/TobasTest.h"
+#include "tobasCClient/tobasInternal.h"
 
 namespace {
 
@@ -138,6 +139,22 @@ TEST_F(Resilience, OnlyStatusAndRetrievalAreRetried) {
   tobasFreeStatus(&st);
   tobasStatus("127.0.0.1", srv.port(), 5, &st);
   EXPECT_EQ(4u, srv.requests().size());
+}
+
+TEST(ResilienceSettings, RangesAndRetryAfterAsServersSendThem) {
+  long from = 0, last = 0, total = 0;
+  for (const char* bad : {"bytes 5-4/10", "bytes 0-10/10", "bytes -1-3/10", "bytes 1-2/3x", "bytes */10", ""})
+    EXPECT_EQ(tobasERR_INV_REPLY, _tobasParseContentRange(bad, &from, &last, &total)) << bad;
+  EXPECT_EQ(0, _tobasParseContentRange("bytes 0-9/10", &from, &last, &total));
+  EXPECT_TRUE(from == 0 && last == 9 && total == 10);
+  for (const auto& [text, ms] :
+       std::vector<std::pair<const char*, long>>{{"2", 2000},
+                                                 {"0", 0},
+                                                 {"-3", 0},
+                                                 {"1.5", 0},
+                                                 {"Wed, 21 Oct 2026 07:28:00 GMT", 0},
+                                                 {"999999999", 86400000}})
+    EXPECT_EQ(ms, _tobasRetryAfterMs(text)) << text;
 }
 
 TEST(ResilienceSettings, BadPoliciesAndChecksumsAreRefusedBeforeAnyRequest) {
