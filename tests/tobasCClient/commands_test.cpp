@@ -184,6 +184,7 @@ TEST_F(Commands, RetrievalFailuresLeaveNoFile) {
   EXPECT_HAS(logText(), "[ERROR] Reply names an illegal file to write: \"../out\"");
   EXPECT_HAS(logText(), "[ERROR] Retrieval refused by the server: 500 ");
   EXPECT_HAS(logText(), "[ERROR] Reply announces no length of the file");  // the last row
+  EXPECT_HAS(logText(), "[ERROR] Reply names no file to write");
   EXPECT_EQ(400, retrieve({httpReply(400, statusDoc("FAILURE", "TOBAS_ER_RETRIEVE:4022:WARNING: not here"))},
                           folder));
   EXPECT_EQ(TOBAS_WA_BUF_DATA, st.errorCode);

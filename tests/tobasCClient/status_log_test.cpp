@@ -56,6 +56,8 @@ TEST(TobasStatus, DocumentsCodesAndHelpers) {
   char v[8];
   for (const char* bad : {"<A b=\"unterminated", "<A b=", "<B b=\"1\"/>"})  // the value's bound: in the table
     EXPECT_EQ(tobasERR_INV_REPLY, tobasGetXmlAttr(bad, "A", "b", 8, v)) << bad;
+  EXPECT_EQ(0, tobasGetXmlAttr("<Ab=\"1\" b=\"2\"/>", "Ab", "b", 8, v));  // attributes start after the name
+  EXPECT_STREQ("2", v);
 
   tobasSTATUS st;
   tobasHTTP_DATA none{nullptr, 0}, bad{strdup("not a document"), 0};
@@ -261,7 +263,7 @@ TEST_F(TobasLog, CleanUpOfRotatedFiles) {
     return "LOG-ROTATE_" + std::to_string(now - days * 86400 - 5) + "_client.log";
   };
   for (long days : {3, 2, 1}) dir.write(rotatedName(days), "rotated");
-  dir.write("LOG-ROTATE", "too short to carry a time");
+  dir.write("LOG-ROTATE_", "too short to carry a time");
   dir.write("other.txt", "kept");
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, -1, -1));
   EXPECT_EQ(0, tobasCleanUpRotLogFiles(LEV3));  // no history: nothing removed
@@ -270,7 +272,7 @@ TEST_F(TobasLog, CleanUpOfRotatedFiles) {
   const long open = testsupport::openFdCount();
   EXPECT_EQ(0, tobasCleanUpRotLogFiles(LEV3));  // two days old and older go
   EXPECT_EQ(open, testsupport::openFdCount());  // the folder is closed again
-  EXPECT_EQ((std::vector<std::string>{"LOG-ROTATE", rotatedName(1), "client.log", "other.txt"}),
+  EXPECT_EQ((std::vector<std::string>{"LOG-ROTATE_", rotatedName(1), "client.log", "other.txt"}),
             listDir(dir.path()));
   EXPECT_HAS(readFile(log), "Removing rotated log file: " + dir.file(rotatedName(3)));
   ASSERT_EQ(0, rename(dir.path().c_str(), (dir.path() + "-moved").c_str()));
