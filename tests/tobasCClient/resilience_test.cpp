@@ -76,8 +76,7 @@ TEST_F(Resilience, RetriesGoOnWhereTheTransferBrokeOffAndCheckTheWholeFile) {
       {{{gone}}, {}, tobasERR_INV_REPLY, {""}},  // not worth another attempt
       {{{fileReply("f", kBody)}}, {0, "sha256", kZeros}, tobasERR_CHECKSUM, {""}},
   };
-  const auto openFds = [] { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); };
-  const auto fds = openFds();
+  const long fds = testsupport::openFdCount();
   const size_t inUse = heapInUse();
   for (Case& c : cases) {
     const auto start = std::chrono::steady_clock::now();
@@ -92,8 +91,8 @@ TEST_F(Resilience, RetriesGoOnWhereTheTransferBrokeOffAndCheckTheWholeFile) {
     }
     std::filesystem::remove(dir.file("out"));
   }
-  EXPECT_EQ(fds, openFds());       // no connection of an attempt left open
-  EXPECT_NO_GROWTH(inUse, 65536);  // nor memory (a retrieval takes 130 KiB)
+  EXPECT_EQ(fds, testsupport::openFdCount());  // no connection of an attempt left open
+  EXPECT_NO_GROWTH(inUse, 65536);              // nor memory (a retrieval takes 130 KiB)
   EXPECT_HAS(logText(), "Retrieval starts again from the first byte of " + dir.file("out"));
   EXPECT_HAS(logText(),
              "[ERROR] Checksum mismatch of the retrieved file: expected " + zeros + ", got "s + kSha);
