@@ -22,6 +22,14 @@ constexpr int kB64 = sodium_base64_VARIANT_URLSAFE_NO_PADDING;
 // else under the same key is not accepted here.
 const unsigned char kContext[] = "dbrc-password-v1";
 
+// Bytes of a key or of a clear password: wiped when they go out of scope,
+// whichever way the function leaves, so no copy stays on the stack.
+template <size_t N>
+struct Wiped {
+  unsigned char bytes[N];
+  ~Wiped() { sodium_memzero(bytes, N); }
+};
+
 std::string keyFilePath() {
   const char* env = std::getenv("STCRYPT_KEY_FILE");
   if (env && *env) return env;
@@ -61,18 +69,17 @@ bool loadKey(const std::string& path, unsigned char key[kKeyBytes]) {
   }
   // One byte more than a key, so that a longer file shows. A full buffer ends
   // the loop by itself: a read of no bytes returns 0.
-  unsigned char buf[kKeyBytes + 1];
+  Wiped<kKeyBytes + 1> buf;
   size_t got = 0;
   for (;;) {
-    const ssize_t n = ::read(fd, buf + got, sizeof buf - got);
+    const ssize_t n = ::read(fd, buf.bytes + got, sizeof buf.bytes - got);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     got += static_cast<size_t>(n);
   }
   ::close(fd);
   const bool whole = got == kKeyBytes;
-  if (whole) std::memcpy(key, buf, kKeyBytes);
-  sodium_memzero(buf, sizeof buf);  // the key's bytes leave no copy on the stack
+  if (whole) std::memcpy(key, buf.bytes, kKeyBytes);
   if (!whole)
     DA_LOG_ERROR("stcrypt: key file %s must hold exactly %d bytes", path.c_str(),
                  static_cast<int>(kKeyBytes));
@@ -99,22 +106,19 @@ extern "C" int stdecrypt(const char* in, char* out) {
     DA_LOG_ERROR("stcrypt: malformed enciphered password (not produced with key file %s)", path.c_str());
     return -1;
   }
-  unsigned char key[kKeyBytes];
-  if (!loadKey(path, key)) return -1;
-  unsigned char clear[STCRYPT_BUF_SIZE];
+  Wiped<kKeyBytes> key;
+  if (!loadKey(path, key.bytes)) return -1;
+  Wiped<STCRYPT_BUF_SIZE> clear;
   unsigned long long clearLen = 0;
-  const int rc = crypto_aead_xchacha20poly1305_ietf_decrypt(clear, &clearLen, nullptr, raw + kNonceBytes,
-                                                            rawLen - kNonceBytes, kContext,
-                                                            sizeof kContext - 1, raw, key);
-  sodium_memzero(key, sizeof key);
-  if (rc != 0 || clearLen >= STCRYPT_BUF_SIZE || std::memchr(clear, '\0', clearLen)) {
+  const int rc = crypto_aead_xchacha20poly1305_ietf_decrypt(clear.bytes, &clearLen, nullptr,
+                                                            raw + kNonceBytes, rawLen - kNonceBytes, kContext,
+                                                            sizeof kContext - 1, raw, key.bytes);
+  if (rc != 0 || clearLen >= STCRYPT_BUF_SIZE || std::memchr(clear.bytes, '\0', clearLen)) {
     DA_LOG_ERROR("stcrypt: cannot decipher password: wrong key or tampered text (key file %s)", path.c_str());
-    sodium_memzero(clear, sizeof clear);
     return -1;
   }
-  std::memcpy(out, clear, clearLen);
+  std::memcpy(out, clear.bytes, clearLen);
   out[clearLen] = '\0';
-  sodium_memzero(clear, sizeof clear);
   return 0;
 }
 
@@ -128,15 +132,14 @@ extern "C" int stencrypt(const char* in, char* out) {
     DA_LOG_ERROR("stcrypt: password longer than %d bytes (key file %s)", STCRYPT_MAX_PASSWORD, path.c_str());
     return -1;
   }
-  unsigned char key[kKeyBytes];
-  if (!loadKey(path, key)) return -1;
+  Wiped<kKeyBytes> key;
+  if (!loadKey(path, key.bytes)) return -1;
   unsigned char raw[kNonceBytes + STCRYPT_MAX_PASSWORD + kTagBytes];
   randombytes_buf(raw, kNonceBytes);
   unsigned long long sealedLen = 0;
   crypto_aead_xchacha20poly1305_ietf_encrypt(raw + kNonceBytes, &sealedLen,
                                              reinterpret_cast<const unsigned char*>(in), len, kContext,
-                                             sizeof kContext - 1, nullptr, raw, key);
-  sodium_memzero(key, sizeof key);
+                                             sizeof kContext - 1, nullptr, raw, key.bytes);
   const size_t rawLen = kNonceBytes + static_cast<size_t>(sealedLen);
   static_assert(sodium_base64_ENCODED_LEN(kNonceBytes + STCRYPT_MAX_PASSWORD + kTagBytes,
                                           sodium_base64_VARIANT_URLSAFE_NO_PADDING) <= STCRYPT_BUF_SIZE,
@@ -152,16 +155,15 @@ extern "C" int stcreatekey(const char* path) {
     DA_LOG_ERROR("stcrypt: cannot create key file %s: %s", path, std::strerror(errno));
     return -1;
   }
-  unsigned char key[kKeyBytes];
-  crypto_aead_xchacha20poly1305_ietf_keygen(key);
+  Wiped<kKeyBytes> key;
+  crypto_aead_xchacha20poly1305_ietf_keygen(key.bytes);
   size_t done = 0;
   while (done < kKeyBytes) {
-    const ssize_t n = ::write(fd, key + done, kKeyBytes - done);
+    const ssize_t n = ::write(fd, key.bytes + done, kKeyBytes - done);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;
     done += static_cast<size_t>(n);
   }
-  sodium_memzero(key, sizeof key);
   const bool ok = done == kKeyBytes && ::fsync(fd) == 0;
   ::close(fd);
   if (!ok) {

@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 #include <stcrypt/stcrypt.h>
 
+#include <sys/resource.h>
 #include <sys/wait.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -64,6 +66,18 @@ TEST_F(Stcrypt, RoundTripsKeyFileRulesAndRefusalsThatLogOneErrorLineNamingTheKey
   expectRefused(good, dir_.path(), "is not a regular file");
   // Never overwritten; without STCRYPT_KEY_FILE the key is $HOME/.dbrc.key.
   EXPECT_EQ(stcreatekey(key_.c_str()), -1);
+  {  // A key that cannot be written whole (over the file size limit) leaves no file.
+    testsupport::LogCapture log;
+    rlimit was{};
+    ::getrlimit(RLIMIT_FSIZE, &was);
+    const rlimit small{8, was.rlim_max};
+    ::signal(SIGXFSZ, SIG_IGN);
+    ::setrlimit(RLIMIT_FSIZE, &small);
+    EXPECT_EQ(stcreatekey(dir_.file("big").c_str()), -1);
+    ::setrlimit(RLIMIT_FSIZE, &was);
+    EXPECT_EQ(log.count("cannot write key file " + dir_.file("big")), 1u);
+    EXPECT_FALSE(std::filesystem::exists(dir_.file("big")));
+  }
   unsetenv("STCRYPT_KEY_FILE");
   setenv("HOME", dir_.path().c_str(), 1);
   char path[512];
