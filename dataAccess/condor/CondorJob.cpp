@@ -44,7 +44,6 @@ std::string CondorJob::saveRefusal() const {
 
 std::string CondorJob::contents() const {
   std::string text;
-  text.reserve(250 + executable_.size() + arguments_.size() + 3 * id_.size() + initialDir_.size());
   // Keys are left-aligned in 22 columns, as Condor's own tools write them.
   text.append("universe              = ").append(universe_);
   text.append("\nexecutable            = ").append(executable_);

@@ -1,25 +1,21 @@
 #include <daLog/Log.h>
 #include <dataAccess/condor/CondorSupport.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <vector>
+#include <filesystem>
 
 namespace dataAccess {
 namespace condor {
 
 namespace {
 
+// "/" when the folder cannot be named (it was removed, or is out of reach).
 std::string currentDirectory() {
-  std::vector<char> buf(4096);
-  while (::getcwd(buf.data(), buf.size()) == nullptr) {
-    if (errno != ERANGE) return "/";
-    buf.resize(buf.size() * 2);
-  }
-  return buf.data();
+  std::error_code ec;
+  std::filesystem::path here = std::filesystem::current_path(ec);
+  return ec ? "/" : here.string();
 }
 
 // Taken while the library is loaded, before the host program can chdir.
