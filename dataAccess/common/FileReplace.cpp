@@ -58,12 +58,13 @@ bool renameOver(const std::string& from, const std::string& to, bool& replaced) 
 FileReplacement::FileReplacement(const std::string& path) : path_(path) {
   const std::string leaf = path.substr(path.rfind('/') + 1);
   if (leaf.empty() || leaf == "." || leaf == "..") return;
+  // A name taken by another writer is drawn again; any other failure (no
+  // such folder, no right to write it) fails every attempt alike.
   for (int attempt = 0; attempt < 16 && fd_ < 0; ++attempt) {
     tmp_ = path + "." + randomTag() + ".tmp";
     // O_NOFOLLOW adds nothing to O_EXCL (which already refuses a link) but
     // states the intent.
     fd_ = ::open(tmp_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
-    if (fd_ < 0 && errno != EEXIST) break;
   }
 }
 
