@@ -31,7 +31,6 @@ int ConstraintSetDAOSyb::find(int obsId, std::vector<ConstraintSet>& constraintS
   const std::string& ob = obsBlockTable_;
   const std::string obsIdText = std::to_string(obsId);
   std::string sql;
-  sql.reserve(14 * (cs.size() + 18) + 3 * ob.size() + 64);
   sql += "select ";
   for (int i = 0; i < 12; ++i) sql.append(i > 0 ? "," : "").append(cs).append(".").append(*columns[i]);
   sql.append(" from ").append(cs).append(",").append(ob);

@@ -42,7 +42,6 @@ int SeeingDAOSyb::find(double startDate, double endDate, std::vector<Seeing>& se
                                         &RA_FIELD,         &DEC_FIELD,      &AIR_MASS_FIELD,
                                         &TAU_FIELD,        &RFL_FIELD,      &TET_DISTANCE_FIELD};
   std::string sql;
-  sql.reserve(seeingTable_.size() + 192);
   sql += "select ";
   for (int i = 0; i < 9; ++i) {
     if (i > 0) sql += ',';
