@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <string>
@@ -203,7 +204,7 @@ bool onlyBlanksFollow(const char* p, const char* end) {
     } else if (p + 1 < end && p[0] == '/' && p[1] == '*') {
       const char* q = p + 2;
       while (q + 1 < end && !(q[0] == '*' && q[1] == '/')) ++q;
-      p = q + 2 > end ? end : q + 2;
+      p = std::min(q + 2, end);  // an unclosed comment runs to the end
     } else {
       return false;
     }

@@ -155,12 +155,18 @@ TEST_F(Connection, ErrorsReachTheHandlerAndNeverThrow) {
       {"selec 1", "syntax error"},
       {"select * from bad..t", "unable to open database"},
       {"insert into t (id) values (7); insert into nowhere values (1); insert into t (id) values (8)",
-       "nowhere"}};
+       "nowhere"},
+      {"select 1; /* not the last */ select * from nowhere", "nowhere"}};
   for (const auto& [sql, fragment] : cases) {
     EXPECT_EQ(run(sql), 0) << sql;
     expectOneError(fragment, 16);
   }
   EXPECT_EQ(first(conn_, "select count(*) from t where id in (7, 8)"), "1");
+  long failed;
+  Rows one;
+  one.rows = {{value(1)}};
+  EXPECT_EQ(conn_.insertRows("bad..t", {"id"}, one, failed), -1);
+  expectOneError("unable to open database", 16);
   run("insert into t (id) values (1)");  // numbered by SQLite's extended code: SQLITE_CONSTRAINT_PRIMARYKEY
   EXPECT_EQ(g_seen.at(0).msgno, 1555);
 }
