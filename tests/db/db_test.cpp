@@ -18,6 +18,7 @@
 #include "tests/support/ArchiveServer.h"
 #include "tests/support/Backend.h"
 #include "tests/support/LogCapture.h"
+#include "tests/support/TableRows.h"
 #include "tests/support/TempDir.h"
 
 namespace {
@@ -145,7 +146,10 @@ TEST_F(Service, AcquireIsIdempotentAndReleaseOnlyOnce) {
     Map map;
     ServiceConnectionSyb::ResultSet rs;
     EXPECT_EQ(held.executeSelect("select a from t", rs, map), -1);
-    EXPECT_EQ(log.count("No connection available"), 3u);
+    long failed = 0;
+    testsupport::Rows none;
+    EXPECT_EQ(held.insertRows("t", {"a"}, none, failed), -1);
+    EXPECT_EQ(log.count("No connection available"), 4u);
     EXPECT_EQ(log.count("<D> ERROR [ <t> ] Error executing SQL command select a from t\n"), 1u);
     ASSERT_EQ(held.acquire(), 0);
     EXPECT_EQ(ConnectionPool::instance()->counts().inUse, 1);
@@ -242,11 +246,14 @@ TEST_F(Service, NumberedTransactionsAlikeOnTheStub) {
   EXPECT_EQ(stub.release(), 0);
   EXPECT_EQ(stub.transactionNumber(), 0);
   testsupport::LogCapture log;
+  long failed = 0;
+  testsupport::Rows none;
+  EXPECT_EQ(stub.insertRows("t", {"a"}, none, failed), -1);  // released: nothing runs
   nestTransactions(conn_);
   EXPECT_EQ(log.count("Sql Statement : "), 7u);  // nothing else ran
   for (const char* sql : {"begin Tran A1", "begin Tran A2", "rollback A2", "commit A1", "begin Tran A1"})
     EXPECT_TRUE(log.contains(std::string("<D> DEBUG [ <t> ] Sql Statement : ") + sql + "\n")) << sql;
-  EXPECT_EQ(log.count("<D> ERROR [ <t> ] KestFileDAOSyb::executeQuery. No connection available\n"), 2u);
+  EXPECT_EQ(log.count("<D> ERROR [ <t> ] KestFileDAOSyb::executeQuery. No connection available\n"), 3u);
   EXPECT_EQ(nextRow(conn_.execute("select sum(a) from t where a > 2")), "3");
   // A commit that fails keeps the counter; release resets it.
   conn_.execute("commit tran A1");  // closes the level behind the counter's back

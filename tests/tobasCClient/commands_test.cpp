@@ -81,7 +81,11 @@ TEST_F(Commands, RequestPaths) {
     EXPECT_EQ("REMDISK&disk_id=\"x%3Ay\"&flag&a%3Db=\"v\"",
               SENT(tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st)));
   tobasFreeStatus(&st);
-  for (int bad : {-1, 17}) EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, bad, &pars, &st));
+  tobasBIG_BUF final;
+  for (int bad : {-1, 17}) {
+    EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, bad, &pars, &st));
+    EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenRetrieve2File(host, p, 5, bad, &pars, "/nowhere", final, &st));
+  }
   srv.push({httpReply(400, statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file"))});
   EXPECT_EQ(400, tobasStatus(host, p, 5, &st));
   EXPECT_EQ(TOBAS_ER_DAPI_BAD_FILE, st.errorCode);

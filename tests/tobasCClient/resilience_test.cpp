@@ -93,6 +93,9 @@ TEST_F(Resilience, RetriesGoOnWhereTheTransferBrokeOffAndCheckTheWholeFile) {
   }
   EXPECT_EQ(fds, testsupport::openFdCount());  // no connection of an attempt left open
   EXPECT_NO_GROWTH(inUse, 65536);              // nor memory (a retrieval takes 130 KiB)
+  // 2.5 MiB: whole pieces are hashed on the checksum's thread while the next ones fill.
+  EXPECT_EQ(0, retrieve({{fileReply("f", std::string(5 << 19, 'a'))}},
+                        {0, "md5", "f31ecd4106278b5fb1aeabdedd43036a"}, dir.file("b")));
   EXPECT_HAS(logText(), "Retrieval starts again from the first byte of " + dir.file("out"));
   EXPECT_HAS(logText(),
              "[ERROR] Checksum mismatch of the retrieved file: expected " + zeros + ", got "s + kSha);
@@ -113,9 +116,13 @@ TEST_F(Resilience, ResumingKeepsThePartAndGoesOnFromIt) {
     EXPECT_FALSE(std::filesystem::exists(finalName + ".part"));
     EXPECT_EQ("300", range(srv.requests().back()));
   }
-  // A part that is a link is not written through; a wrong part is not kept.
+  // A part that is a link, or a file of two names, is not written through; a wrong part is not kept.
   std::filesystem::create_symlink(dir.file("elsewhere"), dir.file("link.part"));
-  EXPECT_EQ(tobasERR_INV_TARG_FILE, retrieve({}, resume, dir.file("link")));
+  std::filesystem::create_hard_link(dir.write("other", "x"), dir.file("twice.part"));
+  const long fds = testsupport::openFdCount();
+  for (const char* name : {"link", "twice"})
+    EXPECT_EQ(tobasERR_INV_TARG_FILE, retrieve({}, resume, dir.file(name))) << name;
+  EXPECT_EQ(fds, testsupport::openFdCount());
   EXPECT_FALSE(std::filesystem::exists(dir.file("elsewhere")));
   dir.write("bad.part", "not the file's first bytes");
   EXPECT_EQ(tobasERR_CHECKSUM, retrieve({{partial(26)}}, resume, dir.file("bad")));

@@ -88,6 +88,13 @@ TEST(TobasStatus, DocumentsCodesAndHelpers) {
   for (const auto& [needle, at] : {std::pair("bc", 4), {"abc", 3}, {"", 6}, {"cb", -1}})
     EXPECT_EQ(tobasStrRStr(hay, needle), at < 0 ? nullptr : hay + at) << needle;
   EXPECT_STREQ(".", dir);
+  tobasMED_BUF host;  // $HOSTNAME, else $HOST
+  for (const auto& [name, other, stat] : {std::tuple("a", "b", 0), {"", "b", 0}, {"", "", 1}}) {
+    *name ? setenv("HOSTNAME", name, 1) : unsetenv("HOSTNAME");
+    *other ? setenv("HOST", other, 1) : unsetenv("HOST");
+    EXPECT_EQ(stat, tobasGetHostName(host));
+    EXPECT_STREQ(*name ? name : other, host);
+  }
   EXPECT_EQ(1, tobasSplitFilename((std::string(600, 'd') + "/f").c_str(), dir, &name[0]));  // a long folder
   TempDir tmp;
   const std::string data("bin\0ary", 7);
@@ -255,6 +262,13 @@ TEST_F(TobasLog, RotationDrivenByMarkerAndTimeOfDay) {
   EXPECT_EQ(1, tobasLogFileRotate(LEV4, "s", rotated));  // LEV4: nothing re-creates the file first
   EXPECT_HAS(readFile(log), "[ERROR] Serious error ocurred rotating log file: " + log +
                                 " - rotated log file: " + rotated + "!");
+  // Nor one whose rotated name would be too long: 500 characters, with a folder of two levels.
+  std::string deep = dir.file(std::string(240, 'd'));
+  deep += "/" + std::string(500 - deep.size() - 12, 'e');
+  std::filesystem::create_directories(deep);
+  ASSERT_EQ(0, tobasPrepLog((deep + "/client.log").c_str(), LEV3, 0, -1));
+  EXPECT_EQ(1, tobasLogFileRotate(LEV4, "s", rotated));
+  EXPECT_HAS(readFile(deep + "/client.log"), "[ERROR] Serious error ocurred rotating log file: " + deep);
 }
 
 TEST_F(TobasLog, CleanUpOfRotatedFiles) {

@@ -305,4 +305,13 @@ TEST(TobasTransport, TimeOutsHoldThroughSignals) {
   interruptEvery(0);
   EXPECT_EQ(tobasERR_COM, rc);  // the fourth interrupted poll
   EXPECT_HAS(logText().substr(mark), "(interrupted system call). Iteration: 3");
+  // A peer that takes no more bytes (never accepted, it has the kernel's buffers only): the send times out.
+  int port = 0;
+  const int quiet = archivetest::listenLoopback(4, port);
+  const std::string big(32 << 20, 'x');
+  tobasSTATUS st{};
+  EXPECT_EQ(tobasERR_TIMEOUT,
+            tobasArchiveFromMem("127.0.0.1", port, 0.2f, "f", big.data(), big.size(), "", 0, 1, &st));
+  tobasFreeStatus(&st);
+  close(quiet);
 }
