@@ -162,6 +162,7 @@ TEST_F(Connection, ErrorsReachTheHandlerAndNeverThrow) {
     expectOneError(fragment, 16);
   }
   EXPECT_EQ(first(conn_, "select count(*) from t where id in (7, 8)"), "1");
+  EXPECT_EQ(first(conn_, "select 7; /* a*b/c */"), "7");  // a comment to the end is no statement
   long failed;
   Rows one;
   one.rows = {{value(1)}};

@@ -86,6 +86,7 @@ TEST_F(Commands, RequestPaths) {
     EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, bad, &pars, &st));
     EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenRetrieve2File(host, p, 5, bad, &pars, "/nowhere", final, &st));
   }
+  EXPECT_HAS(logText(), "[ERROR] tobasGenRetrieve2File(): request too long or illegal parameters");
   srv.push({httpReply(400, statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file"))});
   EXPECT_EQ(400, tobasStatus(host, p, 5, &st));
   EXPECT_EQ(TOBAS_ER_DAPI_BAD_FILE, st.errorCode);
