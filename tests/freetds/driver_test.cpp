@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "tests/freetds/FreeTdsFixture.h"
+#include "tests/support/TableRows.h"
 
 bool g_noLoginRecord = false;  // the next dblogin() fails, as it does when memory runs out
 extern "C" void* dblogin() {
@@ -168,6 +169,32 @@ TEST_P(FreeTdsTest, StatementsOneALineAndARoundTripDelay) {
                                                    "delete from t where id = 6 -- insert\n"
                                                    "select count(*), max(name) from t where id > 3")));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+}
+
+// A bulk insert's outcome comes from the commands the server finished: a refusal with no message still names
+// the first row refused, an answer short of the batch's inserts fails it, inserts answered with rows (as a
+// trigger may answer) are read to their end. A failed one leaves no level open.
+TEST_P(FreeTdsTest, BulkInsertsOnServersThatRefuseQuietlyAnswerShortOrReturnRows) {
+  const struct {
+    Mode mode;
+    const char* table;
+    long written, failed;
+  } cases[] = {{Mode::QuietRefusal, "missing", -1, 0},
+               {Mode::FirstOnly, "t", -1, -1},
+               {Mode::EchoInserts, "t", 3, -1}};
+  for (const auto& c : cases) {
+    tdstest::TdsServer server(db_, "u", "p", c.mode);
+    ASSERT_NE(0, server.start());
+    ASSERT_EQ(0, conn_.connect(server.address(), "u", "p"));
+    saw(0);  // forgets the login's messages
+    testsupport::Rows rows;
+    rows.rows = {{testsupport::value(7)}, {testsupport::value(8)}, {testsupport::value(9)}};
+    long failed = 9;
+    EXPECT_EQ(c.written, conn_.insertRows(c.table, {"id"}, rows, failed)) << static_cast<int>(c.mode);
+    EXPECT_EQ(c.failed, failed) << static_cast<int>(c.mode);
+    EXPECT_EQ(c.mode == Mode::FirstOnly, saw(20018)) << static_cast<int>(c.mode);  // SYBESMSG
+  }
+  EXPECT_TRUE(conn_.commitTransaction("insertRows").commandSucceeded() == 0 && saw(20037));  // SYBERXID
 }
 
 INSTANTIATE_TEST_SUITE_P(Tds, FreeTdsTest, ::testing::Values(74, 50), ::testing::PrintToStringParamName());
