@@ -70,13 +70,14 @@ TEST_P(FreeTdsTest, TypedValuesNullsUnicodeDatesLargeResultsAndErrorsInABatch) {
   EXPECT_EQ("0.81|0.30000000000000004|-1e-300|0.30000000000000004",  // the last from a nullable column
             nextRow(conn_.execute("select 0.81, 0.1 + 0.2, -1e-300, score from t where id = 2")));
   // A read that has no value gives the empty one: a number beyond a long, a column out of range, a text that
-  // is no date.
-  rs = conn_.execute("select 1e30, 'Nov 22 2026'");
+  // is no date, a date as a double.
+  rs = conn_.execute("select 1e30, 'Nov 22 2026', '2026-11-22'");
   ASSERT_TRUE(rs.next());
   EXPECT_EQ(
-      std::vector<double>({0, 0, 0, 0}),
+      std::vector<double>({0, 0, 0, 0, 0}),
       std::vector<double>({static_cast<double>(rs.getLongValue(1)), static_cast<double>(rs.getLongValue(9)),
-                           rs.getDoubleValue(9), static_cast<double>(rs.getDateAsTimevalValue(2).tv_sec)}));
+                           rs.getDoubleValue(9), static_cast<double>(rs.getDateAsTimevalValue(2).tv_sec),
+                           rs.getDoubleValue(3)}));
   // A result read to its end, and one given up after two rows: the count is the server's, the login reusable.
   long sum = 0;
   for (rs = conn_.execute("select n, pad from big order by n"); rs.next();) sum += rs.getLongValue(1);
