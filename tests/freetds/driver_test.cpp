@@ -6,6 +6,7 @@
 #include <chrono>
 
 #include "tests/freetds/FreeTdsFixture.h"
+#include "tests/support/TableRows.h"
 
 bool g_noLoginRecord = false;  // the next dblogin() fails, as it does when memory runs out
 extern "C" void* dblogin() {
@@ -69,27 +70,26 @@ TEST_P(FreeTdsTest, TypedValuesNullsUnicodeDatesLargeResultsAndErrorsInABatch) {
   EXPECT_EQ("0.81|0.30000000000000004|-1e-300|0.30000000000000004",  // the last from a nullable column
             nextRow(conn_.execute("select 0.81, 0.1 + 0.2, -1e-300, score from t where id = 2")));
   // A read that has no value gives the empty one: a number beyond a long, a column out of range, a text that
-  // is no date.
-  rs = conn_.execute("select 1e30, 'Nov 22 2026'");
+  // is no date, a date as a double.
+  rs = conn_.execute("select 1e30, 'Nov 22 2026', '2026-11-22'");
   ASSERT_TRUE(rs.next());
   EXPECT_EQ(
-      std::vector<double>({0, 0, 0, 0}),
+      std::vector<double>({0, 0, 0, 0, 0}),
       std::vector<double>({static_cast<double>(rs.getLongValue(1)), static_cast<double>(rs.getLongValue(9)),
-                           rs.getDoubleValue(9), static_cast<double>(rs.getDateAsTimevalValue(2).tv_sec)}));
+                           rs.getDoubleValue(9), static_cast<double>(rs.getDateAsTimevalValue(2).tv_sec),
+                           rs.getDoubleValue(3)}));
   // A result read to its end, and one given up after two rows: the count is the server's, the login reusable.
   long sum = 0;
   for (rs = conn_.execute("select n, pad from big order by n"); rs.next();) sum += rs.getLongValue(1);
   EXPECT_EQ(5000L * 5001L / 2, sum);
   EXPECT_EQ(5000L, conn_.rowCount());
-  rs = conn_.execute("select n from big");
-  ASSERT_TRUE(rs.next() && rs.next() && conn_.rowCount() == 2);  // counted as read
-  rs.releaseResults();
-  EXPECT_FALSE(rs.next());
-  EXPECT_EQ(5000L, rs.rowCount());
-  rs = conn_.execute("select n from big; select n from big where n <= 3");  // a batch: its last count
-  ASSERT_TRUE(rs.next());
-  rs.releaseResults();
-  EXPECT_EQ(3L, rs.rowCount());
+  for (const auto& [sql, count] :  // a batch gives its last command's count
+       {std::pair<const char*, long>{"select n from big", 5000},
+        {"select n from big; select n from big where n <= 3", 3}}) {
+    ASSERT_TRUE((rs = conn_.execute(sql)).next() && rs.next() && conn_.rowCount() == 2);  // counted as read
+    rs.releaseResults();
+    EXPECT_TRUE(!rs.next() && rs.rowCount() == count) << sql;
+  }
   ASSERT_TRUE((rs = conn_.execute("select n from big")).next());  // still held when the next batch runs
   EXPECT_EQ("3", nextRow(conn_.execute("select count(*) from t")));
 
@@ -168,6 +168,32 @@ TEST_P(FreeTdsTest, StatementsOneALineAndARoundTripDelay) {
                                                    "delete from t where id = 6 -- insert\n"
                                                    "select count(*), max(name) from t where id > 3")));
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
+}
+
+// A bulk insert's outcome comes from the commands the server finished: a refusal with no message still names
+// the first row refused, an answer short of the batch's inserts fails it, inserts answered with rows (as a
+// trigger may answer) are read to their end. A failed one leaves no level open.
+TEST_P(FreeTdsTest, BulkInsertsOnServersThatRefuseQuietlyAnswerShortOrReturnRows) {
+  const struct {
+    Mode mode;
+    const char* table;
+    long written, failed;
+  } cases[] = {{Mode::QuietRefusal, "missing", -1, 0},
+               {Mode::FirstOnly, "t", -1, -1},
+               {Mode::EchoInserts, "t", 3, -1}};
+  for (const auto& c : cases) {
+    tdstest::TdsServer server(db_, "u", "p", c.mode);
+    ASSERT_NE(0, server.start());
+    ASSERT_EQ(0, conn_.connect(server.address(), "u", "p"));
+    saw(0);  // forgets the login's messages
+    testsupport::Rows rows;
+    rows.rows = {{testsupport::value(7)}, {testsupport::value(8)}, {testsupport::value(9)}};
+    long failed = 9;
+    EXPECT_EQ(c.written, conn_.insertRows(c.table, {"id"}, rows, failed)) << static_cast<int>(c.mode);
+    EXPECT_EQ(c.failed, failed) << static_cast<int>(c.mode);
+    EXPECT_EQ(c.mode == Mode::FirstOnly, saw(20018)) << static_cast<int>(c.mode);  // SYBESMSG
+  }
+  EXPECT_TRUE(conn_.commitTransaction("insertRows").commandSucceeded() == 0 && saw(20037));  // SYBERXID
 }
 
 INSTANTIATE_TEST_SUITE_P(Tds, FreeTdsTest, ::testing::Values(74, 50), ::testing::PrintToStringParamName());

@@ -329,8 +329,9 @@ struct TdsServer::Session {
     if (!language && (tds5 || type != kBatch7 || msg.size() < 4)) return false;
     const std::vector<std::string> stmts = split(
         language ? msg.substr(6) : convert(msg.substr(std::min<size_t>(get(msg, 0, 4), msg.size())), false));
-    for (size_t i = 0; i < stmts.size(); ++i)
-      if (!statement(stmts[i], i + 1 < stmts.size() ? kDoneMore : 0)) return send(true);
+    const size_t n = server.mode_ == Mode::FirstOnly ? 1 : stmts.size();
+    for (size_t i = 0; i < n; ++i)
+      if (!statement(stmts[i], i + 1 < n ? kDoneMore : 0)) return send(true);
     return send();
   }
 
@@ -341,7 +342,9 @@ struct TdsServer::Session {
     if (!tds5 && std::strchr("bcrsBCRS", stmt[at]) && transaction(words(stmt), more)) return true;
     const bool level =
         stmt.find("@@") != std::string::npos && lower(stmt).find("@@trancount") != std::string::npos;
-    const std::string sql = level ? "select " + std::to_string(trancount) : toSqlite(stmt);
+    const bool echo = server.mode_ == Mode::EchoInserts && lower(stmt.substr(at, 6)) == "insert";
+    const std::string sql =
+        level ? "select " + std::to_string(trancount) : toSqlite(stmt) + (echo ? " returning *" : "");
     sqlite3_stmt* st = nullptr;
     const bool ready = sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) == SQLITE_OK;
     const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> finalize(st, &sqlite3_finalize);
@@ -360,7 +363,7 @@ struct TdsServer::Session {
     }
     if (rc == SQLITE_DONE)
       return done(more | kDoneCount, cols > 0 ? rows : static_cast<uint64_t>(sqlite3_changes(db)));
-    message(102, 16, sqlite3_errmsg(db));
+    if (server.mode_ != Mode::QuietRefusal) message(102, 16, sqlite3_errmsg(db));
     return done(more | kDoneError);
   }
 
