@@ -38,6 +38,7 @@ class DbFixture : public ::testing::Test {
 };
 
 using Map = ServiceConnectionSyb::ListOfFieldIndex;
+using Ints = std::vector<long>;  // results of calls made in order, compared at once
 
 // The next row of `rs` as "v1|v2|...", or "<none>".
 template <class ResultSet>
@@ -132,23 +133,22 @@ class Service : public DbFixture {
 };
 
 TEST_F(Service, AcquireIsIdempotentAndReleaseOnlyOnce) {
-  EXPECT_EQ(conn_.acquire(), 0);
-  EXPECT_EQ(ConnectionPool::instance()->counts().records, 1);
-  EXPECT_EQ(conn_.release(), 0);
-  EXPECT_EQ(conn_.release(), -1);
+  // acquire again, logins in the pool, release, release again
+  EXPECT_EQ(
+      Ints({conn_.acquire(), ConnectionPool::instance()->counts().records, conn_.release(), conn_.release()}),
+      Ints({0, 1, 0, -1}));
   {
     ServiceConnectionSyb held(server(), "user", "pw", "db");  // without a login nothing runs
     testsupport::LogCapture log;
-    EXPECT_EQ(held.release(), -1);
-    EXPECT_EQ(held.execute("select 1").commandSucceeded(), 0);
-    EXPECT_EQ(held.beginTransaction(), -1);
-    EXPECT_EQ(held.rowCount(), -1);
     Map map;
     ServiceConnectionSyb::ResultSet rs;
-    EXPECT_EQ(held.executeSelect("select a from t", rs, map), -1);
     long failed = 0;
     testsupport::Rows none;
-    EXPECT_EQ(held.insertRows("t", {"a"}, none, failed), -1);
+    // release, a statement, a transaction, the row count, a select, a bulk insert
+    EXPECT_EQ(Ints({held.release(), held.execute("select 1").commandSucceeded(), held.beginTransaction(),
+                    held.rowCount(), held.executeSelect("select a from t", rs, map),
+                    held.insertRows("t", {"a"}, none, failed)}),
+              Ints({-1, 0, -1, -1, -1, -1}));
     EXPECT_EQ(log.count("No connection available"), 4u);
     EXPECT_EQ(log.count("<D> ERROR [ <t> ] Error executing SQL command select a from t\n"), 1u);
     ASSERT_EQ(held.acquire(), 0);
@@ -238,13 +238,11 @@ TEST_F(Service, ThreePartNamesReachSiblingFilesAndMapByPosition) {
 TEST_F(Service, NumberedTransactionsAlikeOnTheStub) {
   ServiceConnectionStub stub("srv", "usr", "pw");
   testing::internal::CaptureStdout();  // before acquire the stub runs nothing
-  EXPECT_EQ(stub.execute("select 1").commandSucceeded(), 0);
-  EXPECT_EQ(stub.beginTransaction(), -1);
+  EXPECT_EQ(Ints({stub.execute("select 1").commandSucceeded(), stub.beginTransaction()}), Ints({0, -1}));
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
   ASSERT_EQ(stub.acquire(), 0);
   nestTransactions(stub);
-  EXPECT_EQ(stub.release(), 0);
-  EXPECT_EQ(stub.transactionNumber(), 0);
+  EXPECT_EQ(Ints({stub.release(), stub.transactionNumber()}), Ints({0, 0}));
   testsupport::LogCapture log;
   long failed = 0;
   testsupport::Rows none;
@@ -257,10 +255,10 @@ TEST_F(Service, NumberedTransactionsAlikeOnTheStub) {
   EXPECT_EQ(nextRow(conn_.execute("select sum(a) from t where a > 2")), "3");
   // A commit that fails keeps the counter; release resets it.
   conn_.execute("commit tran A1");  // closes the level behind the counter's back
-  EXPECT_EQ(conn_.commitTransaction(), -1);
-  EXPECT_EQ(conn_.transactionNumber(), 1);
-  ASSERT_EQ(conn_.release(), 0);
-  EXPECT_EQ(conn_.transactionNumber(), 0);
+  // commit, level, release, level
+  EXPECT_EQ(Ints({conn_.commitTransaction(), conn_.transactionNumber(), conn_.release(),
+                  conn_.transactionNumber()}),
+            Ints({-1, 1, 0, 0}));
 }
 
 TEST_F(Service, ErrorHandlerLogsServerAndClientErrors) {
@@ -310,7 +308,6 @@ class Pool : public DbFixture {
   void TearDown() override { pool()->setMaxPoolSize(20), DbFixture::TearDown(); }  // the size outlives a pool
   ConnectionPool* pool() { return ConnectionPool::instance(); }
   SybaseConnection* take(const std::string& user) { return pool()->acquireConnection(server(), user, "p"); }
-  // Waits (up to 5 s) until `done` holds.
   template <class Done>
   static void until(Done done) {
     for (int i = 0; i < 5000 && !done(); ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
@@ -322,8 +319,7 @@ TEST_F(Pool, ReuseLimitsAndFailures) {
   SybaseConnection* first = take("u");
   SybaseConnection* second = take("u");
   ASSERT_TRUE(first && second && first != second);
-  EXPECT_EQ(pool()->releaseConnection(second), 0);
-  EXPECT_EQ(pool()->releaseConnection(first), 0);
+  EXPECT_EQ(Ints({pool()->releaseConnection(second), pool()->releaseConnection(first)}), Ints({0, 0}));
   // The earlier-created one comes first; the password is not compared.
   EXPECT_EQ(pool()->acquireConnection(server(), "u", "another password"), first);
   EXPECT_NE(take("v"), second);  // another user never shares a login
@@ -381,8 +377,7 @@ TEST_F(Pool, ReaperThreadRunsRoundsAndStopsPromptly) {
   pool()->setMaxIdleLifeTime(-1);
   ASSERT_EQ(pool()->releaseConnection(take("u")), 0);
   pool()->setReaperSleepTimeMs(5);
-  for (int i = 0; i < 2000 && pool()->counts().records > 0; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  until([&] { return pool()->counts().records == 0; });
   EXPECT_EQ(pool()->counts().records, 0);
   EXPECT_TRUE(log.containsFragment("DEBUG [ <t> ] Reaper: looking for disused connections"));
 
