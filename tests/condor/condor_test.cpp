@@ -94,10 +94,11 @@ TEST_F(Condor, RefusalsLogTheCauseAndWriteNothing) {
   CondorJob noExecutable(dir_.file("n.cmd")), lineFeed = job("lf.cmd");
   lineFeed.setArguments("1\nqueue");
   const CondorJob a = job("a"), dotted = job("x.y");
-  auto dagOf = [&](const std::string& name) {
-    CondorDag dag(dir_.file(name));
-    dag.addJob(a);
-    return dag;
+  // Each refusal returns -1, logs its cause and leaves the folder sub alone in the test's folder.
+  const auto refused = [&](int result, const std::string& fragment) {
+    EXPECT_EQ(result, -1) << fragment;
+    EXPECT_TRUE(log_.containsFragment(fragment)) << fragment;
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 1) << fragment;
   };
   const struct {
     std::function<int()> save;
@@ -109,15 +110,15 @@ TEST_F(Condor, RefusalsLogTheCauseAndWriteNothing) {
       {[&] { return CondorDag(dir_.file("g")).save(); }, "CondorDag::save() - empty DAG"},
       {[&] { return job(".").save(); }, "Can't open condor submit file " + dir_.file(".") + " for writing"},
       {[&] { return job("sub").save(); }, "Can't write condor submit file " + dir_.file("sub")},
-      {[&] { return dagOf("x/..").save(); },
+      {[&] {
+         CondorDag dag(dir_.file("x/.."));
+         dag.addJob(a);
+         return dag.save();
+       },
        "Can't open condor DAG file " + dir_.file("x/..") + " for writing"},
   };
   ::mkdir(dir_.file("sub").c_str(), 0700);
-  for (const auto& c : cases) {
-    EXPECT_EQ(c.save(), -1) << c.error;
-    EXPECT_TRUE(log_.containsFragment("ERROR [ <t> ] " + c.error)) << c.error;
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 1) << c.error;  // the folder sub only
-  }
+  for (const auto& c : cases) refused(c.save(), "ERROR [ <t> ] " + c.error);
   const struct {
     std::vector<std::pair<std::string, std::vector<std::string>>> nodes;  // name, parents
     std::string error;
@@ -140,9 +141,7 @@ TEST_F(Condor, RefusalsLogTheCauseAndWriteNothing) {
       for (const auto& p : node.second) parents.push_back(job(p));
       dag.addJob(node.first == "n.cmd" ? noExecutable : job(node.first), parents);
     }
-    EXPECT_EQ(dag.save(), -1) << g.error;
-    EXPECT_TRUE(log_.containsFragment(g.error)) << g.error;
-    EXPECT_EQ(std::distance(fs::directory_iterator(dir_.path()), {}), 1) << g.error;  // the folder sub only
+    refused(dag.save(), g.error);
   }
   CondorDag fine(dir_.file("g.dag"));
   fine.addJob(dotted);
@@ -227,17 +226,16 @@ TEST_F(Condor, AssociationBlockRequests) {
                 "condor_submit [" + work + "/AB_7.cmd]\n" + testsupport::readFile(work + "/AB_7.cmd"));
       continue;
     }
-    std::map<std::string, std::string> jobs;  // id order
-    std::string parents;
+    std::map<std::string, std::string> jobs;  // JOB lines in id order, the parents in number order
+    std::string parents, dag;
     for (int k = 1; k <= c.n; ++k) {
       const std::string id = "AB_7_" + std::to_string(k) + ".cmd";
       jobs[id] = " -e " + std::to_string(k);
       parents += id + " ";
     }
-    std::string dag;
-    for (const auto& j : jobs) dag += expect(j.first, j.second);
-    dag += expect("AB_7_join.cmd", " -j " + std::to_string(c.n) + tail);
-    dag += "PARENT " + parents + "CHILD AB_7_join.cmd\n";
+    for (const auto& [id, arguments] : jobs) dag += expect(id, arguments);
+    dag += expect("AB_7_join.cmd", " -j " + std::to_string(c.n) + tail) + "PARENT " + parents +
+           "CHILD AB_7_join.cmd\n";
     EXPECT_EQ(testsupport::readFile(dir_.file("record")),
               "condor_submit_dag [" + work + "/AB_7.dag]\n" + dag);
   }
