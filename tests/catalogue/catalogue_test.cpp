@@ -286,9 +286,8 @@ TEST_F(Catalogue, BatchesWriteAllRowsOrNone) {
   EXPECT_EQ(queue_.loadAll(requests_ = {}, *conn_), 4);
 
   // Two runs (a format from row 2500 on), the key of row 10 again at row 5000 of 10000.
-  ASSERT_EQ(conn_->execute("create unique index kest_key on kest_files (file_id, file_version, disk_id)")
-                .commandSucceeded(),
-            1);
+  const char* unique = "create unique index kest_key on kest_files (file_id, file_version, disk_id)";
+  ASSERT_EQ(conn_->execute(unique).commandSucceeded(), 1);
   for (int i = 0; i < 10000; ++i) {
     files_.push_back(file("K" + std::to_string(i == 5000 ? 10 : i), 1, "D"));
     if (i < 2500) files_.back().format_.clear();
