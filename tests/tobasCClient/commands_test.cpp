@@ -98,6 +98,7 @@ TEST_F(Commands, RequestPaths) {
   tobasResetParArray(&pars);
   for (int i = 0; i < 16; ++i) EXPECT_EQ(0, tobasAddParAndVal(&pars, "p", "v"));
   EXPECT_EQ(tobasERR_INV_PARS, tobasAddParAndVal(&pars, "p", "v"));
+  EXPECT_HAS(logText(), "[ERROR] Cannot add parameter p: the array is full or a text is too long");
   tobasResetParArray(&pars);
   EXPECT_EQ(tobasERR_INV_PARS, tobasAddParAndVal(&pars, "p", std::string(256, 'v').c_str()));
   tobasHUGE_BUF enc;

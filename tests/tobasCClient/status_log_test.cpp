@@ -105,6 +105,8 @@ TEST(TobasStatus, DocumentsCodesAndHelpers) {
   ASSERT_EQ(0, tobasLoadFile(tmp.file("f").c_str(), &loaded, &size));
   EXPECT_EQ(fds, testsupport::openFdCount());  // the file is closed again
   EXPECT_EQ(data, std::string(loaded, size));
+  for (const char* what : {"Opening/loading file: ", "Opened/loaded file: "})
+    EXPECT_HAS(logText(), what + tmp.file("f"));
   free(loaded);
   // Descriptor 0 is free in these tests (see the trace log): the file is opened as 0, still a file.
   EXPECT_EQ(0, tobasSaveInFile(tmp.file("g").c_str(), "z", 1) +

@@ -78,6 +78,7 @@ TEST(TobasTransport, RequestBytes) {
   EXPECT_EQ(std::string::npos, logText().find("Error calling connect", mark));  // nor a failed attempt
   EXPECT_EQ(std::string::npos, logText().find(auth, mark));  // the access code is masked in the log
   EXPECT_HAS(logText().substr(mark), "\r\nAuthorization: Basic ****\r\n\n to host/port");
+  EXPECT_HAS(logText().substr(mark), "Submitting request with URL: http://" + local(srv.port()) + "/STATUS");
 }
 
 TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
@@ -92,6 +93,7 @@ TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
       {"HTTP/1.0 200 OK\r\nContent-Length: -5\r\n\r\n", true, tobasERR_INV_REPLY},
       {manyRows + "\r\n", true, tobasERR_INV_REPLY},
       {"HTTP/1.0 200 OK\r\nx: a\0b\r\n\r\n"s, true, tobasERR_INV_REPLY},  // a NUL byte
+      {"HTTP/1.0 200 OK\r\nx: a\r\n", true, tobasERR_INV_REPLY},          // closed within the header
       {"", false, tobasERR_TIMEOUT},                                      // nothing arrives
   };
   _setReplyTimeoutFromFloat(0.2f);
@@ -109,7 +111,10 @@ TEST(TobasTransport, ReplyHeaderAndBodyReaders) {
     EXPECT_EQ(4, read(fd, rest, sizeof rest));  // the body is left in the socket
   }
   EXPECT_HAS(logText(), "[ERROR] Invalid status line in reply");
-  EXPECT_HAS(logText(), "[ERROR] Invalid content length in reply: -5");
+  for (const char* line :
+       {"[ERROR] Invalid content length in reply: -5", "[ERROR] Reply header line holds a NUL byte",
+        "[ERROR] Reply header has more than ", "[ERROR] Reply ended within its header"})
+    EXPECT_HAS(logText(), line);
   // Each read clears the rows of the one before; a field is looked for in the first 32 rows only.
   Exchange ex;
   for (const char* bytes :
@@ -173,6 +178,7 @@ TEST(TobasTransport, RedirectionKeepsThePath) {
   const std::vector<std::string> twice(2, "GET STATUS HTTP/1.0\nUser-Agent: TOB/AS C-API\r\n\n");
   EXPECT_EQ(twice, first.requests());
   EXPECT_EQ(twice, second.requests());
+  EXPECT_HAS(logText(), "[INFO] Redirected to " + local(second.port()));
   ArchiveServer named;  // in another field's value only: no redirection to it
   named.push({kOk});
   bad.push(
@@ -210,6 +216,7 @@ TEST(TobasTransport, ServerListsRoundRobinFailOverAndBounds) {
   const int down = ArchiveServer().port();
   ASSERT_EQ(0, tobasParseSrvListId(
                    "rr", (local(h1.port()) + ",," + local(h2.port()) + "," + local(h3.port())).c_str()));
+  const size_t mark = logText().size();
   ASSERT_EQ(0, tobasParseSrvListId("down", local(down).c_str()));
   ASSERT_EQ(0, tobasParseSrvListId("post", (local(down) + "," + local(h1.port())).c_str()));
   for (auto* s : {&h1, &h2, &h3, &h1}) s->push({kOk});
@@ -255,14 +262,18 @@ TEST(TobasTransport, ServerListsRoundRobinFailOverAndBounds) {
   EXPECT_EQ(1, tobasParseSrvListId("many", many.c_str()));
   EXPECT_EQ(32, servers("many"));
 
-  const size_t mark = logText().size();
   EXPECT_EQ(1, tobasParseSrvListId(std::string(128, 'i').c_str(), "a:1"));  // too long an ID
   int added = 0;
   while (added < 40 && tobasParseSrvListId(("fill" + std::to_string(added)).c_str(), "a:1") == 0) ++added;
   EXPECT_GE(added, tobasMAX_SRV_LISTS / 2);  // the other tests of a run take a few slots at most
   EXPECT_LT(added, tobasMAX_SRV_LISTS);
-  EXPECT_HAS(logText().substr(mark), "[ERROR] Server list ID or server list too long");
-  EXPECT_HAS(logText().substr(mark), "[ERROR] Illegal Server List ID or no more free slots");
+  for (const std::string& line :
+       {"[ERROR] Server list ID or server list too long"s,
+        "[ERROR] Illegal Server List ID or no more free slots"s,
+        "tobasParseSrvListId(): listId=down, servers=" + local(down), "Next server: " + local(h2.port()),
+        "[ERROR] Illegal server address in list partial: broken"s,
+        "[ERROR] Too many servers in list many (at most 32): h32:1032 refused"s})
+    EXPECT_HAS(logText().substr(mark), line);
   EXPECT_EQ(0, tobasParseSrvListId("partial", "a:1"));  // re-parsing a known list still works
 }
 
