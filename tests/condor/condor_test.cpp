@@ -169,6 +169,11 @@ TEST_F(Condor, SubmitSavesFirstQuotesTheNameAndPassesTheResultBack) {
   EXPECT_FALSE(fs::exists(kStartDir + "/gotcha") || fs::exists(kStartDir + "/gotcha2"));
   EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Executing shell command: " + kStandIn + " " + dir_.path() +
                             "/Plain-az09AZ.cmd\n"));
+  for (const std::string& line :
+       {"Submitting condor job " + dir_.file("it's.dag"), "Submitting DAG " + dir_.file("it's.dag.dag"),
+        "DAG filename is " + dir_.file("it's.dag.dag"),
+        "Saved condor DAG submit file " + dir_.file("it's.dag.dag")})
+    EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] " + line + "\n")) << line;
   CondorJob never(dir_.file("never.cmd"));
   EXPECT_EQ(never.submit() + CondorDag(dir_.file("never.dag")).submit(), -2);  // their saves fail
   EXPECT_TRUE(

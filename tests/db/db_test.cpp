@@ -449,7 +449,10 @@ TEST_F(Pool, WaitersAreServedInOrderAndTimeOut) {
 // A borrow held past the threshold is reported once, within a reaper round, and when it comes back.
 TEST_F(Pool, LeaksAreReportedOnceAndOnReturn) {
   testsupport::LogCapture log;
-  pool()->setLeakThresholdMs(100), pool()->setLeakThresholdMs(-5);  // the second is refused
+  pool()->setLeakThresholdMs(100), pool()->setLeakThresholdMs(-5),
+      pool()->setAcquireTimeoutMs(-1);  // refused
+  EXPECT_EQ(log.count("Invalid leak threshold = -5 ms") * 10 + log.count("Invalid acquire timeout = -1 ms"),
+            11u);
   EXPECT_EQ(pool()->leakThresholdMs(), 100);
   pool()->setReaperSleepTimeMs(10);
   SybaseConnection* leaked = take("leaked");

@@ -68,6 +68,7 @@ TEST(VelmoraKeys, EncodingRoundTripsErrorFilesAndTheRequestMap) {
       {a, keys[2], 4, 0, ""},     {a, keys[3], 4, 0, ""},
       {a, keys[4], 4, 4, "/d/a"}, {b, b.getLabelFile(), 7, 4, "/d/a"},
       {b, "K", 7, 3, ""},         {b, b.getErrStatFile(), 7, 4, "/d/a"}};
+  testsupport::LogCapture log;
   for (const auto& [second, removeKey, added, left, ownerOfK] : cases) {
     VelmoraArchReqsMap map;
     map.addEntry(a);
@@ -81,6 +82,10 @@ TEST(VelmoraKeys, EncodingRoundTripsErrorFilesAndTheRequestMap) {
     VelmoraArchiveRequest* owner = map.fileConcerned("K");
     EXPECT_EQ(owner ? owner->getDataFile() : "", ownerOfK) << removeKey;
   }
+  // Every removal, by the test or at a map's end, logs its reference key, and each key it looks up.
+  EXPECT_EQ(log.count("Deleted all entries in connection with reference key: ") * 100 +
+                log.count("Locating/deleting vel_mora Archive Request with key: /d/a.lab\n"),
+            1108u);
 }
 
 TEST_F(VelmoraTest, LabelFileAndStatusFiles) {
