@@ -756,6 +756,7 @@ DialectResult rewriteSybase(const std::string& sybaseSql, DialectTarget target,
                             const std::string& homeDatabase) {
   const Forms& forms = formsOf(target);
   DialectResult r;
+  r.sql.reserve(sybaseSql.size());
   switch (scan(sybaseSql, forms, homeDatabase, &r)) {
     case Need::Names:
       return r;
