@@ -532,16 +532,16 @@ void PostgresDriver::detachResults() {
 bool PostgresDriver::waitSocket(short events, std::chrono::steady_clock::time_point deadline) const {
   using namespace std::chrono;
   for (;;) {
-    int ms = -1;
-    if (deadline != steady_clock::time_point()) {
-      const auto left = duration_cast<milliseconds>(deadline - steady_clock::now()).count();
-      if (left <= 0) return false;
-      ms = static_cast<int>(left);
-    }
     pollfd p{PQsocket(conn_), events, 0};
     if (p.fd < 0) return true;  // no socket: libpq's next call reports the failure
+    // The deadline is poll's own time-out: one that has passed still looks
+    // at the socket once, without waiting.
+    const long long left = ceil<milliseconds>(deadline - steady_clock::now()).count();
+    const int ms =
+        deadline == steady_clock::time_point() ? -1 : static_cast<int>(std::clamp(left, 0LL, 1LL << 30));
     const int rc = ::poll(&p, 1, ms);
-    if (rc > 0 || (rc < 0 && errno != EINTR)) return true;
+    if (rc < 0 && errno == EINTR) continue;
+    return rc != 0;  // a failing poll shows in libpq's next call
   }
 }
 
