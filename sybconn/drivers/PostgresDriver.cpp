@@ -753,12 +753,9 @@ bool PostgresDriver::sendCopyData(RowSource& rows, size_t columnCount, long& sen
       ++sent;
     }
     if (buffer.empty()) break;
-    int rc;
-    while ((rc = PQputCopyData(conn_, buffer.data(), static_cast<int>(buffer.size()))) == 0) {
-      // Not queued: libpq's buffer is full (nonblocking mode only).
-      if (!flushCopy()) return abandonCopy(), false;
-    }
-    if (rc < 0) return copyFailed(), false;
+    // libpq's buffer is empty here (flushCopy sent it all): a chunk it does
+    // not queue (0, "buffers full") is one it cannot make room for.
+    if (PQputCopyData(conn_, buffer.data(), static_cast<int>(buffer.size())) != 1) return copyFailed(), false;
     if (!flushCopy()) return abandonCopy(), false;
   }
   if (PQputCopyEnd(conn_, nullptr) < 0) return copyFailed(), false;
