@@ -699,13 +699,13 @@ long PostgresDriver::insertRows(const std::string& table, const std::vector<std:
   if (!fetch(r) || !r) return -1;  // timed out (reported), or lost
   if (PQresultStatus(r) != PGRES_COPY_IN) {
     // No such table or column, or no right to write it: no row to blame.
+    // A COPY to a file or to the client (a table name that ends the
+    // statement) did not start either; drainResults reads a COPY out off.
     const ExecStatusType status = PQresultStatus(r);
-    if (status == PGRES_COPY_OUT)
-      refuseCopy(status);
-    else if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK)
-      report(r);
-    else
+    if (status == PGRES_COMMAND_OK || status == PGRES_COPY_OUT)
       clientError(kErrorSeverity, kErrLost, "COPY into " + table + " on " + *server_ + " did not start");
+    else
+      report(r);
     PQclear(r);
     drainResults();
     return -1;
