@@ -532,16 +532,16 @@ void PostgresDriver::detachResults() {
 bool PostgresDriver::waitSocket(short events, std::chrono::steady_clock::time_point deadline) const {
   using namespace std::chrono;
   for (;;) {
-    int ms = -1;
-    if (deadline != steady_clock::time_point()) {
-      const auto left = duration_cast<milliseconds>(deadline - steady_clock::now()).count();
-      if (left <= 0) return false;
-      ms = static_cast<int>(left);
-    }
     pollfd p{PQsocket(conn_), events, 0};
     if (p.fd < 0) return true;  // no socket: libpq's next call reports the failure
+    // The deadline is poll's own time-out: one that has passed still looks
+    // at the socket once, without waiting.
+    const long long left = ceil<milliseconds>(deadline - steady_clock::now()).count();
+    const int ms =
+        deadline == steady_clock::time_point() ? -1 : static_cast<int>(std::clamp(left, 0LL, 1LL << 30));
     const int rc = ::poll(&p, 1, ms);
-    if (rc > 0 || (rc < 0 && errno != EINTR)) return true;
+    if (rc < 0 && errno == EINTR) continue;
+    return rc != 0;  // a failing poll shows in libpq's next call
   }
 }
 
@@ -699,13 +699,13 @@ long PostgresDriver::insertRows(const std::string& table, const std::vector<std:
   if (!fetch(r) || !r) return -1;  // timed out (reported), or lost
   if (PQresultStatus(r) != PGRES_COPY_IN) {
     // No such table or column, or no right to write it: no row to blame.
+    // A COPY to a file or to the client (a table name that ends the
+    // statement) did not start either; drainResults reads a COPY out off.
     const ExecStatusType status = PQresultStatus(r);
-    if (status == PGRES_COPY_OUT)
-      refuseCopy(status);
-    else if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK)
-      report(r);
-    else
+    if (status == PGRES_COMMAND_OK || status == PGRES_COPY_OUT)
       clientError(kErrorSeverity, kErrLost, "COPY into " + table + " on " + *server_ + " did not start");
+    else
+      report(r);
     PQclear(r);
     drainResults();
     return -1;
@@ -753,12 +753,9 @@ bool PostgresDriver::sendCopyData(RowSource& rows, size_t columnCount, long& sen
       ++sent;
     }
     if (buffer.empty()) break;
-    int rc;
-    while ((rc = PQputCopyData(conn_, buffer.data(), static_cast<int>(buffer.size()))) == 0) {
-      // Not queued: libpq's buffer is full (nonblocking mode only).
-      if (!flushCopy()) return abandonCopy(), false;
-    }
-    if (rc < 0) return copyFailed(), false;
+    // libpq's buffer is empty here (flushCopy sent it all): a chunk it does
+    // not queue (0, "buffers full") is one it cannot make room for.
+    if (PQputCopyData(conn_, buffer.data(), static_cast<int>(buffer.size())) != 1) return copyFailed(), false;
     if (!flushCopy()) return abandonCopy(), false;
   }
   if (PQputCopyEnd(conn_, nullptr) < 0) return copyFailed(), false;
