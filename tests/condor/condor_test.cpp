@@ -56,7 +56,9 @@ TEST_F(Condor, SubmitFileBytesAndDefaultsFromARelativeNameAfterChdir) {
   CondorJob j(rel + "/x.cmd");
   j.setExecutable("/bin/true");
   EXPECT_EQ(j.getFileName() + " " + j.getId(), kStartDir + "/" + rel + "/x.cmd x.cmd");
-  EXPECT_EQ(j.save() + j.save(), 0);
+  EXPECT_EQ(j.save(), 0);
+  EXPECT_FALSE(log_.containsFragment("Overwriting"));  // a new file replaces nothing
+  EXPECT_EQ(j.save(), 0);
   EXPECT_EQ(testsupport::readFile(j.getFileName()), submitFile("/bin/true", "x.cmd", kStartDir + "/" + rel));
   EXPECT_TRUE(log_.contains("<D> DEBUG [ <t> ] Job filename is " + j.getFileName() + "\n"));
   EXPECT_EQ(log_.count("<D> DEBUG [ <t> ] Saved condor submit file " + j.getFileName() + "\n"), 2u);
