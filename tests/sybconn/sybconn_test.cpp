@@ -305,7 +305,8 @@ TEST(Dialect, RewritesAndSplits) {
       {"select 1 -- getdate() a..b\n", ""},
       {"select '' -- x\n, getdate()", "select '' -- x\n, " + now},
       {"select 'abc getdate()", ""},  // an unterminated literal runs to the end
-      {"select a = 1, b = 'x", ""},   // and no alias is written after it
+      {"select count(*) / 2 from x..t", "select count(*) / 2 from x.t", "", {"x"}},  // no comment starts here
+      {"select a = 1, b = 'x", ""},  // and no alias is written after it
       {"SELECT X = (select y = 1; DELETE t), z=w /*c*/ FROM T",
        "SELECT (select 1 AS y; DELETE from t) AS X, w AS z /*c*/ FROM T"},
       {"select a = select b = 2 , c from t", "select select 2 AS b AS a , c from t"},
