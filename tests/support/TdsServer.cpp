@@ -1,6 +1,5 @@
 #include "tests/support/TdsServer.h"
 
-#include <arpa/inet.h>
 #include <iconv.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -11,14 +10,11 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
-#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <memory>
 #include <set>
 #include <sstream>
-#include <string_view>
-#include <thread>
 
 #include "sybconn/drivers/Dialect.h"
 #include "tests/support/ArchiveServer.h"
@@ -83,27 +79,21 @@ std::string lower(std::string s) {
   return s;
 }
 
-std::vector<std::string> words(const std::string& s) {
-  std::istringstream in(s);
-  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
-}
-
-bool isWordChar(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '@' ||
-         c == '#';
-}
-
 // The statements of a batch as a server finds them: a statement ends at ';' or where the next one starts, at
 // a top-level (outside literals, comments and parentheses) insert, update, delete, begin, commit, rollback,
 // save or select, unless the word before binds it ("on delete", "union select", "or rollback"), or it is the
 // select of an "insert ... select" or the verb after a leading "with". Blank statements are dropped, but an
 // empty batch is one.
 std::vector<std::string> split(const std::string& sql) {
-  const auto in = [](std::string_view list, std::string_view w) {
-    return list.find(" " + std::string(w) + " ") != list.npos;
+  const auto in = [](const std::string& list, const std::string& w) {
+    return list.find(" " + w + " ") != list.npos;
   };
-  const char *starts = " insert update delete begin commit rollback save select ",
-             *binding = " on of do or before after instead union all except intersect conflict ";
+  const auto isWordChar = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '@' || c == '#';
+  };
+  const std::string starts = " insert update delete begin commit rollback save select ",
+                    binding = " on of do or before after instead union all except intersect conflict ";
   std::vector<std::string> out;
   size_t from = 0, depth = 0;
   std::string first, previous;  // the current statement's first word, and the word before
@@ -112,30 +102,26 @@ std::vector<std::string> split(const std::string& sql) {
     if (at > from && !first.empty()) out.push_back(sql.substr(from, at - from));
     from = at, first.clear();
   };
-  for (size_t i = 0; i < sql.size();) {
+  for (size_t i = 0; i < sql.size(); ++i) {  // each branch leaves i on the last character it took
     const char c = sql[i];
     if (c == '\'' || c == '"' || c == '[') {
       const char close = c == '[' ? ']' : c;
       for (++i; i < sql.size(); ++i)
         if (sql[i] == close && !(i + 1 < sql.size() && sql[i + 1] == close && close != ']' && ++i)) break;
-      ++i, previous = "'";
+      previous = "'";
     } else if ((c == '-' || c == '/') && i + 1 < sql.size() && sql[i + 1] == (c == '-' ? '-' : '*')) {
       const size_t end = c == '-' ? sql.find('\n', i) : sql.find("*/", i + 2);
-      i = end == std::string::npos ? sql.size() : end + (c == '-' ? 1 : 2);
+      i = end == std::string::npos ? sql.size() : end + (c == '-' ? 0 : 1);
     } else if (c == '(' || c == ')') {
       depth = c == '(' ? depth + 1 : depth > 0 ? depth - 1 : 0;
-      previous = c, ++i;
+      previous = c;
     } else if (c == ';' && depth == 0) {
-      cut(i), from = ++i, previous.clear();
+      cut(i), from = i + 1, previous.clear();
     } else if (isWordChar(c)) {
       size_t end = i;
       while (end < sql.size() && isWordChar(sql[end])) ++end;
-      if (depth == 0) {      // words inside parentheses are never statement starts
-        char buf[12] = "-";  // a longer word is none of the keywords
-        const size_t n = end - i < sizeof buf ? end - i : 1;
-        for (size_t k = 0; end - i < sizeof buf && k < n; ++k)
-          buf[k] = static_cast<char>(std::tolower(static_cast<unsigned char>(sql[i + k])));
-        const std::string_view word(buf, n);
+      if (depth == 0) {  // words inside parentheses are never statement starts
+        const std::string word = lower(sql.substr(i, end - i));
         const bool verb = in(starts, word) && !in(binding, previous);
         const bool cont = open && (word == "select" || first == "with");
         if (verb && !first.empty() && !cont) cut(i);
@@ -147,9 +133,7 @@ std::vector<std::string> split(const std::string& sql) {
         }
         previous = word;
       }
-      i = end;
-    } else {
-      ++i;
+      i = end - 1;
     }
   }
   cut(sql.size());
@@ -165,9 +149,7 @@ Bytes dateValue(const char* t) {
       std::sscanf(t, "%4d%2d%2d %2d:%2d:%lf", &y, &mo, &d, &h, &mi, &s) < 4)
     return Bytes();
   std::tm day{};
-  day.tm_year = y - 1900;
-  day.tm_mon = mo - 1;
-  day.tm_mday = d;
+  day.tm_year = y - 1900, day.tm_mon = mo - 1, day.tm_mday = d;
   const long long perDay = 300LL * 86400, days = timegm(&day) / 86400 + 25567;  // 1970-01-01 is day 25567
   const long long ticks = (h * 3600LL + mi * 60) * 300 + static_cast<long long>(s * 300 + 0.5);
   return le(static_cast<uint64_t>(days + ticks / perDay), 4) + le(static_cast<uint64_t>(ticks % perDay), 4);
@@ -190,8 +172,7 @@ Col typeOf(sqlite3_stmt* st, int i) {
   if (has("int")) return Col::Int;
   if (has("real") || has("floa") || has("doub")) return Col::Float;
   const int t = d.empty() ? sqlite3_column_type(st, i) : SQLITE_NULL;
-  if (t == SQLITE_INTEGER || t == SQLITE_FLOAT) return t == SQLITE_INTEGER ? Col::Int : Col::Float;
-  if (t != SQLITE_TEXT) return Col::Text;
+  if (t != SQLITE_TEXT) return t == SQLITE_INTEGER ? Col::Int : t == SQLITE_FLOAT ? Col::Float : Col::Text;
   const char* v = reinterpret_cast<const char*>(sqlite3_column_text(st, i));
   return sqlite3_column_bytes(st, i) >= 10 && !dateValue(v).empty() ? Col::Date : Col::Text;
 }
@@ -300,10 +281,8 @@ struct TdsServer::Session {
         return off + n > msg.size() ? Bytes() : msg.substr(off, n);
       };
       Bytes pw = field(44);
-      for (char& c : pw) {  // each byte XOR 0xA5, its halves swapped
-        const unsigned b = static_cast<uint8_t>(c) ^ 0xa5u;
-        c = static_cast<char>(b << 4 | b >> 4);
-      }
+      for (char& c : pw)  // each byte XOR 0xA5, its halves swapped: the same as swapped, XOR 0x5A
+        c = static_cast<char>(((c & 0x0f) << 4 | (c & 0xf0) >> 4) ^ 0x5a);
       user = convert(field(40), false);
       password = convert(pw, false);
     }
@@ -311,10 +290,9 @@ struct TdsServer::Session {
                     sqlite3_open(server.dbPath_.c_str(), &db) == SQLITE_OK && !sqlite3_busy_timeout(db, 2000);
     ok ? message(5701, 0, "Changed database context to 'main'.")
        : message(tds5 ? 4002 : 18456, 14, "Login failed for user '" + user + "'.");
-    if (tds5)
-      token(0xad, (ok ? "\x05"s : "\x06"s) + "\x05\x00\x00\x00\x07tdstest\x01\x00\x00\x00"s);
-    else if (ok)
-      token(0xad, "\x01\x74\x00\x00\x04"s + var16("tdstest") + "\x00\x00\x00\x01"s);
+    if (tds5 || ok)  // LOGINACK: 5.0 says there whether the login failed
+      token(0xad, tds5 ? (ok ? "\x05"s : "\x06"s) + "\x05\x00\x00\x00\x07tdstest\x01\x00\x00\x00"s
+                       : "\x01\x74\x00\x00\x04"s + var16("tdstest") + "\x00\x00\x00\x01"s);
     done(ok ? 0 : kDoneError);
     if (ok) ++server.logins;
     return send() && ok;
@@ -339,9 +317,8 @@ struct TdsServer::Session {
   bool statement(const std::string& stmt, unsigned more) {
     const size_t at = stmt.find_first_not_of(" \t\r\n");
     if (at == std::string::npos) return done(more);
-    if (!tds5 && std::strchr("bcrsBCRS", stmt[at]) && transaction(words(stmt), more)) return true;
-    const bool level =
-        stmt.find("@@") != std::string::npos && lower(stmt).find("@@trancount") != std::string::npos;
+    if (!tds5 && transaction(stmt, more)) return true;
+    const bool level = lower(stmt).find("@@trancount") != std::string::npos;
     const bool echo = server.mode_ == Mode::EchoInserts && lower(stmt.substr(at, 6)) == "insert";
     const std::string sql =
         level ? "select " + std::to_string(trancount) : toSqlite(stmt) + (echo ? " returning *" : "");
@@ -383,7 +360,9 @@ struct TdsServer::Session {
 
   // SQL Server's BEGIN / SAVE / COMMIT / ROLLBACK TRAN: a name needs the TRAN keyword; ROLLBACK TRAN names
   // the outermost transaction or a savepoint. False when `wd` is none of these statements.
-  bool transaction(const std::vector<std::string>& wd, unsigned more) {
+  bool transaction(const std::string& stmt, unsigned more) {
+    std::istringstream in(stmt);
+    const std::vector<std::string> wd{std::istream_iterator<std::string>(in), {}};
     const std::string verb = lower(wd[0]);
     const bool tran = wd.size() > 1 && (lower(wd[1]) == "tran" || lower(wd[1]) == "transaction");
     if (verb != "save" && verb != "commit" && verb != "rollback" && !(verb == "begin" && tran)) return false;
@@ -394,8 +373,7 @@ struct TdsServer::Session {
     }
     std::string sql;
     if (verb == "begin" && trancount++ == 0) {
-      outerName = name;
-      sql = "begin";
+      outerName = name, sql = "begin";
     } else if (verb == "save" || (verb == "rollback" && !name.empty() && name != outerName)) {
       sql = (verb == "save" ? "savepoint \"" : "rollback to \"") + name + "\"";
     } else if (verb == "commit" && trancount > 1) {
@@ -441,11 +419,10 @@ void TdsServer::serve(int fd) {
   uint8_t type = 0;
   Bytes msg;
   Session s(*this, fd);
-  for (bool open = readMessage(fd, type, msg) && s.login(type, msg); open && !stopping_;) {
-    open = readMessage(fd, type, msg);
-    if (const int ms = roundTripDelayMs.load(); open && ms > 0)
-      std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-    open = open && s.batch(type, msg);
+  for (bool open = readMessage(fd, type, msg) && s.login(type, msg);
+       open && !stopping_ && readMessage(fd, type, msg);) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(roundTripDelayMs.load()));  // none if 0
+    open = s.batch(type, msg);
   }
   std::lock_guard<std::mutex> lock(mutex_);
   clients_.erase(std::find(clients_.begin(), clients_.end(), fd));
