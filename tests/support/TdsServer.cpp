@@ -26,8 +26,7 @@ using Bytes = std::string;
 using namespace std::string_literals;
 
 // Packet types, and the status bits of a DONE token.
-enum : uint8_t { kBatch7 = 1, kLogin5 = 2, kReply = 4, kAttention = 6, kNormal5 = 0x0f };
-enum : uint8_t { kLogin7 = 0x10, kPrelogin = 0x12 };
+enum : uint8_t { kBatch7 = 1, kLogin5 = 2, kReply = 4, kAttention = 6, kNormal5 = 0x0f, kLogin7 = 0x10 };
 enum : uint16_t { kDoneMore = 0x01, kDoneError = 0x02, kDoneCount = 0x10, kDoneAttn = 0x20 };
 
 // Receives (`in`) or sends exactly `n` bytes.
@@ -80,10 +79,10 @@ std::string lower(std::string s) {
 }
 
 // The statements of a batch as a server finds them: a statement ends at ';' or where the next one starts, at
-// a top-level (outside literals, comments and parentheses) insert, update, delete, begin, commit, rollback,
-// save or select, unless the word before binds it ("on delete", "union select", "or rollback"), or it is the
-// select of an "insert ... select" or the verb after a leading "with". Blank statements are dropped, but an
-// empty batch is one.
+// a top-level (outside '' literals, -- comments and parentheses) insert, update, delete, begin, commit,
+// rollback, save or select, unless the word before binds it ("on delete", "union select", "or rollback"), or
+// it is the select of an "insert ... select" or the verb after a leading "with". Blank statements are
+// dropped, but an empty batch is one.
 std::vector<std::string> split(const std::string& sql) {
   const auto in = [](const std::string& list, const std::string& w) {
     return list.find(" " + w + " ") != list.npos;
@@ -104,14 +103,12 @@ std::vector<std::string> split(const std::string& sql) {
   };
   for (size_t i = 0; i < sql.size(); ++i) {  // each branch leaves i on the last character it took
     const char c = sql[i];
-    if (c == '\'' || c == '"' || c == '[') {
-      const char close = c == '[' ? ']' : c;
+    if (c == '\'') {  // '' inside is a quote
       for (++i; i < sql.size(); ++i)
-        if (sql[i] == close && !(i + 1 < sql.size() && sql[i + 1] == close && close != ']' && ++i)) break;
+        if (sql[i] == '\'' && !(i + 1 < sql.size() && sql[i + 1] == '\'' && ++i)) break;
       previous = "'";
-    } else if ((c == '-' || c == '/') && i + 1 < sql.size() && sql[i + 1] == (c == '-' ? '-' : '*')) {
-      const size_t end = c == '-' ? sql.find('\n', i) : sql.find("*/", i + 2);
-      i = end == std::string::npos ? sql.size() : end + (c == '-' ? 0 : 1);
+    } else if (c == '-' && i + 1 < sql.size() && sql[i + 1] == '-') {
+      i = std::min(sql.find('\n', i), sql.size());
     } else if (c == '(' || c == ')') {
       depth = c == '(' ? depth + 1 : depth > 0 ? depth - 1 : 0;
       previous = c;
@@ -262,24 +259,17 @@ struct TdsServer::Session {
     tds5 = type == kLogin5;
     std::string user, password;
     if (tds5) {
-      if (msg.size() < 93) return false;
       user = msg.substr(31, std::min<size_t>(get(msg, 61, 1), 30));  // 30-byte fields, length after each
       password = msg.substr(62, std::min<size_t>(get(msg, 92, 1), 30));
     } else {
-      if (type == kPrelogin) {
-        // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS: offsets and lengths, then the values.
-        out =
-            "\x00\x00\x1a\x00\x06\x01\x00\x20\x00\x01\x02\x00\x21\x00\x01\x03\x00\x22\x00\x04\x04"
-            "\x00\x26\x00\x01\xff\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00"s;
-        if (!send() || !readMessage(fd, type, msg)) return false;
-      }
-      if (type != kLogin7 || msg.size() < 48) return false;
+      // PRELOGIN's answer: VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS, then their values.
+      out =
+          "\x00\x00\x1a\x00\x06\x01\x00\x20\x00\x01\x02\x00\x21\x00\x01\x03\x00\x22\x00\x04\x04"
+          "\x00\x26\x00\x01\xff\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00"s;
+      if (!send() || !readMessage(fd, type, msg) || type != kLogin7) return false;
       server.tdsVersion = static_cast<uint32_t>(get(msg, 4, 4));
       // Offset and length in characters, at `at` in the table of variable fields.
-      auto field = [&msg](size_t at) {
-        const size_t off = get(msg, at, 2), n = get(msg, at + 2, 2) * 2;
-        return off + n > msg.size() ? Bytes() : msg.substr(off, n);
-      };
+      auto field = [&msg](size_t at) { return msg.substr(get(msg, at, 2), get(msg, at + 2, 2) * 2); };
       Bytes pw = field(44);
       for (char& c : pw)  // each byte XOR 0xA5, its halves swapped: the same as swapped, XOR 0x5A
         c = static_cast<char>(((c & 0x0f) << 4 | (c & 0xf0) >> 4) ^ 0x5a);
@@ -303,10 +293,9 @@ struct TdsServer::Session {
     if (server.mode_ == Mode::Silent || server.mode_ == Mode::SilentAfterLogin) return true;
     if (type == kAttention) return done(kDoneAttn) && send();
     // 5.0: a LANGUAGE token, its length and status before the text; 7.4: the text after the headers.
-    const bool language = tds5 && type == kNormal5 && msg.size() >= 6 && msg[0] == '\x21';
-    if (!language && (tds5 || type != kBatch7 || msg.size() < 4)) return false;
-    const std::vector<std::string> stmts = split(
-        language ? msg.substr(6) : convert(msg.substr(std::min<size_t>(get(msg, 0, 4), msg.size())), false));
+    if (tds5 ? type != kNormal5 || msg[0] != '\x21' : type != kBatch7) return false;
+    const std::vector<std::string> stmts =
+        split(tds5 ? msg.substr(6) : convert(msg.substr(get(msg, 0, 4)), false));
     const size_t n = server.mode_ == Mode::FirstOnly ? 1 : stmts.size();
     for (size_t i = 0; i < n; ++i)
       if (!statement(stmts[i], i + 1 < n ? kDoneMore : 0)) return send(true);
@@ -358,8 +347,8 @@ struct TdsServer::Session {
     return std::move(r.sql);
   }
 
-  // SQL Server's BEGIN / SAVE / COMMIT / ROLLBACK TRAN: a name needs the TRAN keyword; ROLLBACK TRAN names
-  // the outermost transaction or a savepoint. False when `wd` is none of these statements.
+  // SQL Server's BEGIN / SAVE / COMMIT / ROLLBACK TRAN [name]: ROLLBACK TRAN names the outermost transaction
+  // or a savepoint. False when `stmt` is none of these statements.
   bool transaction(const std::string& stmt, unsigned more) {
     std::istringstream in(stmt);
     const std::vector<std::string> wd{std::istream_iterator<std::string>(in), {}};
@@ -367,10 +356,6 @@ struct TdsServer::Session {
     const bool tran = wd.size() > 1 && (lower(wd[1]) == "tran" || lower(wd[1]) == "transaction");
     if (verb != "save" && verb != "commit" && verb != "rollback" && !(verb == "begin" && tran)) return false;
     const std::string name = tran && wd.size() > 2 ? wd[2] : "";
-    if (wd.size() > (tran ? 3u : 1u) || (verb == "save" && name.empty())) {
-      message(102, 15, "Incorrect syntax near '" + wd.back() + "'.");
-      return done(more | kDoneError);
-    }
     std::string sql;
     if (verb == "begin" && trancount++ == 0) {
       outerName = name, sql = "begin";
