@@ -52,9 +52,7 @@ bool readMessage(int fd, uint8_t& type, Bytes& msg) {
 
 // `n` bytes of `v`, least significant first, and back.
 Bytes le(uint64_t v, int n) { return n > 0 ? static_cast<char>(v & 0xff) + le(v >> 8, n - 1) : Bytes(); }
-uint64_t get(const Bytes& b, size_t at, int n) {
-  return n > 0 ? get(b, at + 1, n - 1) << 8 | static_cast<uint8_t>(b[at]) : 0;
-}
+uint64_t get(const Bytes& b, size_t i, int n) { return n ? get(b, i + 1, n - 1) << 8 | (b[i] & 0xff) : 0; }
 
 // Text between UTF-8 and UTF-16LE, the form TDS 7 carries it in.
 Bytes convert(const Bytes& in, bool toUtf16) {
@@ -78,19 +76,13 @@ std::string lower(std::string s) {
   return s;
 }
 
-// The statements of a batch as a server finds them: a statement ends at ';' or where the next one starts, at
-// a top-level (outside '' literals, -- comments and parentheses) insert, update, delete, begin, commit,
-// rollback, save or select, unless the word before binds it ("on delete", "union select", "or rollback"), or
-// it is the select of an "insert ... select" or the verb after a leading "with". Blank statements are
-// dropped, but an empty batch is one.
+// The statements of a batch as a server finds them: each ends at ';' or where the next starts, at a top-level
+// (outside '' literals, -- comments and parentheses) insert, update, delete, begin, commit, rollback, save or
+// select, unless the word before binds it ("on delete", "union select", "or rollback"), or it is the select
+// of an "insert ... select" or the verb after a leading "with". An empty batch is one blank statement.
 std::vector<std::string> split(const std::string& sql) {
-  const auto in = [](const std::string& list, const std::string& w) {
-    return list.find(" " + w + " ") != list.npos;
-  };
-  const auto isWordChar = [](char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-           c == '@' || c == '#';
-  };
+  const auto in = [](const auto& list, const auto& w) { return list.find(" " + w + " ") != list.npos; };
+  const std::string wordChars = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_@#";
   const std::string starts = " insert update delete begin commit rollback save select ",
                     binding = " on of do or before after instead union all except intersect conflict ";
   std::vector<std::string> out;
@@ -114,23 +106,17 @@ std::vector<std::string> split(const std::string& sql) {
       previous = c;
     } else if (c == ';' && depth == 0) {
       cut(i), from = i + 1, previous.clear();
-    } else if (isWordChar(c)) {
-      size_t end = i;
-      while (end < sql.size() && isWordChar(sql[end])) ++end;
-      if (depth == 0) {  // words inside parentheses are never statement starts
-        const std::string word = lower(sql.substr(i, end - i));
-        const bool verb = in(starts, word) && !in(binding, previous);
-        const bool cont = open && (word == "select" || first == "with");
-        if (verb && !first.empty() && !cont) cut(i);
-        if (first.empty()) {
-          first = word;
-          open = word == "insert" || word == "with";
-        } else if (verb || word == "values") {
-          open = cont && word == "insert";  // "with ... insert into t select"
-        }
-        previous = word;
-      }
-      i = end - 1;
+    } else if (depth == 0 && wordChars.find(c) != std::string::npos) {  // none inside parentheses counts
+      const size_t end = std::min(sql.find_first_not_of(wordChars, i), sql.size());
+      const std::string word = lower(sql.substr(i, end - i));
+      const bool verb = in(starts, word) && !in(binding, previous);
+      const bool cont = open && (word == "select" || first == "with");
+      if (verb && !first.empty() && !cont) cut(i);
+      if (first.empty())
+        first = word, open = word == "insert" || word == "with";
+      else if (verb || word == "values")
+        open = cont && word == "insert";  // "with ... insert into t select"
+      previous = word, i = end - 1;
     }
   }
   cut(sql.size());
@@ -253,6 +239,20 @@ struct TdsServer::Session {
 
   bool exec(const std::string& sql) { return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == 0; }
 
+  // Answers the client's messages until it leaves or the server stops, then closes the connection.
+  void run() {
+    uint8_t type = 0;
+    Bytes msg;
+    for (bool open = readMessage(fd, type, msg) && login(type, msg);
+         open && !server.stopping_ && readMessage(fd, type, msg);) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(server.roundTripDelayMs.load()));  // none if 0
+      open = batch(type, msg);
+    }
+    std::lock_guard<std::mutex> lock(server.mutex_);
+    server.clients_.erase(std::find(server.clients_.begin(), server.clients_.end(), fd));
+    ::close(fd);
+  }
+
   // Answers the login; false when it failed.
   bool login(uint8_t type, Bytes msg) {
     if (server.mode_ == Mode::Silent) return true;
@@ -307,8 +307,8 @@ struct TdsServer::Session {
     const size_t at = stmt.find_first_not_of(" \t\r\n");
     if (at == std::string::npos) return done(more);
     if (!tds5 && transaction(stmt, more)) return true;
-    const bool level = lower(stmt).find("@@trancount") != std::string::npos;
     const bool echo = server.mode_ == Mode::EchoInserts && lower(stmt.substr(at, 6)) == "insert";
+    const bool level = lower(stmt).find("@@trancount") != std::string::npos;
     const std::string sql =
         level ? "select " + std::to_string(trancount) : toSqlite(stmt) + (echo ? " returning *" : "");
     sqlite3_stmt* st = nullptr;
@@ -316,25 +316,22 @@ struct TdsServer::Session {
     const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> finalize(st, &sqlite3_finalize);
     const int cols = sqlite3_column_count(st);
     int rc = ready ? sqlite3_step(st) : SQLITE_ERROR;
-    uint64_t rows = 0;
+    int rows = 0;
     if (cols > 0 && (rc == SQLITE_ROW || rc == SQLITE_DONE)) {
       std::vector<Col> types;
       for (int i = 0; i < cols; ++i) types.push_back(rc == SQLITE_ROW ? typeOf(st, i) : Col::Text);
       columns(st, types);
       for (; rc == SQLITE_ROW; rc = sqlite3_step(st)) {
         row(st, types);
-        if (++rows > static_cast<uint64_t>(server.dropAfterRows) && server.mode_ == Mode::DropMidResult)
-          return false;
+        if (++rows > server.dropAfterRows && server.mode_ == Mode::DropMidResult) return false;
       }
     }
-    if (rc == SQLITE_DONE)
-      return done(more | kDoneCount, cols > 0 ? rows : static_cast<uint64_t>(sqlite3_changes(db)));
+    if (rc == SQLITE_DONE) return done(more | kDoneCount, cols > 0 ? rows : sqlite3_changes(db));
     if (server.mode_ != Mode::QuietRefusal) message(102, 16, sqlite3_errmsg(db));
     return done(more | kDoneError);
   }
 
-  // In SQLite's dialect: X..table lies in the sibling file X.db (attached as X, once), or in main if X is
-  // ours.
+  // In SQLite dialect: X..table is in the sibling file X.db (attached once, as X), or in main if X is ours.
   std::string toSqlite(const std::string& stmt) {
     if (!sybconn::mayNeedRewrite(stmt)) return stmt;
     const std::string& path = server.dbPath_;
@@ -357,16 +354,14 @@ struct TdsServer::Session {
     if (verb != "save" && verb != "commit" && verb != "rollback" && !(verb == "begin" && tran)) return false;
     const std::string name = tran && wd.size() > 2 ? wd[2] : "";
     std::string sql;
-    if (verb == "begin" && trancount++ == 0) {
+    if (verb == "begin" && trancount++ == 0)
       outerName = name, sql = "begin";
-    } else if (verb == "save" || (verb == "rollback" && !name.empty() && name != outerName)) {
+    else if (verb == "save" || (verb == "rollback" && !name.empty() && name != outerName))
       sql = (verb == "save" ? "savepoint \"" : "rollback to \"") + name + "\"";
-    } else if (verb == "commit" && trancount > 1) {
+    else if (verb == "commit" && trancount > 1)
       --trancount;
-    } else if (verb != "begin") {
-      trancount = 0;
-      sql = verb;
-    }
+    else if (verb != "begin")
+      trancount = 0, sql = verb;
     const bool ok = sql.empty() || exec(sql);
     if (!ok) message(3621, 16, sqlite3_errmsg(db));
     return done(more | (ok ? 0 : kDoneError));
@@ -383,7 +378,7 @@ int TdsServer::start() {
       ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
       std::lock_guard<std::mutex> lock(mutex_);
       clients_.push_back(fd);
-      workers_.emplace_back([this, fd] { serve(fd); });
+      workers_.emplace_back([this, fd] { Session(*this, fd).run(); });
     }
   });
   return port_;
@@ -398,20 +393,6 @@ void TdsServer::stop() {
   for (int fd : clients_) ::shutdown(fd, SHUT_RDWR);
   lock.unlock();
   for (auto& t : workers_) t.join();  // no more are added once the accept thread is gone
-}
-
-void TdsServer::serve(int fd) {
-  uint8_t type = 0;
-  Bytes msg;
-  Session s(*this, fd);
-  for (bool open = readMessage(fd, type, msg) && s.login(type, msg);
-       open && !stopping_ && readMessage(fd, type, msg);) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(roundTripDelayMs.load()));  // none if 0
-    open = s.batch(type, msg);
-  }
-  std::lock_guard<std::mutex> lock(mutex_);
-  clients_.erase(std::find(clients_.begin(), clients_.end(), fd));
-  ::close(fd);
 }
 
 }  // namespace tdstest

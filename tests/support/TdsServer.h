@@ -39,7 +39,6 @@ class TdsServer {
 
  private:
   struct Session;
-  void serve(int fd);
 
   std::string dbPath_, user_, password_;
   Mode mode_;
