@@ -243,19 +243,18 @@ struct TdsServer::Session {
   void run() {
     uint8_t type = 0;
     Bytes msg;
-    for (bool open = readMessage(fd, type, msg) && login(type, msg);
+    const bool silent = server.mode_ == Mode::Silent;  // answers nothing
+    for (bool open = readMessage(fd, type, msg) && (silent || login(type, msg));
          open && !server.stopping_ && readMessage(fd, type, msg);) {
       std::this_thread::sleep_for(std::chrono::milliseconds(server.roundTripDelayMs.load()));  // none if 0
-      open = batch(type, msg);
+      open = silent || server.mode_ == Mode::SilentAfterLogin || batch(type, msg);
     }
     std::lock_guard<std::mutex> lock(server.mutex_);
     server.clients_.erase(std::find(server.clients_.begin(), server.clients_.end(), fd));
     ::close(fd);
   }
 
-  // Answers the login; false when it failed.
-  bool login(uint8_t type, Bytes msg) {
-    if (server.mode_ == Mode::Silent) return true;
+  bool login(uint8_t type, Bytes msg) {  // false when it failed
     tds5 = type == kLogin5;
     std::string user, password;
     if (tds5) {
@@ -290,12 +289,10 @@ struct TdsServer::Session {
 
   // Answers one client message; false when the connection is to end.
   bool batch(uint8_t type, const Bytes& msg) {
-    if (server.mode_ == Mode::Silent || server.mode_ == Mode::SilentAfterLogin) return true;
     if (type == kAttention) return done(kDoneAttn) && send();
     // 5.0: a LANGUAGE token, its length and status before the text; 7.4: the text after the headers.
     if (tds5 ? type != kNormal5 || msg[0] != '\x21' : type != kBatch7) return false;
-    const std::vector<std::string> stmts =
-        split(tds5 ? msg.substr(6) : convert(msg.substr(get(msg, 0, 4)), false));
+    const auto stmts = split(tds5 ? msg.substr(6) : convert(msg.substr(get(msg, 0, 4)), false));
     const size_t n = server.mode_ == Mode::FirstOnly ? 1 : stmts.size();
     for (size_t i = 0; i < n; ++i)
       if (!statement(stmts[i], i + 1 < n ? kDoneMore : 0)) return send(true);
