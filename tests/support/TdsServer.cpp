@@ -106,7 +106,7 @@ std::vector<std::string> split(const std::string& sql) {
       previous = c;
     } else if (c == ';' && depth == 0) {
       cut(i), from = i + 1, previous.clear();
-    } else if (depth == 0 && wordChars.find(c) != std::string::npos) {  // none inside parentheses counts
+    } else if (depth == 0 && wordChars.find(c) != std::string::npos) {  // words in parentheses start nothing
       const size_t end = std::min(sql.find_first_not_of(wordChars, i), sql.size());
       const std::string word = lower(sql.substr(i, end - i));
       const bool verb = in(starts, word) && !in(binding, previous);
