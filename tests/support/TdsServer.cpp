@@ -1,6 +1,5 @@
 #include "tests/support/TdsServer.h"
 
-#include <arpa/inet.h>
 #include <iconv.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -11,14 +10,11 @@
 #include <algorithm>
 #include <cctype>
 #include <chrono>
-#include <cstring>
 #include <ctime>
 #include <iterator>
 #include <memory>
 #include <set>
 #include <sstream>
-#include <string_view>
-#include <thread>
 
 #include "sybconn/drivers/Dialect.h"
 #include "tests/support/ArchiveServer.h"
@@ -30,8 +26,7 @@ using Bytes = std::string;
 using namespace std::string_literals;
 
 // Packet types, and the status bits of a DONE token.
-enum : uint8_t { kBatch7 = 1, kLogin5 = 2, kReply = 4, kAttention = 6, kNormal5 = 0x0f };
-enum : uint8_t { kLogin7 = 0x10, kPrelogin = 0x12 };
+enum : uint8_t { kBatch7 = 1, kLogin5 = 2, kReply = 4, kAttention = 6, kNormal5 = 0x0f, kLogin7 = 0x10 };
 enum : uint16_t { kDoneMore = 0x01, kDoneError = 0x02, kDoneCount = 0x10, kDoneAttn = 0x20 };
 
 // Receives (`in`) or sends exactly `n` bytes.
@@ -57,9 +52,7 @@ bool readMessage(int fd, uint8_t& type, Bytes& msg) {
 
 // `n` bytes of `v`, least significant first, and back.
 Bytes le(uint64_t v, int n) { return n > 0 ? static_cast<char>(v & 0xff) + le(v >> 8, n - 1) : Bytes(); }
-uint64_t get(const Bytes& b, size_t at, int n) {
-  return n > 0 ? get(b, at + 1, n - 1) << 8 | static_cast<uint8_t>(b[at]) : 0;
-}
+uint64_t get(const Bytes& b, size_t i, int n) { return n ? get(b, i + 1, n - 1) << 8 | (b[i] & 0xff) : 0; }
 
 // Text between UTF-8 and UTF-16LE, the form TDS 7 carries it in.
 Bytes convert(const Bytes& in, bool toUtf16) {
@@ -83,27 +76,15 @@ std::string lower(std::string s) {
   return s;
 }
 
-std::vector<std::string> words(const std::string& s) {
-  std::istringstream in(s);
-  return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
-}
-
-bool isWordChar(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' || c == '@' ||
-         c == '#';
-}
-
-// The statements of a batch as a server finds them: a statement ends at ';' or where the next one starts, at
-// a top-level (outside literals, comments and parentheses) insert, update, delete, begin, commit, rollback,
-// save or select, unless the word before binds it ("on delete", "union select", "or rollback"), or it is the
-// select of an "insert ... select" or the verb after a leading "with". Blank statements are dropped, but an
-// empty batch is one.
+// The statements of a batch as a server finds them: each ends at ';' or where the next starts, at a top-level
+// (outside '' literals, -- comments and parentheses) insert, update, delete, begin, commit, rollback, save or
+// select, unless the word before binds it ("on delete", "union select", "or rollback"), or it is the select
+// of an "insert ... select" or the verb after a leading "with". An empty batch is one blank statement.
 std::vector<std::string> split(const std::string& sql) {
-  const auto in = [](std::string_view list, std::string_view w) {
-    return list.find(" " + std::string(w) + " ") != list.npos;
-  };
-  const char *starts = " insert update delete begin commit rollback save select ",
-             *binding = " on of do or before after instead union all except intersect conflict ";
+  const auto in = [](const auto& list, const auto& w) { return list.find(" " + w + " ") != list.npos; };
+  const std::string wordChars = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_@#";
+  const std::string starts = " insert update delete begin commit rollback save select ",
+                    binding = " on of do or before after instead union all except intersect conflict ";
   std::vector<std::string> out;
   size_t from = 0, depth = 0;
   std::string first, previous;  // the current statement's first word, and the word before
@@ -112,44 +93,30 @@ std::vector<std::string> split(const std::string& sql) {
     if (at > from && !first.empty()) out.push_back(sql.substr(from, at - from));
     from = at, first.clear();
   };
-  for (size_t i = 0; i < sql.size();) {
+  for (size_t i = 0; i < sql.size(); ++i) {  // each branch leaves i on the last character it took
     const char c = sql[i];
-    if (c == '\'' || c == '"' || c == '[') {
-      const char close = c == '[' ? ']' : c;
+    if (c == '\'') {  // '' inside is a quote
       for (++i; i < sql.size(); ++i)
-        if (sql[i] == close && !(i + 1 < sql.size() && sql[i + 1] == close && close != ']' && ++i)) break;
-      ++i, previous = "'";
-    } else if ((c == '-' || c == '/') && i + 1 < sql.size() && sql[i + 1] == (c == '-' ? '-' : '*')) {
-      const size_t end = c == '-' ? sql.find('\n', i) : sql.find("*/", i + 2);
-      i = end == std::string::npos ? sql.size() : end + (c == '-' ? 1 : 2);
+        if (sql[i] == '\'' && !(i + 1 < sql.size() && sql[i + 1] == '\'' && ++i)) break;
+      previous = "'";
+    } else if (c == '-' && i + 1 < sql.size() && sql[i + 1] == '-') {
+      i = std::min(sql.find('\n', i), sql.size());
     } else if (c == '(' || c == ')') {
       depth = c == '(' ? depth + 1 : depth > 0 ? depth - 1 : 0;
-      previous = c, ++i;
+      previous = c;
     } else if (c == ';' && depth == 0) {
-      cut(i), from = ++i, previous.clear();
-    } else if (isWordChar(c)) {
-      size_t end = i;
-      while (end < sql.size() && isWordChar(sql[end])) ++end;
-      if (depth == 0) {      // words inside parentheses are never statement starts
-        char buf[12] = "-";  // a longer word is none of the keywords
-        const size_t n = end - i < sizeof buf ? end - i : 1;
-        for (size_t k = 0; end - i < sizeof buf && k < n; ++k)
-          buf[k] = static_cast<char>(std::tolower(static_cast<unsigned char>(sql[i + k])));
-        const std::string_view word(buf, n);
-        const bool verb = in(starts, word) && !in(binding, previous);
-        const bool cont = open && (word == "select" || first == "with");
-        if (verb && !first.empty() && !cont) cut(i);
-        if (first.empty()) {
-          first = word;
-          open = word == "insert" || word == "with";
-        } else if (verb || word == "values") {
-          open = cont && word == "insert";  // "with ... insert into t select"
-        }
-        previous = word;
-      }
-      i = end;
-    } else {
-      ++i;
+      cut(i), from = i + 1, previous.clear();
+    } else if (depth == 0 && wordChars.find(c) != std::string::npos) {  // words in parentheses start nothing
+      const size_t end = std::min(sql.find_first_not_of(wordChars, i), sql.size());
+      const std::string word = lower(sql.substr(i, end - i));
+      const bool verb = in(starts, word) && !in(binding, previous);
+      const bool cont = open && (word == "select" || first == "with");
+      if (verb && !first.empty() && !cont) cut(i);
+      if (first.empty())
+        first = word, open = word == "insert" || word == "with";
+      else if (verb || word == "values")
+        open = cont && word == "insert";  // "with ... insert into t select"
+      previous = word, i = end - 1;
     }
   }
   cut(sql.size());
@@ -165,9 +132,7 @@ Bytes dateValue(const char* t) {
       std::sscanf(t, "%4d%2d%2d %2d:%2d:%lf", &y, &mo, &d, &h, &mi, &s) < 4)
     return Bytes();
   std::tm day{};
-  day.tm_year = y - 1900;
-  day.tm_mon = mo - 1;
-  day.tm_mday = d;
+  day.tm_year = y - 1900, day.tm_mon = mo - 1, day.tm_mday = d;
   const long long perDay = 300LL * 86400, days = timegm(&day) / 86400 + 25567;  // 1970-01-01 is day 25567
   const long long ticks = (h * 3600LL + mi * 60) * 300 + static_cast<long long>(s * 300 + 0.5);
   return le(static_cast<uint64_t>(days + ticks / perDay), 4) + le(static_cast<uint64_t>(ticks % perDay), 4);
@@ -190,8 +155,7 @@ Col typeOf(sqlite3_stmt* st, int i) {
   if (has("int")) return Col::Int;
   if (has("real") || has("floa") || has("doub")) return Col::Float;
   const int t = d.empty() ? sqlite3_column_type(st, i) : SQLITE_NULL;
-  if (t == SQLITE_INTEGER || t == SQLITE_FLOAT) return t == SQLITE_INTEGER ? Col::Int : Col::Float;
-  if (t != SQLITE_TEXT) return Col::Text;
+  if (t != SQLITE_TEXT) return t == SQLITE_INTEGER ? Col::Int : t == SQLITE_FLOAT ? Col::Float : Col::Text;
   const char* v = reinterpret_cast<const char*>(sqlite3_column_text(st, i));
   return sqlite3_column_bytes(st, i) >= 10 && !dateValue(v).empty() ? Col::Date : Col::Text;
 }
@@ -275,35 +239,39 @@ struct TdsServer::Session {
 
   bool exec(const std::string& sql) { return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == 0; }
 
-  // Answers the login; false when it failed.
-  bool login(uint8_t type, Bytes msg) {
-    if (server.mode_ == Mode::Silent) return true;
+  // Answers the client's messages until it leaves or the server stops, then closes the connection.
+  void run() {
+    uint8_t type = 0;
+    Bytes msg;
+    const bool silent = server.mode_ == Mode::Silent;  // answers nothing
+    for (bool open = readMessage(fd, type, msg) && (silent || login(type, msg));
+         open && !server.stopping_ && readMessage(fd, type, msg);) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(server.roundTripDelayMs.load()));  // none if 0
+      open = silent || server.mode_ == Mode::SilentAfterLogin || batch(type, msg);
+    }
+    std::lock_guard<std::mutex> lock(server.mutex_);
+    server.clients_.erase(std::find(server.clients_.begin(), server.clients_.end(), fd));
+    ::close(fd);
+  }
+
+  bool login(uint8_t type, Bytes msg) {  // false when it failed
     tds5 = type == kLogin5;
     std::string user, password;
     if (tds5) {
-      if (msg.size() < 93) return false;
       user = msg.substr(31, std::min<size_t>(get(msg, 61, 1), 30));  // 30-byte fields, length after each
       password = msg.substr(62, std::min<size_t>(get(msg, 92, 1), 30));
     } else {
-      if (type == kPrelogin) {
-        // VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS: offsets and lengths, then the values.
-        out =
-            "\x00\x00\x1a\x00\x06\x01\x00\x20\x00\x01\x02\x00\x21\x00\x01\x03\x00\x22\x00\x04\x04"
-            "\x00\x26\x00\x01\xff\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00"s;
-        if (!send() || !readMessage(fd, type, msg)) return false;
-      }
-      if (type != kLogin7 || msg.size() < 48) return false;
+      // PRELOGIN's answer: VERSION, ENCRYPTION (not supported), INSTOPT, THREADID, MARS, then their values.
+      out =
+          "\x00\x00\x1a\x00\x06\x01\x00\x20\x00\x01\x02\x00\x21\x00\x01\x03\x00\x22\x00\x04\x04"
+          "\x00\x26\x00\x01\xff\x0c\x00\x07\xd0\x00\x00\x02\x00\x00\x00\x00\x00\x00"s;
+      if (!send() || !readMessage(fd, type, msg) || type != kLogin7) return false;
       server.tdsVersion = static_cast<uint32_t>(get(msg, 4, 4));
       // Offset and length in characters, at `at` in the table of variable fields.
-      auto field = [&msg](size_t at) {
-        const size_t off = get(msg, at, 2), n = get(msg, at + 2, 2) * 2;
-        return off + n > msg.size() ? Bytes() : msg.substr(off, n);
-      };
+      auto field = [&msg](size_t at) { return msg.substr(get(msg, at, 2), get(msg, at + 2, 2) * 2); };
       Bytes pw = field(44);
-      for (char& c : pw) {  // each byte XOR 0xA5, its halves swapped
-        const unsigned b = static_cast<uint8_t>(c) ^ 0xa5u;
-        c = static_cast<char>(b << 4 | b >> 4);
-      }
+      for (char& c : pw)  // each byte XOR 0xA5, its halves swapped: the same as swapped, XOR 0x5A
+        c = static_cast<char>(((c & 0x0f) << 4 | (c & 0xf0) >> 4) ^ 0x5a);
       user = convert(field(40), false);
       password = convert(pw, false);
     }
@@ -311,10 +279,9 @@ struct TdsServer::Session {
                     sqlite3_open(server.dbPath_.c_str(), &db) == SQLITE_OK && !sqlite3_busy_timeout(db, 2000);
     ok ? message(5701, 0, "Changed database context to 'main'.")
        : message(tds5 ? 4002 : 18456, 14, "Login failed for user '" + user + "'.");
-    if (tds5)
-      token(0xad, (ok ? "\x05"s : "\x06"s) + "\x05\x00\x00\x00\x07tdstest\x01\x00\x00\x00"s);
-    else if (ok)
-      token(0xad, "\x01\x74\x00\x00\x04"s + var16("tdstest") + "\x00\x00\x00\x01"s);
+    if (tds5 || ok)  // LOGINACK: 5.0 says there whether the login failed
+      token(0xad, tds5 ? (ok ? "\x05"s : "\x06"s) + "\x05\x00\x00\x00\x07tdstest\x01\x00\x00\x00"s
+                       : "\x01\x74\x00\x00\x04"s + var16("tdstest") + "\x00\x00\x00\x01"s);
     done(ok ? 0 : kDoneError);
     if (ok) ++server.logins;
     return send() && ok;
@@ -322,13 +289,10 @@ struct TdsServer::Session {
 
   // Answers one client message; false when the connection is to end.
   bool batch(uint8_t type, const Bytes& msg) {
-    if (server.mode_ == Mode::Silent || server.mode_ == Mode::SilentAfterLogin) return true;
     if (type == kAttention) return done(kDoneAttn) && send();
     // 5.0: a LANGUAGE token, its length and status before the text; 7.4: the text after the headers.
-    const bool language = tds5 && type == kNormal5 && msg.size() >= 6 && msg[0] == '\x21';
-    if (!language && (tds5 || type != kBatch7 || msg.size() < 4)) return false;
-    const std::vector<std::string> stmts = split(
-        language ? msg.substr(6) : convert(msg.substr(std::min<size_t>(get(msg, 0, 4), msg.size())), false));
+    if (tds5 ? type != kNormal5 || msg[0] != '\x21' : type != kBatch7) return false;
+    const auto stmts = split(tds5 ? msg.substr(6) : convert(msg.substr(get(msg, 0, 4)), false));
     const size_t n = server.mode_ == Mode::FirstOnly ? 1 : stmts.size();
     for (size_t i = 0; i < n; ++i)
       if (!statement(stmts[i], i + 1 < n ? kDoneMore : 0)) return send(true);
@@ -339,10 +303,9 @@ struct TdsServer::Session {
   bool statement(const std::string& stmt, unsigned more) {
     const size_t at = stmt.find_first_not_of(" \t\r\n");
     if (at == std::string::npos) return done(more);
-    if (!tds5 && std::strchr("bcrsBCRS", stmt[at]) && transaction(words(stmt), more)) return true;
-    const bool level =
-        stmt.find("@@") != std::string::npos && lower(stmt).find("@@trancount") != std::string::npos;
+    if (!tds5 && transaction(stmt, more)) return true;
     const bool echo = server.mode_ == Mode::EchoInserts && lower(stmt.substr(at, 6)) == "insert";
+    const bool level = lower(stmt).find("@@trancount") != std::string::npos;
     const std::string sql =
         level ? "select " + std::to_string(trancount) : toSqlite(stmt) + (echo ? " returning *" : "");
     sqlite3_stmt* st = nullptr;
@@ -350,25 +313,22 @@ struct TdsServer::Session {
     const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> finalize(st, &sqlite3_finalize);
     const int cols = sqlite3_column_count(st);
     int rc = ready ? sqlite3_step(st) : SQLITE_ERROR;
-    uint64_t rows = 0;
+    int rows = 0;
     if (cols > 0 && (rc == SQLITE_ROW || rc == SQLITE_DONE)) {
       std::vector<Col> types;
       for (int i = 0; i < cols; ++i) types.push_back(rc == SQLITE_ROW ? typeOf(st, i) : Col::Text);
       columns(st, types);
       for (; rc == SQLITE_ROW; rc = sqlite3_step(st)) {
         row(st, types);
-        if (++rows > static_cast<uint64_t>(server.dropAfterRows) && server.mode_ == Mode::DropMidResult)
-          return false;
+        if (++rows > server.dropAfterRows && server.mode_ == Mode::DropMidResult) return false;
       }
     }
-    if (rc == SQLITE_DONE)
-      return done(more | kDoneCount, cols > 0 ? rows : static_cast<uint64_t>(sqlite3_changes(db)));
+    if (rc == SQLITE_DONE) return done(more | kDoneCount, cols > 0 ? rows : sqlite3_changes(db));
     if (server.mode_ != Mode::QuietRefusal) message(102, 16, sqlite3_errmsg(db));
     return done(more | kDoneError);
   }
 
-  // In SQLite's dialect: X..table lies in the sibling file X.db (attached as X, once), or in main if X is
-  // ours.
+  // In SQLite dialect: X..table is in the sibling file X.db (attached once, as X), or in main if X is ours.
   std::string toSqlite(const std::string& stmt) {
     if (!sybconn::mayNeedRewrite(stmt)) return stmt;
     const std::string& path = server.dbPath_;
@@ -381,29 +341,24 @@ struct TdsServer::Session {
     return std::move(r.sql);
   }
 
-  // SQL Server's BEGIN / SAVE / COMMIT / ROLLBACK TRAN: a name needs the TRAN keyword; ROLLBACK TRAN names
-  // the outermost transaction or a savepoint. False when `wd` is none of these statements.
-  bool transaction(const std::vector<std::string>& wd, unsigned more) {
+  // SQL Server's BEGIN / SAVE / COMMIT / ROLLBACK TRAN [name]: ROLLBACK TRAN names the outermost transaction
+  // or a savepoint. False when `stmt` is none of these statements.
+  bool transaction(const std::string& stmt, unsigned more) {
+    std::istringstream in(stmt);
+    const std::vector<std::string> wd{std::istream_iterator<std::string>(in), {}};
     const std::string verb = lower(wd[0]);
     const bool tran = wd.size() > 1 && (lower(wd[1]) == "tran" || lower(wd[1]) == "transaction");
     if (verb != "save" && verb != "commit" && verb != "rollback" && !(verb == "begin" && tran)) return false;
     const std::string name = tran && wd.size() > 2 ? wd[2] : "";
-    if (wd.size() > (tran ? 3u : 1u) || (verb == "save" && name.empty())) {
-      message(102, 15, "Incorrect syntax near '" + wd.back() + "'.");
-      return done(more | kDoneError);
-    }
     std::string sql;
-    if (verb == "begin" && trancount++ == 0) {
-      outerName = name;
-      sql = "begin";
-    } else if (verb == "save" || (verb == "rollback" && !name.empty() && name != outerName)) {
+    if (verb == "begin" && trancount++ == 0)
+      outerName = name, sql = "begin";
+    else if (verb == "save" || (verb == "rollback" && !name.empty() && name != outerName))
       sql = (verb == "save" ? "savepoint \"" : "rollback to \"") + name + "\"";
-    } else if (verb == "commit" && trancount > 1) {
+    else if (verb == "commit" && trancount > 1)
       --trancount;
-    } else if (verb != "begin") {
-      trancount = 0;
-      sql = verb;
-    }
+    else if (verb != "begin")
+      trancount = 0, sql = verb;
     const bool ok = sql.empty() || exec(sql);
     if (!ok) message(3621, 16, sqlite3_errmsg(db));
     return done(more | (ok ? 0 : kDoneError));
@@ -420,7 +375,7 @@ int TdsServer::start() {
       ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
       std::lock_guard<std::mutex> lock(mutex_);
       clients_.push_back(fd);
-      workers_.emplace_back([this, fd] { serve(fd); });
+      workers_.emplace_back([this, fd] { Session(*this, fd).run(); });
     }
   });
   return port_;
@@ -435,21 +390,6 @@ void TdsServer::stop() {
   for (int fd : clients_) ::shutdown(fd, SHUT_RDWR);
   lock.unlock();
   for (auto& t : workers_) t.join();  // no more are added once the accept thread is gone
-}
-
-void TdsServer::serve(int fd) {
-  uint8_t type = 0;
-  Bytes msg;
-  Session s(*this, fd);
-  for (bool open = readMessage(fd, type, msg) && s.login(type, msg); open && !stopping_;) {
-    open = readMessage(fd, type, msg);
-    if (const int ms = roundTripDelayMs.load(); open && ms > 0)
-      std::this_thread::sleep_for(std::chrono::milliseconds(ms));
-    open = open && s.batch(type, msg);
-  }
-  std::lock_guard<std::mutex> lock(mutex_);
-  clients_.erase(std::find(clients_.begin(), clients_.end(), fd));
-  ::close(fd);
 }
 
 }  // namespace tdstest

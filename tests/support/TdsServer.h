@@ -16,9 +16,8 @@ class TdsServer {
  public:
   // Silent accepts connections and never answers; SilentAfterLogin logs in, then never answers a batch;
   // DropMidResult logs in, then cuts the connection inside any result of over dropAfterRows rows;
-  // QuietRefusal refuses a statement by its DONE alone, with no error message; FirstOnly answers only a
-  // batch's first statement; EchoInserts answers an insert with the rows it wrote too, as a trigger that
-  // selects them may.
+  // QuietRefusal refuses a statement by its DONE alone, no message; FirstOnly answers only a batch's first
+  // statement; EchoInserts answers an insert with the rows it wrote too, as a trigger that selects them may.
   enum class Mode { Normal, Silent, SilentAfterLogin, DropMidResult, QuietRefusal, FirstOnly, EchoInserts };
 
   TdsServer(std::string dbPath, std::string user, std::string password, Mode mode = Mode::Normal)
@@ -39,7 +38,6 @@ class TdsServer {
 
  private:
   struct Session;
-  void serve(int fd);
 
   std::string dbPath_, user_, password_;
   Mode mode_;
