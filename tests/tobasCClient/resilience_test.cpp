@@ -188,6 +188,7 @@ TEST(ResilienceSettings, BadPoliciesAndChecksumsAreRefusedBeforeAnyRequest) {
                                                      {"crc32", "0x"},
                                                      {"sha256", nullptr}};
   tobasSTATUS st{};
+  const size_t inUse = heapInUse();
   for (const auto& [method, value] : bad) {
     const tobasRETRIEVE_OPTS opts{0, method, value};
     EXPECT_EQ(tobasERR_INV_PARS, tobasRetrieve2FileOpts("127.0.0.1", fullBacklogPort(), 5, "f", -1, "", "",
@@ -195,6 +196,7 @@ TEST(ResilienceSettings, BadPoliciesAndChecksumsAreRefusedBeforeAnyRequest) {
         << method << " " << (value ? value : "null");
     tobasFreeStatus(&st);
   }
+  EXPECT_NO_GROWTH(inUse, 65536);  // each refusal frees its 130 KiB
   EXPECT_HAS(logText(), "[ERROR] Unknown checksum method: sha1");
 }
 
