@@ -137,9 +137,6 @@ TEST_F(Postgres, ServerMessagesCarryTheirStateAndSeverity) {
   EXPECT_TRUE(conn_.rollbackTransaction("A1").commandSucceeded());
 }
 
-// (Batches, NULLs, quotes, a refused duplicate: the suites'.) COPY's text format carries every byte, a
-// refused row is named, no row when the table is missing or its name ends the statement; a stopped server
-// times out.
 // Rows that hold back after the first chunks until the server sleeps in a trigger: a cancel then reaches the
 // trigger, however slowly a loaded server started the COPY.
 struct RowsAfterTheTriggerSleeps : Rows {
@@ -155,6 +152,9 @@ struct RowsAfterTheTriggerSleeps : Rows {
   }
 };
 
+// (Batches, NULLs, quotes, a refused duplicate: the suites'.) COPY's text format carries every byte, a
+// refused row is named, no row when the table is missing or its name ends the statement; a stopped server
+// times out.
 TEST_F(Postgres, BulkInsertsCopyEveryByteAndFailWithTheLoginUsable) {
   ASSERT_TRUE(run(
       "create schema s; create table s.t (id bigint primary key, v text); create table slow (v text); "
