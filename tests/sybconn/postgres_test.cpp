@@ -226,6 +226,10 @@ TEST_F(Postgres, LoginsDeadAfterAKilledBackendOrARestartAreDropped) {
   while (rs.next()) continue;
   EXPECT_TRUE(!rs.commandSucceeded() && conn_.rowCount() < 5000000 && !conn_.isConnected())
       << conn_.rowCount();
+  // The server's reason, then libpq's own for the closed connection.
+  EXPECT_TRUE(g_seen.size() == 2 && g_seen[0].sqlstate == "57P01" && g_seen[1].dberr == 20017 &&
+              lastError().find("server closed the connection unexpectedly") == 0)
+      << lastError();
 
   ASSERT_TRUE(pg().restart()) << pg().error();
   EXPECT_FALSE(killer.execute("select 1").commandSucceeded() || killer.isConnected());
