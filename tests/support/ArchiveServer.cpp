@@ -12,8 +12,6 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/TempDir.h"
-
 namespace archivetest {
 
 void expectTracesPaired(const std::string& log) {
@@ -43,8 +41,7 @@ struct TraceLog : testing::Environment {
 };
 const auto* traceLog = testing::AddGlobalTestEnvironment(new TraceLog);
 
-// Keeps the test's own sockets off descriptor 0, which is left to the files the client opens.
-int aboveStdin(int fd) {
+int aboveStdin(int fd) {  // keeps the test's sockets off descriptor 0, left to the files the client opens
   if (fd != 0) return fd;
   const int moved = fcntl(fd, F_DUPFD_CLOEXEC, 3);
   close(fd);
@@ -72,18 +69,17 @@ void ArchiveServer::run() {
   for (int fd; poll(&l, 1, -1) >= 0 && (fd = aboveStdin(accept(listenFd_, nullptr, nullptr))) >= 0;
        close(fd)) {
     Reply reply;  // none queued: closed unanswered
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      std::string& req = requests_.emplace_back();  // the header, then the body its length announces
-      pollfd r{fd, POLLIN, 0};
-      for (ssize_t n; poll(&r, 1, 5000) > 0 && (n = read(fd, buf, sizeof buf)) > 0;) {
-        req.append(buf, static_cast<size_t>(n));
-        const size_t end = req.find("\r\n\n"), cl = req.find("Content-length: ");
-        const size_t body = cl < end ? std::strtoul(req.c_str() + cl + 16, nullptr, 10) : 0;
-        if (end != std::string::npos && req.size() >= end + 3 + body) break;
-      }
-      if (!replies_.empty()) reply = replies_.front(), replies_.pop_front();
+    std::unique_lock<std::mutex> lock(mutex_);
+    std::string& req = requests_.emplace_back();  // the header, then the body its length announces
+    pollfd r{fd, POLLIN, 0};
+    for (ssize_t n; poll(&r, 1, 5000) > 0 && (n = read(fd, buf, sizeof buf)) > 0;) {
+      req.append(buf, static_cast<size_t>(n));
+      const size_t end = req.find("\r\n\n"), cl = req.find("Content-length: ");
+      const size_t body = cl < end ? std::strtoul(req.c_str() + cl + 16, nullptr, 10) : 0;
+      if (end != std::string::npos && req.size() >= end + 3 + body) break;
     }
+    if (!replies_.empty()) reply = replies_.front(), replies_.pop_front();
+    lock.unlock();
     const size_t total = std::min(reply.bytes.size(), reply.cutAfter),
                  chunk = reply.dripChunk ? reply.dripChunk : total;
     for (size_t off = 0; off < total; off += chunk) {

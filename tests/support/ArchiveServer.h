@@ -64,14 +64,11 @@ inline std::string fileReply(const std::string& fileName, const std::string& con
   return httpReply(200, content, "content-disposition: attachment; filename=\"" + fileName + "\"\r\n");
 }
 
-// The port of a loopback listener whose backlog is full: a connect to it hangs until the client's time-out.
-int fullBacklogPort();
-// A socket listening on 127.0.0.1 at a free port (set in `port`); aborts the program if it cannot.
-int listenLoopback(int backlog, int& port);
+int fullBacklogPort();  // a loopback listener's, backlog full: a connect to it hangs until the time-out
+int listenLoopback(int backlog, int& port);  // on 127.0.0.1, a free port set in `port`; aborts if it cannot
 
 using testsupport::readFile;
-// Every function the client log traces as entered is traced as left as often.
-void expectTracesPaired(const std::string& log);
+void expectTracesPaired(const std::string& log);  // each function the log traces as entered is left as often
 std::vector<std::string> listDir(const std::string& dir);  // sorted, hidden names too
 
 }  // namespace archivetest

@@ -30,8 +30,7 @@ std::string Backend::server(const std::string& dbFile) {
   if (kind_ == Kind::Sqlite) return "sqlite:" + dbFile;
   if (kind_ == Kind::Tds) {
     auto& s = servers_[dbFile];
-    if (!s && (s = std::make_unique<tdstest::TdsServer>(dbFile, "", ""))->start() == 0)
-      throw std::runtime_error("cannot start the TDS test server");
+    if (!s) (s = std::make_unique<tdstest::TdsServer>(dbFile, "", ""))->start();
     return s->address();
   }
   const size_t slash = dbFile.rfind('/'), dot = dbFile.rfind('.');

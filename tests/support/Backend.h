@@ -19,15 +19,11 @@ class Backend {
   bool isSqlite() const { return kind_ == Kind::Sqlite; }
   bool isTds() const { return kind_ == Kind::Tds; }
   bool isPostgres() const { return kind_ == Kind::Postgres; }
-  // The server name that reaches the database FILE: "sqlite:FILE", a TDS test server's on FILE, or a URI.
-  std::string server(const std::string& dbFile);
-  // The server name that fills FILE with tables: the file itself (also under TDS), or server(FILE).
-  std::string setupServer(const std::string& dbFile);
-  // The text of examples/schema/NAME in the SQL of the setup server.
-  std::string schema(const std::string& name) const;
-  // A server name whose logins fail at once: a missing folder, or a loopback port nobody listens on.
-  std::string unreachable() const;
-  void stopServers();  // between tests: stops the test servers, drops the databases made so far
+  std::string server(const std::string& dbFile);  // reaches FILE: sqlite:FILE, a TDS test server's, or a URI
+  std::string setupServer(const std::string& dbFile);  // to fill FILE: sqlite:FILE (TDS too) or server(FILE)
+  std::string schema(const std::string& name) const;   // examples/schema/NAME in the setup server's SQL
+  std::string unreachable() const;  // logins fail at once: a missing folder, a port nobody uses
+  void stopServers();               // between tests: stops the test servers, drops the databases made so far
 
  private:
   enum class Kind { Sqlite, Tds, Postgres };

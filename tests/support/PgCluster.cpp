@@ -19,8 +19,7 @@ PgCluster::PgCluster() {
 }
 
 bool PgCluster::detach(const std::string& stateFile) {
-  if (!running_ || external_) return false;
-  if (!(std::ofstream(stateFile) << host_ << ' ' << port_ << '\n')) return false;
+  if (!running_ || external_ || !(std::ofstream(stateFile) << host_ << ' ' << port_ << '\n')) return false;
   dir_->keep();  // stopDetached removes it
   dir_.reset();
   running_ = false;

@@ -6,17 +6,14 @@
 namespace testsupport {
 
 // The rows of a bulk insert, from a table of values; `at` back to 0 sends them again.
-using Row = std::vector<sybconn::SqlValue>;
-inline sybconn::SqlValue value(long long v) {
-  return sybconn::SqlValue{sybconn::SqlValue::Kind::Integer, v, {}};
-}
-inline sybconn::SqlValue value(const std::string& v) {
-  return sybconn::SqlValue{sybconn::SqlValue::Kind::Text, 0, v};
-}
+using sybconn::SqlValue;
+using Row = std::vector<SqlValue>;
+inline SqlValue value(long long v) { return {SqlValue::Kind::Integer, v, {}}; }
+inline SqlValue value(const std::string& v) { return {SqlValue::Kind::Text, 0, v}; }
 struct Rows : sybconn::RowSource {
   std::vector<Row> rows;
   size_t at = 0;
-  const sybconn::SqlValue* next() override { return at < rows.size() ? rows[at++].data() : nullptr; }
+  const SqlValue* next() override { return at < rows.size() ? rows[at++].data() : nullptr; }
 };
 
 }  // namespace testsupport

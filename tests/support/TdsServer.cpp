@@ -11,6 +11,7 @@
 #include <cctype>
 #include <chrono>
 #include <ctime>
+#include <filesystem>
 #include <iterator>
 #include <memory>
 #include <set>
@@ -29,15 +30,13 @@ using namespace std::string_literals;
 enum : uint8_t { kBatch7 = 1, kLogin5 = 2, kReply = 4, kAttention = 6, kNormal5 = 0x0f, kLogin7 = 0x10 };
 enum : uint16_t { kDoneMore = 0x01, kDoneError = 0x02, kDoneCount = 0x10, kDoneAttn = 0x20 };
 
-// Receives (`in`) or sends exactly `n` bytes.
-bool transfer(int fd, char* p, size_t n, bool in) {
+bool transfer(int fd, char* p, size_t n, bool in) {  // receives (`in`) or sends exactly `n` bytes
   for (ssize_t r = 0; n > 0; p += r, n -= static_cast<size_t>(r))
     if ((r = in ? ::recv(fd, p, n, 0) : ::send(fd, p, n, MSG_NOSIGNAL)) <= 0) return false;
   return true;
 }
 
-// Reads one client message: its packets up to the one marked last.
-bool readMessage(int fd, uint8_t& type, Bytes& msg) {
+bool readMessage(int fd, uint8_t& type, Bytes& msg) {  // one client message: its packets to the last
   msg.clear();
   for (char h[8]; transfer(fd, h, 8, true);) {
     type = static_cast<uint8_t>(h[0]);
@@ -54,8 +53,7 @@ bool readMessage(int fd, uint8_t& type, Bytes& msg) {
 Bytes le(uint64_t v, int n) { return n > 0 ? static_cast<char>(v & 0xff) + le(v >> 8, n - 1) : Bytes(); }
 uint64_t get(const Bytes& b, size_t i, int n) { return n ? get(b, i + 1, n - 1) << 8 | (b[i] & 0xff) : 0; }
 
-// Text between UTF-8 and UTF-16LE, the form TDS 7 carries it in.
-Bytes convert(const Bytes& in, bool toUtf16) {
+Bytes convert(const Bytes& in, bool toUtf16) {  // UTF-8 to UTF-16LE, TDS 7's form of text, or back
   Bytes out(in.size() * 2 + 4, '\0');
   char *src = const_cast<char*>(in.data()), *dst = &out[0];
   size_t srcLeft = in.size(), dstLeft = out.size();
@@ -65,8 +63,7 @@ Bytes convert(const Bytes& in, bool toUtf16) {
   out.resize(out.size() - dstLeft);
   return out;
 }
-// UTF-16 text after its length in characters, in `width` bytes.
-Bytes var16(const Bytes& s, int width = 1) {
+Bytes var16(const Bytes& s, int width = 1) {  // UTF-16 after its length in characters, in `width` bytes
   const Bytes u = convert(s, true);
   return le(u.size() / 2, width) + u;
 }
@@ -146,8 +143,7 @@ const Bytes kTypeInfo[][2] = {{"\x26\x08"s, "\x26\x08"s},
                               {"\x6f\x08"s, "\x6f\x08"s},
                               {"\xe7\x40\x1f\x09\x04\xd0\x00\x34"s, "\xaf\x00\x80\x00\x00"s}};
 
-// The type a column is sent as: from its declared type, else from its value in the first row.
-Col typeOf(sqlite3_stmt* st, int i) {
+Col typeOf(sqlite3_stmt* st, int i) {  // as sent: by declared type, else by the value in the first row
   const char* decl = sqlite3_column_decltype(st, i);
   const std::string d = lower(decl ? decl : "");
   const auto has = [&d](const char* word) { return d.find(word) != std::string::npos; };
@@ -178,8 +174,7 @@ struct TdsServer::Session {
 
   void token(unsigned type, const Bytes& body) { out += static_cast<char>(type) + le(body.size(), 2) + body; }
 
-  // A server message: an EED token under 5.0, INFO or ERROR under 7.4.
-  void message(int number, int severity, const std::string& text) {
+  void message(int number, int severity, const std::string& text) {  // 5.0: an EED token; 7.4: INFO or ERROR
     const Bytes head = le(static_cast<uint32_t>(number), 4) + '\x01' + static_cast<char>(severity);
     if (tds5)
       token(0xe5, head + "\x05ZZZZZ\x00\x00\x00"s + le(text.size(), 2) + text + "\x07tdstest\x00\x01\x00"s);
@@ -239,8 +234,7 @@ struct TdsServer::Session {
 
   bool exec(const std::string& sql) { return sqlite3_exec(db, sql.c_str(), nullptr, nullptr, nullptr) == 0; }
 
-  // Answers the client's messages until it leaves or the server stops, then closes the connection.
-  void run() {
+  void run() {  // answers until the client leaves or the server stops, then closes the connection
     uint8_t type = 0;
     Bytes msg;
     const bool silent = server.mode_ == Mode::Silent;  // answers nothing
@@ -287,8 +281,7 @@ struct TdsServer::Session {
     return send() && ok;
   }
 
-  // Answers one client message; false when the connection is to end.
-  bool batch(uint8_t type, const Bytes& msg) {
+  bool batch(uint8_t type, const Bytes& msg) {  // one client message; false when the connection is to end
     if (type == kAttention) return done(kDoneAttn) && send();
     // 5.0: a LANGUAGE token, its length and status before the text; 7.4: the text after the headers.
     if (tds5 ? type != kNormal5 || msg[0] != '\x21' : type != kBatch7) return false;
@@ -299,8 +292,7 @@ struct TdsServer::Session {
     return send();
   }
 
-  // Adds one statement's reply; false when the connection is to drop.
-  bool statement(const std::string& stmt, unsigned more) {
+  bool statement(const std::string& stmt, unsigned more) {  // false when the connection is to drop
     const size_t at = stmt.find_first_not_of(" \t\r\n");
     if (at == std::string::npos) return done(more);
     if (!tds5 && transaction(stmt, more)) return true;
@@ -312,8 +304,7 @@ struct TdsServer::Session {
     const bool ready = sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) == SQLITE_OK;
     const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> finalize(st, &sqlite3_finalize);
     const int cols = sqlite3_column_count(st);
-    int rc = ready ? sqlite3_step(st) : SQLITE_ERROR;
-    int rows = 0;
+    int rows = 0, rc = ready ? sqlite3_step(st) : SQLITE_ERROR;
     if (cols > 0 && (rc == SQLITE_ROW || rc == SQLITE_DONE)) {
       std::vector<Col> types;
       for (int i = 0; i < cols; ++i) types.push_back(rc == SQLITE_ROW ? typeOf(st, i) : Col::Text);
@@ -331,13 +322,11 @@ struct TdsServer::Session {
   // In SQLite dialect: X..table is in the sibling file X.db (attached once, as X), or in main if X is ours.
   std::string toSqlite(const std::string& stmt) {
     if (!sybconn::mayNeedRewrite(stmt)) return stmt;
-    const std::string& path = server.dbPath_;
-    const size_t slash = path.rfind('/'), dot = path.rfind('.');
-    auto r =
-        sybconn::rewriteSybase(stmt, sybconn::DialectTarget::Sqlite, path.substr(slash + 1, dot - slash - 1));
+    const std::filesystem::path path(server.dbPath_);
+    auto r = sybconn::rewriteSybase(stmt, sybconn::DialectTarget::Sqlite, path.stem());
     for (const std::string& name : r.databases)
       if (attached.insert(name).second)
-        exec("attach database '" + path.substr(0, slash + 1) + name + ".db' as \"" + name + "\"");
+        exec("attach database '" + (path.parent_path() / name).string() + ".db' as \"" + name + "\"");
     return std::move(r.sql);
   }
 

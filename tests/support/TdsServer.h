@@ -24,14 +24,12 @@ class TdsServer {
       : dbPath_(std::move(dbPath)), user_(std::move(user)), password_(std::move(password)), mode_(mode) {}
   ~TdsServer() { stop(); }
 
-  // Listens on 127.0.0.1, port chosen by the system. Returns the port, 0 on failure.
-  int start();
+  int start();  // listens on 127.0.0.1 at a port the system picks, returned (aborts if it cannot)
   void stop();
   std::string address() const { return "127.0.0.1:" + std::to_string(port_); }
 
   int dropAfterRows = 100;
-  // Milliseconds the server waits before it answers each client message after the login (0: none), as a long
-  // link would; may be changed while the server runs.
+  // Milliseconds to wait before each answer after the login, as a long link would; may change live.
   std::atomic<int> roundTripDelayMs{0};
   std::atomic<int> logins{0};           // logins accepted so far
   std::atomic<uint32_t> tdsVersion{0};  // the version the last TDS 7 login asked for

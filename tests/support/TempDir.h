@@ -20,8 +20,7 @@ class TempDir {
   std::string write(const std::string& name, const std::string& content, int mode = 0644) const;
   // Overwrites `length` bytes of file(name) from `offset` with 0xFF bytes: a damaged file.
   void scribble(const std::string& name, long offset, long length) const;
-  // Makes this folder $HOME with a new key file; returns `password` sealed under that key.
-  std::string sealHome(const std::string& password) const;
+  std::string sealHome(const std::string& password) const;  // $HOME here, a new key; password sealed in it
 
  private:
   std::string path_;

@@ -27,9 +27,8 @@ class VelmoraTool {
     };
     for (const auto& e : fs::directory_iterator(in)) {
       if (e.path().extension() != ".lab" || !answered_.insert(e.path()).second) continue;
-      std::ifstream label(e.path());
-      std::string key, file;
-      for (std::string line; std::getline(label, line);) {
+      std::string key, file, line;
+      for (std::ifstream label(e.path()); std::getline(label, line);) {
         if (line.rfind("global_key | ", 0) == 0) key = Velmora::decodeGlobalKey(line.substr(13));
         if (line.rfind("filename | ", 0) == 0) file = line.substr(11);
       }
@@ -43,9 +42,8 @@ class VelmoraTool {
       name.erase(name.rfind('_'));
       const fs::path out = fs::path(base_) / "out" / name.erase(name.rfind('_'));
       fs::create_directories(out);
-      std::ifstream request(e.path());
       std::string key, link, errors;
-      while (std::getline(request, key) && std::getline(request, link)) {
+      for (std::ifstream request(e.path()); std::getline(request, key) && std::getline(request, link);) {
         const std::string plain = Velmora::decodeGlobalKey(key.substr(13));  // after "global_key | "
         if (archived_.count(plain))
           fs::create_symlink(archived_[plain], out / link.substr(12));  // after "link_name | "
