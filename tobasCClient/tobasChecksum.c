@@ -165,19 +165,12 @@ void tobasSumFeed(tobasSum* s, const void* p, size_t n) {
 
 int tobasSumHere(const tobasSum* s) { return s->here; }
 
-void tobasSumUpdate(tobasSum* s, const void* p, size_t n) {
-  tobasSumWait(s);
-  update(s, p, n);
-}
+void tobasSumUpdate(tobasSum* s, const void* p, size_t n) { update(s, p, n); }
 
-void tobasSumRestart(tobasSum* s) {
-  tobasSumWait(s);
-  s->hash->init(&s->ctx);
-}
+void tobasSumRestart(tobasSum* s) { s->hash->init(&s->ctx); }
 
 int tobasSumCheck(tobasSum* s) {
   unsigned char got[MAX_DIGEST];
-  tobasSumWait(s);
   const size_t size = s->hash->digest_size;
   s->hash->digest(&s->ctx, size, got);
   if (memcmp(got, s->want, size) == 0) return tobasSTAT_SUCCESS;

@@ -124,12 +124,13 @@ TOBAS_HIDDEN int tobasSumNew(const char* method, const char* value, tobasSum** s
  * piece as it arrives; else it is fed whole pieces, which a thread of its own hashes. */
 TOBAS_HIDDEN int tobasSumHere(const tobasSum* s);
 /* Hands p[0..n) to the sum's thread and returns once the piece fed before is hashed: p must stay
- * unchanged until the next call of any function below. */
+ * unchanged until the next tobasSumFeed or tobasSumWait returns. */
 TOBAS_HIDDEN void tobasSumFeed(tobasSum* s, const void* p, size_t n);
+/* Until the piece fed last is hashed. The three functions after it are called only while no piece
+ * is being hashed: before the first tobasSumFeed, or after tobasSumWait (a body's copy ends with it). */
+TOBAS_HIDDEN void tobasSumWait(tobasSum* s);
 /* Hashes p[0..n) in the calling thread (after what was fed). */
 TOBAS_HIDDEN void tobasSumUpdate(tobasSum* s, const void* p, size_t n);
-/* Until the piece fed last is hashed. */
-TOBAS_HIDDEN void tobasSumWait(tobasSum* s);
 /* Forgets every byte hashed: the body starts again. */
 TOBAS_HIDDEN void tobasSumRestart(tobasSum* s);
 /* 0 when the bytes hashed come to the value expected, else tobasERR_CHECKSUM (logged). */
