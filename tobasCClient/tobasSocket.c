@@ -130,15 +130,11 @@ int _tobasConnect(int sockFd, const struct sockaddr_in* servAddr) {
 
 /* IPv4 address of host into addr; 0 or tobasERR_HOST. A numeric address needs no lookup. */
 static int resolve(const char* host, int port, struct sockaddr_in* addr) {
-  memset(addr, 0, sizeof *addr);
-  addr->sin_family = AF_INET;
-  addr->sin_port = htons((unsigned short)port);
+  *addr = (struct sockaddr_in){.sin_family = AF_INET, .sin_port = htons((unsigned short)port)};
   if (host == NULL) return tobasERR_HOST;
   if (inet_pton(AF_INET, host, &addr->sin_addr) == 1) return tobasSTAT_SUCCESS;
-  struct addrinfo hints, *res = NULL;
-  memset(&hints, 0, sizeof hints);
-  hints.ai_family = AF_INET;
-  hints.ai_socktype = SOCK_STREAM;
+  const struct addrinfo hints = {.ai_family = AF_INET, .ai_socktype = SOCK_STREAM};
+  struct addrinfo* res = NULL;
   if (getaddrinfo(host, NULL, &hints, &res) != 0 || res == NULL) return tobasERR_HOST;
   addr->sin_addr = ((const struct sockaddr_in*)res->ai_addr)->sin_addr;
   freeaddrinfo(res);
