@@ -415,10 +415,9 @@ static char* formatRequest(char* small, int* len, const char* format, ...) {
   *len = vsnprintf(small, SMALL_REQUEST, format, ap);
   va_end(ap);
   if (*len < 0 || *len < SMALL_REQUEST) return *len < 0 ? NULL : small;
-  char* big = malloc((size_t)*len + 1);
-  if (big == NULL) return NULL;
+  char* big;
   va_start(ap, format);
-  vsnprintf(big, (size_t)*len + 1, format, ap);
+  if (vasprintf(&big, format, ap) < 0) big = NULL;
   va_end(ap);
   return big;
 }
