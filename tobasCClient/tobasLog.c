@@ -238,8 +238,8 @@ int tobasCleanUpRotLogFiles(int tmpLogLevel) {
   const size_t prefix = strlen(tobasLOG_ROTATE_TAG) + 1; /* the word and its '_' */
   for (struct dirent* entry = readdir(dir); entry != NULL; entry = readdir(dir)) {
     if (strstr(entry->d_name, tobasLOG_ROTATE_TAG) == NULL || strlen(entry->d_name) <= prefix) continue;
-    char path[2 * tobasBIG_BUF_SIZE + 8];
-    if (snprintf(path, sizeof path, "%s/%s", dirName, entry->d_name) >= (int)sizeof path) continue;
+    char path[sizeof dirName + sizeof entry->d_name]; /* room for any folder and name */
+    snprintf(path, sizeof path, "%s/%s", dirName, entry->d_name);
     long rotatedAt = strtol(entry->d_name + prefix, NULL, 10);
     if (((long)now - rotatedAt) / 86400 >= history) {
       tobasLogInfo(tmpLogLevel, "Removing rotated log file: %s", path);

@@ -82,17 +82,15 @@ static int targetName(const char* targetFile, tobasHTTP_HDR hdr, char* final) {
   return rc == 0 ? 0 : tobasERR_INV_TARG_FILE;
 }
 
-/* Creates a new file (mode 0664) in the folder of final, named after it; its name into temp.
- * The descriptor, or -1. */
+/* Creates a new file (mode 0664) in the folder of final, named after it; its name into temp, which
+ * has room for any final name of a tobasBIG_BUF and the suffix. The descriptor, or -1. */
 static int createTemp(const char* final, char* temp, size_t tempSize) {
   static atomic_uint counter;
   const char* slash = strrchr(final, '/');
   int dirLen = slash != NULL ? (int)(slash - final) + 1 : 0;
   for (int i = 0; i < TEMP_TRIES; ++i) {
     unsigned n = atomic_fetch_add(&counter, 1);
-    if (snprintf(temp, tempSize, "%.*s.%s.part-%ld-%u", dirLen, final, final + dirLen, (long)getpid(), n) >=
-        (int)tempSize)
-      return -1;
+    snprintf(temp, tempSize, "%.*s.%s.part-%ld-%u", dirLen, final, final + dirLen, (long)getpid(), n);
     int fd = open(temp, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0664);
     if (fd >= 0 || errno != EEXIST) return fd;
   }
@@ -174,7 +172,7 @@ typedef struct {
   long len, left;
   float timeout;
   tobasBIG_BUF final;
-  char temp[tobasBIG_BUF_SIZE + 64];
+  char temp[tobasBIG_BUF_SIZE + 64]; /* final's name and a suffix (.part, .<name>.part-<pid>-<n>) */
   tobasHTTP_RESP resp;
   tobasHTTP_HDR hdr;
   int out;    /* the file being written, -1 before the first body */
@@ -244,7 +242,7 @@ static int acceptReply(Retrieval* rt) {
  * (never a link), positioned at its end; its size into rt->have. The descriptor, or -1. */
 static int openPart(Retrieval* rt) {
   struct stat st;
-  if (snprintf(rt->temp, sizeof rt->temp, "%s.part", rt->final) >= (int)sizeof rt->temp) return -1;
+  snprintf(rt->temp, sizeof rt->temp, "%s.part", rt->final); /* fits: see Retrieval */
   int fd = open(rt->temp, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0664);
   if (fd >= 0 &&
       (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_nlink != 1 || lseek(fd, 0, SEEK_END) < 0)) {
