@@ -32,6 +32,5 @@ int ObRep2Service::findConstraintSetByObsId(int obsId, std::vector<ConstraintSet
     DA_LOG_ERROR("More than one constraint set associated to %d obs block", obsId);
     result = -1;
   }
-  connection.release();
-  return result;
+  return result;  // the connection gives its login back as it goes
 }
