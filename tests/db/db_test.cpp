@@ -4,7 +4,10 @@
 #include <dataAccess/db/ServiceConnectionSyb.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <stcrypt/stcrypt.h>
 #include <sybconn/PostgresSettings.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -108,6 +111,13 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
     EXPECT_EQ(conn.acquire(), -1);
     EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not establish a connection\n"));
   }
+  // Another key file is another user's: the password sealed under the first no longer deciphers.
+  dir_.write(".dbrc", "s1 d1 u1" + p + "A\n", 0600);
+  EXPECT_EQ(ServiceConnectionSyb("A").server(), "s1");
+  ASSERT_EQ(stcreatekey(dir_.file("key2").c_str()), 0);
+  setenv("STCRYPT_KEY_FILE", dir_.file("key2").c_str(), 1);
+  EXPECT_EQ(ServiceConnectionSyb("A").server(), "");
+  setenv("STCRYPT_KEY_FILE", dir_.file("key").c_str(), 1);
   // A field of the file reaches a log as a short prefix only.
   dir_.write(".dbrc", fit + "\n", 0600);
   testsupport::LogCapture log;
@@ -241,6 +251,14 @@ TEST_F(Service, NumberedTransactionsAlikeOnTheStub) {
   EXPECT_EQ(Ints({stub.execute("select 1").commandSucceeded(), stub.beginTransaction()}), Ints({0, -1}));
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
   ASSERT_EQ(stub.acquire(), 0);
+  int out[2];  // each statement is on its way at once: a child that ends without flushing still shows it
+  ASSERT_EQ(::pipe(out), 0);
+  if (::fork() == 0) ::dup2(out[1], 1), stub.execute("select 1"), ::_exit(0);
+  ::close(out[1]);
+  char shown[64] = {};
+  EXPECT_EQ(std::string(shown, std::max(::read(out[0], shown, sizeof shown), ssize_t{0})),
+            "EXECUTE : select 1\n");
+  ::close(out[0]), ::wait(nullptr);
   nestTransactions(stub);
   EXPECT_EQ(Ints({stub.release(), stub.transactionNumber()}), Ints({0, 0}));
   testsupport::LogCapture log;
