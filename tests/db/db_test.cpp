@@ -4,7 +4,6 @@
 #include <dataAccess/db/ServiceConnectionSyb.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <stcrypt/stcrypt.h>
 #include <sybconn/PostgresSettings.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -111,13 +110,6 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
     EXPECT_EQ(conn.acquire(), -1);
     EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] Could not establish a connection\n"));
   }
-  // Another key file is another user's: the password sealed under the first no longer deciphers.
-  dir_.write(".dbrc", "s1 d1 u1" + p + "A\n", 0600);
-  EXPECT_EQ(ServiceConnectionSyb("A").server(), "s1");
-  ASSERT_EQ(stcreatekey(dir_.file("key2").c_str()), 0);
-  setenv("STCRYPT_KEY_FILE", dir_.file("key2").c_str(), 1);
-  EXPECT_EQ(ServiceConnectionSyb("A").server(), "");
-  setenv("STCRYPT_KEY_FILE", dir_.file("key").c_str(), 1);
   // A field of the file reaches a log as a short prefix only.
   dir_.write(".dbrc", fit + "\n", 0600);
   testsupport::LogCapture log;
