@@ -91,6 +91,8 @@ TEST_F(Postgres, AMillionRowsStreamAndCountAsRead) {  // writes' counts: the sui
   // Released before its end, a select still counts all its rows.
   conn_.execute("select g from generate_series(1, 300000) g").releaseResults();
   EXPECT_EQ(conn_.rowCount(), 300000);
+  conn_.disconnect();
+  EXPECT_EQ(conn_.rowCount(), -1);  // a closed login counts nothing
 }
 
 TEST_F(Postgres, RefusedLoginsReportTheServersReasonNeverThePassword) {
