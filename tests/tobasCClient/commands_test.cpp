@@ -81,11 +81,10 @@ TEST_F(Commands, RequestPaths) {
     EXPECT_EQ("REMDISK&disk_id=\"x%3Ay\"&flag&a%3Db=\"v\"",
               SENT(tobasGenSendCmd(host, p, 5, tobasCMD_REMDISK, &pars, &st)));
   tobasFreeStatus(&st);
-  tobasBIG_BUF final;
-  for (int bad : {-1, 17}) {
-    EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenSendCmd(host, p, 5, bad, &pars, &st));
-    EXPECT_EQ(tobasERR_UNKNOWN_CMD, tobasGenRetrieve2File(host, p, 5, bad, &pars, "/nowhere", final, &st));
-  }
+  for (int bad : {-1, 17})
+    EXPECT_EQ(std::make_pair(tobasGenSendCmd(host, p, 5, bad, &pars, &st),
+                             tobasGenRetrieve2File(host, p, 5, bad, &pars, "/nowhere", final, &st)),
+              std::make_pair(int{tobasERR_UNKNOWN_CMD}, int{tobasERR_UNKNOWN_CMD}));
   EXPECT_HAS(logText(), "[ERROR] tobasGenRetrieve2File(): request too long or illegal parameters");
   srv.push({httpReply(400, statusDoc("FAILURE", "TOBAS_ER_DAPI:4003:ERROR: bad file"))});
   EXPECT_EQ(400, tobasStatus(host, p, 5, &st));

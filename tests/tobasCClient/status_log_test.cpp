@@ -264,8 +264,7 @@ TEST_F(TobasLog, RotationDrivenByMarkerAndTimeOfDay) {
   EXPECT_HAS(readFile(log), "[ERROR] Serious error ocurred rotating log file: " + log +
                                 " - rotated log file: " + rotated + "!");
   // Nor one whose rotated name would be too long: 500 characters, with a folder of two levels.
-  std::string deep = dir.file(std::string(240, 'd'));
-  deep += "/" + std::string(500 - deep.size() - 12, 'e');
+  const std::string deep = dir.file(std::string(240, 'd') + "/" + std::string(247 - dir.path().size(), 'e'));
   std::filesystem::create_directories(deep);
   ASSERT_EQ(0, tobasPrepLog((deep + "/client.log").c_str(), LEV3, 0, -1));
   EXPECT_EQ(1, tobasLogFileRotate(LEV4, "s", rotated));

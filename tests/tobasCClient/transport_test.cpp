@@ -223,7 +223,11 @@ TEST(TobasTransport, ServerListsRoundRobinFailOverAndBounds) {
   Exchange ex;
   for (int i = 0; i < 3; ++i) ASSERT_EQ(0, ex.get("rr", 0));  // starts at h1, h2, h3
   EXPECT_EQ(tobasSTAT_FAILURE, ex.get("down", 0));
-  EXPECT_EQ(tobasERR_CON, ex.get("127.0.0.1", down));  // a single host keeps its code
+  const size_t tried = logText().size();
+  EXPECT_EQ(tobasERR_CON, ex.get("127.0.0.1", down));  // a single host keeps its code, after six refusals
+  size_t n = 0;
+  for (size_t at = tried; (at = logText().find("calling connect()", at)) != std::string::npos; ++at) ++n;
+  EXPECT_EQ(n, 6u);
   const long fds = testsupport::openFdCount();
   for (int i = 0; i < 200; ++i) ASSERT_EQ(tobasERR_CON, tobasPrepSock("127.0.0.1", down));
   EXPECT_LE(testsupport::openFdCount(), fds);   // a refused connect closes its socket
@@ -323,6 +327,5 @@ TEST(TobasTransport, TimeOutsHoldThroughSignals) {
   tobasSTATUS st{};
   EXPECT_EQ(tobasERR_TIMEOUT,
             tobasArchiveFromMem("127.0.0.1", port, 0.2f, "f", big.data(), big.size(), "", 0, 1, &st));
-  tobasFreeStatus(&st);
-  close(quiet);
+  tobasFreeStatus(&st), close(quiet);
 }
