@@ -71,8 +71,7 @@ TEST_F(Stcrypt, RoundTripsKeyFileRulesAndRefusalsThatLogOneErrorLineNamingTheKey
     rlimit was{};
     ::getrlimit(RLIMIT_FSIZE, &was);
     const rlimit small{8, was.rlim_max};
-    ::signal(SIGXFSZ, SIG_IGN);
-    ::setrlimit(RLIMIT_FSIZE, &small);
+    ::signal(SIGXFSZ, SIG_IGN), ::setrlimit(RLIMIT_FSIZE, &small);
     EXPECT_EQ(stcreatekey(dir_.file("big").c_str()), -1);
     ::setrlimit(RLIMIT_FSIZE, &was);
     EXPECT_EQ(log.count("cannot write key file " + dir_.file("big")), 1u);

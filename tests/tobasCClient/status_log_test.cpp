@@ -81,7 +81,7 @@ TEST(TobasStatus, DocumentsCodesAndHelpers) {
 
   tobasBIG_BUF dir;
   std::string name(2 * tobasBIG_BUF_SIZE, 'x');  // room to see that a name cut at its bound ends within it
-  EXPECT_EQ(1, tobasSplitFilename(("d/" + std::string(600, 'n')).c_str(), dir, &name[0]));
+  EXPECT_EQ(1, tobasSplitFilename(("d/" + std::string(tobasBIG_BUF_SIZE, 'n')).c_str(), dir, &name[0]));
   EXPECT_EQ(std::string(tobasBIG_BUF_SIZE - 1, 'n'), name.c_str());
   EXPECT_EQ(0, tobasSplitFilename("plain", dir, &name[0]));
   const char* hay = "abcabc";  // the last occurrence; an empty needle is found at the end
