@@ -1,9 +1,10 @@
-/* Checksums of retrieved files: CRC-32 from zlib, MD5 and SHA-256 from nettle. A retrieval hands
+/* Checksums of retrieved files: CRC-32 from ISA-L, MD5 and SHA-256 from nettle. A retrieval hands
  * each piece of the body over as it is written; a thread of the sum hashes it while the next piece
  * is read from the network, so that the check costs the transfer little as long as the hash keeps
  * pace with the network. */
 #define _GNU_SOURCE
 #include <ctype.h>
+#include <isa-l/crc.h>
 #include <nettle/base16.h>
 #include <nettle/md5.h>
 #include <nettle/nettle-meta.h>
@@ -13,17 +14,20 @@
 #include <stdlib.h>
 #include <string.h>
 #include <strings.h>
-#include <zlib.h>
 
 #include "tobasInternal.h"
 
-/* CRC-32 in the shape of nettle's hashes, so that one table serves every method. */
-static void crcInit(void* ctx) { *(uLong*)ctx = crc32_z(0L, Z_NULL, 0); }
-static void crcUpdate(void* ctx, size_t n, const uint8_t* p) { *(uLong*)ctx = crc32_z(*(uLong*)ctx, p, n); }
-static void crcDigest(void* ctx, size_t size, uint8_t* d) {
-  for (size_t i = 0; i < size; ++i) d[i] = (uint8_t)(*(uLong*)ctx >> (24 - 8 * i));
+/* CRC-32 (gzip's, as zlib computes it) in the shape of nettle's hashes, so that one table serves
+ * every method. ISA-L folds it with carry-less multiplies, several times faster than zlib's tables:
+ * fast enough to go unnoticed beside the copy from the socket. */
+static void crcInit(void* ctx) { *(uint32_t*)ctx = 0; }
+static void crcUpdate(void* ctx, size_t n, const uint8_t* p) {
+  *(uint32_t*)ctx = crc32_gzip_refl(*(uint32_t*)ctx, p, n);
 }
-static const struct nettle_hash crc32Hash = {"crc32", sizeof(uLong), 4, 1, crcInit, crcUpdate, crcDigest};
+static void crcDigest(void* ctx, size_t size, uint8_t* d) {
+  for (size_t i = 0; i < size; ++i) d[i] = (uint8_t)(*(uint32_t*)ctx >> (24 - 8 * i));
+}
+static const struct nettle_hash crc32Hash = {"crc32", sizeof(uint32_t), 4, 1, crcInit, crcUpdate, crcDigest};
 
 /* CRC-32 keeps pace with the network in the receiving thread, on bytes still in the cache; handing
  * its pieces to a thread costs more than it saves. MD5 and SHA-256 are slower than a fast link and
@@ -40,7 +44,7 @@ struct tobasSum {
   int here;
   unsigned char want[MAX_DIGEST];
   union {
-    uLong crc;
+    uint32_t crc;
     struct md5_ctx md5;
     struct sha256_ctx sha;
   } ctx;
