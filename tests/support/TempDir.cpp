@@ -41,6 +41,7 @@ std::string readFile(const std::string& path) {
 }
 
 long openFdCount() { return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {}); }
+long threadCount() { return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {}); }
 
 std::string TempDir::sealHome(const std::string& password) const {
   setenv("HOME", path_.c_str(), 1);

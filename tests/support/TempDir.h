@@ -28,6 +28,7 @@ class TempDir {
 
 std::string readFile(const std::string& path);  // the whole file; "" when it cannot be read
 long openFdCount();                             // descriptors this process holds open
+long threadCount();                             // threads this process runs
 
 }  // namespace testsupport
 

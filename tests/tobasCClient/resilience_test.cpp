@@ -76,7 +76,7 @@ TEST_F(Resilience, RetriesGoOnWhereTheTransferBrokeOffAndCheckTheWholeFile) {
       {{{gone}}, {}, tobasERR_INV_REPLY, {""}},  // not worth another attempt
       {{{fileReply("f", kBody)}}, {0, "sha256", kZeros}, tobasERR_CHECKSUM, {""}},
   };
-  const long fds = testsupport::openFdCount();
+  const long fds = testsupport::openFdCount(), threads = testsupport::threadCount();
   const size_t inUse = heapInUse();
   for (Case& c : cases) {
     const auto start = std::chrono::steady_clock::now();
@@ -91,8 +91,9 @@ TEST_F(Resilience, RetriesGoOnWhereTheTransferBrokeOffAndCheckTheWholeFile) {
     }
     std::filesystem::remove(dir.file("out"));
   }
-  EXPECT_EQ(fds, testsupport::openFdCount());  // no connection of an attempt left open
-  EXPECT_NO_GROWTH(inUse, 65536);              // nor memory (a retrieval takes 130 KiB)
+  EXPECT_EQ(fds, testsupport::openFdCount());      // no connection of an attempt left open
+  EXPECT_EQ(threads, testsupport::threadCount());  // nor hashing thread
+  EXPECT_NO_GROWTH(inUse, 65536);                  // nor memory (a retrieval takes 130 KiB)
   // 2.5 MiB of kBody again and again: each piece is hashed on the checksum's thread while the other fills.
   std::string big;
   while (big.size() < (5 << 19)) big += kBody;
