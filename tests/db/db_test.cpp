@@ -116,6 +116,11 @@ TEST_F(DbFixture, ParametersFileLinesServeAliasesAndFailuresMakeAcquireFail) {
   ServiceConnectionSyb conn("A");
   EXPECT_EQ(conn.acquire(), -1);
   EXPECT_EQ(log.count("server " + fit.substr(0, 128) + "... as user usr\n"), 2u);  // connecting, failed
+  dir_.write(".dbrc", "s1 d1 u1" + p + "A\n", 0600);
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // older than file times' resolution: kept
+  EXPECT_EQ(ServiceConnectionSyb("A").user(), "u1");
+  setenv("STCRYPT_KEY_FILE", dir_.file("no-key").c_str(), 1);  // kept only while the same key file is named
+  EXPECT_EQ(ServiceConnectionSyb("A").user(), "");
 }
 
 class Service : public DbFixture {
@@ -283,10 +288,8 @@ TEST_F(Service, ErrorHandlerLogsServerAndClientErrors) {
   EXPECT_EQ(log.count("ERROR [ <t> ] " + message + " Severity: 16"), 1u);
   SybaseStatus info, client;
   info.msgno = 5701;  // informational, severity 0: ignored
-  client.dbLibSeverity = 9;
-  client.dberr = 20009;
-  client.dberrstr = "Unable to connect";
-  client.srvname = "SYB";
+  client.dbLibSeverity = 9, client.dberr = 20009;
+  client.dberrstr = "Unable to connect", client.srvname = "SYB";
   for (const SybaseStatus& s : {info, client}) ArcSys::SimpleErrorHandler(s);
   EXPECT_TRUE(log.contains("<D> ERROR [ <t> ] SYB Error number: 20009 Unable to connect Severity: 9\n"));
   EXPECT_EQ(log.count("Error number:"), tds ? 3u : 2u);
@@ -375,8 +378,7 @@ TEST_F(Pool, ReaperRemovesIdleAndOldFreeLoginsOnly) {
       log.containsFragment("<D> INFO  [ <t> ] Reaper: removing connection " + server() + "/idle. LifeTime "));
   EXPECT_TRUE(log.contains("<D> DEBUG [ <t> ] Connection removed. Pool size 1\n"));
   // A login in use is never removed, however old; once released it goes.
-  pool()->setMaxIdleLifeTime(60);
-  pool()->setMaxLifeTime(-1);
+  pool()->setMaxIdleLifeTime(60), pool()->setMaxLifeTime(-1);
   EXPECT_EQ(pool()->reapNow(), 0);
   pool()->releaseConnection(busy);
   EXPECT_EQ(pool()->reapNow(), 1);

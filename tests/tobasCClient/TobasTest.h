@@ -7,7 +7,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <functional>
 
 #include <gtest/gtest.h>
 
