@@ -6,10 +6,8 @@ pkg_check_modules(ACE REQUIRED IMPORTED_TARGET ACE)
 pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
 find_package(SQLite3 REQUIRED)
 pkg_check_modules(PQ REQUIRED IMPORTED_TARGET libpq)
-# Checksums of retrieved files: CRC-32 from ISA-L, MD5 and SHA-256 from nettle. The benchmark
-# computes its expected CRC-32 with zlib, a second implementation.
+# Checksums of retrieved files: CRC-32 from ISA-L, MD5 and SHA-256 from nettle.
 pkg_check_modules(ISAL REQUIRED IMPORTED_TARGET libisal)
-find_package(ZLIB REQUIRED)
 pkg_check_modules(NETTLE REQUIRED IMPORTED_TARGET nettle)
 
 # FreeTDS's DB-Library ships no pkg-config file or CMake package.
