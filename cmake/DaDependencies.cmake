@@ -6,9 +6,9 @@ pkg_check_modules(ACE REQUIRED IMPORTED_TARGET ACE)
 pkg_check_modules(SODIUM REQUIRED IMPORTED_TARGET libsodium)
 find_package(SQLite3 REQUIRED)
 pkg_check_modules(PQ REQUIRED IMPORTED_TARGET libpq)
-# Checksums of retrieved files: CRC-32 from ISA-L, MD5 and SHA-256 from nettle.
+# Checksums of retrieved files: CRC-32 from ISA-L, MD5 and SHA-256 from OpenSSL's libcrypto.
 pkg_check_modules(ISAL REQUIRED IMPORTED_TARGET libisal)
-pkg_check_modules(NETTLE REQUIRED IMPORTED_TARGET nettle)
+pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET libcrypto)
 
 # FreeTDS's DB-Library ships no pkg-config file or CMake package.
 find_path(SYBDB_INCLUDE_DIR sybdb.h REQUIRED)

@@ -7,7 +7,7 @@ set -euo pipefail
 PACKAGES=(
   build-essential cmake ninja-build pkg-config
   libace-dev freetds-dev libsqlite3-dev sqlite3 libsodium-dev libpq-dev postgresql-15
-  libisal-dev nettle-dev zlib1g-dev
+  libisal-dev libssl-dev nettle-dev zlib1g-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   clang libclang-rt-14-dev llvm
   curl python3 time valgrind

@@ -1,7 +1,7 @@
 /*
  * tobasCClientLib.h - client library for the archive servers' HTTP command protocol.
  *
- * Plain C (C11), usable from C++. Depends on libc and pthreads (ISA-L and nettle inside, for checksums).
+ * Plain C (C11), usable from C++. Depends on libc and pthreads (ISA-L and libcrypto inside, for checksums).
  *
  * Conventions: every function returns an int status code of tobasSTAT (0 = success) unless
  * said otherwise; the caller owns every buffer passed in; heap results are freed by the

@@ -25,6 +25,9 @@ extern "C" {
 #define TOBAS_LINE_MAX tobasHUGE_BUF_SIZE
 /* Piece in which a retrieved body moves from the socket into its file. */
 #define TOBAS_IO_CHUNK (1024 * 1024)
+/* Pieces a checksum's thread may have before it (waiting or being hashed): a few, so that neither
+ * thread waits for the other when one of them is held up for a moment. */
+#define TOBAS_SUM_QUEUE 3
 /* Piece in which a file is read and sent. */
 #define TOBAS_SEND_PIECE (512 * 1024)
 
@@ -123,10 +126,10 @@ TOBAS_HIDDEN int tobasSumNew(const char* method, const char* value, tobasSum** s
 /* 1 when the sum is cheap enough to be computed in the receiving thread, by tobasSumUpdate on each
  * piece as it arrives; else it is fed whole pieces, which a thread of its own hashes. */
 TOBAS_HIDDEN int tobasSumHere(const tobasSum* s);
-/* Hands p[0..n) to the sum's thread and returns once the piece fed before is hashed: p must stay
- * unchanged until the next tobasSumFeed or tobasSumWait returns. */
+/* Hands p[0..n) to the sum's thread, first waiting until fewer than TOBAS_SUM_QUEUE pieces are
+ * before it: p must stay unchanged until TOBAS_SUM_QUEUE more tobasSumFeed or a tobasSumWait return. */
 TOBAS_HIDDEN void tobasSumFeed(tobasSum* s, const void* p, size_t n);
-/* Until the piece fed last is hashed. The three functions after it are called only while no piece
+/* Until every piece fed is hashed. The three functions after it are called only while no piece
  * is being hashed: before the first tobasSumFeed, or after tobasSumWait (a body's copy ends with it). */
 TOBAS_HIDDEN void tobasSumWait(tobasSum* s);
 /* Hashes p[0..n) in the calling thread (after what was fed). */

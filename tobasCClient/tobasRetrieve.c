@@ -99,29 +99,30 @@ static int createTemp(const char* final, char* temp, size_t tempSize) {
 
 /* ------------------------------------------------------------------ copying the body */
 
-/* A checksum fed whole pieces: one piece of the buffer is hashed while the other fills. */
+/* A checksum fed whole pieces: the buffer holds TOBAS_SUM_QUEUE + 1 of them, taken in turn; the
+ * ones before the checksum's thread are hashed while the next fills. */
 static int fedPieces(tobasSum* sum) { return sum != NULL && !tobasSumHere(sum); }
 
 /* After n bytes arrived at the end of the piece being filled: a checksum computed here takes them
- * while they are in the cache; a full piece goes to a checksum fed pieces, and the other piece takes
- * the next bytes. The piece the next bytes go to. */
+ * while they are in the cache; a full piece goes to a checksum fed pieces, and the next piece of
+ * the buffer takes the next bytes. The piece the next bytes go to. */
 static char* received(tobasSum* sum, char* buf, char* piece, size_t* fill, size_t n) {
   if (sum != NULL && tobasSumHere(sum)) tobasSumUpdate(sum, piece + *fill - n, n);
   if (*fill < TOBAS_IO_CHUNK) return piece;
   *fill = 0;
   if (!fedPieces(sum)) return piece;
   tobasSumFeed(sum, piece, TOBAS_IO_CHUNK);
-  return piece == buf ? buf + TOBAS_IO_CHUNK : buf;
+  return piece == buf + TOBAS_SUM_QUEUE * TOBAS_IO_CHUNK ? buf : piece + TOBAS_IO_CHUNK;
 }
 
-/* Copies the socket's next `*left` bytes into the file through a buffer of TOBAS_IO_CHUNK (two with
- * a checksum fed pieces: one is hashed while the other fills). Each wait for data is bounded by the reply
+/* Copies the socket's next `*left` bytes into the file through a buffer of TOBAS_IO_CHUNK (more with
+ * a checksum fed pieces). Each wait for data is bounded by the reply
  * time-out, counted from the last data received; a connection closed early ends the copy at once,
  * and what was written up to then is hashed all the same, so that a later attempt can go on from
  * it. Plain reads and writes: a splice through a pipe saved the copy into this process but took as
  * long again in one pass out of two, and the bytes must pass through here anyway to be hashed. */
 static int copyBody(int sock, int out, long* left, float timeout, tobasSum* sum) {
-  char* buf = malloc(fedPieces(sum) ? 2 * (size_t)TOBAS_IO_CHUNK : TOBAS_IO_CHUNK);
+  char* buf = malloc(fedPieces(sum) ? (TOBAS_SUM_QUEUE + 1) * (size_t)TOBAS_IO_CHUNK : TOBAS_IO_CHUNK);
   if (buf == NULL) return tobasERR_ALLOC_MEM;
   char* piece = buf;
   size_t fill = 0;
