@@ -234,7 +234,9 @@ TEST_F(TobasLog, RotationDrivenByMarkerAndTimeOfDay) {
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, 0, -1));
   dir.write("client.log", "2007-07-12T10:30:00.000 [INFO] LOG-ROTATE: " +
                               std::to_string(time(nullptr) - 86000) + " - SYSTEM-ID: s [1]\n");
+  const long fds = testsupport::openFdCount();
   EXPECT_EQ(0, tobasLogFileRotate(LEV3, "sys", rotated));
+  EXPECT_EQ(fds, testsupport::openFdCount());  // the marker is read, and the log closed again
   EXPECT_STREQ("", rotated);
   ASSERT_EQ(0, tobasPrepLog(log.c_str(), LEV3, 3600, -1));
   dir.write("client.log", "no marker yet\n");
