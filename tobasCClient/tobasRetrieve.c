@@ -115,8 +115,8 @@ static char* received(tobasSum* sum, char* buf, char* piece, size_t* fill, size_
   return piece == buf + TOBAS_SUM_QUEUE * TOBAS_IO_CHUNK ? buf : piece + TOBAS_IO_CHUNK;
 }
 
-/* Copies the socket's next `*left` bytes into the file through a buffer of TOBAS_IO_CHUNK (more with
- * a checksum fed pieces). Each wait for data is bounded by the reply
+/* Copies the socket's next `*left` bytes into the file through a buffer of TOBAS_IO_CHUNK (of
+ * TOBAS_SUM_QUEUE + 1 of them with a checksum fed pieces). Each wait for data is bounded by the reply
  * time-out, counted from the last data received; a connection closed early ends the copy at once,
  * and what was written up to then is hashed all the same, so that a later attempt can go on from
  * it. Plain reads and writes: a splice through a pipe saved the copy into this process but took as
